@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Builds both configurations and runs every test in each: the sanitizer build
+# catches memory and undefined-behaviour faults, the release build checks
+# what ships.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/deps.sh
+jobs=$(nproc)
+status=0
+for kind in asan release; do
+    echo "== $kind build"
+    scripts/build.sh "$kind"
+    echo "== $kind tests"
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+        ctest --test-dir "build/$kind" --output-on-failure -j "$jobs" || status=1
+done
+exit $status

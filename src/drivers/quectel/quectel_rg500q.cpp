@@ -1,0 +1,9 @@
+#include "drivers/quectel/quectel.h"
+
+int quectel_rg500q_probe(modem_driver *)
+{
+    return 0;
+}
+
+MODEM_DRIVER(quectel_rg500q_driver, MODEM_DRIVER_PRIO_MODEL, "Quectel RG500Q AT", "quectel,rg500q", "quectel",
+             quectel_rg500q_probe)
