@@ -10,5 +10,5 @@ function(wwan_test name)
   target_compile_definitions(${name} PRIVATE
     WWANCTL_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
     WWANCTL_BINARY_DIR="${PROJECT_BINARY_DIR}")
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endfunction()

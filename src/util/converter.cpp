@@ -2,7 +2,8 @@
 
 #include "util/gsm7_tables.h"
 
-namespace {
+namespace
+{
 
 constexpr uint16_t replacement_char = 0xFFFD;
 
@@ -130,6 +131,8 @@ size_t utf16be_to_utf8(const uint8_t *src, size_t src_units, char *dst, size_t d
 {
     if (!dst || dst_size == 0)
         return 0;
+    if (!src)
+        src_units = 0;
     size_t o = 0;
     for (size_t i = 0; i < src_units; i++) {
         uint32_t cp = be_unit(src + 2 * i);

@@ -10,7 +10,8 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace
+{
 
 using u16s = std::vector<uint16_t>;
 
@@ -38,8 +39,8 @@ u16s be_units(const std::vector<uint8_t> &bytes, int n)
 }
 
 // Decodes septets with a destination of exactly `room` units on the heap.
-int decode7(const std::vector<uint8_t> &septets, size_t room, u16s *units, unsigned fill = 0,
-            unsigned ls = 0, unsigned ss = 0)
+int decode7(const std::vector<uint8_t> &septets, size_t room, u16s *units, unsigned fill = 0, unsigned ls = 0,
+            unsigned ss = 0)
 {
     size_t nibbles = 0;
     const auto packed = pack7(septets, fill, &nibbles);
@@ -63,14 +64,14 @@ TEST(Utf8CharLen, Table)
         {"\xc3\xa9", 2},
         {"\xc3\x28", -1},
         {"\xe2\x82\xac", 3},
-        {"\xe2\x82", -1},             // continuation missing before the NUL
+        {"\xe2\x82", -1}, // continuation missing before the NUL
         {"\xf0\x9f\x98\x80", 4},
         {"\xf0\x9f\x98", -1},
-        {"\x80", -1},                 // stray continuation
+        {"\x80", -1}, // stray continuation
         {"\xbf\x41", -1},
         {"\xf8\x88\x80\x80\x80", -1}, // lead byte 0xF8 and above
         {"\xff", -1},
-        {"\xc0\x80", 2},              // overlong forms are not this function's concern
+        {"\xc0\x80", 2}, // overlong forms are not this function's concern
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(testing::PrintToString(std::string(r.in)));
@@ -96,8 +97,14 @@ TEST(Utf8ToUtf16, Table)
         {"overlong 3-byte", "\xe0\x80\xaf", {0xFFFD}},
         {"encoded surrogate", "\xed\xa0\x80", {0xFFFD}},
         {"bad continuation keeps next byte", "\xc3\x28", {0xFFFD, 0x28}},
-        {"stray continuation", "\x80" "A", {0xFFFD, 0x41}},
-        {"lead 0xF8", "\xf8" "A", {0xFFFD, 0x41}},
+        {"stray continuation",
+         "\x80"
+         "A",
+         {0xFFFD, 0x41}},
+        {"lead 0xF8",
+         "\xf8"
+         "A",
+         {0xFFFD, 0x41}},
         {"truncated at end", "A\xe2\x82", {0x41, 0xFFFD}},
         {"embedded NUL", std::string("a\0b", 3), {0x61, 0x00, 0x62}},
         {"empty", "", {}},
@@ -115,7 +122,8 @@ TEST(Utf8ToUtf16, Table)
 
 TEST(Utf8ToUtf16, DestinationLimits)
 {
-    const std::string smile_a = "\xf0\x9f\x98\x80" "A";
+    const std::string smile_a = "\xf0\x9f\x98\x80"
+                                "A";
     u16s one(1, 0);
     // The pair does not fit in one unit and is skipped whole; "A" still does.
     EXPECT_EQ(utf8_to_utf16(smile_a.data(), smile_a.size(), one.data(), 1), 1u);
@@ -142,7 +150,10 @@ TEST(Utf16beToUtf8, Table)
         {"ascii and euro", {0x00, 0x41, 0x20, 0xAC}, "A\xe2\x82\xac"},
         {"two-byte", {0x00, 0xE9}, "\xc3\xa9"},
         {"pair", {0xD8, 0x3D, 0xDE, 0x00}, "\xf0\x9f\x98\x80"},
-        {"lone low surrogate", {0xDC, 0x00, 0x00, 0x41}, "\xed\xb0\x80" "A"},
+        {"lone low surrogate",
+         {0xDC, 0x00, 0x00, 0x41},
+         "\xed\xb0\x80"
+         "A"},
         {"high surrogate then text", {0xD8, 0x3D, 0x00, 0x41}, ""},
         {"high surrogate at end", {0x00, 0x41, 0xD8, 0x3D}, ""},
         {"two highs", {0xD8, 0x3D, 0xD8, 0x3D}, ""},
@@ -166,7 +177,13 @@ TEST(Utf16beToUtf8, TruncatesKeepingRoomForNul)
         std::string out;
     };
     const row rows[] = {
-        {1, ""}, {2, "A"}, {3, "A\xe2"}, {4, "A\xe2\x82"}, {5, "A\xe2\x82\xac"}, {6, "A\xe2\x82\xac" "B"},
+        {1, ""},
+        {2, "A"},
+        {3, "A\xe2"},
+        {4, "A\xe2\x82"},
+        {5, "A\xe2\x82\xac"},
+        {6, "A\xe2\x82\xac"
+            "B"},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.size);
@@ -325,9 +342,8 @@ TEST(ConverterFuzz, NeverLeavesGivenLengths)
 
         const size_t dst_units = rnd(2 * len + 2);
         auto ucs = std::make_unique<uint8_t[]>(2 * dst_units);
-        const int g = gsm_7bit_to_ucs2(src.get(), rnd(2 * len + 1), ucs.get(), dst_units,
-                                       static_cast<unsigned>(rnd(8)), static_cast<unsigned>(rnd(16)),
-                                       static_cast<unsigned>(rnd(16)));
+        const int g = gsm_7bit_to_ucs2(src.get(), rnd(2 * len + 1), ucs.get(), dst_units, static_cast<unsigned>(rnd(8)),
+                                       static_cast<unsigned>(rnd(16)), static_cast<unsigned>(rnd(16)));
         ASSERT_GE(g, -1);
         ASSERT_LE(g, static_cast<int>(dst_units));
     }
@@ -343,8 +359,12 @@ TEST(ConverterFuzz, Utf16RoundTrip)
         while (units.size() < n) {
             const uint32_t r = rng();
             switch (r % 4) {
-            case 0: units.push_back(static_cast<uint16_t>(r >> 8 & 0x7F)); break;
-            case 1: units.push_back(static_cast<uint16_t>(0x80 + (r >> 8) % 0x780)); break;
+            case 0:
+                units.push_back(static_cast<uint16_t>(r >> 8 & 0x7F));
+                break;
+            case 1:
+                units.push_back(static_cast<uint16_t>(0x80 + (r >> 8) % 0x780));
+                break;
             case 2: {
                 const auto u = static_cast<uint16_t>(0x800 + (r >> 8) % 0xF800);
                 if (u < 0xD800 || u > 0xDFFF)

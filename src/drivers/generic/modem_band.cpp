@@ -3,6 +3,7 @@
 #include <bit>
 #include <iterator>
 
+// clang-format off
 namespace {
 
 constexpr modem_band_def gsm_list[] = {
@@ -74,6 +75,7 @@ constexpr modem_band_def sa_5g_list[] = {
     {"5G_N76", "76"}, {"5G_N77", "77"}, {"5G_N78", "78"},
     {"5G_N79", "79"},
 };
+// clang-format on
 
 // Every value fits below bit 63, so 2^n + 1 never overflows.
 static_assert(std::size(lte_list) < 63 && std::size(nsa_5g_list) < 63);
@@ -127,8 +129,7 @@ uint64_t band_search(const modem_band_family &fam, std::string_view text, band_f
 } // namespace
 
 const modem_band_family g_gsm_bands = {"GSM_NONE", "GSM_ANY", "GSM_UNKNOWN", gsm_list, std::size(gsm_list)};
-const modem_band_family g_wcdma_bands = {"WCDMA_NONE", "WCDMA_ANY", "WCDMA_UNKNOWN", wcdma_list,
-                                         std::size(wcdma_list)};
+const modem_band_family g_wcdma_bands = {"WCDMA_NONE", "WCDMA_ANY", "WCDMA_UNKNOWN", wcdma_list, std::size(wcdma_list)};
 const modem_band_family g_lte_bands = {"LTE_NONE", "LTE_ANY", "LTE_UNKNOWN", lte_list, std::size(lte_list)};
 const modem_band_family g_lte_nb_bands = {"LTE_NB_NONE", "LTE_NB_ANY", "LTE_NB_UNKNOWN", lte_nb_list,
                                           std::size(lte_nb_list)};
@@ -188,40 +189,136 @@ uint64_t modem_band_at_val(const modem_band_family &fam, std::string_view num)
     return band_search(fam, num, band_form::at_num);
 }
 
-const char *modem_gsm_band_str(uint64_t v) { return modem_band_name(g_gsm_bands, v); }
-const char *modem_wcdma_band_str(uint64_t v) { return modem_band_name(g_wcdma_bands, v); }
-const char *modem_lte_band_str(uint64_t v) { return modem_band_name(g_lte_bands, v); }
-const char *modem_lte_nb_band_str(uint64_t v) { return modem_band_name(g_lte_nb_bands, v); }
-const char *modem_nsa_5g_band_str(uint64_t v) { return modem_band_name(g_nsa_5g_bands, v); }
-const char *modem_5g_band_str(uint64_t v) { return modem_band_name(g_5g_bands, v); }
+const char *modem_gsm_band_str(uint64_t v)
+{
+    return modem_band_name(g_gsm_bands, v);
+}
+const char *modem_wcdma_band_str(uint64_t v)
+{
+    return modem_band_name(g_wcdma_bands, v);
+}
+const char *modem_lte_band_str(uint64_t v)
+{
+    return modem_band_name(g_lte_bands, v);
+}
+const char *modem_lte_nb_band_str(uint64_t v)
+{
+    return modem_band_name(g_lte_nb_bands, v);
+}
+const char *modem_nsa_5g_band_str(uint64_t v)
+{
+    return modem_band_name(g_nsa_5g_bands, v);
+}
+const char *modem_5g_band_str(uint64_t v)
+{
+    return modem_band_name(g_5g_bands, v);
+}
 
-char *modem_gsm_band_ret_str(uint64_t v, char *b, size_t n) { return modem_band_ret_str(g_gsm_bands, v, b, n); }
-char *modem_wcdma_band_ret_str(uint64_t v, char *b, size_t n) { return modem_band_ret_str(g_wcdma_bands, v, b, n); }
-char *modem_lte_band_ret_str(uint64_t v, char *b, size_t n) { return modem_band_ret_str(g_lte_bands, v, b, n); }
-char *modem_lte_nb_band_ret_str(uint64_t v, char *b, size_t n) { return modem_band_ret_str(g_lte_nb_bands, v, b, n); }
-char *modem_nsa_5g_band_ret_str(uint64_t v, char *b, size_t n) { return modem_band_ret_str(g_nsa_5g_bands, v, b, n); }
-char *modem_5g_band_ret_str(uint64_t v, char *b, size_t n) { return modem_band_ret_str(g_5g_bands, v, b, n); }
+char *modem_gsm_band_ret_str(uint64_t v, char *b, size_t n)
+{
+    return modem_band_ret_str(g_gsm_bands, v, b, n);
+}
+char *modem_wcdma_band_ret_str(uint64_t v, char *b, size_t n)
+{
+    return modem_band_ret_str(g_wcdma_bands, v, b, n);
+}
+char *modem_lte_band_ret_str(uint64_t v, char *b, size_t n)
+{
+    return modem_band_ret_str(g_lte_bands, v, b, n);
+}
+char *modem_lte_nb_band_ret_str(uint64_t v, char *b, size_t n)
+{
+    return modem_band_ret_str(g_lte_nb_bands, v, b, n);
+}
+char *modem_nsa_5g_band_ret_str(uint64_t v, char *b, size_t n)
+{
+    return modem_band_ret_str(g_nsa_5g_bands, v, b, n);
+}
+char *modem_5g_band_ret_str(uint64_t v, char *b, size_t n)
+{
+    return modem_band_ret_str(g_5g_bands, v, b, n);
+}
 
-uint64_t modem_info_gsm_band_val(std::string_view s) { return modem_band_name_val(g_gsm_bands, s); }
-uint64_t modem_info_wcdma_band_val(std::string_view s) { return modem_band_name_val(g_wcdma_bands, s); }
-uint64_t modem_info_lte_band_val(std::string_view s) { return modem_band_name_val(g_lte_bands, s); }
-uint64_t modem_info_lte_nb_band_val(std::string_view s) { return modem_band_name_val(g_lte_nb_bands, s); }
-uint64_t modem_info_nsa_5g_band_val(std::string_view s) { return modem_band_name_val(g_nsa_5g_bands, s); }
-uint64_t modem_info_5g_band_val(std::string_view s) { return modem_band_name_val(g_5g_bands, s); }
+uint64_t modem_info_gsm_band_val(std::string_view s)
+{
+    return modem_band_name_val(g_gsm_bands, s);
+}
+uint64_t modem_info_wcdma_band_val(std::string_view s)
+{
+    return modem_band_name_val(g_wcdma_bands, s);
+}
+uint64_t modem_info_lte_band_val(std::string_view s)
+{
+    return modem_band_name_val(g_lte_bands, s);
+}
+uint64_t modem_info_lte_nb_band_val(std::string_view s)
+{
+    return modem_band_name_val(g_lte_nb_bands, s);
+}
+uint64_t modem_info_nsa_5g_band_val(std::string_view s)
+{
+    return modem_band_name_val(g_nsa_5g_bands, s);
+}
+uint64_t modem_info_5g_band_val(std::string_view s)
+{
+    return modem_band_name_val(g_5g_bands, s);
+}
 
-uint64_t modem_info_gsm_band_ret_val(std::string_view s) { return modem_band_ret_val(g_gsm_bands, s); }
-uint64_t modem_info_wcdma_band_ret_val(std::string_view s) { return modem_band_ret_val(g_wcdma_bands, s); }
-uint64_t modem_info_lte_band_ret_val(std::string_view s) { return modem_band_ret_val(g_lte_bands, s); }
-uint64_t modem_info_lte_nb_band_ret_val(std::string_view s) { return modem_band_ret_val(g_lte_nb_bands, s); }
-uint64_t modem_info_nsa_5g_band_ret_val(std::string_view s) { return modem_band_ret_val(g_nsa_5g_bands, s); }
-uint64_t modem_info_5g_band_ret_val(std::string_view s) { return modem_band_ret_val(g_5g_bands, s); }
+uint64_t modem_info_gsm_band_ret_val(std::string_view s)
+{
+    return modem_band_ret_val(g_gsm_bands, s);
+}
+uint64_t modem_info_wcdma_band_ret_val(std::string_view s)
+{
+    return modem_band_ret_val(g_wcdma_bands, s);
+}
+uint64_t modem_info_lte_band_ret_val(std::string_view s)
+{
+    return modem_band_ret_val(g_lte_bands, s);
+}
+uint64_t modem_info_lte_nb_band_ret_val(std::string_view s)
+{
+    return modem_band_ret_val(g_lte_nb_bands, s);
+}
+uint64_t modem_info_nsa_5g_band_ret_val(std::string_view s)
+{
+    return modem_band_ret_val(g_nsa_5g_bands, s);
+}
+uint64_t modem_info_5g_band_ret_val(std::string_view s)
+{
+    return modem_band_ret_val(g_5g_bands, s);
+}
 
-const char *wcdma_band_str(uint64_t v) { return modem_band_at_num(g_wcdma_bands, v); }
-const char *lte_band_str(uint64_t v) { return modem_band_at_num(g_lte_bands, v); }
-const char *nsa_5g_band_str(uint64_t v) { return modem_band_at_num(g_nsa_5g_bands, v); }
-const char *sa_5g_band_str(uint64_t v) { return modem_band_at_num(g_5g_bands, v); }
+const char *wcdma_band_str(uint64_t v)
+{
+    return modem_band_at_num(g_wcdma_bands, v);
+}
+const char *lte_band_str(uint64_t v)
+{
+    return modem_band_at_num(g_lte_bands, v);
+}
+const char *nsa_5g_band_str(uint64_t v)
+{
+    return modem_band_at_num(g_nsa_5g_bands, v);
+}
+const char *sa_5g_band_str(uint64_t v)
+{
+    return modem_band_at_num(g_5g_bands, v);
+}
 
-uint64_t wcdma_band_val(std::string_view s) { return modem_band_at_val(g_wcdma_bands, s); }
-uint64_t lte_band_val(std::string_view s) { return modem_band_at_val(g_lte_bands, s); }
-uint64_t nsa_5g_band_val(std::string_view s) { return modem_band_at_val(g_nsa_5g_bands, s); }
-uint64_t sa_5g_band_val(std::string_view s) { return modem_band_at_val(g_5g_bands, s); }
+uint64_t wcdma_band_val(std::string_view s)
+{
+    return modem_band_at_val(g_wcdma_bands, s);
+}
+uint64_t lte_band_val(std::string_view s)
+{
+    return modem_band_at_val(g_lte_bands, s);
+}
+uint64_t nsa_5g_band_val(std::string_view s)
+{
+    return modem_band_at_val(g_nsa_5g_bands, s);
+}
+uint64_t sa_5g_band_val(std::string_view s)
+{
+    return modem_band_at_val(g_5g_bands, s);
+}

@@ -6,7 +6,8 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace
+{
 
 using str_fn = const char *(*)(uint64_t);
 using val_fn = uint64_t (*)(std::string_view);
@@ -23,18 +24,18 @@ struct family_case {
 };
 
 const family_case families[] = {
-    {"gsm", modem_gsm_band_str, modem_gsm_band_ret_str, modem_info_gsm_band_val, modem_info_gsm_band_ret_val,
-     4, "GSM_NONE", "GSM_ANY", "GSM_UNKNOWN"},
-    {"wcdma", modem_wcdma_band_str, modem_wcdma_band_ret_str, modem_info_wcdma_band_val,
-     modem_info_wcdma_band_ret_val, 13, "WCDMA_NONE", "WCDMA_ANY", "WCDMA_UNKNOWN"},
-    {"lte", modem_lte_band_str, modem_lte_band_ret_str, modem_info_lte_band_val, modem_info_lte_band_ret_val,
-     36, "LTE_NONE", "LTE_ANY", "LTE_UNKNOWN"},
+    {"gsm", modem_gsm_band_str, modem_gsm_band_ret_str, modem_info_gsm_band_val, modem_info_gsm_band_ret_val, 4,
+     "GSM_NONE", "GSM_ANY", "GSM_UNKNOWN"},
+    {"wcdma", modem_wcdma_band_str, modem_wcdma_band_ret_str, modem_info_wcdma_band_val, modem_info_wcdma_band_ret_val,
+     13, "WCDMA_NONE", "WCDMA_ANY", "WCDMA_UNKNOWN"},
+    {"lte", modem_lte_band_str, modem_lte_band_ret_str, modem_info_lte_band_val, modem_info_lte_band_ret_val, 36,
+     "LTE_NONE", "LTE_ANY", "LTE_UNKNOWN"},
     {"lte_nb", modem_lte_nb_band_str, modem_lte_nb_band_ret_str, modem_info_lte_nb_band_val,
      modem_info_lte_nb_band_ret_val, 36, "LTE_NB_NONE", "LTE_NB_ANY", "LTE_NB_UNKNOWN"},
     {"nsa_5g", modem_nsa_5g_band_str, modem_nsa_5g_band_ret_str, modem_info_nsa_5g_band_val,
      modem_info_nsa_5g_band_ret_val, 33, "NSA_5G_NONE", "NSA_5G_ANY", "NSA_5G_UNKNOWN"},
-    {"5g", modem_5g_band_str, modem_5g_band_ret_str, modem_info_5g_band_val, modem_info_5g_band_ret_val, 28,
-     "5G_NONE", "5G_ANY", "5G_UNKNOWN"},
+    {"5g", modem_5g_band_str, modem_5g_band_ret_str, modem_info_5g_band_val, modem_info_5g_band_ret_val, 28, "5G_NONE",
+     "5G_ANY", "5G_UNKNOWN"},
 };
 
 std::string flip_case(const char *s)
@@ -149,23 +150,35 @@ TEST(ModemBand, AtBandNumbers)
         const char *num;
     };
     const row rows[] = {
-        {wcdma_band_str, 4, "6"},       {wcdma_band_str, 16, "5"},    {wcdma_band_str, 32, "19"},
-        {wcdma_band_str, 64, "8"},      {wcdma_band_str, 256, "4"},   {wcdma_band_str, 512, "3"},
-        {wcdma_band_str, 1024, "2"},    {wcdma_band_str, 2048, "1"},  {wcdma_band_str, 2, ""},
-        {wcdma_band_str, 8, ""},        {wcdma_band_str, 128, ""},    {wcdma_band_str, 4096, ""},
-        {wcdma_band_str, 8192, ""},     {wcdma_band_str, 1, ""},      {wcdma_band_str, 0, ""},
-        {lte_band_str, 8, "3"},         {lte_band_str, uint64_t{1} << 32, "66"},
-        {lte_band_str, uint64_t{1} << 17, ""},                          // B27
-        {lte_band_str, uint64_t{1} << 21, ""},                          // B31
-        {lte_band_str, uint64_t{1} << 34, ""},                          // B72
-        {lte_band_str, uint64_t{1} << 35, ""},                          // B73
-        {lte_band_str, uint64_t{1} << 36, ""},                          // B85
+        {wcdma_band_str, 4, "6"},
+        {wcdma_band_str, 16, "5"},
+        {wcdma_band_str, 32, "19"},
+        {wcdma_band_str, 64, "8"},
+        {wcdma_band_str, 256, "4"},
+        {wcdma_band_str, 512, "3"},
+        {wcdma_band_str, 1024, "2"},
+        {wcdma_band_str, 2048, "1"},
+        {wcdma_band_str, 2, ""},
+        {wcdma_band_str, 8, ""},
+        {wcdma_band_str, 128, ""},
+        {wcdma_band_str, 4096, ""},
+        {wcdma_band_str, 8192, ""},
+        {wcdma_band_str, 1, ""},
+        {wcdma_band_str, 0, ""},
+        {lte_band_str, 8, "3"},
+        {lte_band_str, uint64_t{1} << 32, "66"},
+        {lte_band_str, uint64_t{1} << 17, ""}, // B27
+        {lte_band_str, uint64_t{1} << 21, ""}, // B31
+        {lte_band_str, uint64_t{1} << 34, ""}, // B72
+        {lte_band_str, uint64_t{1} << 35, ""}, // B73
+        {lte_band_str, uint64_t{1} << 36, ""}, // B85
         {lte_band_str, uint64_t{1} << 33, "71"},
         {lte_band_str, 10, ""},
         {nsa_5g_band_str, uint64_t{1} << 27, "78"},
-        {nsa_5g_band_str, uint64_t{1} << 31, ""},                       // n260
+        {nsa_5g_band_str, uint64_t{1} << 31, ""}, // n260
         {nsa_5g_band_str, uint64_t{1} << 33, "262"},
-        {sa_5g_band_str, 16384, "28"},  {sa_5g_band_str, uint64_t{1} << 28, "79"},
+        {sa_5g_band_str, 16384, "28"},
+        {sa_5g_band_str, uint64_t{1} << 28, "79"},
         {sa_5g_band_str, uint64_t{1} << 29, ""},
     };
     for (const auto &r : rows) {
