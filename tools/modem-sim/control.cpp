@@ -1,0 +1,126 @@
+#include "control.h"
+
+namespace modem_sim {
+
+namespace {
+
+const char help_text[] =
+	"urc <text>         send an unsolicited line (\\r\\n framed; escapes allowed)\n"
+	"raw <text>         send bytes as they are (escapes allowed)\n"
+	"next               send the scenario's next URC (also SIGUSR1)\n"
+	"hang | unhang      stop answering / answer again\n"
+	"boot               restart: silence, then the boot URCs\n"
+	"fota               firmware update: only FOTA URCs, then boot\n"
+	"powerdown          POWERED DOWN, then silent until boot\n"
+	"echo on|off        same as ATE1 / ATE0\n"
+	"set <var> <value>  change a variable (kept across boots)\n"
+	"get <var>          show a variable\n"
+	"vars               show all variables\n"
+	"mode               show the modem's mode\n"
+	"quit               stop the simulator\n";
+
+std::string_view trim(std::string_view s)
+{
+	while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
+		s.remove_prefix(1);
+	while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r' || s.back() == '\n'))
+		s.remove_suffix(1);
+	return s;
+}
+
+ControlReply ok(std::string body = std::string())
+{
+	return {body + "OK\n"};
+}
+
+ControlReply fail(const std::string &why)
+{
+	return {"ERROR " + why + "\n"};
+}
+
+} // namespace
+
+ControlReply run_control(Modem &modem, std::string_view line, Ms now)
+{
+	line = trim(line);
+	size_t sp = line.find(' ');
+	std::string_view cmd = line.substr(0, sp);
+	std::string_view arg = sp == std::string_view::npos ? std::string_view() : trim(line.substr(sp + 1));
+
+	if (cmd.empty())
+		return fail("empty command");
+	if (cmd == "help")
+		return ok(help_text);
+	if (cmd == "quit" || cmd == "exit") {
+		ControlReply r = ok();
+		r.quit = true;
+		return r;
+	}
+	if (cmd == "urc" || cmd == "raw") {
+		if (arg.empty())
+			return fail(std::string(cmd) + " needs a text");
+		std::string text, bad;
+		if (!expand_text(arg, {}, [&](std::string_view n) { return modem.var(n); }, &text, &bad))
+			return fail(bad);
+		if (cmd == "urc")
+			modem.inject_urc(text, now);
+		else
+			modem.inject_raw(text, now);
+		return ok();
+	}
+	if (cmd == "next")
+		return modem.send_next_urc(now) ? ok() : fail("the scenario lists no URCs for 'next'");
+	if (cmd == "hang") {
+		modem.hang(now);
+		return ok();
+	}
+	if (cmd == "unhang") {
+		if (modem.mode() != Mode::hung)
+			return fail(std::string("not hung but ") + mode_name(modem.mode()));
+		modem.unhang(now);
+		return ok();
+	}
+	if (cmd == "boot") {
+		modem.reboot(now);
+		return ok();
+	}
+	if (cmd == "fota") {
+		modem.start_fota(now);
+		return ok();
+	}
+	if (cmd == "powerdown") {
+		modem.power_down(now);
+		return ok();
+	}
+	if (cmd == "echo") {
+		if (arg != "on" && arg != "off")
+			return fail("echo on|off");
+		modem.set_var("echo", arg == "on" ? "1" : "0");
+		return ok();
+	}
+	if (cmd == "set") {
+		size_t s2 = arg.find(' ');
+		std::string_view name = arg.substr(0, s2);
+		std::string_view value = s2 == std::string_view::npos ? std::string_view() : trim(arg.substr(s2 + 1));
+		if (name.empty())
+			return fail("set <var> <value>");
+		modem.set_var(std::string(name), std::string(value));
+		return ok();
+	}
+	if (cmd == "get") {
+		if (arg.empty())
+			return fail("get <var>");
+		return ok(modem.var(arg) + "\n");
+	}
+	if (cmd == "vars") {
+		std::string body;
+		for (const auto &kv : modem.vars())
+			body += kv.first + "=" + kv.second + "\n";
+		return ok(body);
+	}
+	if (cmd == "mode")
+		return ok(std::string(mode_name(modem.mode())) + "\n");
+	return fail("unknown command '" + std::string(cmd) + "' (try help)");
+}
+
+} // namespace modem_sim

@@ -1,0 +1,680 @@
+#include "modem.h"
+
+#include "command_line.h"
+
+#include <algorithm>
+
+namespace modem_sim {
+
+namespace {
+
+constexpr char ctrl_z = 0x1a;
+constexpr char esc = 0x1b;
+constexpr char backspace = 0x08;
+constexpr size_t max_line = 4096;
+constexpr size_t max_entry = 16384;
+
+// ATV0 codes of the V.250 result codes.
+int numeric_code(std::string_view verbose)
+{
+	static const struct {
+		const char *text;
+		int code;
+	} codes[] = {
+		{"OK", 0},          {"CONNECT", 1},     {"RING", 2},    {"NO CARRIER", 3},
+		{"ERROR", 4},       {"NO DIALTONE", 6}, {"BUSY", 7},    {"NO ANSWER", 8},
+	};
+	for (const auto &c : codes)
+		if (verbose == c.text)
+			return c.code;
+	return -1;
+}
+
+// Error texts of 3GPP TS 27.007 (+CME) and TS 27.005 (+CMS) for AT+CMEE=2.
+const char *cme_text(long n)
+{
+	switch (n) {
+	case 0: return "phone failure";
+	case 1: return "no connection to phone";
+	case 3: return "operation not allowed";
+	case 4: return "operation not supported";
+	case 5: return "PH-SIM PIN required";
+	case 10: return "SIM not inserted";
+	case 11: return "SIM PIN required";
+	case 12: return "SIM PUK required";
+	case 13: return "SIM failure";
+	case 14: return "SIM busy";
+	case 15: return "SIM wrong";
+	case 16: return "incorrect password";
+	case 17: return "SIM PIN2 required";
+	case 18: return "SIM PUK2 required";
+	case 20: return "memory full";
+	case 21: return "invalid index";
+	case 22: return "not found";
+	case 23: return "memory failure";
+	case 24: return "text string too long";
+	case 25: return "invalid characters in text string";
+	case 30: return "no network service";
+	case 31: return "network timeout";
+	case 32: return "network not allowed - emergency calls only";
+	case 100: return "unknown";
+	default: return nullptr;
+	}
+}
+
+const char *cms_text(long n)
+{
+	switch (n) {
+	case 300: return "ME failure";
+	case 302: return "operation not allowed";
+	case 303: return "operation not supported";
+	case 304: return "invalid PDU mode parameter";
+	case 305: return "invalid text mode parameter";
+	case 310: return "SIM not inserted";
+	case 311: return "SIM PIN required";
+	case 313: return "SIM failure";
+	case 314: return "SIM busy";
+	case 316: return "SIM PUK required";
+	case 320: return "memory failure";
+	case 321: return "invalid memory index";
+	case 322: return "memory full";
+	case 330: return "SMSC address unknown";
+	case 331: return "no network service";
+	case 332: return "network timeout";
+	case 500: return "unknown error";
+	default: return nullptr;
+	}
+}
+
+long to_long(const std::string &s)
+{
+	long v = 0;
+	bool neg = false;
+	size_t i = 0;
+	if (!s.empty() && s[0] == '-') {
+		neg = true;
+		i = 1;
+	}
+	// At most 18 digits: a variable set by hand must not overflow.
+	for (size_t end = i + 18; i < s.size() && i < end && s[i] >= '0' && s[i] <= '9'; i++)
+		v = v * 10 + (s[i] - '0');
+	return neg ? -v : v;
+}
+
+} // namespace
+
+const char *mode_name(Mode m)
+{
+	switch (m) {
+	case Mode::booting: return "booting";
+	case Mode::normal: return "normal";
+	case Mode::hung: return "hung";
+	case Mode::fota: return "fota";
+	case Mode::off: return "off";
+	}
+	return "?";
+}
+
+Modem::Modem(Scenario sc) : sc_(std::move(sc))
+{
+	reset_vars();
+}
+
+void Modem::reset_vars()
+{
+	vars_.clear();
+	for (const auto &kv : sc_.initial)
+		vars_[kv.first] = expand(kv.second, {});
+	for (const auto &kv : overrides_)
+		vars_[kv.first] = kv.second;
+}
+
+bool Modem::flag(std::string_view name, bool dflt) const
+{
+	auto it = vars_.find(name);
+	if (it == vars_.end() || it->second.empty())
+		return dflt;
+	return it->second != "0";
+}
+
+std::string Modem::var(std::string_view name) const
+{
+	auto it = vars_.find(name);
+	return it == vars_.end() ? std::string() : it->second;
+}
+
+void Modem::set_var(const std::string &name, const std::string &value)
+{
+	vars_[name] = value;
+	overrides_[name] = value;
+}
+
+std::string Modem::expand(const std::string &text, const std::vector<std::string> &caps) const
+{
+	std::string out, bad;
+	// The parser has checked every text, so expansion cannot fail here.
+	(void)expand_text(text, caps, [this](std::string_view n) { return var(n); }, &out, &bad);
+	return out;
+}
+
+void Modem::start(Ms now, bool run_boot)
+{
+	periodic_due_.clear();
+	for (const Periodic &p : sc_.periodic)
+		periodic_due_.push_back(now + p.interval_ms);
+	if (run_boot) {
+		apply(Action::boot);
+	} else {
+		reset_vars();
+		enter_mode(Mode::normal);
+	}
+	advance(now);
+}
+
+void Modem::receive(std::string_view bytes, Ms now)
+{
+	if (mode_ == Mode::normal)
+		input_.append(bytes);
+	advance(now);
+}
+
+std::string Modem::take_output()
+{
+	std::string out;
+	out.swap(out_);
+	return out;
+}
+
+Ms Modem::next_deadline() const
+{
+	Ms due = -1;
+	if (!queue_.empty())
+		due = queue_.front().kind == Piece::wait && wait_due_ >= 0 ? wait_due_ : 0;
+	for (Ms d : periodic_due_)
+		if (due < 0 || d < due)
+			due = d;
+	return due;
+}
+
+void Modem::advance(Ms now)
+{
+	for (;;) {
+		if (!queue_.empty()) {
+			Piece &p = queue_.front();
+			if (p.kind == Piece::bytes) {
+				out_ += p.data;
+				queue_.pop_front();
+			} else if (p.kind == Piece::wait) {
+				if (wait_due_ < 0)
+					wait_due_ = now + p.ms;
+				if (now < wait_due_)
+					return;
+				wait_due_ = -1;
+				queue_.pop_front();
+			} else {
+				Action a = p.action;
+				queue_.pop_front();
+				apply(a);
+			}
+			continue;
+		}
+		bool queued = false;
+		for (size_t i = 0; i < periodic_due_.size(); i++) {
+			if (now < periodic_due_[i])
+				continue;
+			periodic_due_[i] = now + sc_.periodic[i].interval_ms;
+			// A URC never cuts into a command line or a message being typed.
+			if (mode_ == Mode::normal && !text_entry_ && line_.empty()) {
+				Response r;
+				r.items.push_back(Item::of(ItemKind::urc, expand(sc_.periodic[i].text, {})));
+				render(r);
+				queued = true;
+			}
+		}
+		if (queued)
+			continue;
+		if (input_.empty())
+			return;
+		consume_input();
+		if (queue_.empty())
+			return;
+	}
+}
+
+void Modem::consume_input()
+{
+	size_t used = 0;
+	while (used < input_.size() && queue_.empty() && mode_ == Mode::normal) {
+		char c = input_[used++];
+		if (text_entry_)
+			handle_text_byte(c);
+		else
+			handle_command_byte(c);
+	}
+	if (mode_ != Mode::normal)
+		input_.clear();
+	else
+		input_.erase(0, used);
+}
+
+void Modem::handle_command_byte(char c)
+{
+	if (c == ctrl_z || c == esc)
+		return; // nothing to end or cancel outside text entry
+	if (flag("echo", true))
+		out_ += c;
+	if (c == '\r') {
+		std::string line;
+		line.swap(line_);
+		execute_line(line);
+	} else if (c == backspace) {
+		if (!line_.empty())
+			line_.pop_back();
+	} else if (c != '\n' && c != '\0') {
+		if (line_.size() < max_line)
+			line_ += c;
+	}
+}
+
+void Modem::handle_text_byte(char c)
+{
+	if (c == ctrl_z) {
+		text_entry_ = false;
+		vars_["text"] = entry_;
+		entry_.clear();
+		Response r;
+		Continuation k = std::move(cont_);
+		cont_ = Continuation();
+		if (run(*k.body, k.next, k.captures, &r) == Outcome::prompt)
+			text_entry_ = true;
+		render(r);
+		return;
+	}
+	if (c == esc) {
+		text_entry_ = false;
+		entry_.clear();
+		Response r;
+		if (cont_.esc_answer == "ok")
+			r.items.push_back(Item::result(Final::ok));
+		else if (cont_.esc_answer == "error")
+			r.items.push_back(Item::result(Final::error));
+		cont_ = Continuation();
+		render(r);
+		return;
+	}
+	if (c == '\r') {
+		// A line break inside the text: the modem asks for the next line.
+		entry_ += c;
+		out_ += "\r\n> ";
+		return;
+	}
+	if (c == '\n')
+		return;
+	if (flag("echo", true))
+		out_ += c;
+	if (c == backspace) {
+		if (!entry_.empty())
+			entry_.pop_back();
+	} else if (entry_.size() < max_entry) {
+		entry_ += c;
+	}
+}
+
+const Rule *Modem::find_rule(const std::string &cmd, std::vector<std::string> *caps) const
+{
+	for (const Rule &rule : sc_.rules) {
+		bool conditions = true;
+		for (const Condition &c : rule.when) {
+			bool eq = var(c.var) == expand(c.value, {});
+			if (eq != c.equal) {
+				conditions = false;
+				break;
+			}
+		}
+		if (!conditions)
+			continue;
+		for (const std::string &p : rule.patterns)
+			if (match_pattern(p, cmd, caps))
+				return &rule;
+	}
+	return nullptr;
+}
+
+void Modem::execute_line(const std::string &line)
+{
+	size_t at = find_at_prefix(line);
+	if (at == std::string::npos)
+		return; // an empty line or line noise gets no answer
+	Response r;
+	if (sc_.latency_ms > 0)
+		r.items.push_back(Item::of(ItemKind::delay, "", sc_.latency_ms));
+	std::vector<std::string> cmds;
+	if (!split_command_line(std::string_view(line).substr(at + 2), &cmds)) {
+		r.items.push_back(Item::result(Final::error));
+		render(r);
+		return;
+	}
+	for (size_t i = 0; i < cmds.size(); i++) {
+		std::vector<std::string> caps;
+		const Rule *rule = find_rule(cmds[i], &caps);
+		Response part;
+		Outcome o = run(rule ? rule->body : sc_.unknown_block, 0, caps, &part);
+		if (o == Outcome::prompt) {
+			r.items.insert(r.items.end(), part.items.begin(), part.items.end());
+			r.splits.insert(r.splits.end(), part.splits.begin(), part.splits.end());
+			text_entry_ = true;
+			break;
+		}
+		auto fin = std::find_if(part.items.begin(), part.items.end(),
+					[](const Item &it) { return it.kind == ItemKind::final_result; });
+		bool failed = fin != part.items.end() && fin->final != Final::ok;
+		// Only the last command of a line, or the first that fails, shows its result.
+		if (!failed && i + 1 < cmds.size() && fin != part.items.end())
+			part.items.erase(fin);
+		r.items.insert(r.items.end(), part.items.begin(), part.items.end());
+		r.splits.insert(r.splits.end(), part.splits.begin(), part.splits.end());
+		if (failed)
+			break;
+		r.items.push_back(Item::of(ItemKind::block_end));
+	}
+	render(r);
+}
+
+Modem::Outcome Modem::run(const std::vector<Stmt> &body, size_t from, const std::vector<std::string> &caps,
+			  Response *r)
+{
+	for (size_t i = from; i < body.size(); i++) {
+		const Stmt &s = body[i];
+		switch (s.op) {
+		case Op::line:
+			r->items.push_back(Item::of(ItemKind::info, expand(s.text, caps)));
+			break;
+		case Op::ok:
+			r->items.push_back(Item::result(Final::ok));
+			break;
+		case Op::error:
+			r->items.push_back(Item::result(Final::error));
+			break;
+		case Op::cme:
+			r->items.push_back(Item::result(Final::cme, s.num));
+			break;
+		case Op::cms:
+			r->items.push_back(Item::result(Final::cms, s.num));
+			break;
+		case Op::result:
+			r->items.push_back(Item::result(Final::text, 0, expand(s.text, caps)));
+			break;
+		case Op::raw:
+			r->items.push_back(Item::of(ItemKind::raw, expand(s.text, caps)));
+			break;
+		case Op::urc:
+			r->items.push_back(Item::of(ItemKind::urc, expand(s.text, caps)));
+			break;
+		case Op::delay:
+			r->items.push_back(Item::of(ItemKind::delay, "", s.num));
+			break;
+		case Op::split:
+			r->splits.emplace_back(s.num, s.num2);
+			break;
+		case Op::set:
+			vars_[s.text] = expand(s.value, caps);
+			break;
+		case Op::add: {
+			long v = to_long(var(s.text)) + s.num;
+			if (s.num2 > 0)
+				v = ((v % s.num2) + s.num2) % s.num2;
+			vars_[s.text] = std::to_string(v);
+			break;
+		}
+		case Op::prompt:
+			r->items.push_back(Item::of(ItemKind::prompt));
+			cont_.body = &body;
+			cont_.next = i + 1;
+			cont_.captures = caps;
+			cont_.esc_answer = s.text;
+			entry_.clear();
+			return Outcome::prompt;
+		case Op::boot:
+			r->items.push_back(Item::act(Action::boot));
+			break;
+		case Op::fota:
+			r->items.push_back(Item::act(Action::fota));
+			break;
+		case Op::powerdown:
+			r->items.push_back(Item::act(Action::powerdown));
+			break;
+		case Op::hang:
+			r->items.push_back(Item::act(Action::hang));
+			break;
+		}
+	}
+	return Outcome::done;
+}
+
+std::string Modem::final_text(const Item &it, bool verbose) const
+{
+	std::string text;
+	bool extended = false;
+	long cmee = to_long(var("cmee"));
+	switch (it.final) {
+	case Final::ok: text = "OK"; break;
+	case Final::error: text = "ERROR"; break;
+	case Final::text: text = it.text; break;
+	case Final::cme:
+	case Final::cms: {
+		if (cmee == 0) {
+			text = "ERROR";
+			break;
+		}
+		const char *name = it.final == Final::cme ? cme_text(it.num) : cms_text(it.num);
+		text = it.final == Final::cme ? "+CME ERROR: " : "+CMS ERROR: ";
+		text += cmee == 2 && name ? name : std::to_string(it.num);
+		extended = true;
+		break;
+	}
+	}
+	if (verbose)
+		return "\r\n" + text + "\r\n";
+	if (extended)
+		return text + "\r\n";
+	int code = numeric_code(text);
+	return (code >= 0 ? std::to_string(code) : text) + "\r";
+}
+
+void Modem::render(const Response &r)
+{
+	bool verbose = flag("verbose", true);
+	std::vector<Piece> pieces;
+	std::string cur;
+	bool block_open = false;
+	auto flush = [&] {
+		if (!cur.empty())
+			pieces.push_back({Piece::bytes, std::move(cur)});
+		cur.clear();
+	};
+	for (const Item &it : r.items) {
+		switch (it.kind) {
+		case ItemKind::info:
+			if (verbose && !block_open)
+				cur += "\r\n";
+			block_open = true;
+			cur += it.text + "\r\n";
+			break;
+		case ItemKind::block_end:
+			block_open = false;
+			break;
+		case ItemKind::final_result:
+			cur += final_text(it, verbose);
+			block_open = false;
+			break;
+		case ItemKind::raw:
+			cur += it.text;
+			block_open = false;
+			break;
+		case ItemKind::urc:
+			cur += verbose ? "\r\n" + it.text + "\r\n" : it.text + "\r\n";
+			block_open = false;
+			break;
+		case ItemKind::prompt:
+			cur += "\r\n> ";
+			break;
+		case ItemKind::delay:
+			flush();
+			pieces.push_back({Piece::wait, "", it.num});
+			break;
+		case ItemKind::action:
+			flush();
+			pieces.push_back({Piece::run_action, "", 0, it.action});
+			break;
+		}
+	}
+	flush();
+
+	// Cut the bytes at each split offset and pause there.
+	std::vector<std::pair<long, long>> splits = r.splits;
+	std::sort(splits.begin(), splits.end());
+	for (const auto &sp : splits) {
+		long seen = 0;
+		for (size_t i = 0; i < pieces.size(); i++) {
+			if (pieces[i].kind != Piece::bytes)
+				continue;
+			long len = static_cast<long>(pieces[i].data.size());
+			if (sp.first >= seen + len) {
+				seen += len;
+				continue;
+			}
+			long cut = sp.first - seen;
+			Piece wait{Piece::wait, "", sp.second};
+			if (cut == 0) {
+				pieces.insert(pieces.begin() + static_cast<long>(i), wait);
+			} else {
+				Piece tail{Piece::bytes, pieces[i].data.substr(static_cast<size_t>(cut))};
+				pieces[i].data.resize(static_cast<size_t>(cut));
+				pieces.insert(pieces.begin() + static_cast<long>(i) + 1, wait);
+				pieces.insert(pieces.begin() + static_cast<long>(i) + 2, tail);
+			}
+			break;
+		}
+	}
+	for (Piece &p : pieces)
+		queue_.push_back(std::move(p));
+}
+
+void Modem::drop_pending()
+{
+	queue_.clear();
+	wait_due_ = -1;
+	input_.clear();
+	line_.clear();
+	text_entry_ = false;
+	entry_.clear();
+	cont_ = Continuation();
+}
+
+void Modem::enter_mode(Mode m)
+{
+	mode_ = m;
+	if (m != Mode::normal) {
+		input_.clear();
+		line_.clear();
+	}
+}
+
+void Modem::run_block(const std::vector<Stmt> &block, bool ready_at_end)
+{
+	Response r;
+	run(block, 0, {}, &r);
+	// A prompt makes no sense in a block; end any text entry it opened.
+	text_entry_ = false;
+	cont_ = Continuation();
+	if (ready_at_end)
+		r.items.push_back(Item::act(Action::set_normal));
+	render(r);
+}
+
+void Modem::apply(Action a)
+{
+	switch (a) {
+	case Action::set_normal:
+		enter_mode(Mode::normal);
+		break;
+	case Action::boot:
+		drop_pending();
+		reset_vars();
+		enter_mode(Mode::booting);
+		run_block(sc_.boot_block, true);
+		break;
+	case Action::fota:
+		drop_pending();
+		enter_mode(Mode::fota);
+		run_block(sc_.fota_block, true);
+		break;
+	case Action::powerdown:
+		drop_pending();
+		enter_mode(Mode::off);
+		run_block(sc_.powerdown_block, false); // silent until the next boot
+		break;
+	case Action::hang:
+		drop_pending();
+		enter_mode(Mode::hung);
+		break;
+	}
+}
+
+void Modem::inject_urc(std::string_view text, Ms now)
+{
+	Response r;
+	r.items.push_back(Item::of(ItemKind::urc, std::string(text)));
+	render(r);
+	advance(now);
+}
+
+void Modem::inject_raw(std::string_view bytes, Ms now)
+{
+	queue_.push_back({Piece::bytes, std::string(bytes)});
+	advance(now);
+}
+
+bool Modem::send_next_urc(Ms now)
+{
+	if (sc_.next_urcs.empty())
+		return false;
+	std::string text = expand(sc_.next_urcs[next_urc_ % sc_.next_urcs.size()], {});
+	next_urc_++;
+	inject_urc(text, now);
+	return true;
+}
+
+void Modem::hang(Ms now)
+{
+	apply(Action::hang);
+	advance(now);
+}
+
+void Modem::unhang(Ms now)
+{
+	if (mode_ == Mode::hung) {
+		enter_mode(Mode::normal);
+		advance(now);
+	}
+}
+
+void Modem::reboot(Ms now)
+{
+	apply(Action::boot);
+	advance(now);
+}
+
+void Modem::start_fota(Ms now)
+{
+	apply(Action::fota);
+	advance(now);
+}
+
+void Modem::power_down(Ms now)
+{
+	apply(Action::powerdown);
+	advance(now);
+}
+
+} // namespace modem_sim

@@ -1,0 +1,591 @@
+#include "modem.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace modem_sim {
+namespace {
+
+const char small_scenario[] = R"(model Test
+set echo 1
+set verbose 1
+set cmee 1
+set csq 20
+set mr 254
+set sim present
+
+boot
+  delay 500
+  urc RDY
+  delay 100
+  urc +QIND: SMS DONE
+
+fota
+  delay 100
+  urc +QIND: "FOTA","START"
+  delay 100
+  urc +QIND: "FOTA","END",0
+  boot
+
+powerdown
+  delay 50
+  urc POWERED DOWN
+
+next +CREG: 1
+next RING
+
+on AT
+  ok
+on ATE0
+  set echo 0
+  ok
+on ATV0
+  set verbose 0
+  ok
+on ATV1
+  set verbose 1
+  ok
+on AT+CMEE=[012]
+  set cmee $1
+  ok
+on AT+CSQ
+  line +CSQ: {csq},99
+  ok
+on AT+CREG?
+  line +CREG: 0,1
+  ok
+on ATI
+  line Quectel
+  line EC25
+  line Revision: EC25EFAR06A06M4G
+  ok
+on AT+CPIN?
+  when sim = absent
+  cme 10
+on AT+CPIN?
+  line +CPIN: READY
+  ok
+on AT+CMGS=*
+  prompt ok
+  delay 100
+  line +CMGS: {mr}
+  add mr 1 256
+  ok
+on AT+SLOW
+  delay 200
+  line first
+  delay 300
+  line second
+  ok
+on AT+CHUNK
+  line 0123456789
+  split 5 40
+  ok
+on AT+QPOWD
+  ok
+  powerdown
+on AT+RESET
+  ok
+  boot
+on AT+LATEURC
+  ok
+  delay 50
+  urc +CUSD: 0,"done",15
+)";
+
+class ModemTest : public ::testing::Test {
+protected:
+	void load(const std::string &text, bool boot = false)
+	{
+		Scenario sc;
+		ParseError err;
+		ASSERT_TRUE(parse_scenario(text, &sc, &err)) << err.line << ": " << err.message;
+		modem_ = std::make_unique<Modem>(std::move(sc));
+		modem_->start(now_, boot);
+	}
+
+	void SetUp() override { load(small_scenario); }
+
+	// Sends bytes and returns what comes back at once.
+	std::string send(std::string_view bytes)
+	{
+		modem_->receive(bytes, now_);
+		return modem_->take_output();
+	}
+
+	// Lets time run to `until`, waking the modem whenever it asked to; returns
+	// every piece of output with the time it appeared.
+	std::vector<std::pair<Ms, std::string>> run_until(Ms until)
+	{
+		std::vector<std::pair<Ms, std::string>> got;
+		for (;;) {
+			Ms due = modem_->next_deadline();
+			if (due < 0 || due > until)
+				break;
+			now_ = std::max(now_, due);
+			modem_->advance(now_);
+			std::string out = modem_->take_output();
+			if (!out.empty())
+				got.emplace_back(now_, out);
+		}
+		now_ = until;
+		modem_->advance(now_);
+		std::string out = modem_->take_output();
+		if (!out.empty())
+			got.emplace_back(now_, out);
+		return got;
+	}
+
+	std::string all_until(Ms until)
+	{
+		std::string s;
+		for (auto &p : run_until(until))
+			s += p.second;
+		return s;
+	}
+
+	std::unique_ptr<Modem> modem_;
+	Ms now_ = 1000;
+};
+
+// ------------------------------------------------------------- framing
+
+TEST_F(ModemTest, EchoIsOnByDefaultAndAte0TurnsItOff)
+{
+	EXPECT_EQ(send("AT\r"), "AT\r\r\nOK\r\n");
+	EXPECT_EQ(send("ATE0\r"), "ATE0\r\r\nOK\r\n"); // the line itself is echoed as typed
+	EXPECT_EQ(send("AT\r"), "\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, InformationLinesAreFramedLikeAQuectelModem)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("ATI\r"), "\r\nQuectel\r\nEC25\r\nRevision: EC25EFAR06A06M4G\r\n\r\nOK\r\n");
+	EXPECT_EQ(send("AT+CSQ\r"), "\r\n+CSQ: 20,99\r\n\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, Atv0GivesNumericResultCodes)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("ATV0\r"), "0\r"); // the new mode already applies to its own result
+	EXPECT_EQ(send("AT+CSQ\r"), "+CSQ: 20,99\r\n0\r");
+	EXPECT_EQ(send("AT+NOSUCH\r"), "4\r");
+	EXPECT_EQ(send("ATV1\r"), "\r\nOK\r\n");
+	EXPECT_EQ(send("AT+NOSUCH\r"), "\r\nERROR\r\n");
+}
+
+TEST_F(ModemTest, UnknownCommandAnswersError)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("AT+QBOGUS=1\r"), "\r\nERROR\r\n");
+	EXPECT_EQ(send("AT!\r"), "\r\nERROR\r\n"); // not even a command
+}
+
+TEST_F(ModemTest, CmeErrorFollowsCmee)
+{
+	send("ATE0\r");
+	modem_->set_var("sim", "absent");
+	EXPECT_EQ(send("AT+CPIN?\r"), "\r\n+CME ERROR: 10\r\n");
+	send("AT+CMEE=2\r");
+	EXPECT_EQ(send("AT+CPIN?\r"), "\r\n+CME ERROR: SIM not inserted\r\n");
+	send("AT+CMEE=0\r");
+	EXPECT_EQ(send("AT+CPIN?\r"), "\r\nERROR\r\n");
+	send("AT+CMEE=1\r");
+	send("ATV0\r");
+	EXPECT_EQ(send("AT+CPIN?\r"), "+CME ERROR: 10\r\n");
+}
+
+TEST_F(ModemTest, WhenConditionsChooseTheAnswer)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("AT+CPIN?\r"), "\r\n+CPIN: READY\r\n\r\nOK\r\n");
+	modem_->set_var("sim", "absent");
+	EXPECT_EQ(send("AT+CPIN?\r"), "\r\n+CME ERROR: 10\r\n");
+}
+
+TEST_F(ModemTest, CommandsOnOneLineGiveOneFinalResult)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("AT+CSQ;+CREG?\r"), "\r\n+CSQ: 20,99\r\n\r\n+CREG: 0,1\r\n\r\nOK\r\n");
+	// The first failing command ends the line; the rest is not run.
+	EXPECT_EQ(send("AT+CSQ;+BOGUS;+CREG?\r"), "\r\n+CSQ: 20,99\r\n\r\nERROR\r\n");
+	// ATE1 has no rule in this scenario: the line stops there and V0 is not run.
+	EXPECT_EQ(send("ATE1V0\r"), "\r\nERROR\r\n");
+	EXPECT_EQ(modem_->var("verbose"), "1");
+}
+
+TEST_F(ModemTest, SeveralLinesInOneWriteAreAnsweredInOrder)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("AT+CSQ\rAT+CREG?\r"), "\r\n+CSQ: 20,99\r\n\r\nOK\r\n\r\n+CREG: 0,1\r\n\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, DaemonSetUpHandshakeIsAnswered)
+{
+	// Ctrl-Z and CR, then "+++" and the set-up command, each written separately.
+	EXPECT_EQ(send("\x1a\r"), "\r");
+	EXPECT_EQ(send("+++"), "+++");
+	std::string out = send("ATE0V1\r");
+	EXPECT_EQ(out, "ATE0V1\r\r\nOK\r\n");
+	EXPECT_EQ(modem_->var("echo"), "0");
+	EXPECT_EQ(send("AT\r"), "\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, BackspaceEditsTheLine)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("AT+CSX\bQ\r"), "\r\n+CSQ: 20,99\r\n\r\nOK\r\n");
+}
+
+// ------------------------------------------------------------ timing
+
+TEST_F(ModemTest, DelaysHoldBackTheRestOfTheAnswer)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("AT+SLOW\r"), "");
+	auto got = run_until(now_ + 1000);
+	ASSERT_EQ(got.size(), 2u);
+	EXPECT_EQ(got[0].first, 1200);
+	EXPECT_EQ(got[0].second, "\r\nfirst\r\n");
+	EXPECT_EQ(got[1].first, 1500);
+	EXPECT_EQ(got[1].second, "second\r\n\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, SplitSendsTheAnswerInTwoPieces)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("AT+CHUNK\r"), "\r\n012");
+	auto got = run_until(now_ + 100);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].first, 1040);
+	EXPECT_EQ(got[0].second, "3456789\r\n\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, InputWaitsUntilTheAnswerInProgressIsOut)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("AT+SLOW\rAT\r"), "");
+	EXPECT_EQ(all_until(now_ + 1000), "\r\nfirst\r\nsecond\r\n\r\nOK\r\n\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, UrcAfterTheFinalResult)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("AT+LATEURC\r"), "\r\nOK\r\n");
+	auto got = run_until(now_ + 100);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].first, 1050);
+	EXPECT_EQ(got[0].second, "\r\n+CUSD: 0,\"done\",15\r\n");
+}
+
+TEST_F(ModemTest, LatencyDelaysEveryAnswer)
+{
+	load(std::string("latency 30\n") + small_scenario);
+	EXPECT_EQ(send("AT\r"), "AT\r"); // echo comes at once
+	auto got = run_until(now_ + 100);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].first, 1030);
+	EXPECT_EQ(got[0].second, "\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, PeriodicUrcsWaitForAnIdleLine)
+{
+	load("every 1s +CREG: 1\non AT\n  ok\n");
+	auto got = run_until(now_ + 2500);
+	ASSERT_EQ(got.size(), 2u);
+	EXPECT_EQ(got[0].first, 2000);
+	EXPECT_EQ(got[0].second, "\r\n+CREG: 1\r\n");
+	EXPECT_EQ(got[1].first, 3000);
+	// Half a command typed: the URC is not cut into it.
+	EXPECT_EQ(send("A"), "A");
+	EXPECT_EQ(all_until(4200), "");
+	EXPECT_EQ(send("T\r"), "T\r\r\nOK\r\n");
+	EXPECT_EQ(all_until(5000), "\r\n+CREG: 1\r\n");
+}
+
+// --------------------------------------------------------- SMS prompt
+
+TEST_F(ModemTest, CmgsPromptThenPduThenResult)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("AT+CMGS=23\r"), "\r\n> ");
+	EXPECT_TRUE(modem_->in_text_entry());
+	EXPECT_EQ(send("0011000B916407281553F80000AA0AE8329BFD4697D9EC37"), "");
+	EXPECT_EQ(send("\x1a"), "");
+	EXPECT_EQ(all_until(now_ + 200), "\r\n+CMGS: 254\r\n\r\nOK\r\n");
+	EXPECT_EQ(modem_->var("text"), "0011000B916407281553F80000AA0AE8329BFD4697D9EC37");
+	// The message reference counts on and wraps at 256.
+	send("AT+CMGS=5\r");
+	send("00\x1a");
+	EXPECT_EQ(all_until(now_ + 200), "\r\n+CMGS: 255\r\n\r\nOK\r\n");
+	send("AT+CMGS=5\r");
+	send("00\x1a");
+	EXPECT_EQ(all_until(now_ + 200), "\r\n+CMGS: 0\r\n\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, MessageReferenceSurvivesAnAbsurdValue)
+{
+	send("ATE0\r");
+	modem_->set_var("mr", "123456789012345678901234567890");
+	send("AT+CMGS=5\r");
+	send("00\x1a");
+	all_until(now_ + 200);
+	long mr = std::stol(modem_->var("mr"));
+	EXPECT_GE(mr, 0);
+	EXPECT_LT(mr, 256);
+}
+
+TEST_F(ModemTest, CmgsTextIsEchoedWhileEchoIsOn)
+{
+	EXPECT_EQ(send("AT+CMGS=2\r"), "AT+CMGS=2\r\r\n> ");
+	EXPECT_EQ(send("AB"), "AB");
+}
+
+TEST_F(ModemTest, CmgsWrittenInOneGoStillWorks)
+{
+	send("ATE0\r");
+	// A whole multi-part request in a single write, final CR included.
+	EXPECT_EQ(send("AT+CMGS=2\r0102\x1a\r"), "\r\n> ");
+	EXPECT_EQ(all_until(now_ + 200), "\r\n+CMGS: 254\r\n\r\nOK\r\n");
+	EXPECT_EQ(modem_->var("text"), "0102");
+	EXPECT_FALSE(modem_->in_text_entry());
+	EXPECT_EQ(send("AT\r"), "\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, EscCancelsTheMessage)
+{
+	send("ATE0\r");
+	send("AT+CMGS=23\r");
+	EXPECT_EQ(send("0011\x1b"), "\r\nOK\r\n");
+	EXPECT_FALSE(modem_->in_text_entry());
+	EXPECT_EQ(all_until(now_ + 500), ""); // no +CMGS follows
+	EXPECT_EQ(modem_->var("mr"), "254");
+	EXPECT_EQ(send("AT\r"), "\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, LineBreakInTextAsksForTheNextLine)
+{
+	send("ATE0\r");
+	send("AT+CMGS=\"+4917012345\"\r");
+	EXPECT_EQ(send("line one\r"), "\r\n> ");
+	send("line two\x1a");
+	all_until(now_ + 200);
+	EXPECT_EQ(modem_->var("text"), "line one\rline two");
+}
+
+// ------------------------------------------------------ modes
+
+TEST_F(ModemTest, BootIsSilentThenSendsItsUrcs)
+{
+	load(small_scenario, true);
+	EXPECT_EQ(modem_->mode(), Mode::booting);
+	EXPECT_EQ(send("AT\r"), ""); // nobody home yet
+	auto got = run_until(now_ + 1000);
+	ASSERT_EQ(got.size(), 2u);
+	EXPECT_EQ(got[0].first, 1500);
+	EXPECT_EQ(got[0].second, "\r\nRDY\r\n");
+	EXPECT_EQ(got[1].first, 1600);
+	EXPECT_EQ(got[1].second, "\r\n+QIND: SMS DONE\r\n");
+	EXPECT_EQ(modem_->mode(), Mode::normal);
+	EXPECT_EQ(send("AT\r"), "AT\r\r\nOK\r\n"); // the AT sent while booting was dropped
+}
+
+TEST_F(ModemTest, RebootRestoresScenarioSettingsButKeepsOperatorOnes)
+{
+	send("ATE0\r");
+	send("ATV0\r");
+	modem_->set_var("csq", "5");
+	modem_->reboot(now_);
+	all_until(now_ + 1000);
+	EXPECT_EQ(modem_->var("echo"), "1");
+	EXPECT_EQ(modem_->var("verbose"), "1");
+	EXPECT_EQ(modem_->var("csq"), "5");
+}
+
+TEST_F(ModemTest, CommandCanRestartTheModem)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("AT+RESET\r"), "\r\nOK\r\n");
+	EXPECT_EQ(modem_->mode(), Mode::booting);
+	EXPECT_EQ(all_until(now_ + 1000), "\r\nRDY\r\n\r\n+QIND: SMS DONE\r\n");
+	EXPECT_EQ(send("AT\r"), "AT\r\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, HungModemAnswersNothingUntilUnhung)
+{
+	send("ATE0\r");
+	modem_->hang(now_);
+	EXPECT_EQ(send("AT\r"), "");
+	EXPECT_EQ(all_until(now_ + 5000), "");
+	modem_->unhang(now_);
+	EXPECT_EQ(send("AT\r"), "\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, HangDropsAnAnswerInProgress)
+{
+	send("ATE0\r");
+	send("AT+SLOW\r");
+	modem_->hang(now_);
+	EXPECT_EQ(all_until(now_ + 2000), "");
+}
+
+TEST_F(ModemTest, PowerDownOnCommand)
+{
+	send("ATE0\r");
+	EXPECT_EQ(send("AT+QPOWD\r"), "\r\nOK\r\n");
+	EXPECT_EQ(modem_->mode(), Mode::off);
+	EXPECT_EQ(all_until(now_ + 100), "\r\nPOWERED DOWN\r\n");
+	EXPECT_EQ(send("AT\r"), "");
+	EXPECT_EQ(all_until(now_ + 1000), "");
+	modem_->unhang(now_); // only a boot brings it back
+	EXPECT_EQ(modem_->mode(), Mode::off);
+	modem_->reboot(now_);
+	EXPECT_EQ(all_until(now_ + 1000), "\r\nRDY\r\n\r\n+QIND: SMS DONE\r\n");
+	EXPECT_EQ(modem_->mode(), Mode::normal);
+}
+
+TEST_F(ModemTest, FotaAnswersNothingAndEndsWithABoot)
+{
+	send("ATE0\r");
+	modem_->start_fota(now_);
+	EXPECT_EQ(modem_->mode(), Mode::fota);
+	EXPECT_EQ(send("AT\r"), "");
+	auto got = run_until(now_ + 150);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].second, "\r\n+QIND: \"FOTA\",\"START\"\r\n");
+	EXPECT_EQ(send("ATI\r"), "");
+	EXPECT_EQ(all_until(now_ + 1000), "\r\n+QIND: \"FOTA\",\"END\",0\r\n\r\nRDY\r\n\r\n+QIND: SMS DONE\r\n");
+	EXPECT_EQ(modem_->mode(), Mode::normal);
+}
+
+TEST_F(ModemTest, NextUrcCyclesThroughTheList)
+{
+	send("ATE0\r");
+	EXPECT_TRUE(modem_->send_next_urc(now_));
+	EXPECT_EQ(modem_->take_output(), "\r\n+CREG: 1\r\n");
+	EXPECT_TRUE(modem_->send_next_urc(now_));
+	EXPECT_EQ(modem_->take_output(), "\r\nRING\r\n");
+	EXPECT_TRUE(modem_->send_next_urc(now_));
+	EXPECT_EQ(modem_->take_output(), "\r\n+CREG: 1\r\n");
+}
+
+TEST_F(ModemTest, InjectedUrcWaitsForTheAnswerInProgress)
+{
+	send("ATE0\r");
+	send("AT+SLOW\r");
+	modem_->inject_urc("+CREG: 5", now_);
+	EXPECT_EQ(all_until(now_ + 1000), "\r\nfirst\r\nsecond\r\n\r\nOK\r\n\r\n+CREG: 5\r\n");
+}
+
+// ------------------------------------------ the shipped EC25 scenario
+
+class Ec25Test : public ModemTest {
+protected:
+	void SetUp() override
+	{
+		Scenario sc;
+		std::string err;
+		ASSERT_TRUE(load_scenario(std::string(WWANCTL_SOURCE_DIR) + "/tools/modem-sim/scenarios/ec25.scn", &sc,
+					  &err))
+			<< err;
+		modem_ = std::make_unique<Modem>(std::move(sc));
+		modem_->start(now_, false);
+		send("ATE0V1\r");
+		all_until(now_ + 100);
+	}
+
+	std::string ask(const std::string &cmd)
+	{
+		send(cmd);
+		return all_until(now_ + 3000);
+	}
+};
+
+TEST_F(Ec25Test, IdentificationAnswers)
+{
+	struct Case {
+		const char *cmd;
+		const char *answer;
+	} cases[] = {
+		{"ATI\r", "\r\nQuectel\r\nEC25\r\nRevision: EC25EFAR06A06M4G\r\n\r\nOK\r\n"},
+		{"AT+GMR\r", "\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n"},
+		{"AT+QGMR\r", "\r\nEC25EFAR06A06M4G_01.001.01.001\r\n\r\nOK\r\n"},
+		{"AT+GSN\r", "\r\n866758041234564\r\n\r\nOK\r\n"},
+		{"AT+CGSN\r", "\r\n866758041234564\r\n\r\nOK\r\n"},
+		{"AT+CIMI\r", "\r\n262011234567890\r\n\r\nOK\r\n"},
+		{"AT+QCCID\r", "\r\n+QCCID: 8949020000012345670\r\n\r\nOK\r\n"},
+		{"AT+CFUN?\rAT+CPIN?\r", "\r\n+CFUN: 1\r\n\r\nOK\r\n\r\n+CPIN: READY\r\n\r\nOK\r\n"},
+		{"AT+CSQ\r", "\r\n+CSQ: 22,99\r\n\r\nOK\r\n"},
+		{"AT+CEREG?\r", "\r\n+CEREG: 0,1\r\n\r\nOK\r\n"},
+		{"AT+COPS?\r", "\r\n+COPS: 0,0,\"Telekom.de\",7\r\n\r\nOK\r\n"},
+		{"AT+QCFG=\"band\"\r", "\r\n+QCFG: \"band\",0xd3,0x1a0000800d5,0x0\r\n\r\nOK\r\n"},
+		{"AT+C5GREG?\r", "\r\nERROR\r\n"}, // an LTE modem has no 5G registration
+		{"AT+CPMS?", ""},                   // no CR, no answer
+	};
+	for (const Case &c : cases) {
+		SCOPED_TRACE(c.cmd);
+		EXPECT_EQ(ask(c.cmd), c.answer);
+	}
+}
+
+TEST_F(Ec25Test, RegistrationReportsFollowTheirMode)
+{
+	EXPECT_EQ(ask("AT+CEREG=2\r"), "\r\nOK\r\n");
+	EXPECT_EQ(ask("AT+CEREG?\r"), "\r\n+CEREG: 2,1,\"1A2B\",\"01A2B3C4\",7\r\n\r\nOK\r\n");
+	EXPECT_EQ(ask("AT+CEREG=3\r"), "\r\nERROR\r\n");
+	EXPECT_EQ(ask("AT+COPS=3,2\r"), "\r\nOK\r\n");
+	EXPECT_EQ(ask("AT+COPS?\r"), "\r\n+COPS: 0,2,\"26201\",7\r\n\r\nOK\r\n");
+}
+
+TEST_F(Ec25Test, SmsFormatAndStoredMessages)
+{
+	EXPECT_EQ(ask("AT+CMGF?\r"), "\r\n+CMGF: 0\r\n\r\nOK\r\n");
+	std::string list = ask("AT+CMGL=4\r");
+	EXPECT_EQ(list.rfind("\r\n+CMGL: 0,1,,45\r\n0791947101670000040C91", 0), 0u);
+	EXPECT_NE(list.find("\r\n+CMGL: 1,1,,37\r\n"), std::string::npos);
+	EXPECT_EQ(ask("AT+CMGF=1\r"), "\r\nOK\r\n");
+	EXPECT_EQ(ask("AT+CMGF?\r"), "\r\n+CMGF: 1\r\n\r\nOK\r\n");
+	// In text mode the PDU listing is refused and the text listing works.
+	EXPECT_EQ(ask("AT+CMGL=4\r"), "\r\n+CMS ERROR: 302\r\n");
+	EXPECT_NE(ask("AT+CMGL=\"ALL\"\r").find("Hello from the simulated EC25\r\n"), std::string::npos);
+	EXPECT_EQ(ask("AT+CMGF=2\r"), "\r\nERROR\r\n");
+}
+
+TEST_F(Ec25Test, SimRemovedByTheOperator)
+{
+	modem_->set_var("sim", "absent");
+	EXPECT_EQ(ask("AT+CPIN?\r"), "\r\n+CME ERROR: 10\r\n");
+	EXPECT_EQ(ask("AT+CIMI\r"), "\r\n+CME ERROR: 10\r\n");
+	EXPECT_EQ(ask("AT+CMGS=23\r"), "\r\n+CMS ERROR: 310\r\n");
+}
+
+TEST_F(Ec25Test, OperatorScanArrivesInPieces)
+{
+	send("AT+COPS=?\r");
+	auto got = run_until(now_ + 3000);
+	ASSERT_EQ(got.size(), 3u);
+	std::string all = got[0].second + got[1].second + got[2].second;
+	EXPECT_EQ(got[0].second.size(), 64u);
+	EXPECT_EQ(all.rfind("\r\n+COPS: (2,\"Telekom.de\",\"TDG\",\"26201\",7),", 0), 0u);
+	const std::string tail = ",,(0,1,2,3,4),(0,1,2)\r\n\r\nOK\r\n";
+	ASSERT_GT(all.size(), tail.size());
+	EXPECT_EQ(all.substr(all.size() - tail.size()), tail);
+	EXPECT_GE(got[0].first - 1000, 2000);
+}
+
+TEST_F(Ec25Test, PinEntryUnlocksTheSim)
+{
+	modem_->set_var("cpin", "SIM PIN");
+	EXPECT_EQ(ask("AT+CPIN?\r"), "\r\n+CPIN: SIM PIN\r\n\r\nOK\r\n");
+	std::string out = ask("AT+CPIN=\"1234\"\r");
+	EXPECT_EQ(out.rfind("\r\nOK\r\n\r\n+CPIN: READY\r\n", 0), 0u);
+	EXPECT_EQ(ask("AT+CPIN?\r"), "\r\n+CPIN: READY\r\n\r\nOK\r\n");
+	EXPECT_EQ(ask("AT+CPIN=\"1234\"\r"), "\r\n+CME ERROR: 3\r\n");
+}
+
+} // namespace
+} // namespace modem_sim
