@@ -1,0 +1,61 @@
+// A request: one AT command (or a chain of parts written one after another)
+// waiting in a modem's queue, with what must happen to its answer.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include <libubox/list.h>
+#include <libubus.h>
+
+class modem;
+class ujson;
+struct avp_client;
+
+// Called with the modem, the action id, the reply and the context once the
+// answer is parsed.
+using request_cb = void (*)(modem *mdm, uint32_t action, ujson *reply, void *ctx);
+
+struct request {
+    char *command = nullptr; // owned; written as is, length bytes
+    uint32_t length = 0;
+    uint32_t action = 0;
+    struct ubus_request_data req_data = {}; // the deferred bus call this answers
+    bool has_req_data = false;
+    request_cb callback = nullptr;
+    void *context = nullptr;
+    void *extra = nullptr; // caller data, released with free() when asked
+    avp_client *avp = nullptr;
+    int64_t queued_time = 0; // seconds
+    int64_t sent_time = 0;
+    uint32_t timeout = 0; // milliseconds
+    uint32_t timeout2 = 0;
+    // Before the first write: length of the first part; afterwards: offset
+    // of the next part; 0 for a one-part command or when no part is left.
+    uint32_t ext_len = 0;
+    uint32_t first_line_end = 0;
+    uint32_t token_offset = 0; // the part whose answer is awaited
+    int sent = 0;
+    uint64_t number = 0;
+    struct list_head list = {nullptr, nullptr};
+};
+
+// Normalises the command (line end handling) and works out where a
+// multi-part command splits. Null for an empty command or without memory.
+request *create_request(uint32_t action, request_cb callback, void *ctx, const char *command, uint32_t length,
+                        uint32_t timeout, void *extra);
+
+// Unlinks the request from its queue when linked and frees it; the extra
+// data only when free_extra is set. Null is ignored.
+void clean_request(request *req, int free_extra);
+
+// Length of the part starting at the current offset: up to the next carriage
+// return after a complete answer, up to the next Ctrl-Z after a prompt.
+uint32_t get_extended_length(const request *req, uint32_t parser_status);
+// Moves to the next part, or to none when this was the last.
+void set_extended_next(request *req, uint32_t parser_status);
+
+struct request_cleaner {
+    void operator()(request *req) const { clean_request(req, 1); }
+};
+using request_ptr = std::unique_ptr<request, request_cleaner>;

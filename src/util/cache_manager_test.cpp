@@ -1,0 +1,200 @@
+#include "util/cache_manager.h"
+
+#include "util/ujson.h"
+
+#include <libubox/blobmsg_json.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+std::string json_text(const ujson &j)
+{
+    char *s = blobmsg_format_json(j.get_blobmsg(), true);
+    std::string out = s ? s : "(null)";
+    std::free(s);
+    return out;
+}
+
+std::unique_ptr<ujson> from_json(const char *text)
+{
+    auto j = ujson::create();
+    EXPECT_TRUE(j && blobmsg_add_json_from_string(j->buffer(), text)) << text;
+    return j;
+}
+
+template <typename T> std::string bytes(T v)
+{
+    return std::string(reinterpret_cast<const char *>(&v), sizeof(v));
+}
+
+// Text with its terminator, as writers store it.
+std::string text(const char *s)
+{
+    return std::string(s, std::strlen(s) + 1);
+}
+
+int32_t cost(const char *name, size_t size)
+{
+    return static_cast<int32_t>(size + 25 + std::strlen(name));
+}
+
+TEST(CacheTypes, FixedSizes)
+{
+    const uint32_t expected[] = {0, 0, 8, 4, 4, 8, 8, 0, 1, 0};
+    for (uint32_t type = 0; type < std::size(expected); type++)
+        EXPECT_EQ(cache_data_type_size(type), expected[type]) << "type " << type;
+}
+
+TEST(CacheUpdate, ResultAndHeapFollowTheBytes)
+{
+    struct row {
+        const char *what;
+        uint32_t type0;
+        std::string value0;
+        uint32_t type1;
+        std::string value1;
+        int result;
+        int heap_delta;
+    };
+    const row rows[] = {
+        {"identical bytes", CACHE_DATA_INT32, bytes<int32_t>(-70), CACHE_DATA_INT32, bytes<int32_t>(-70),
+         CACHE_ITEM_UNCHANGED, 0},
+        {"last byte differs", CACHE_DATA_INT64, bytes<int64_t>(0x0102030405060708), CACHE_DATA_INT64,
+         bytes<int64_t>(0x0102030405060709), CACHE_ITEM_CHANGED, 0},
+        {"same text", CACHE_DATA_STRING, text("LTE"), CACHE_DATA_STRING, text("LTE"), CACHE_ITEM_UNCHANGED, 0},
+        {"text grows", CACHE_DATA_STRING, text("LTE"), CACHE_DATA_STRING, text("WCDMA"), CACHE_ITEM_CHANGED, 2},
+        {"text shrinks", CACHE_DATA_STRING, text("WCDMA"), CACHE_DATA_STRING, text("LTE"), CACHE_ITEM_CHANGED, -2},
+        {"same bytes, other type", CACHE_DATA_INT32, bytes<int32_t>(5), CACHE_DATA_UINT32, bytes<int32_t>(5),
+         CACHE_ITEM_CHANGED, 0},
+        {"wider integer", CACHE_DATA_INT32, bytes<int32_t>(5), CACHE_DATA_INT64, bytes<int64_t>(5),
+         CACHE_ITEM_CHANGED, 4},
+        {"double to flag", CACHE_DATA_DOUBLE, bytes(1.5), CACHE_DATA_BOOL, "\1", CACHE_ITEM_CHANGED, -7},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        auto cache = cache_manager::create();
+        ASSERT_TRUE(cache);
+        ASSERT_EQ(cache->update_item("net", r.type0, r.value0.data(), r.value0.size()), CACHE_ITEM_CHANGED);
+        ASSERT_EQ(cache->heap_usage(), 40 + cost("net", r.value0.size()));
+
+        EXPECT_EQ(cache->update_item("net", r.type1, r.value1.data(), r.value1.size()), r.result);
+        EXPECT_EQ(cache->heap_usage(), 40 + cost("net", r.value0.size()) + r.heap_delta);
+        EXPECT_EQ(cache->item_count(), 1);
+        const cache_item *item = cache->get_item("net");
+        ASSERT_TRUE(item);
+        EXPECT_EQ(item->type(), r.type1);
+        EXPECT_EQ(std::string(static_cast<const char *>(item->value()), item->size()), r.value1);
+    }
+}
+
+TEST(CacheUpdate, StructuredValueIsClonedAndAlwaysChanges)
+{
+    auto cache = cache_manager::create();
+    ASSERT_TRUE(cache);
+    auto value = from_json(R"({"sim":1,"state":"ready"})");
+    ASSERT_EQ(cache->update_item("sim", CACHE_DATA_UJSON, value.get(), 0), CACHE_ITEM_CHANGED);
+    value->add_int("extra", 1);
+    ASSERT_TRUE(cache->get_item("sim")->json());
+    EXPECT_EQ(json_text(*cache->get_item("sim")->json()), R"({"sim":1,"state":"ready"})");
+
+    auto same = from_json(R"({"sim":1,"state":"ready"})");
+    EXPECT_EQ(cache->update_item("sim", CACHE_DATA_UJSON, same.get(), 0), CACHE_ITEM_CHANGED);
+    int32_t n = 3;
+    EXPECT_EQ(cache->update_item("sim", CACHE_DATA_INT32, &n, sizeof(n)), CACHE_ITEM_CHANGED);
+    EXPECT_EQ(cache->get_item("sim")->json(), nullptr);
+    EXPECT_EQ(cache->get_item("sim")->get<int32_t>(), 3);
+    EXPECT_EQ(cache->update_item("sim", CACHE_DATA_UJSON, same.get(), 0), CACHE_ITEM_CHANGED);
+    EXPECT_EQ(cache->item_count(), 1);
+    EXPECT_EQ(cache->heap_usage(), 40 + cost("sim", 0));
+}
+
+TEST(CacheItems, LookupAndRemovalKeepTheAccounts)
+{
+    auto cache = cache_manager::create();
+    ASSERT_TRUE(cache);
+    EXPECT_EQ(cache->heap_usage(), 40);
+    int32_t rssi = -71;
+    ASSERT_EQ(cache->new_item("operator", CACHE_DATA_STRING, "first", 6), 0);
+    ASSERT_EQ(cache->new_item("operator", CACHE_DATA_STRING, "second", 7), 0);
+    ASSERT_EQ(cache->new_item("rssi_value", CACHE_DATA_INT32, &rssi, sizeof(rssi)), 0);
+    EXPECT_EQ(cache->item_count(), 3);
+    EXPECT_EQ(cache->heap_usage(), 40 + cost("operator", 6) + cost("operator", 7) + cost("rssi_value", 4));
+
+    EXPECT_STREQ(cache->get_item("operator")->text(), "first");
+    for (const char *miss : {"Operator", "operato", "operator_scan", ""})
+        EXPECT_EQ(cache->get_item(miss), nullptr) << miss;
+
+    cache->remove_item(nullptr);
+    cache->remove_item_name("absent");
+    cache->remove_item_name("operator");
+    EXPECT_STREQ(cache->get_item("operator")->text(), "second");
+    EXPECT_EQ(cache->item_count(), 2);
+    EXPECT_EQ(cache->heap_usage(), 40 + cost("operator", 7) + cost("rssi_value", 4));
+    cache->remove_item(cache->get_item("operator"));
+    cache->remove_item_name("rssi_value");
+    EXPECT_EQ(cache->item_count(), 0);
+    EXPECT_EQ(cache->heap_usage(), 40);
+}
+
+TEST(CacheStats, EveryKindInItsForm)
+{
+    auto cache = cache_manager::create();
+    ASSERT_TRUE(cache);
+    double temp = -3.5;
+    int32_t rssi = -71;
+    uint32_t cid = 0x8000000A;
+    int64_t bands = 0x100000004;
+    uint64_t count = 5;
+    uint8_t flag = 2;
+    auto sim = from_json(R"({"slot":1,"ids":["a","b"]})");
+    ASSERT_EQ(cache->new_item("firmware", CACHE_DATA_STRING, "EC25EFAR06A06M4G", 17), 0);
+    ASSERT_EQ(cache->new_item("temperature", CACHE_DATA_DOUBLE, &temp, 8), 0);
+    ASSERT_EQ(cache->new_item("rssi_value", CACHE_DATA_INT32, &rssi, 4), 0);
+    ASSERT_EQ(cache->new_item("reg_ci", CACHE_DATA_UINT32, &cid, 4), 0);
+    ASSERT_EQ(cache->new_item("lte_bands", CACHE_DATA_INT64, &bands, 8), 0);
+    ASSERT_EQ(cache->new_item("counter", CACHE_DATA_UINT64, &count, 8), 0);
+    ASSERT_EQ(cache->new_item("volte", CACHE_DATA_BOOL, &flag, 1), 0);
+    ASSERT_EQ(cache->new_item("sim_cfg", CACHE_DATA_UJSON, sim.get(), 0), 0);
+    ASSERT_EQ(cache->new_item("odd", 9, "x", 2), 0);
+
+    // 40 + 50 + 44 + 39 + 35 + 42 + 40 + 31 + 32 + 30
+    auto out = ujson::create();
+    ASSERT_TRUE(out);
+    cache->fill_stats(*out);
+    EXPECT_EQ(json_text(*out), R"({"cache":{"firmware":"EC25EFAR06A06M4G","temperature":-3.500000,)"
+                               R"("rssi_value":-71,"reg_ci":-2147483638,"lte_bands":4294967300,"counter":5,)"
+                               R"("volte":true,"sim_cfg":{"slot":1,"ids":["a","b"]}},)"
+                               R"("cache_stats":{"heap_usage":"383 B","item_count":9}})");
+}
+
+TEST(CacheStats, HeapUsageInBytesUpToOneKilobyte)
+{
+    struct row {
+        int32_t heap;
+        const char *text;
+    };
+    const row rows[] = {{40, "40 B"}, {1024, "1024 B"}, {1025, "1 KB"}, {2047, "1 KB"}, {2048, "2 KB"}};
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.text);
+        auto cache = cache_manager::create();
+        ASSERT_TRUE(cache);
+        if (r.heap > 40) {
+            std::string pad(static_cast<size_t>(r.heap - 40 - cost("x", 1)), 'a');
+            ASSERT_EQ(cache->new_item("x", CACHE_DATA_STRING, pad.c_str(), pad.size() + 1), 0);
+        }
+        ASSERT_EQ(cache->heap_usage(), r.heap);
+        auto out = ujson::create();
+        ASSERT_TRUE(out);
+        cache->fill_stats(*out);
+        EXPECT_NE(json_text(*out).find(std::string(R"("heap_usage":")") + r.text + "\""), std::string::npos);
+    }
+}
+
+} // namespace
