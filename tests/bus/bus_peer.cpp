@@ -228,6 +228,12 @@ void subscribe_cb(struct ubus_context *, struct ubus_object *obj)
 	fprintf(stderr, "peer: has_subscribers=%d\n", obj->has_subscribers);
 }
 
+void announce_ready(struct uloop_timeout *)
+{
+	printf("ready\n");
+	fflush(stdout);
+}
+
 void connected(struct ubus_context *ctx)
 {
 	test_obj.name = "test";
@@ -245,8 +251,11 @@ void connected(struct ubus_context *ctx)
 		fprintf(stderr, "peer: publishing failed\n");
 		exit(1);
 	}
-	printf("ready\n");
-	fflush(stdout);
+	// Announced from inside the loop: a SIGTERM sent after "ready" must find
+	// uloop_run() already running, or the loop would clear it on entry.
+	static struct uloop_timeout ready_timer;
+	ready_timer.cb = announce_ready;
+	uloop_timeout_set(&ready_timer, 0);
 }
 
 } // namespace

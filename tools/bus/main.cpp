@@ -266,7 +266,7 @@ int cli_wait_for(struct ubus_context *ctx, int argc, char **argv)
 	int ret = ubus_register_event_handler(ctx, &data.ev, "ubus.object.add");
 	if (ret)
 		return ret;
-	// An empty bus answers the listing with "not found": nothing there yet.
+	// A broker may answer the listing of an empty bus with "not found".
 	ret = ubus_lookup(ctx, nullptr, wait_list_cb, nullptr);
 	if (ret && ret != UBUS_STATUS_NOT_FOUND)
 		return ret;

@@ -382,6 +382,8 @@ bool uloop_cancelling(void)
 
 int uloop_run_timeout(int timeout)
 {
+	// Running without uloop_init() still gets the signal handling.
+	uloop_init();
 	run_depth++;
 	loop_status = 0;
 	uloop_cancelled = false;
@@ -392,7 +394,7 @@ int uloop_run_timeout(int timeout)
 		int next = next_timeout();
 		if (timeout >= 0 && (next < 0 || timeout < next))
 			next = timeout;
-		if (poll_fd < 0 && init_poll() < 0)
+		if (poll_fd < 0)
 			break;
 		run_events(next);
 	} while (!uloop_cancelled && timeout < 0);

@@ -151,9 +151,7 @@ void broker::receive(uint32_t id, uint8_t *msg, size_t len, int fd)
 	}
 	if (fd >= 0)
 		close(fd);
-	// The client may have been dropped meanwhile (never by the core itself,
-	// but keep the check cheap and local).
-	if (status >= 0 && clients_.count(id))
+	if (status >= 0)
 		send_status(id, m, status);
 }
 
@@ -216,7 +214,8 @@ int broker::lookup(client &cl, const ubus_wire::msg &m)
 		if (!all && !prefix)
 			break;
 	}
-	return found ? UBUS_STATUS_OK : UBUS_STATUS_NOT_FOUND;
+	// Listing everything succeeds even on an empty bus.
+	return found || all ? UBUS_STATUS_OK : UBUS_STATUS_NOT_FOUND;
 }
 
 int broker::add_object(client &cl, const ubus_wire::msg &m)

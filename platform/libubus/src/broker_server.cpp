@@ -15,6 +15,9 @@ namespace ubusd {
 namespace {
 
 constexpr size_t read_chunk = 65536;
+// Hung-up clients stay registered until their last bytes are read and the
+// end of the stream is seen; only then is the client dropped.
+constexpr unsigned int conn_flags = ULOOP_READ | ULOOP_ERROR_CB;
 // Bytes read from one client per callback, so a busy client cannot starve
 // the others; level-triggered polling brings us back.
 constexpr size_t read_budget = 4 * read_chunk;
@@ -39,7 +42,7 @@ credentials peer_credentials(int fd)
 }
 
 // Writes from msg.off on; true when the whole message went out.
-bool write_msg(int sock, server *, std::vector<uint8_t> &bytes, size_t &off, int &fd)
+bool write_msg(int sock, std::vector<uint8_t> &bytes, size_t &off, int &fd)
 {
 	while (off < bytes.size()) {
 		struct iovec iov = {bytes.data() + off, bytes.size() - off};
@@ -133,7 +136,7 @@ void server::accept_cb(struct uloop_fd *u, unsigned int)
 		conn *cp = c.get();
 		cp->id = srv->core_.connect(peer_credentials(fd));
 		srv->conns_[cp->id] = std::move(c);
-		uloop_fd_add(&cp->ufd, ULOOP_READ);
+		uloop_fd_add(&cp->ufd, conn_flags);
 		srv->core_.hello(cp->id);
 		srv->drop_doomed();
 	}
@@ -250,19 +253,19 @@ void server::send(uint32_t client, const uint8_t *msg, size_t len, int fd)
 		return;
 	}
 	if (c.ufd.registered)
-		uloop_fd_add(&c.ufd, ULOOP_READ | ULOOP_WRITE);
+		uloop_fd_add(&c.ufd, conn_flags | ULOOP_WRITE);
 }
 
 bool server::flush(conn &c)
 {
 	while (!c.tx.empty()) {
 		out_msg &m = c.tx.front();
-		if (!write_msg(c.ufd.fd, this, m.bytes, m.off, m.fd))
+		if (!write_msg(c.ufd.fd, m.bytes, m.off, m.fd))
 			return errno == EAGAIN || errno == EWOULDBLOCK;
 		c.tx_bytes -= m.bytes.size();
 		c.tx.pop_front();
 	}
-	uloop_fd_add(&c.ufd, ULOOP_READ);
+	uloop_fd_add(&c.ufd, conn_flags);
 	return true;
 }
 

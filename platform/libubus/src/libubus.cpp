@@ -135,8 +135,8 @@ bool process_buffered(struct ubus_context *ctx)
 		case ubus_wire::reader::message: {
 			std::vector<uint8_t> bytes(p, p + len);
 			dispatch(ctx, bytes, fd);
-			if (!ctx->priv || ctx->sock.eof)
-				return !ctx->sock.eof;
+			if (!ctx->priv)
+				return true;
 			break;
 		}
 		}
@@ -161,11 +161,19 @@ void handle_data(struct uloop_fd *u, unsigned int)
 		ssize_t n = read_some(ctx);
 		if (n > 0 && !process_buffered(ctx))
 			n = -2;
-		if (n == 0 || n == -2 || ctx->sock.eof) {
+		if (n == 0 || n == -2) {
 			connection_lost(ctx);
 			return;
 		}
-		if (n < 0)
+		// A short read drained the socket; the loop calls again when more
+		// arrives. After a hang-up (the loop has dropped the fd) read on
+		// to the end instead.
+		bool hung_up = ctx->sock.eof || ctx->sock.error;
+		if (n < 0 && hung_up) {
+			connection_lost(ctx);
+			return;
+		}
+		if (n < 0 || (!hung_up && (size_t)n < read_chunk))
 			return;
 	}
 }
@@ -186,7 +194,9 @@ void process_pending(struct uloop_timeout *t)
 
 void default_connection_lost(struct ubus_context *ctx)
 {
-	if (ctx->sock.registered)
+	// uloop unregisters a hung-up fd itself (and marks it with error)
+	// before the callback runs; the socket was in the loop either way.
+	if (ctx->sock.registered || ctx->sock.error)
 		uloop_end();
 }
 

@@ -90,7 +90,7 @@ void encode(std::vector<uint8_t> &out, uint8_t type, uint16_t seq, uint32_t peer
 reader::~reader()
 {
 	for (auto &f : fds_)
-		close(f.second);
+		close(f.fd);
 }
 
 uint8_t *reader::space(size_t n)
@@ -115,7 +115,7 @@ uint8_t *reader::space(size_t n)
 void reader::commit(size_t n, int fd)
 {
 	if (fd >= 0)
-		fds_.emplace_back(consumed_ + end_, fd);
+		fds_.push_back({consumed_ + end_, consumed_ + end_ + n, fd});
 	end_ += n;
 }
 
@@ -136,11 +136,16 @@ reader::result reader::next(uint8_t **p, size_t *len, int *fd)
 		return none;
 	}
 	uint64_t first = consumed_ + start_;
-	while (!fds_.empty() && fds_.front().first < first + total) {
-		if (fds_.front().first >= first && *fd < 0)
-			*fd = fds_.front().second;
+	while (!fds_.empty()) {
+		const chunk_fd &f = fds_.front();
+		if (first < f.begin)
+			break;
+		if (first < f.end && first + total < f.end)
+			break;	// a later message of that read takes it
+		if (first < f.end && *fd < 0)
+			*fd = f.fd;
 		else
-			close(fds_.front().second);
+			close(f.fd);
 		fds_.pop_front();
 	}
 	if (start_ % 4) {

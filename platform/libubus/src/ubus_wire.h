@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <utility>
 #include <vector>
 
 namespace ubus_wire {
@@ -61,8 +60,10 @@ void for_each_child(const struct blob_attr *attr, F &&fn)
 }
 
 // Receive side of a stream: bytes go in through space()/commit(), complete
-// messages (and the fds that arrived with their first byte) come out of
-// next(). Messages are handed out 4-byte aligned.
+// messages (and the fds that arrived with them) come out of next(). Messages
+// are handed out 4-byte aligned. A read returning an fd ends with the data
+// the fd was sent with, so the fd belongs to the last message starting in
+// that read.
 class reader {
 public:
 	reader() = default;
@@ -87,7 +88,11 @@ private:
 	size_t start_ = 0;
 	size_t end_ = 0;
 	uint64_t consumed_ = 0;		// stream offset of buf_[start_]
-	std::deque<std::pair<uint64_t, int>> fds_;	// stream offset, fd
+	struct chunk_fd {
+		uint64_t begin, end;	// stream offsets of the read that carried it
+		int fd;
+	};
+	std::deque<chunk_fd> fds_;
 };
 
 } // namespace ubus_wire

@@ -1,0 +1,655 @@
+#include "broker.h"
+
+#include <libubox/blobmsg.h>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <map>
+#include <random>
+
+namespace {
+
+using bytes = std::vector<uint8_t>;
+
+struct sink : ubusd::transport {
+	std::map<uint32_t, std::vector<bytes>> out;
+	void send(uint32_t client, const uint8_t *msg, size_t len, int fd) override
+	{
+		out[client].emplace_back(msg, msg + len);
+		if (fd >= 0)
+			close(fd);
+	}
+	std::vector<bytes> take(uint32_t client)
+	{
+		auto v = std::move(out[client]);
+		out[client].clear();
+		return v;
+	}
+};
+
+// A decoded copy of a sent message.
+struct seen {
+	bytes raw;
+	ubus_wire::msg m;
+	explicit seen(const bytes &b) : raw(b) { EXPECT_TRUE(ubus_wire::decode(raw.data(), raw.size(), &m)); }
+	seen(const seen &o) : raw(o.raw) { ubus_wire::decode(raw.data(), raw.size(), &m); }
+	int status() const { return m.attr[UBUS_ATTR_STATUS] ? (int)ubus_wire::get_u32(m.attr[UBUS_ATTR_STATUS]) : -1; }
+	uint32_t u32(int a) const { return m.attr[a] ? ubus_wire::get_u32(m.attr[a]) : 0; }
+	std::string str(int a) const { return m.attr[a] ? ubus_wire::get_str(m.attr[a]) : ""; }
+};
+
+std::vector<seen> decode_all(const std::vector<bytes> &v)
+{
+	std::vector<seen> r;
+	for (auto &b : v)
+		r.emplace_back(b);
+	return r;
+}
+
+class BrokerCore : public ::testing::Test {
+protected:
+	sink out;
+	ubusd::broker core{out};
+	struct blob_buf b = {};
+	uint16_t seq = 0;
+
+	~BrokerCore() override { blob_buf_free(&b); }
+
+	uint32_t connect(const char *user = "alice")
+	{
+		ubusd::credentials c;
+		c.user = user;
+		c.group = user;
+		uint32_t id = core.connect(c);
+		core.hello(id);
+		out.take(id);
+		return id;
+	}
+
+	void start() { blob_buf_init(&b, 0); }
+
+	std::vector<seen> send(uint32_t client, int type, uint32_t peer = 0, int fd = -1)
+	{
+		bytes frame;
+		ubus_wire::encode(frame, type, ++seq, peer, b.head);
+		core.receive(client, frame.data(), frame.size(), fd);
+		return decode_all(out.take(client));
+	}
+
+	// Publishes path (NULL: anonymous) with one method "m" taking "n":INT32.
+	uint32_t add(uint32_t client, const char *path, uint32_t *type = nullptr)
+	{
+		start();
+		if (path) {
+			blob_put_string(&b, UBUS_ATTR_OBJPATH, path);
+			void *sig = blob_nest_start(&b, UBUS_ATTR_SIGNATURE);
+			void *t = blobmsg_open_table(&b, "m");
+			blobmsg_add_u32(&b, "n", BLOBMSG_TYPE_INT32);
+			blobmsg_close_table(&b, t);
+			blob_nest_end(&b, sig);
+		}
+		auto r = send(client, UBUS_MSG_ADD_OBJECT);
+		EXPECT_EQ(r.back().status(), 0);
+		if (type)
+			*type = r.front().u32(UBUS_ATTR_OBJTYPE);
+		return r.front().u32(UBUS_ATTR_OBJID);
+	}
+
+	std::vector<seen> event_call(uint32_t client, const char *method, const std::function<void()> &fill)
+	{
+		start();
+		blob_put_int32(&b, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_EVENT);
+		blob_put_string(&b, UBUS_ATTR_METHOD, method);
+		void *d = blob_nest_start(&b, UBUS_ATTR_DATA);
+		fill();
+		blob_nest_end(&b, d);
+		return send(client, UBUS_MSG_INVOKE, UBUS_SYSTEM_OBJECT_EVENT);
+	}
+
+	int register_pattern(uint32_t client, uint32_t obj, const char *pattern)
+	{
+		auto r = event_call(client, "register", [&] {
+			blobmsg_add_u32(&b, "object", obj);
+			if (pattern)
+				blobmsg_add_string(&b, "pattern", pattern);
+		});
+		return r.size() == 1 ? r[0].status() : -100;
+	}
+};
+
+TEST_F(BrokerCore, HelloNamesTheNewClient)
+{
+	uint32_t id = core.connect({});
+	core.hello(id);
+	auto r = decode_all(out.take(id));
+	ASSERT_EQ(r.size(), 1u);
+	EXPECT_EQ(r[0].raw.size(), 12u);
+	EXPECT_EQ(r[0].m.type, UBUS_MSG_HELLO);
+	EXPECT_EQ(r[0].m.seq, 0);
+	EXPECT_EQ(r[0].m.peer, id);
+	EXPECT_GE(id, 1024u);
+}
+
+TEST_F(BrokerCore, AnonymousAddAnswersIdThenStatusWithTheRequestSeqAndPeer)
+{
+	uint32_t c = connect();
+	start();
+	auto r = send(c, UBUS_MSG_ADD_OBJECT, 0);
+	ASSERT_EQ(r.size(), 2u);
+	EXPECT_EQ(r[0].m.type, UBUS_MSG_DATA);
+	EXPECT_EQ(r[0].m.seq, seq);
+	EXPECT_GE(r[0].u32(UBUS_ATTR_OBJID), 1024u);
+	EXPECT_EQ(r[0].m.attr[UBUS_ATTR_OBJTYPE], nullptr);
+	EXPECT_EQ(r[1].m.type, UBUS_MSG_STATUS);
+	EXPECT_EQ(r[1].m.seq, seq);
+	EXPECT_EQ(r[1].status(), 0);
+	EXPECT_EQ(r[1].raw.size(), 8u + 12) << "STATUS carries only the status";
+}
+
+TEST_F(BrokerCore, ClientOnlyAndUnknownTypesAreInvalidCommands)
+{
+	uint32_t c = connect();
+	for (int type : {(int)UBUS_MSG_HELLO, (int)UBUS_MSG_MONITOR, 12, 200}) {
+		SCOPED_TRACE(type);
+		start();
+		auto r = send(c, type, 77);
+		ASSERT_EQ(r.size(), 1u);
+		EXPECT_EQ(r[0].status(), UBUS_STATUS_INVALID_COMMAND);
+		EXPECT_EQ(r[0].m.peer, 77u);
+	}
+}
+
+TEST_F(BrokerCore, PingIsEchoedAsDataThenOk)
+{
+	uint32_t c = connect();
+	start();
+	blob_put_string(&b, UBUS_ATTR_OBJPATH, "x");
+	auto r = send(c, UBUS_MSG_PING);
+	ASSERT_EQ(r.size(), 2u);
+	EXPECT_EQ(r[0].m.type, UBUS_MSG_DATA);
+	EXPECT_EQ(r[0].str(UBUS_ATTR_OBJPATH), "x");
+	EXPECT_EQ(r[1].status(), 0);
+}
+
+TEST_F(BrokerCore, LookupListsTypedObjectsInPathOrder)
+{
+	uint32_t c = connect();
+	start();
+	auto empty = send(c, UBUS_MSG_LOOKUP);
+	ASSERT_EQ(empty.size(), 1u);
+	EXPECT_EQ(empty[0].status(), 0) << "listing an empty bus is not an error";
+	for (const char *p : {"b", "a.x", "ab", "a"})
+		add(c, p);
+	add(c, nullptr);
+	start();
+	blob_put_string(&b, UBUS_ATTR_OBJPATH, "x");
+	blob_put_int32(&b, UBUS_ATTR_OBJTYPE, 0x12345678);	// unknown type: no type
+	ASSERT_EQ(send(c, UBUS_MSG_ADD_OBJECT).back().status(), 0);
+
+	auto paths = [&](const char *pattern, int *status) {
+		start();
+		if (pattern)
+			blob_put_string(&b, UBUS_ATTR_OBJPATH, pattern);
+		std::vector<std::string> r;
+		for (auto &s : send(c, UBUS_MSG_LOOKUP)) {
+			if (s.m.type == UBUS_MSG_DATA) {
+				r.push_back(s.str(UBUS_ATTR_OBJPATH));
+				EXPECT_NE(s.m.attr[UBUS_ATTR_SIGNATURE], nullptr);
+				EXPECT_NE(s.u32(UBUS_ATTR_OBJTYPE), 0u);
+			} else {
+				*status = s.status();
+			}
+		}
+		return r;
+	};
+	int st;
+	EXPECT_EQ(paths(nullptr, &st), (std::vector<std::string>{"a", "a.x", "ab", "b"}));
+	EXPECT_EQ(st, 0);
+	EXPECT_EQ(paths("a*", &st), (std::vector<std::string>{"a", "a.x", "ab"}));
+	EXPECT_EQ(paths("a.*", &st), (std::vector<std::string>{"a.x"}));
+	EXPECT_EQ(paths("ab", &st), (std::vector<std::string>{"ab"}));
+	EXPECT_TRUE(paths("x", &st).empty());
+	EXPECT_EQ(st, UBUS_STATUS_NOT_FOUND);
+	EXPECT_TRUE(paths("", &st).empty());
+	EXPECT_EQ(st, UBUS_STATUS_INVALID_ARGUMENT);
+}
+
+TEST_F(BrokerCore, AddObjectRejectsDuplicatePathAndUnnamedSignatureEntries)
+{
+	uint32_t c = connect();
+	add(c, "dup");
+	start();
+	blob_put_string(&b, UBUS_ATTR_OBJPATH, "dup");
+	EXPECT_EQ(send(c, UBUS_MSG_ADD_OBJECT).back().status(), UBUS_STATUS_INVALID_ARGUMENT);
+
+	start();
+	blob_put_string(&b, UBUS_ATTR_OBJPATH, "bad");
+	void *sig = blob_nest_start(&b, UBUS_ATTR_SIGNATURE);
+	void *t = blobmsg_open_table(&b, nullptr);
+	blobmsg_close_table(&b, t);
+	blob_nest_end(&b, sig);
+	auto r = send(c, UBUS_MSG_ADD_OBJECT);
+	ASSERT_EQ(r.size(), 1u);
+	EXPECT_EQ(r[0].status(), UBUS_STATUS_INVALID_ARGUMENT);
+	EXPECT_EQ(core.object_count(), 1u);
+}
+
+TEST_F(BrokerCore, TypesAreSharedAndReportedGoneWithTheirLastObject)
+{
+	uint32_t c = connect();
+	uint32_t type;
+	uint32_t first = add(c, "one", &type);
+	ASSERT_NE(type, 0u);
+	start();
+	blob_put_string(&b, UBUS_ATTR_OBJPATH, "two");
+	blob_put_int32(&b, UBUS_ATTR_OBJTYPE, type);
+	auto r = send(c, UBUS_MSG_ADD_OBJECT);
+	uint32_t second = r.front().u32(UBUS_ATTR_OBJID);
+	EXPECT_EQ(r.front().m.attr[UBUS_ATTR_OBJTYPE], nullptr) << "no type id echoed when none was created";
+	EXPECT_EQ(core.type_count(), 1u);
+
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, first);
+	r = send(c, UBUS_MSG_REMOVE_OBJECT);
+	ASSERT_EQ(r.size(), 2u);
+	EXPECT_EQ(r[0].m.attr[UBUS_ATTR_OBJTYPE], nullptr);
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, second);
+	r = send(c, UBUS_MSG_REMOVE_OBJECT);
+	ASSERT_EQ(r.size(), 2u);
+	EXPECT_EQ(r[0].u32(UBUS_ATTR_OBJTYPE), type);
+	EXPECT_EQ(core.type_count(), 0u);
+}
+
+TEST_F(BrokerCore, RemoveObjectErrors)
+{
+	uint32_t c = connect(), other = connect();
+	uint32_t obj = add(c, "mine");
+	start();
+	EXPECT_EQ(send(c, UBUS_MSG_REMOVE_OBJECT).back().status(), UBUS_STATUS_INVALID_ARGUMENT);
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, obj ^ 1);
+	EXPECT_EQ(send(c, UBUS_MSG_REMOVE_OBJECT).back().status(), UBUS_STATUS_NOT_FOUND);
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, obj);
+	EXPECT_EQ(send(other, UBUS_MSG_REMOVE_OBJECT).back().status(), UBUS_STATUS_PERMISSION_DENIED);
+}
+
+TEST_F(BrokerCore, InvokeIsForwardedAndRepliesComeBackFromTheObject)
+{
+	uint32_t owner = connect("owner"), caller = connect("caller");
+	uint32_t obj = add(owner, "svc");
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, obj);
+	blob_put_string(&b, UBUS_ATTR_METHOD, "m");
+	void *d = blob_nest_start(&b, UBUS_ATTR_DATA);
+	blobmsg_add_u32(&b, "n", 5);
+	blob_nest_end(&b, d);
+	EXPECT_TRUE(send(caller, UBUS_MSG_INVOKE, obj).empty()) << "no status from the broker";
+	uint16_t call_seq = seq;
+	auto fwd = decode_all(out.take(owner));
+	ASSERT_EQ(fwd.size(), 1u);
+	EXPECT_EQ(fwd[0].m.type, UBUS_MSG_INVOKE);
+	EXPECT_EQ(fwd[0].m.seq, call_seq);
+	EXPECT_EQ(fwd[0].m.peer, caller);
+	EXPECT_EQ(fwd[0].u32(UBUS_ATTR_OBJID), obj);
+	EXPECT_EQ(fwd[0].str(UBUS_ATTR_METHOD), "m");
+	EXPECT_EQ(fwd[0].str(UBUS_ATTR_USER), "caller");
+	EXPECT_EQ(fwd[0].str(UBUS_ATTR_GROUP), "caller");
+	ASSERT_NE(fwd[0].m.attr[UBUS_ATTR_DATA], nullptr);
+
+	// Owner answers to the caller; the broker names the object instead.
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, obj);
+	blob_put(&b, UBUS_ATTR_DATA, nullptr, 0);
+	bytes data;
+	ubus_wire::encode(data, UBUS_MSG_DATA, call_seq, caller, b.head);
+	core.receive(owner, data.data(), data.size(), -1);
+	start();
+	blob_put_int32(&b, UBUS_ATTR_STATUS, 0);
+	blob_put_int32(&b, UBUS_ATTR_OBJID, obj);
+	bytes status;
+	ubus_wire::encode(status, UBUS_MSG_STATUS, call_seq, caller, b.head);
+	core.receive(owner, status.data(), status.size(), -1);
+	EXPECT_TRUE(out.take(owner).empty());
+
+	auto back = decode_all(out.take(caller));
+	ASSERT_EQ(back.size(), 2u);
+	EXPECT_EQ(back[0].m.type, UBUS_MSG_DATA);
+	EXPECT_EQ(back[0].m.peer, obj);
+	EXPECT_EQ(back[0].m.seq, call_seq);
+	EXPECT_EQ(bytes(back[0].raw.begin() + 8, back[0].raw.end()), bytes(data.begin() + 8, data.end()))
+		<< "payload forwarded unchanged";
+	EXPECT_EQ(back[1].m.type, UBUS_MSG_STATUS);
+	EXPECT_EQ(back[1].m.peer, obj);
+
+	// Replies from a non-owner, or to a client that is gone, are dropped.
+	core.receive(caller, status.data(), status.size(), -1);
+	EXPECT_TRUE(out.take(caller).empty());
+	core.disconnect(caller);
+	core.receive(owner, status.data(), status.size(), -1);
+	EXPECT_TRUE(out.out.count(caller) == 0 || out.out[caller].empty());
+}
+
+TEST_F(BrokerCore, InvokeErrors)
+{
+	uint32_t c = connect();
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, 5000);
+	EXPECT_EQ(send(c, UBUS_MSG_INVOKE).back().status(), UBUS_STATUS_INVALID_ARGUMENT);
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, 5000);
+	blob_put_string(&b, UBUS_ATTR_METHOD, "m");
+	EXPECT_EQ(send(c, UBUS_MSG_INVOKE).back().status(), UBUS_STATUS_NOT_FOUND);
+	EXPECT_EQ(event_call(c, "nosuch", [] {}).back().status(), UBUS_STATUS_INVALID_COMMAND);
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_MONITOR);
+	blob_put_string(&b, UBUS_ATTR_METHOD, "nosuch");
+	EXPECT_EQ(send(c, UBUS_MSG_INVOKE).back().status(), UBUS_STATUS_METHOD_NOT_FOUND);
+}
+
+TEST_F(BrokerCore, EventRegistrationErrors)
+{
+	uint32_t c = connect(), other = connect();
+	uint32_t mine = add(c, nullptr), theirs = add(other, nullptr);
+	EXPECT_EQ(register_pattern(c, mine, "a.*"), 0);
+	EXPECT_EQ(register_pattern(c, mine, nullptr), UBUS_STATUS_INVALID_ARGUMENT);
+	EXPECT_EQ(register_pattern(c, 5, "a"), UBUS_STATUS_PERMISSION_DENIED);
+	EXPECT_EQ(register_pattern(c, mine ^ 0x10000, "a"), UBUS_STATUS_NOT_FOUND);
+	EXPECT_EQ(register_pattern(c, theirs, "a"), UBUS_STATUS_PERMISSION_DENIED);
+	EXPECT_EQ(register_pattern(c, mine, ""), UBUS_STATUS_PERMISSION_DENIED);
+	auto r = event_call(c, "register", [&] {
+		blobmsg_add_string(&b, "object", "1234");
+		blobmsg_add_string(&b, "pattern", "a");
+	});
+	EXPECT_EQ(r.back().status(), UBUS_STATUS_INVALID_ARGUMENT) << "object must be an INT32";
+}
+
+TEST_F(BrokerCore, EventsGoToEachMatchingObjectOnceAndNeverToTheSender)
+{
+	uint32_t sender = connect(), rx = connect();
+	uint32_t own = add(sender, nullptr);
+	uint32_t h1 = add(rx, nullptr), h2 = add(rx, nullptr);
+	ASSERT_EQ(register_pattern(sender, own, "*"), 0);
+	ASSERT_EQ(register_pattern(rx, h1, "net.*"), 0);
+	ASSERT_EQ(register_pattern(rx, h1, "net.up"), 0);
+	ASSERT_EQ(register_pattern(rx, h2, "net.upx"), 0);
+
+	auto send_event = [&](const char *name) {
+		return event_call(sender, "send", [&] {
+			blobmsg_add_string(&b, "id", name);
+			void *t = blobmsg_open_table(&b, "data");
+			blobmsg_add_string(&b, "k", "v");
+			blobmsg_close_table(&b, t);
+		});
+	};
+	auto r = send_event("net.up");
+	ASSERT_EQ(r.size(), 1u) << "nothing for the sender's own handler";
+	EXPECT_EQ(r[0].status(), 0);
+	auto got = decode_all(out.take(rx));
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].m.type, UBUS_MSG_INVOKE);
+	EXPECT_EQ(got[0].m.peer, 0u);
+	EXPECT_EQ(got[0].u32(UBUS_ATTR_OBJID), h1);
+	EXPECT_EQ(got[0].str(UBUS_ATTR_METHOD), "net.up");
+	EXPECT_EQ(got[0].m.attr[UBUS_ATTR_USER], nullptr);
+	const struct blob_attr *data = got[0].m.attr[UBUS_ATTR_DATA];
+	ASSERT_NE(data, nullptr);
+	const auto *kv = static_cast<const struct blob_attr *>(blob_data(data));
+	EXPECT_STREQ(blobmsg_name(kv), "k");
+	uint16_t first_seq = got[0].m.seq;
+
+	send_event("net.down");
+	got = decode_all(out.take(rx));
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].m.seq, (uint16_t)(first_seq + 1)) << "broker-wide delivery counter";
+
+	EXPECT_EQ(send_event("ubus.fake").back().status(), UBUS_STATUS_PERMISSION_DENIED);
+	auto bad = event_call(sender, "send", [&] { blobmsg_add_string(&b, "id", "x"); });
+	EXPECT_EQ(bad.back().status(), UBUS_STATUS_INVALID_ARGUMENT) << "data table missing";
+}
+
+TEST_F(BrokerCore, ObjectEventsReachThePublisherToo)
+{
+	uint32_t c = connect();
+	uint32_t h = add(c, nullptr);
+	ASSERT_EQ(register_pattern(c, h, "ubus.object.*"), 0);
+	start();
+	blob_put_string(&b, UBUS_ATTR_OBJPATH, "svc");
+	auto r = send(c, UBUS_MSG_ADD_OBJECT);
+	ASSERT_EQ(r.size(), 3u);
+	EXPECT_EQ(r[0].m.type, UBUS_MSG_INVOKE) << "event before the reply";
+	EXPECT_EQ(r[0].str(UBUS_ATTR_METHOD), "ubus.object.add");
+	EXPECT_EQ(r[1].m.type, UBUS_MSG_DATA);
+	EXPECT_EQ(r[2].m.type, UBUS_MSG_STATUS);
+}
+
+TEST_F(BrokerCore, SubscriptionNotifyAndTargetRemoval)
+{
+	uint32_t owner = connect(), watcher = connect();
+	uint32_t target = add(owner, "svc");
+	uint32_t sub = add(watcher, nullptr);
+
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, sub);
+	blob_put_int32(&b, UBUS_ATTR_TARGET, target);
+	ASSERT_EQ(send(watcher, UBUS_MSG_SUBSCRIBE).back().status(), 0);
+	auto active = decode_all(out.take(owner));
+	ASSERT_EQ(active.size(), 1u);
+	EXPECT_EQ(active[0].m.type, UBUS_MSG_NOTIFY);
+	EXPECT_EQ(active[0].m.seq, 1);
+	EXPECT_EQ(active[0].u32(UBUS_ATTR_OBJID), target);
+	ASSERT_NE(active[0].m.attr[UBUS_ATTR_ACTIVE], nullptr);
+	EXPECT_EQ(blob_get_int8(active[0].m.attr[UBUS_ATTR_ACTIVE]), 1);
+
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, target);
+	blob_put_string(&b, UBUS_ATTR_METHOD, "changed");
+	blob_put(&b, UBUS_ATTR_DATA, nullptr, 0);
+	auto st = send(owner, UBUS_MSG_NOTIFY, target);
+	uint16_t nseq = seq;
+	ASSERT_EQ(st.size(), 1u);
+	EXPECT_EQ(st[0].status(), 0);
+	EXPECT_EQ(st[0].m.peer, target);
+	ASSERT_NE(st[0].m.attr[UBUS_ATTR_SUBSCRIBERS], nullptr);
+	const auto *entry = static_cast<const struct blob_attr *>(blob_data(st[0].m.attr[UBUS_ATTR_SUBSCRIBERS]));
+	EXPECT_EQ(blob_id(entry), 0u);
+	EXPECT_EQ(blob_get_u32(entry), sub);
+
+	auto inv = decode_all(out.take(watcher));
+	ASSERT_EQ(inv.size(), 1u);
+	EXPECT_EQ(inv[0].m.type, UBUS_MSG_INVOKE);
+	EXPECT_EQ(inv[0].m.seq, nseq);
+	EXPECT_EQ(inv[0].m.peer, owner);
+	EXPECT_EQ(inv[0].u32(UBUS_ATTR_OBJID), sub);
+	EXPECT_EQ(inv[0].str(UBUS_ATTR_METHOD), "changed");
+
+	// The subscriber's answer reaches the notifier, named by the subscriber.
+	start();
+	blob_put_int32(&b, UBUS_ATTR_STATUS, 0);
+	blob_put_int32(&b, UBUS_ATTR_OBJID, sub);
+	bytes ans;
+	ubus_wire::encode(ans, UBUS_MSG_STATUS, nseq, owner, b.head);
+	core.receive(watcher, ans.data(), ans.size(), -1);
+	auto fwd = decode_all(out.take(owner));
+	ASSERT_EQ(fwd.size(), 1u);
+	EXPECT_EQ(fwd[0].m.peer, sub);
+
+	core.disconnect(owner);
+	auto gone = decode_all(out.take(watcher));
+	ASSERT_EQ(gone.size(), 1u);
+	EXPECT_EQ(gone[0].m.type, UBUS_MSG_UNSUBSCRIBE);
+	EXPECT_EQ(gone[0].u32(UBUS_ATTR_OBJID), sub);
+	EXPECT_EQ(gone[0].u32(UBUS_ATTR_TARGET), target);
+	EXPECT_EQ(core.object_count(), 1u);
+	EXPECT_EQ(core.type_count(), 0u);
+}
+
+TEST_F(BrokerCore, LastSubscriberLeavingDeactivatesTheTarget)
+{
+	uint32_t owner = connect(), watcher = connect();
+	uint32_t target = add(owner, "svc");
+	uint32_t sub = add(watcher, nullptr);
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, sub);
+	blob_put_int32(&b, UBUS_ATTR_TARGET, target);
+	ASSERT_EQ(send(watcher, UBUS_MSG_SUBSCRIBE).back().status(), 0);
+	out.take(owner);
+	core.disconnect(watcher);
+	auto r = decode_all(out.take(owner));
+	ASSERT_EQ(r.size(), 1u);
+	EXPECT_EQ(r[0].m.type, UBUS_MSG_NOTIFY);
+	EXPECT_EQ(r[0].m.seq, 2);
+	EXPECT_EQ(blob_get_int8(r[0].m.attr[UBUS_ATTR_ACTIVE]), 0);
+}
+
+TEST_F(BrokerCore, SubscribeErrors)
+{
+	uint32_t a = connect("a"), other = connect("b");
+	uint32_t sub = add(a, nullptr), own_target = add(a, "own");
+	uint32_t anon = add(other, nullptr);
+	uint32_t theirs_sub = add(other, nullptr);
+	auto subscribe = [&](uint32_t client, uint32_t s, uint32_t t) {
+		start();
+		blob_put_int32(&b, UBUS_ATTR_OBJID, s);
+		blob_put_int32(&b, UBUS_ATTR_TARGET, t);
+		return send(client, UBUS_MSG_SUBSCRIBE).back().status();
+	};
+	EXPECT_EQ(subscribe(a, sub, own_target), UBUS_STATUS_INVALID_ARGUMENT);
+	EXPECT_EQ(subscribe(a, sub, 2), UBUS_STATUS_NOT_FOUND);
+	EXPECT_EQ(subscribe(a, theirs_sub, own_target), UBUS_STATUS_INVALID_ARGUMENT);
+	EXPECT_EQ(subscribe(a, sub ^ 0x100000, own_target), UBUS_STATUS_NOT_FOUND);
+	EXPECT_EQ(subscribe(a, sub, anon), UBUS_STATUS_NOT_FOUND) << "anonymous target of another user";
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, sub);
+	EXPECT_EQ(send(a, UBUS_MSG_SUBSCRIBE).back().status(), UBUS_STATUS_INVALID_ARGUMENT);
+}
+
+TEST_F(BrokerCore, NotifyErrorsAndNoReply)
+{
+	uint32_t a = connect(), other = connect();
+	uint32_t obj = add(a, "svc");
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, obj);
+	EXPECT_EQ(send(a, UBUS_MSG_NOTIFY, obj).back().status(), UBUS_STATUS_INVALID_ARGUMENT);
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, obj);
+	blob_put_string(&b, UBUS_ATTR_METHOD, "x");
+	EXPECT_EQ(send(other, UBUS_MSG_NOTIFY, obj).back().status(), UBUS_STATUS_PERMISSION_DENIED);
+	start();
+	blob_put_int32(&b, UBUS_ATTR_OBJID, obj);
+	blob_put_string(&b, UBUS_ATTR_METHOD, "x");
+	blob_put_int8(&b, UBUS_ATTR_NO_REPLY, 1);
+	EXPECT_TRUE(send(a, UBUS_MSG_NOTIFY, obj).empty());
+}
+
+TEST(EventMatch, TrailingStarIsAPrefixAnythingElseIsExact)
+{
+	struct {
+		const char *pattern, *name;
+		bool match;
+	} cases[] = {
+		{"*", "anything", true},   {"*", "", true},	      {"net.*", "net.up", true},
+		{"net.*", "net.", true},   {"net*", "net", true},     {"net.*", "net", false},
+		{"net.up", "net.up", true}, {"net.up", "net.upx", false}, {"n*t", "nxt", false},
+		{"n*t", "n*t", true},      {"net.*.x", "net.a.x", false},
+	};
+	for (auto &c : cases) {
+		SCOPED_TRACE(std::string(c.pattern) + " ~ " + c.name);
+		EXPECT_EQ(ubusd::event_match(c.pattern, c.name), c.match);
+	}
+}
+
+// Random messages from several clients, built from valid and invalid
+// attributes of every kind; afterwards every client leaves and nothing may
+// remain.
+TEST(BrokerFuzz, RandomMessagesLeaveNothingBehind)
+{
+	sink out;
+	ubusd::broker core(out);
+	std::mt19937 rng(20260123);
+	std::vector<uint32_t> clients;
+	std::vector<uint32_t> ids = {0, 1, 2, 3, 1023, 0xffffffff};
+	struct blob_buf b = {};
+	for (int i = 0; i < 4; i++) {
+		ubusd::credentials c;
+		c.user = i % 2 ? "u1" : "u2";
+		clients.push_back(core.connect(c));
+		core.hello(clients.back());
+	}
+	const char *names[] = {"a", "a.b", "", "*", "a*", "ubus.x", "register", "send", "add", "remove", "query"};
+	auto pick_id = [&] { return ids[rng() % ids.size()] ^ (rng() % 8 == 0 ? 1 : 0); };
+
+	for (int iter = 0; iter < 20000; iter++) {
+		uint32_t client = clients[rng() % clients.size()];
+		blob_buf_init(&b, 0);
+		int nattr = rng() % 6;
+		for (int a = 0; a < nattr; a++) {
+			int attr = rng() % 16;
+			switch (rng() % 5) {
+			case 0:
+				blob_put_int32(&b, attr, pick_id());
+				break;
+			case 1:
+				blob_put_string(&b, attr, names[rng() % 11]);
+				break;
+			case 2: {
+				void *n = blob_nest_start(&b, attr);
+				if (rng() % 2) {
+					blobmsg_add_u32(&b, "object", pick_id());
+					blobmsg_add_string(&b, rng() % 2 ? "pattern" : "id", names[rng() % 11]);
+					void *t = blobmsg_open_table(&b, rng() % 2 ? "data" : nullptr);
+					blobmsg_add_u8(&b, "x", 1);
+					blobmsg_close_table(&b, t);
+				} else {
+					blob_put_int32(&b, 0, pick_id());
+				}
+				blob_nest_end(&b, n);
+				break;
+			}
+			case 3:
+				blob_put_u8(&b, attr, rng() % 2);
+				break;
+			default: {
+				uint8_t junk[9];
+				for (auto &j : junk)
+					j = rng();
+				blob_put(&b, attr, junk, rng() % 10);
+				break;
+			}
+			}
+		}
+		bytes frame;
+		ubus_wire::encode(frame, rng() % 14, rng(), pick_id(), b.head);
+		// Occasionally corrupt a byte of the attributes (lengths included).
+		if (rng() % 4 == 0 && frame.size() > 12)
+			frame[12 + rng() % (frame.size() - 12)] = rng();
+		core.receive(client, frame.data(), frame.size(), -1);
+		for (auto &[id, msgs] : out.out) {
+			for (auto &m : msgs) {
+				ubus_wire::msg d;
+				ASSERT_TRUE(ubus_wire::decode(m.data(), m.size(), &d)) << "broker sent a bad frame";
+				if (rng() % 3 == 0)
+					ids.push_back(d.attr[UBUS_ATTR_OBJID] ? ubus_wire::get_u32(d.attr[UBUS_ATTR_OBJID]) : 0);
+			}
+			msgs.clear();
+		}
+		if (ids.size() > 64)
+			ids.erase(ids.begin() + 6, ids.begin() + 30);
+		if (iter % 5000 == 4999) {
+			core.disconnect(clients.front());
+			clients.erase(clients.begin());
+			clients.push_back(core.connect({}));
+		}
+	}
+	for (uint32_t c : clients)
+		core.disconnect(c);
+	EXPECT_EQ(core.client_count(), 0u);
+	EXPECT_EQ(core.object_count(), 0u);
+	EXPECT_EQ(core.type_count(), 0u);
+	blob_buf_free(&b);
+}
+
+} // namespace
