@@ -3,6 +3,7 @@
 #include "ubus/modem_api.h"
 #include "util/cache_manager.h"
 #include "util/log.h"
+#include "util/services_test_support.h"
 #include "util/ujson.h"
 
 #include <libubox/blobmsg_json.h>
@@ -20,36 +21,7 @@
 namespace
 {
 
-std::string json_text(const ujson &j)
-{
-    char *s = blobmsg_format_json(j.get_blobmsg(), true);
-    std::string out = s ? s : "(null)";
-    std::free(s);
-    return out;
-}
-
-std::unique_ptr<ujson> from_json(const char *text)
-{
-    auto j = ujson::create();
-    EXPECT_TRUE(j && blobmsg_add_json_from_string(j->buffer(), text)) << text;
-    return j;
-}
-
-// Runs the event loop for ms milliseconds.
-void run_loop(int ms = 20)
-{
-    uloop_timeout stop{};
-    stop.cb = [](uloop_timeout *) { uloop_end(); };
-    uloop_timeout_set(&stop, ms);
-    uloop_run();
-    uloop_timeout_cancel(&stop);
-}
-
-// Log output with each "[function:line] " prefix reduced to "function ".
-std::string log_lines(const std::string &out)
-{
-    return std::regex_replace(out, std::regex(R"(\[([^:\]]+):[0-9]+\] )"), "$1 ");
-}
+using namespace services_test;
 
 struct queued_request {
     uint32_t action;

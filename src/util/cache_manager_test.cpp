@@ -1,5 +1,6 @@
 #include "util/cache_manager.h"
 
+#include "util/services_test_support.h"
 #include "util/ujson.h"
 
 #include <libubox/blobmsg_json.h>
@@ -14,20 +15,7 @@
 namespace
 {
 
-std::string json_text(const ujson &j)
-{
-    char *s = blobmsg_format_json(j.get_blobmsg(), true);
-    std::string out = s ? s : "(null)";
-    std::free(s);
-    return out;
-}
-
-std::unique_ptr<ujson> from_json(const char *text)
-{
-    auto j = ujson::create();
-    EXPECT_TRUE(j && blobmsg_add_json_from_string(j->buffer(), text)) << text;
-    return j;
-}
+using namespace services_test;
 
 template <typename T> std::string bytes(T v)
 {

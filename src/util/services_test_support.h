@@ -1,0 +1,48 @@
+// Helpers shared by the cache, event and async manager tests.
+#pragma once
+
+#include <cstdlib>
+#include <memory>
+#include <regex>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <libubox/blobmsg_json.h>
+#include <libubox/uloop.h>
+
+#include "util/ujson.h"
+
+namespace services_test {
+
+inline std::string json_text(const ujson &j)
+{
+    char *s = blobmsg_format_json(j.get_blobmsg(), true);
+    std::string out = s ? s : "(null)";
+    std::free(s);
+    return out;
+}
+
+inline std::unique_ptr<ujson> from_json(const char *text)
+{
+    auto j = ujson::create();
+    EXPECT_TRUE(j && blobmsg_add_json_from_string(j->buffer(), text)) << text;
+    return j;
+}
+
+// Runs the event loop for ms milliseconds.
+inline void run_loop(int ms = 20)
+{
+    uloop_timeout stop{};
+    stop.cb = [](uloop_timeout *) { uloop_end(); };
+    uloop_timeout_set(&stop, ms);
+    uloop_run();
+    uloop_timeout_cancel(&stop);
+}
+
+// Log output with each "[function:line] " prefix reduced to "function ".
+inline std::string log_lines(const std::string &out)
+{
+    return std::regex_replace(out, std::regex(R"(\[([^:\]]+):[0-9]+\] )"), "$1 ");
+}
+
+} // namespace services_test
