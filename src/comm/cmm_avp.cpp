@@ -1,0 +1,219 @@
+// The local AT socket "/dev/modem<N>": clients type AT commands and get the
+// answers and the modem's URCs, as on the tty itself.
+#include "comm/comm_manager.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <libubox/usock.h>
+
+#include "comm/cmm_internal.h"
+#include "comm/cmm_modem.h"
+#include "comm/request.h"
+#include "ubus/modem_api.h"
+#include "util/log.h"
+#include "util/root_path.h"
+
+using namespace cmm_detail;
+
+namespace
+{
+
+constexpr uint32_t avp_timeout = 300;
+
+bool starts_with_nocase(const char *text, size_t len, std::string_view prefix)
+{
+    if (len < prefix.size())
+        return false;
+    for (size_t i = 0; i < prefix.size(); i++) {
+        char a = text[i];
+        if (a >= 'a' && a <= 'z')
+            a = static_cast<char>(a - 'a' + 'A');
+        if (a != prefix[i])
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+int comm_manager::avp_init()
+{
+    if (!modem_)
+        return 1;
+    // Already serving: a second live start of the modem keeps its clients.
+    if (aux_fd_.ufd.fd >= 0)
+        return 0;
+    const char *object = modem_->object_name();
+    char name[32];
+    snprintf(name, sizeof(name), "/dev/modem%s", std::strlen(object) > 9 ? object + 9 : "");
+    std::string path = wwan_path(name);
+    LOG_DEBUG("[AVP] Auxiliary virtual port: %s for `%s [%s]` modem\n", path.c_str(), modem_->id(), modem_->vid_pid());
+
+    unlink(path.c_str());
+    // Socket mode 0660; the process's own mask is restored at once.
+    mode_t old_mask = umask(0117);
+    aux_fd_.ufd.fd = usock(USOCK_UNIX | USOCK_SERVER | USOCK_NONBLOCK, path.c_str(), nullptr);
+    umask(old_mask);
+    if (aux_fd_.ufd.fd < 0) {
+        LOG_ERROR("[AVP] Failed to open modem aux at `%s` path!\n", path.c_str());
+        aux_fd_.ufd.fd = -1;
+        return 1;
+    }
+    uloop_fd_add(&aux_fd_.ufd, ULOOP_READ | ULOOP_EDGE_TRIGGER);
+    return 0;
+}
+
+void comm_manager::avp_sock_handle(uloop_fd *u, unsigned int)
+{
+    guarded([u] { owned_fd<comm_manager>::of(u)->avp_accept(); });
+}
+
+// Edge-triggered: take every client that is waiting.
+void comm_manager::avp_accept()
+{
+    for (;;) {
+        int fd = accept4(aux_fd_.ufd.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno != EAGAIN && errno != EWOULDBLOCK)
+                LOG_ERROR("[AVP] Failed to accept (errno = %d) new AVP client for `%s [%s]` modem!\n", errno,
+                          modem_->id(), modem_->vid_pid());
+            return;
+        }
+        std::unique_ptr<avp_client> client(new (std::nothrow) avp_client());
+        if (!client) {
+            LOG_ERROR("[AVP] Failed to allocate memory for `%s [%s]` modem AVP client!\n", modem_->id(),
+                      modem_->vid_pid());
+            close(fd);
+            continue;
+        }
+        client->cmm = this;
+        client->watch.owner = client.get();
+        client->watch.ufd.fd = fd;
+        client->watch.ufd.cb = aux_cb;
+        uloop_fd_add(&client->watch.ufd, ULOOP_READ | ULOOP_EDGE_TRIGGER);
+        aux_clients_.push_back(std::move(client));
+        LOG_DEBUG("[AVP] New AVP client (fd = %d) in `%s [%s]` modem\n", fd, modem_->id(), modem_->vid_pid());
+    }
+}
+
+void comm_manager::aux_cb(uloop_fd *u, unsigned int)
+{
+    avp_client *client = owned_fd<avp_client>::of(u);
+    // Edge-triggered: a hang-up that came with the last bytes is not reported again.
+    guarded([client, u] {
+        if (client->cmm->aux_receive(client) && u->eof)
+            client->cmm->close_aux(client);
+    });
+}
+
+bool comm_manager::aux_receive(avp_client *client)
+{
+    LOG_DEBUG("[AVP] New request (Auxiliary) for `%s [%s]` modem\n", modem_->id(), modem_->vid_pid());
+    char buf[read_size + 1];
+    ssize_t r = recv(client->watch.ufd.fd, buf, read_size, 0);
+    if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return true;
+    if (r <= 0) {
+        close_aux(client);
+        return false;
+    }
+    size_t len = static_cast<size_t>(r);
+    if (buf[len - 1] == '\n')
+        len--;
+    if (!len)
+        return true;
+    if (client->partial.empty() && !starts_with_nocase(buf, len, "AT"))
+        return true;
+    if (len >= 2 && buf[len - 2] == '\\' && buf[len - 1] == 'r') {
+        buf[len - 2] = '\r';
+        len--;
+    }
+    if (buf[len - 1] != '\r') {
+        if (len >= read_size - 1)
+            return true;
+        buf[len++] = '\r';
+    }
+
+    if (!client->partial.empty()) {
+        // The PDU: the command line goes first, the PDU after the prompt.
+        std::string cmd = client->partial;
+        size_t pdu_len = len - 1;
+        cmd.append(buf, pdu_len);
+        if (!pdu_len || buf[pdu_len - 1] != ctrl_z)
+            cmd += ctrl_z;
+        cmd += '\r';
+        uint32_t first = static_cast<uint32_t>(client->partial.size());
+        client->partial.clear();
+        queue_avp_request(client, cmd.data(), cmd.size(), first);
+        return true;
+    }
+    if (starts_with_nocase(buf, len, "AT+CMGS=")) {
+        LOG_DEBUG("[AVP] Partial message detected for `%s [%s]` modem\n", modem_->id(), modem_->vid_pid());
+        client->partial.assign(buf, len);
+        return true;
+    }
+    queue_avp_request(client, buf, len, 0);
+    return true;
+}
+
+void comm_manager::queue_avp_request(avp_client *client, const char *text, size_t len, uint32_t ext_len)
+{
+    uint32_t action = starts_with_nocase(text, len, "ATI") ? ACT_GET_ID_INFO : ACT_AT_COMMAND;
+    request *req = create_request(action, nullptr, nullptr, text, static_cast<uint32_t>(len), avp_timeout, nullptr);
+    if (!req) {
+        LOG_ERROR("[AVP] Failed to allocate memory for `%s [%s]` modem request!\n", modem_->id(), modem_->vid_pid());
+        return;
+    }
+    if (ext_len)
+        req->ext_len = ext_len;
+    req->token_offset = 0;
+    req->avp = client;
+    list_add_tail(&req->list, modem_->request_list());
+    ping();
+}
+
+bool comm_manager::avp_send(avp_client *client, const char *bytes, size_t n)
+{
+    ssize_t s = send(client->watch.ufd.fd, bytes, n, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (s > 0)
+        return true;
+    close_aux(client);
+    return false;
+}
+
+void comm_manager::avp_broadcast(const char *bytes, size_t n)
+{
+    for (size_t i = 0; i < aux_clients_.size();) {
+        if (avp_send(aux_clients_[i].get(), bytes, n))
+            i++;
+    }
+}
+
+void comm_manager::close_aux(avp_client *client)
+{
+    uloop_fd_delete(&client->watch.ufd);
+    close_fd(client->watch.ufd.fd);
+    // Requests it sent are still answered, to nobody.
+    if (modem_) {
+        request *req;
+        list_for_each_entry(req, modem_->request_list(), list)
+        {
+            if (req->avp == client)
+                req->avp = nullptr;
+        }
+    }
+    for (auto it = aux_clients_.begin(); it != aux_clients_.end(); ++it) {
+        if (it->get() == client) {
+            aux_clients_.erase(it);
+            break;
+        }
+    }
+}

@@ -1,0 +1,340 @@
+#include "comm/cmm_test_support.h"
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include <libubox/blobmsg_json.h>
+#include <libubox/uloop.h>
+#include <libubus.h>
+
+#include "ubus/modem_api.h"
+#include "util/ujson.h"
+
+namespace cmm_test
+{
+
+namespace
+{
+
+int64_t now_ms()
+{
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+int remove_entry(const char *path, const struct stat *, int, struct FTW *)
+{
+    return ::remove(path);
+}
+
+// One line from fd within timeout_ms.
+bool read_line(int fd, std::string *line, int timeout_ms)
+{
+    int64_t until = now_ms() + timeout_ms;
+    line->clear();
+    for (;;) {
+        int left = static_cast<int>(until - now_ms());
+        if (left <= 0)
+            return false;
+        struct pollfd p = {fd, POLLIN, 0};
+        if (::poll(&p, 1, left) <= 0)
+            continue;
+        char c;
+        ssize_t r = ::read(fd, &c, 1);
+        if (r <= 0)
+            return false;
+        if (c == '\n')
+            return true;
+        *line += c;
+    }
+}
+
+int connect_unix(const std::string &path)
+{
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
+    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) < 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+} // namespace
+
+// --- temporary root -----------------------------------------------------------
+
+temp_root::temp_root()
+{
+    char tmpl[] = "/tmp/cmm-test-XXXXXX";
+    if (!mkdtemp(tmpl))
+        return;
+    path_ = tmpl;
+    mkdir((path_ + "/dev").c_str(), 0755);
+    mkdir((path_ + "/tmp").c_str(), 0755);
+    setenv("WWANCTL_ROOT", path_.c_str(), 1);
+}
+
+temp_root::~temp_root()
+{
+    unsetenv("WWANCTL_ROOT");
+    if (!path_.empty())
+        nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+// --- simulator ----------------------------------------------------------------
+
+std::string sim_executable()
+{
+    if (const char *exe = getenv("WWAN_MODEM_SIM"))
+        return access(exe, X_OK) == 0 ? exe : "";
+#ifdef MODEM_SIM_EXE
+    if (access(MODEM_SIM_EXE, X_OK) == 0)
+        return MODEM_SIM_EXE;
+#endif
+    return {};
+}
+
+modem_sim::modem_sim(const std::string &dir, const options &opt)
+{
+    std::string exe = sim_executable();
+    if (exe.empty())
+        return;
+    control_path_ = dir + "/sim.sock";
+    transcript_path_ = dir + "/sim.log";
+    std::vector<std::string> args = {exe, "-s", opt.scenario, "-c", control_path_, "-t", transcript_path_};
+    if (!opt.boot)
+        args.push_back("-n");
+    if (!opt.link.empty()) {
+        args.push_back("-l");
+        args.push_back(opt.link);
+    }
+    std::vector<char *> argv;
+    for (auto &a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+
+    int out[2];
+    if (pipe2(out, O_CLOEXEC) < 0)
+        return;
+    pid_ = fork();
+    if (pid_ == 0) {
+        // The simulator must not outlive a test that crashed.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        dup2(out[1], STDOUT_FILENO);
+        execv(exe.c_str(), argv.data());
+        _exit(127);
+    }
+    close(out[1]);
+    std::string line;
+    if (pid_ > 0 && read_line(out[0], &line, 5000))
+        pty_ = line;
+    close(out[0]);
+    // The control socket is bound before the path is printed.
+}
+
+modem_sim::~modem_sim()
+{
+    if (pid_ <= 0)
+        return;
+    kill(pid_, SIGTERM);
+    int status;
+    for (int i = 0; i < 500; i++) {
+        if (waitpid(pid_, &status, WNOHANG) == pid_)
+            return;
+        usleep(10000);
+    }
+    kill(pid_, SIGKILL);
+    waitpid(pid_, &status, 0);
+}
+
+std::string modem_sim::control(const std::string &command)
+{
+    int fd = connect_unix(control_path_);
+    if (fd < 0)
+        return "ERROR no control socket";
+    std::string msg = command + "\n";
+    if (::write(fd, msg.data(), msg.size()) != static_cast<ssize_t>(msg.size())) {
+        close(fd);
+        return "ERROR write";
+    }
+    std::string reply, line;
+    while (read_line(fd, &line, 5000)) {
+        reply += line + "\n";
+        if (line == "OK" || line.rfind("ERROR", 0) == 0)
+            break;
+    }
+    close(fd);
+    return reply;
+}
+
+std::string modem_sim::transcript() const
+{
+    std::ifstream f(transcript_path_);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+// --- modem double -------------------------------------------------------------
+
+test_modem::test_modem(std::string tty, const modem_driver *driver, uint32_t baud)
+    : tty_(std::move(tty)), baud_(baud), driver_(driver), parser_(parser::create())
+{
+    mdm_.set_identity("1-1.2", "2C7C:0125");
+    INIT_LIST_HEAD(&queue_);
+}
+
+test_modem::~test_modem()
+{
+    // The channel goes first: it may still point at queued requests.
+    cmm.reset();
+    while (!list_empty(&queue_))
+        clean_request(list_first_entry(&queue_, request, list), 1);
+}
+
+request *test_modem::queue(std::string_view command, uint32_t action, uint32_t timeout)
+{
+    request *req =
+        create_request(action, reply_cb, this, command.data(), static_cast<uint32_t>(command.size()), timeout, nullptr);
+    if (!req)
+        return nullptr;
+    req->number = ++numbers_;
+    list_add_tail(&req->list, &queue_);
+    if (cmm)
+        cmm->ping();
+    return req;
+}
+
+request *test_modem::get_request()
+{
+    return list_empty(&queue_) ? nullptr : list_first_entry(&queue_, request, list);
+}
+
+void test_modem::finish_request(request *req, int failed)
+{
+    finished.push_back(
+        {std::string(req->command, strnlen(req->command, req->length)), req->action, failed, req->number});
+    clean_request(req, 1);
+}
+
+void test_modem::release_pending_request()
+{
+    released++;
+    awaited.clear();
+}
+
+void test_modem::new_event(uint32_t event, const void *data)
+{
+    event_record rec;
+    rec.event = event;
+    if (event == 15) {
+        auto *json = static_cast<const ujson *>(data);
+        const char *r = json->get_string("response");
+        rec.response = r ? r : "";
+        rec.value = json->get_int("state_id");
+    } else {
+        rec.value = *static_cast<const int32_t *>(data);
+    }
+    events.push_back(rec);
+}
+
+void test_modem::notify_error(ubus_request_data *req, int status, ujson &reply)
+{
+    bus_errors.push_back(status);
+    if (!bus_ctx)
+        return;
+    reply.add_int("errno", status);
+    reply.add_string("error", act_status_str(static_cast<uint32_t>(status)));
+    ubus_send_reply(bus_ctx, req, reply.get_blobmsg());
+}
+
+size_t test_modem::queued() const
+{
+    size_t n = 0;
+    const list_head *p;
+    for (p = queue_.next; p != &queue_; p = p->next)
+        n++;
+    return n;
+}
+
+void test_modem::reply_cb(modem *, uint32_t action, ujson *reply, void *ctx)
+{
+    auto *self = static_cast<test_modem *>(ctx);
+    reply_record rec;
+    rec.action = action;
+    if (reply->exists("request"))
+        rec.request = reply->get_string("request");
+    if (reply->exists("response"))
+        rec.response = reply->get_string("response");
+    rec.has_errno = reply->exists("errno");
+    if (rec.has_errno)
+        rec.err = reply->get_int("errno");
+    if (char *json = blobmsg_format_json(reply->get_blobmsg(), true)) {
+        rec.json = json;
+        std::free(json);
+    }
+    self->replies.push_back(rec);
+}
+
+bool run_until(int timeout_ms, const std::function<bool()> &pred)
+{
+    int64_t until = now_ms() + timeout_ms;
+    while (!pred()) {
+        if (now_ms() >= until)
+            return false;
+        uloop_run_timeout(5);
+    }
+    return true;
+}
+
+// --- local AT socket client ---------------------------------------------------
+
+avp_peer::avp_peer(const std::string &path)
+{
+    fd_ = connect_unix(path);
+    if (fd_ >= 0)
+        fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) | O_NONBLOCK);
+}
+
+avp_peer::~avp_peer()
+{
+    if (fd_ >= 0)
+        close(fd_);
+}
+
+bool avp_peer::send(std::string_view text)
+{
+    return ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+}
+
+void avp_peer::poll()
+{
+    char buf[4096];
+    for (;;) {
+        ssize_t r = ::recv(fd_, buf, sizeof(buf), 0);
+        if (r <= 0)
+            return;
+        in_.append(buf, static_cast<size_t>(r));
+    }
+}
+
+} // namespace cmm_test

@@ -1,0 +1,177 @@
+// What the command channel's tests and benchmark run it against: the
+// simulated modem as a child process on a real pseudo-terminal, a modem
+// double that owns a real request queue and parser, and a temporary root.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "comm/cmm_modem.h"
+#include "comm/comm_manager.h"
+#include "comm/parser_manager.h"
+#include "comm/request.h"
+#include "core/modem.h"
+
+namespace cmm_test
+{
+
+// A fresh directory used as WWANCTL_ROOT, with dev/ and tmp/ in it; removed
+// with everything in it on destruction.
+class temp_root
+{
+  public:
+    temp_root();
+    ~temp_root();
+    temp_root(const temp_root &) = delete;
+    temp_root &operator=(const temp_root &) = delete;
+
+    const std::string &path() const { return path_; }
+
+  private:
+    std::string path_;
+};
+
+// wwan-modem-sim as a child process; stopped and reaped on destruction.
+class modem_sim
+{
+  public:
+    struct options {
+        std::string scenario = "ec25"; // a name or a file
+        bool boot = false;             // run the boot sequence first
+        std::string link;              // symlink to the terminal
+    };
+
+    modem_sim(const std::string &dir, const options &opt);
+    ~modem_sim();
+    modem_sim(const modem_sim &) = delete;
+    modem_sim &operator=(const modem_sim &) = delete;
+
+    // The terminal's path, empty when the simulator did not start.
+    const std::string &pty() const { return pty_; }
+    // Runs an operator command; its reply, the last line "OK" or "ERROR ...".
+    std::string control(const std::string &command);
+    // Everything sent and received so far, as the simulator logged it.
+    std::string transcript() const;
+
+  private:
+    pid_t pid_ = -1;
+    std::string pty_;
+    std::string control_path_;
+    std::string transcript_path_;
+};
+
+// The simulator executable: $WWAN_MODEM_SIM, else the one of this build;
+// empty when there is none.
+std::string sim_executable();
+
+// What a completion callback received.
+struct reply_record {
+    uint32_t action = 0;
+    std::string request;
+    std::string response;
+    int32_t err = 0;
+    bool has_errno = false;
+    std::string json;
+};
+
+struct finished_record {
+    std::string command;
+    uint32_t action = 0;
+    int failed = 0;
+    uint64_t number = 0;
+};
+
+struct event_record {
+    uint32_t event = 0;
+    int32_t value = 0;    // event 29
+    std::string response; // event 15
+};
+
+// The modem the channel serves in tests: a real queue, a real parser.
+class test_modem : public cmm_modem
+{
+  public:
+    test_modem(std::string tty, const modem_driver *driver, uint32_t baud = 115200);
+    ~test_modem() override;
+
+    // Queues an internal request whose answer lands in replies, and pings.
+    request *queue(std::string_view command, uint32_t action = 0, uint32_t timeout = 10);
+
+    // cmm_modem
+    const char *id() const override { return mdm_.id(); }
+    const char *vid_pid() const override { return mdm_.vid_pid(); }
+    const char *tty_path() const override { return tty_.c_str(); }
+    uint32_t baud_rate() const override { return baud_; }
+    const char *object_name() const override { return "gsm.modem0"; }
+    modem *driver_modem() override { return &mdm_; }
+    const modem_driver *driver() const override { return driver_; }
+    parser &response_parser() override { return *parser_; }
+    ubus_context *bus() override { return bus_ctx; }
+    list_head *request_list() override { return &queue_; }
+    request *get_request() override;
+    void finish_request(request *req, int failed) override;
+    void release_pending_request() override;
+    void tty_ready() override { ready++; }
+    void trigger_hang() override { hangs++; }
+    void input_received() override { inputs++; }
+    void new_event(uint32_t event, const void *data) override;
+    const char *last_active_urc() const override { return awaited.empty() ? nullptr : awaited.c_str(); }
+    void set_last_response(const char *data, size_t len) override { last_response.assign(data, len); }
+    void notify_error(ubus_request_data *req, int status, ujson &reply) override;
+
+    size_t queued() const;
+
+    std::unique_ptr<comm_manager> cmm;
+    ubus_context *bus_ctx = nullptr; // errors are sent on it when set
+    std::vector<reply_record> replies;
+    std::vector<finished_record> finished;
+    std::vector<event_record> events;
+    std::vector<int> bus_errors;
+    std::string last_response;
+    std::string awaited;
+    int ready = 0;
+    int hangs = 0;
+    int inputs = 0;
+    int released = 0;
+
+  private:
+    static void reply_cb(modem *mdm, uint32_t action, ujson *reply, void *ctx);
+
+    modem mdm_;
+    std::string tty_;
+    uint32_t baud_;
+    const modem_driver *driver_;
+    std::unique_ptr<parser> parser_;
+    list_head queue_;
+    uint64_t numbers_ = 0;
+};
+
+// Runs the event loop until pred holds or timeout_ms passed; pred's result.
+bool run_until(int timeout_ms, const std::function<bool()> &pred);
+
+// A client of the local AT socket.
+class avp_peer
+{
+  public:
+    explicit avp_peer(const std::string &path);
+    ~avp_peer();
+    avp_peer(const avp_peer &) = delete;
+    avp_peer &operator=(const avp_peer &) = delete;
+
+    bool connected() const { return fd_ >= 0; }
+    bool send(std::string_view text);
+    // Appends whatever can be read now to received().
+    void poll();
+    const std::string &received() const { return in_; }
+
+  private:
+    int fd_ = -1;
+    std::string in_;
+};
+
+} // namespace cmm_test

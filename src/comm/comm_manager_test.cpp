@@ -1,0 +1,740 @@
+// The command channel against the simulated modem over a real pseudo-terminal.
+#include "comm/comm_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include <libubox/blobmsg_json.h>
+#include <libubox/uloop.h>
+
+#include "comm/cmm_test_support.h"
+#include "core/modem_driver.h"
+#include "util/log.h"
+#include "util/ujson.h"
+
+using namespace cmm_test;
+
+namespace
+{
+
+// Handshake and dispatcher shrunk so a whole set-up takes well under a second.
+cmm_timing fast_timing()
+{
+    cmm_timing t;
+    t.settle_ms = 20;
+    t.escape_guard_ms = 20;
+    t.round_ms = 20;
+    t.dispatch_ms = 20;
+    return t;
+}
+
+// What the modem received, from the simulator's transcript: the quoted text
+// of its "in" lines, escapes kept ("\\r", "\\x00").
+std::string modem_input(const std::string &transcript)
+{
+    std::string in;
+    size_t pos = 0;
+    while ((pos = transcript.find(" in  \"", pos)) != std::string::npos) {
+        size_t start = pos + 6;
+        size_t end = transcript.find('\n', start);
+        in += transcript.substr(start, end - start - 1);
+        pos = end;
+    }
+    return in;
+}
+
+size_t count(const std::string &text, const std::string &what)
+{
+    size_t n = 0;
+    for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1))
+        n++;
+    return n;
+}
+
+// The modem the driver functions below report to.
+test_modem *g_modem = nullptr;
+std::vector<std::string> g_urcs; // "<handler>:<text>"
+
+int urc_creg(modem *, ujson *)
+{
+    g_urcs.push_back("creg:" + g_modem->last_response);
+    return 0;
+}
+
+int urc_cusd(modem *, ujson *)
+{
+    g_urcs.push_back("cusd:" + g_modem->last_response);
+    return 0;
+}
+
+int urc_failing(modem *, ujson *)
+{
+    return 6;
+}
+
+// Parse phase of "AT+GSN": the IMEI is the first line of the answer.
+int get_imei(modem *, int type, ujson *json, request *)
+{
+    if (!type)
+        return 0;
+    const std::string &r = g_modem->last_response;
+    if (r.size() < 17 || r.compare(r.size() - 6, 6, "\r\nOK\r\n") != 0)
+        return 5;
+    json->add_string("imei", r.substr(2, 15).c_str());
+    return 0;
+}
+
+// An action that reads nothing and reports nothing.
+int silent_ok(modem *, int, ujson *, request *)
+{
+    return 0;
+}
+
+int always_invalid(modem *, int, ujson *, request *)
+{
+    return 5;
+}
+
+modem_driver g_driver = {"Test AT", "test", nullptr, nullptr};
+
+class CommManager : public ::testing::Test
+{
+  protected:
+    static void SetUpTestSuite()
+    {
+        modem_driver_urc_override(&g_driver, "+CREG", urc_creg);
+        modem_driver_urc_override(&g_driver, "+CUSD", urc_cusd);
+        modem_driver_urc_override(&g_driver, "+QIND", urc_failing);
+        modem_driver_override(&g_driver, ACT_GET_IMEI, get_imei);
+        modem_driver_override(&g_driver, ACT_GET_FUNC, silent_ok);
+        modem_driver_override(&g_driver, ACT_GET_IMSI, always_invalid);
+    }
+
+    static void TearDownTestSuite()
+    {
+        while (urc_entry *e = g_driver.urcs) {
+            g_driver.urcs = e->next;
+            delete e;
+        }
+        g_driver.urc_count = 0;
+    }
+
+    void SetUp() override
+    {
+        if (sim_executable().empty())
+            GTEST_SKIP() << "wwan-modem-sim is not built";
+        ASSERT_EQ(uloop_init(), 0);
+        g_urcs.clear();
+        // CMM_TEST_DEBUG=1 shows the channel's debug log of every exchange.
+        if (const char *d = getenv("CMM_TEST_DEBUG"))
+            log_level(static_cast<uint32_t>(atoi(d)));
+    }
+
+    void TearDown() override
+    {
+        g_modem = nullptr;
+        mdm.reset();
+        sim.reset();
+        uloop_done();
+    }
+
+    // Starts the simulator (scenario text is written to a file first when
+    // given) without starting the channel.
+    void start_sim(const std::string &scenario_text = {}, bool boot = false)
+    {
+        modem_sim::options opt;
+        opt.boot = boot;
+        opt.link = root.path() + "/dev/ttyUSB2";
+        if (!scenario_text.empty()) {
+            opt.scenario = root.path() + "/test.scn";
+            std::ofstream(opt.scenario) << scenario_text;
+        }
+        sim = std::make_unique<modem_sim>(root.path(), opt);
+        ASSERT_FALSE(sim->pty().empty());
+        mdm = std::make_unique<test_modem>("/dev/ttyUSB2", &g_driver);
+        g_modem = mdm.get();
+    }
+
+    // Starts the simulator and the channel and waits for the set-up.
+    void open_channel(const std::string &scenario_text = {}, cmm_timing timing = fast_timing())
+    {
+        ASSERT_NO_FATAL_FAILURE(start_sim(scenario_text));
+        mdm->cmm = comm_manager::create(timing);
+        ASSERT_TRUE(mdm->cmm);
+        ASSERT_EQ(mdm->cmm->init(mdm.get(), 1), 0);
+        ASSERT_TRUE(run_until(5000, [&] { return mdm->ready == 1; }));
+    }
+
+    // Runs until n requests have been finished.
+    bool wait_finished(size_t n, int timeout_ms = 5000)
+    {
+        return run_until(timeout_ms, [&] { return mdm->finished.size() >= n; });
+    }
+
+    // Lets the loop run for a while, for checks that nothing happens.
+    void idle(int ms)
+    {
+        run_until(ms, [] { return false; });
+    }
+
+    temp_root root;
+    std::unique_ptr<modem_sim> sim;
+    std::unique_ptr<test_modem> mdm;
+};
+
+// A scenario of the EC25 answers this test needs, plus test-only rules.
+std::string scenario(const std::string &extra_rules)
+{
+    return "model Test modem\n"
+           "set echo 1\nset verbose 1\nset cmee 1\nset imei 866758041234564\nset csq 22\nset mr 41\n"
+           "set cmgf 0\n" +
+           extra_rules +
+           "on ATE0\n  set echo 0\n  ok\n"
+           "on ATE1\n  set echo 1\n  ok\n"
+           "on ATV0\n  set verbose 0\n  ok\n"
+           "on ATV1\n  set verbose 1\n  ok\n"
+           "on AT\n  ok\n"
+           "on ATI\n  line Quectel\n  line EC25\n  line Revision: EC25EFAR06A06M4G\n  ok\n"
+           "on AT+GSN\n  line {imei}\n  ok\n"
+           "on AT+CSQ\n  line +CSQ: {csq},99\n  ok\n"
+           "on AT+CREG?\n  line +CREG: 0,1\n  ok\n"
+           "on AT+CMGS=[0-9]*\n  prompt ok\n  delay 30\n  line +CMGS: {mr}\n  add mr 1 256\n  ok\n";
+}
+
+} // namespace
+
+TEST(BaudToSpeed, KnownRatesMapToTheirConstantsOthersHangUp)
+{
+    EXPECT_EQ(baud_to_speed(115200), static_cast<speed_t>(B115200));
+    EXPECT_EQ(baud_to_speed(9600), static_cast<speed_t>(B9600));
+    EXPECT_EQ(baud_to_speed(4000000), static_cast<speed_t>(B4000000));
+    EXPECT_EQ(baud_to_speed(12345), static_cast<speed_t>(B0));
+    EXPECT_EQ(baud_to_speed(0), static_cast<speed_t>(B0));
+}
+
+// --- set-up handshake -----------------------------------------------------------
+
+TEST_F(CommManager, SetupTurnsEchoOffAndOpensTheChannel)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel());
+    EXPECT_FALSE(mdm->cmm->fota());
+    EXPECT_FALSE(mdm->cmm->setup_running());
+    EXPECT_EQ(sim->control("get echo"), "0\nOK\n");
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(1));
+    ASSERT_EQ(mdm->replies.size(), 1u);
+    EXPECT_EQ(mdm->replies[0].response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+}
+
+TEST_F(CommManager, SetupSwitchesANumericModemToVerbose)
+{
+    ASSERT_NO_FATAL_FAILURE(start_sim(scenario("")));
+    sim->control("set verbose 0");
+    mdm->cmm = comm_manager::create(fast_timing());
+    ASSERT_EQ(mdm->cmm->init(mdm.get(), 1), 0);
+    ASSERT_TRUE(run_until(5000, [&] { return mdm->ready == 1; }));
+    EXPECT_EQ(sim->control("get verbose"), "1\nOK\n");
+    mdm->queue("AT");
+    ASSERT_TRUE(wait_finished(1));
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\nOK\r\n");
+}
+
+TEST_F(CommManager, SetupAsksAgainAfterTheModemRebooted)
+{
+    // The modem is still booting: the first "ATE0V1" is lost, "RDY" arrives.
+    ASSERT_NO_FATAL_FAILURE(start_sim({}, true));
+    mdm->cmm = comm_manager::create(fast_timing());
+    ASSERT_EQ(mdm->cmm->init(mdm.get(), 1), 0);
+    ASSERT_TRUE(run_until(8000, [&] { return mdm->ready == 1; }));
+    EXPECT_EQ(sim->control("get echo"), "0\nOK\n");
+    EXPECT_GE(count(modem_input(sim->transcript()), "ATE0V1"), 2u);
+    EXPECT_NE(sim->transcript().find("RDY"), std::string::npos);
+    EXPECT_FALSE(mdm->cmm->fota());
+}
+
+TEST_F(CommManager, SetupAsksAgainAtOnceWhenTheModemRejectsIt)
+{
+    // Not ready yet: the first "ATE0V1" gets "+CME ERROR: 4". With the
+    // periodic repeat off, only the immediate retry can get "OK".
+    ASSERT_NO_FATAL_FAILURE(
+        open_channel(scenario("set first 1\non ATE0\n  when first = 1\n  set first 0\n  cme 4\n"), [] {
+            cmm_timing t = fast_timing();
+            t.repeat_every = 0;
+            return t;
+        }()));
+    EXPECT_EQ(sim->control("get echo"), "0\nOK\n");
+}
+
+TEST_F(CommManager, SetupNotesAFirmwareUpdate)
+{
+    ASSERT_NO_FATAL_FAILURE(start_sim());
+    sim->control("fota");
+    mdm->cmm = comm_manager::create(fast_timing());
+    ASSERT_EQ(mdm->cmm->init(mdm.get(), 1), 0);
+    ASSERT_TRUE(run_until(8000, [&] { return mdm->ready == 1; }));
+    EXPECT_TRUE(mdm->cmm->fota());
+}
+
+TEST_F(CommManager, SetupOfASilentModemOpensTheChannelAfterNinetyEmptyReads)
+{
+    ASSERT_NO_FATAL_FAILURE(start_sim());
+    sim->control("hang");
+    mdm->cmm = comm_manager::create(fast_timing());
+    ASSERT_EQ(mdm->cmm->init(mdm.get(), 1), 0);
+    ASSERT_TRUE(run_until(8000, [&] { return mdm->ready == 1; }));
+    // The first try, then one every ten empty reads up to the 80th.
+    EXPECT_EQ(count(modem_input(sim->transcript()), "ATE0V1"), 9u);
+    EXPECT_FALSE(mdm->cmm->setup_running());
+}
+
+TEST_F(CommManager, ReInitRunsTheSetUpAgainOnTheOpenPort)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel());
+    sim->control("echo on");
+    ASSERT_EQ(mdm->cmm->re_init(), 0);
+    EXPECT_TRUE(mdm->cmm->setup_running());
+    ASSERT_TRUE(run_until(5000, [&] { return mdm->ready == 2; }));
+    EXPECT_EQ(sim->control("get echo"), "0\nOK\n");
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(1));
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+}
+
+TEST_F(CommManager, InitFailsForAMissingPort)
+{
+    mdm = std::make_unique<test_modem>("/dev/ttyUSB9", &g_driver);
+    mdm->cmm = comm_manager::create();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(mdm->cmm->init(mdm.get(), 0), 1);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(mdm->cmm->tty_fd(), -1);
+    // Reported as the operation behind init, under the root.
+    EXPECT_EQ(out.rfind("[__init:", 0), 0u) << out;
+    EXPECT_NE(out.find("] error: [CMM] Failed to open modem at `" + root.path() + "/dev/ttyUSB9` path!\n"),
+              std::string::npos)
+        << out;
+}
+
+// --- queue and dispatch ---------------------------------------------------------
+
+TEST_F(CommManager, QueuedRequestsAreAnsweredOneAtATimeInOrder)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    mdm->queue("AT+CSQ");
+    mdm->queue("AT+CREG?");
+    mdm->queue("ATI");
+    ASSERT_TRUE(wait_finished(3));
+    ASSERT_EQ(mdm->replies.size(), 3u);
+    EXPECT_EQ(mdm->replies[0].response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+    EXPECT_EQ(mdm->replies[1].response, "\r\n+CREG: 0,1\r\n\r\nOK\r\n");
+    EXPECT_EQ(mdm->replies[2].response, "\r\nQuectel\r\nEC25\r\nRevision: EC25EFAR06A06M4G\r\n\r\nOK\r\n");
+    for (const auto &f : mdm->finished)
+        EXPECT_EQ(f.failed, 0);
+    EXPECT_FALSE(mdm->cmm->busy());
+
+    // The modem saw each command only after the previous answer.
+    std::string t = sim->transcript();
+    size_t creg_in = t.find("in  \"AT+CREG?");
+    size_t csq_out = t.find("+CSQ: 22,99");
+    ASSERT_NE(creg_in, std::string::npos);
+    EXPECT_LT(csq_out, creg_in);
+}
+
+TEST_F(CommManager, EchoingModemGetsEchoOffAndTheCommandAgain)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    sim->control("echo on");
+    request *req = mdm->queue("AT+CSQ");
+    uint64_t number = req->number;
+    ASSERT_TRUE(wait_finished(1));
+    idle(100);
+    EXPECT_EQ(sim->control("get echo"), "0\nOK\n");
+    std::string input = modem_input(sim->transcript());
+    EXPECT_EQ(count(input, "ATE0\\r"), 1u) << input;
+    EXPECT_EQ(count(input, "AT+CSQ\\r"), 2u) << input;
+    // Answered once, with its own answer and not the one to "ATE0".
+    ASSERT_EQ(mdm->finished.size(), 1u);
+    EXPECT_EQ(mdm->finished[0].number, number);
+    EXPECT_EQ(mdm->finished[0].failed, 0);
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(2));
+    EXPECT_EQ(mdm->replies.back().response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+}
+
+TEST_F(CommManager, SmsCommandLineGoesFirstAndThePduAfterThePrompt)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    const std::string pdu = "0011000B916407281553F80000AA0AE8329BFD4697D9EC37";
+    mdm->queue("AT+CMGS=23\r" + pdu + "\x1a", ACT_SEND_SMS);
+    ASSERT_TRUE(wait_finished(1));
+    EXPECT_EQ(mdm->finished[0].failed, 0);
+    ASSERT_EQ(mdm->replies.size(), 1u);
+    EXPECT_NE(mdm->replies[0].response.find("\r\n+CMGS: 41\r\n\r\nOK\r\n"), std::string::npos);
+    EXPECT_EQ(sim->control("get text"), pdu + "\nOK\n");
+    ASSERT_EQ(mdm->events.size(), 1u);
+    EXPECT_EQ(mdm->events[0].event, 29u);
+    EXPECT_EQ(mdm->events[0].value, 2);
+}
+
+TEST_F(CommManager, TwoCommandLinesAreWrittenOneAfterTheOther)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    mdm->queue("AT+CSQ\rAT+CREG?\r");
+    ASSERT_TRUE(wait_finished(1));
+    const std::string &r = mdm->replies.at(0).response;
+    EXPECT_NE(r.find("+CREG: 0,1"), std::string::npos) << r;
+    std::string t = sim->transcript();
+    EXPECT_LT(t.find("+CSQ: 22,99"), t.find("in  \"AT+CREG?"));
+}
+
+TEST_F(CommManager, ThirtyOneFailedWritesDeclareTheModemHung)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    // The port stops taking bytes.
+    int ro = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(ro, 0);
+    ASSERT_GE(dup2(ro, mdm->cmm->tty_fd()), 0);
+    close(ro);
+
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(run_until(5000, [&] { return mdm->hangs == 1; }));
+    // Not lost: still queued, not finished, tried again by the dispatcher.
+    EXPECT_EQ(mdm->queued(), 1u);
+    EXPECT_TRUE(mdm->finished.empty());
+    EXPECT_FALSE(mdm->cmm->busy());
+}
+
+TEST_F(CommManager, WriteFailureCountRestartsAfterTheHangCall)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    int ro = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(dup2(ro, mdm->cmm->tty_fd()), 0);
+    close(ro);
+    for (int i = 0; i < 30; i++)
+        mdm->cmm->write("AT\r", 3);
+    EXPECT_EQ(mdm->hangs, 0);
+    mdm->cmm->write("AT\r", 3);
+    EXPECT_EQ(mdm->hangs, 1);
+    for (int i = 0; i < 30; i++)
+        mdm->cmm->write("AT\r", 3);
+    EXPECT_EQ(mdm->hangs, 1);
+    mdm->cmm->write("AT\r", 3);
+    EXPECT_EQ(mdm->hangs, 2);
+}
+
+TEST_F(CommManager, PausedChannelHoldsRequestsUntilResumed)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    mdm->cmm->set_paused(true);
+    mdm->queue("AT+CSQ");
+    idle(150);
+    EXPECT_TRUE(mdm->finished.empty());
+    EXPECT_EQ(count(modem_input(sim->transcript()), "AT+CSQ"), 0u);
+    mdm->cmm->set_paused(false);
+    ASSERT_TRUE(wait_finished(1));
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+}
+
+// --- URCs -----------------------------------------------------------------------
+
+TEST_F(CommManager, UrcReachesItsDriverHandler)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    sim->control("urc +CREG: 5");
+    ASSERT_TRUE(run_until(3000, [&] { return !g_urcs.empty(); }));
+    EXPECT_EQ(g_urcs[0], "creg:\r\n+CREG: 5\r\n");
+}
+
+TEST_F(CommManager, UrcInFrontOfAnAnswerIsSplitOffIt)
+{
+    ASSERT_NO_FATAL_FAILURE(
+        open_channel(scenario("on AT+CSQ\n  urc +CREG: 2\n  line +CSQ: 22,99\n  split 12 40\n  ok\n")));
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(1));
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+    ASSERT_EQ(g_urcs.size(), 1u);
+    EXPECT_EQ(g_urcs[0], "creg:\r\n+CREG: 2\r\n");
+}
+
+TEST_F(CommManager, ErrorLineGoesToTheAwaitedUrcHandler)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("on AT+CSQ\n  urc +CME ERROR: 30\n  line +CSQ: 22,99\n  ok\n")));
+    mdm->awaited = "+CUSD: ";
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(1));
+    ASSERT_EQ(g_urcs.size(), 1u);
+    EXPECT_EQ(g_urcs[0], "cusd:\r\n+CME ERROR: 30\r\n");
+}
+
+TEST_F(CommManager, NetworkRefusingAnAwaitedUssdAnswerRaisesItsEvent)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    mdm->awaited = "+CUSD: ";
+    sim->control("raw \\r\\n+CME ERROR: unknown network message\\r\\n");
+    ASSERT_TRUE(run_until(3000, [&] { return !mdm->events.empty(); }));
+    EXPECT_EQ(mdm->events[0].event, 15u);
+    EXPECT_EQ(mdm->events[0].response, "Unknown network message");
+    EXPECT_EQ(mdm->released, 1);
+    // Nothing of it is left to spoil the next answer.
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(1));
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+}
+
+TEST_F(CommManager, FailingUrcHandlerDoesNotStopTheChannel)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    sim->control("urc +QIND: SMS DONE");
+    sim->control("urc +CREG: 1");
+    ASSERT_TRUE(run_until(3000, [&] { return !g_urcs.empty(); }));
+    EXPECT_EQ(g_urcs[0], "creg:\r\n+CREG: 1\r\n");
+}
+
+// --- completion -----------------------------------------------------------------
+
+TEST_F(CommManager, DriverParsesTheAnswerIntoTheReply)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    mdm->queue("AT+GSN", ACT_GET_IMEI);
+    ASSERT_TRUE(wait_finished(1));
+    const reply_record &r = mdm->replies.at(0);
+    EXPECT_EQ(r.json, "{\"imei\":\"866758041234564\"}");
+    EXPECT_FALSE(r.has_errno);
+}
+
+TEST_F(CommManager, DriverErrorIsReportedWithTheExchange)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    mdm->queue("AT+CSQ", ACT_GET_IMSI);
+    ASSERT_TRUE(wait_finished(1));
+    const reply_record &r = mdm->replies.at(0);
+    EXPECT_TRUE(r.has_errno);
+    EXPECT_EQ(r.err, 5);
+    EXPECT_EQ(r.request, "AT+CSQ\r");
+    EXPECT_EQ(r.response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+    EXPECT_NE(r.json.find("\"error\":\"Invalid response\""), std::string::npos) << r.json;
+    EXPECT_EQ(mdm->finished.at(0).failed, 0);
+}
+
+TEST_F(CommManager, EmptyReplyCarriesTheStatus)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    mdm->queue("AT+CSQ", ACT_GET_FUNC);
+    ASSERT_TRUE(wait_finished(1));
+    EXPECT_EQ(mdm->replies.at(0).json, "{\"status_id\":0,\"status\":\"OK\"}");
+}
+
+TEST_F(CommManager, BusRequestWithAnErrorUsesTheErrorCompletion)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    request *req = mdm->queue("AT+CSQ", ACT_GET_IMSI);
+    req->callback = nullptr;
+    req->has_req_data = true;
+    ASSERT_TRUE(wait_finished(1));
+    ASSERT_EQ(mdm->bus_errors.size(), 1u);
+    EXPECT_EQ(mdm->bus_errors[0], 5);
+}
+
+TEST_F(CommManager, TrafficLogRecordsBothDirections)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(1));
+    ASSERT_EQ(mdm->cmm->dump_log_buffer(), 0);
+    std::string log;
+    std::string cmd = "cat " + root.path() + "/tmp/gsm_1-1.2_*.log";
+    if (FILE *f = popen(cmd.c_str(), "r")) {
+        char buf[4096];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof(buf), f)) > 0)
+            log.append(buf, n);
+        pclose(f);
+    }
+    EXPECT_NE(log.find(" Sent: AT+CSQ\\r"), std::string::npos) << log;
+    EXPECT_NE(log.find(" Received: \\r\\n+CSQ: 22,99\\r\\n\\r\\nOK\\r\\n"), std::string::npos) << log;
+}
+
+// --- bad input ------------------------------------------------------------------
+
+TEST_F(CommManager, GarbageBetweenCommandsDoesNotSpoilTheNextAnswer)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    sim->control("raw \\x00\\x01\\xffgarbage\\x00\\r\\n\\r\\nOK\\r\\nmore\\x00");
+    ASSERT_TRUE(run_until(3000, [&] { return mdm->inputs >= 1; }));
+    idle(50);
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(1));
+    EXPECT_NE(mdm->replies.at(0).response.find("\r\n+CSQ: 22,99\r\n\r\nOK\r\n"), std::string::npos)
+        << mdm->replies.at(0).response;
+    EXPECT_EQ(mdm->finished.size(), 1u);
+}
+
+TEST_F(CommManager, SecondAnswerInTheSameChunkIsNotTakenForTheNextCommand)
+{
+    // A stale copy of an answer right behind the real one.
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("set dup 1\n"
+                                                  "on AT+CSQ\n  when dup = 1\n  set dup 0\n  line +CSQ: 22,99\n  ok\n"
+                                                  "  raw \"\\r\\n+CSQ: 11,99\\r\\n\\r\\nOK\\r\\n\"\n")));
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(1));
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(2));
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+    EXPECT_EQ(mdm->replies.at(1).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+}
+
+TEST_F(CommManager, NulBytesInsideAnAnswerReadAsQuestionMarks)
+{
+    ASSERT_NO_FATAL_FAILURE(
+        open_channel(scenario("on AT+CSQ\n  raw \"\\r\\n+CSQ: 2\\x002,99\\r\\n\\r\\nOK\\r\\n\"\n")));
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(1));
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n+CSQ: 2?2,99\r\n\r\nOK\r\n");
+}
+
+TEST_F(CommManager, SeventyKilobytesWithoutAResultAreDroppedAndTheChannelGoesOn)
+{
+    std::string rule = "on AT+FLOOD\n";
+    for (int i = 0; i < 70; i++)
+        rule += "  line +FLOOD: " + std::string(1000, 'a' + i % 26) + "\n";
+    rule += "  delay 50\n  ok\n";
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario(rule)));
+    mdm->queue("AT+FLOOD");
+    ASSERT_TRUE(wait_finished(1));
+    EXPECT_EQ(mdm->finished.size(), 1u);
+    EXPECT_LT(mdm->replies.at(0).response.size(), 70000u);
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(2));
+    EXPECT_EQ(mdm->replies.at(1).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+    EXPECT_EQ(mdm->finished.size(), 2u);
+}
+
+TEST_F(CommManager, UnansweredRequestStaysInFlightUntilExpired)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    sim->control("hang");
+    request *req = mdm->queue("AT+CSQ");
+    idle(300);
+    EXPECT_TRUE(mdm->finished.empty());
+    EXPECT_EQ(mdm->queued(), 1u);
+    EXPECT_TRUE(mdm->cmm->busy());
+    EXPECT_EQ(count(modem_input(sim->transcript()), "AT+CSQ"), 1u);
+
+    // What the modem manager's watcher does when the time-out passes.
+    clean_request(req, 1);
+    mdm->cmm->clear_busy();
+    sim->control("unhang");
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(1));
+    idle(100);
+    ASSERT_EQ(mdm->finished.size(), 1u);
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+}
+
+// --- local AT socket ------------------------------------------------------------
+
+class CommManagerAvp : public CommManager
+{
+  protected:
+    void open_avp(const std::string &scenario_text)
+    {
+        ASSERT_NO_FATAL_FAILURE(open_channel(scenario_text));
+        ASSERT_EQ(mdm->cmm->avp_init(), 0);
+        peer = std::make_unique<avp_peer>(root.path() + "/dev/modem0");
+        ASSERT_TRUE(peer->connected());
+    }
+
+    bool wait_received(const std::string &what, int timeout_ms = 3000)
+    {
+        return run_until(timeout_ms, [&] {
+            peer->poll();
+            return peer->received().find(what) != std::string::npos;
+        });
+    }
+
+    void TearDown() override
+    {
+        peer.reset();
+        CommManager::TearDown();
+    }
+
+    std::unique_ptr<avp_peer> peer;
+};
+
+TEST_F(CommManagerAvp, LowerCaseAtiIsAnsweredAsIdentification)
+{
+    ASSERT_NO_FATAL_FAILURE(open_avp(scenario("")));
+    ASSERT_TRUE(peer->send("ati\n"));
+    ASSERT_TRUE(wait_received("OK\r\n"));
+    EXPECT_EQ(peer->received(), "\r\nQuectel\r\nEC25\r\nRevision: EC25EFAR06A06M4G\r\n\r\nOK\r\n");
+    ASSERT_EQ(mdm->finished.size(), 1u);
+    EXPECT_EQ(mdm->finished[0].action, static_cast<uint32_t>(ACT_GET_ID_INFO));
+    EXPECT_EQ(mdm->finished[0].command, "ati\r");
+}
+
+TEST_F(CommManagerAvp, TextNotStartingWithAtIsIgnored)
+{
+    ASSERT_NO_FATAL_FAILURE(open_avp(scenario("")));
+    ASSERT_TRUE(peer->send("hello\n"));
+    idle(100);
+    EXPECT_EQ(mdm->queued(), 0u);
+    ASSERT_TRUE(peer->send("AT+CSQ\\r"));
+    ASSERT_TRUE(wait_received("OK\r\n"));
+    EXPECT_EQ(peer->received(), "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+    EXPECT_EQ(mdm->finished.at(0).action, static_cast<uint32_t>(ACT_AT_COMMAND));
+}
+
+TEST_F(CommManagerAvp, SmsCommandWaitsForItsPdu)
+{
+    ASSERT_NO_FATAL_FAILURE(open_avp(scenario("")));
+    const std::string pdu = "0011000B916407281553F80000AA0AE8329BFD4697D9EC37";
+    ASSERT_TRUE(peer->send("AT+CMGS=23\n"));
+    idle(100);
+    EXPECT_EQ(mdm->queued(), 0u);
+    ASSERT_TRUE(peer->send(pdu + "\n"));
+    ASSERT_TRUE(wait_received("OK\r\n"));
+    EXPECT_NE(peer->received().find("\r\n+CMGS: 41\r\n"), std::string::npos) << peer->received();
+    EXPECT_EQ(sim->control("get text"), pdu + "\nOK\n");
+    ASSERT_EQ(mdm->finished.size(), 1u);
+    EXPECT_EQ(mdm->finished[0].command, "AT+CMGS=23\r" + pdu + "\x1a\r");
+}
+
+TEST_F(CommManagerAvp, UrcsAreForwardedToClients)
+{
+    ASSERT_NO_FATAL_FAILURE(open_avp(scenario("")));
+    avp_peer second(root.path() + "/dev/modem0");
+    idle(50);
+    sim->control("urc +CREG: 5");
+    sim->control("urc +QWHATEVER: 1");
+    ASSERT_TRUE(wait_received("+QWHATEVER: 1\r\n"));
+    EXPECT_EQ(peer->received(), "\r\n+CREG: 5\r\n\r\n+QWHATEVER: 1\r\n");
+    second.poll();
+    EXPECT_EQ(second.received(), peer->received());
+}
+
+TEST_F(CommManagerAvp, ClientLeavingBeforeItsAnswerDoesNotBreakTheChannel)
+{
+    ASSERT_NO_FATAL_FAILURE(open_avp(scenario("on AT+SLOW\n  delay 100\n  ok\n")));
+    ASSERT_TRUE(peer->send("AT+SLOW\n"));
+    ASSERT_TRUE(run_until(3000, [&] { return mdm->queued() == 1; }));
+    peer.reset();
+    ASSERT_TRUE(wait_finished(1));
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(2));
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+    // The client that left is gone from the channel's books.
+    auto stats = ujson::create();
+    mdm->cmm->fill_stats(*stats);
+    char *json = blobmsg_format_json(stats->get_blobmsg(), true);
+    ASSERT_NE(json, nullptr);
+    EXPECT_NE(std::string(json).find("\"aux_fd_num\":0"), std::string::npos) << json;
+    free(json);
+}
