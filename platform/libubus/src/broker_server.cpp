@@ -181,20 +181,7 @@ void server::read_conn(conn &c)
 			continue;
 		if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
 			break;
-		int fd = -1;
-		for (struct cmsghdr *cm = CMSG_FIRSTHDR(&mh); cm; cm = CMSG_NXTHDR(&mh, cm)) {
-			if (cm->cmsg_level != SOL_SOCKET || cm->cmsg_type != SCM_RIGHTS)
-				continue;
-			int nfds = (cm->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-			for (int i = 0; i < nfds; i++) {
-				int f;
-				memcpy(&f, CMSG_DATA(cm) + i * sizeof(int), sizeof(int));
-				if (fd < 0)
-					fd = f;
-				else
-					close(f);
-			}
-		}
+		int fd = ubus_wire::take_passed_fd(&mh);
 		if (n <= 0) {
 			if (fd >= 0)
 				close(fd);

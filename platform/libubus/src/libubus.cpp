@@ -61,20 +61,7 @@ ssize_t read_some(struct ubus_context *ctx)
 	if (n < 0)
 		return (errno == EAGAIN || errno == EWOULDBLOCK) ? -1 : -2;
 
-	int fd = -1;
-	for (struct cmsghdr *c = CMSG_FIRSTHDR(&mh); c; c = CMSG_NXTHDR(&mh, c)) {
-		if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS)
-			continue;
-		int nfds = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-		for (int i = 0; i < nfds; i++) {
-			int f;
-			memcpy(&f, CMSG_DATA(c) + i * sizeof(int), sizeof(int));
-			if (fd < 0)
-				fd = f;
-			else
-				close(f);
-		}
-	}
+	int fd = ubus_wire::take_passed_fd(&mh);
 	if (n == 0) {
 		if (fd >= 0)
 			close(fd);

@@ -158,4 +158,23 @@ reader::result reader::next(uint8_t **p, size_t *len, int *fd)
 	return message;
 }
 
+int take_passed_fd(struct msghdr *mh)
+{
+	int fd = -1;
+	for (struct cmsghdr *cm = CMSG_FIRSTHDR(mh); cm; cm = CMSG_NXTHDR(mh, cm)) {
+		if (cm->cmsg_level != SOL_SOCKET || cm->cmsg_type != SCM_RIGHTS)
+			continue;
+		int nfds = (cm->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+		for (int i = 0; i < nfds; i++) {
+			int f;
+			memcpy(&f, CMSG_DATA(cm) + i * sizeof(int), sizeof(int));
+			if (fd < 0)
+				fd = f;
+			else
+				close(f);
+		}
+	}
+	return fd;
+}
+
 } // namespace ubus_wire

@@ -3,6 +3,8 @@
 // encoding a message for sending.
 #pragma once
 
+#include <sys/socket.h>
+
 #include "ubusmsg.h"
 
 #include <cstddef>
@@ -94,5 +96,9 @@ private:
 	};
 	std::deque<chunk_fd> fds_;
 };
+
+// The first descriptor passed with a received message (SCM_RIGHTS), or -1;
+// any further ones are closed.
+int take_passed_fd(struct msghdr *mh);
 
 } // namespace ubus_wire
