@@ -38,8 +38,12 @@ fd_event cur_fds[max_events];
 int cur_fd;
 int cur_nfds;
 fd_stack *stack_top;
-int run_depth;
+volatile sig_atomic_t run_depth;
 volatile sig_atomic_t loop_status;
+// A SIGINT/SIGTERM that arrived while no loop was running (say, between
+// uloop_init() and uloop_run()): the next run ends at once with it instead of
+// losing it and running on.
+volatile sig_atomic_t pending_signal;
 bool signals_set;
 struct sigaction old_int, old_term, old_pipe;
 
@@ -66,6 +70,8 @@ void signal_cb(int signo)
 	int saved = errno;
 	loop_status = signo;
 	uloop_cancelled = true;
+	if (run_depth == 0)
+		pending_signal = signo;
 	if (waker_pipe[1] >= 0) {
 		ssize_t r = write(waker_pipe[1], "w", 1);
 		(void)r;
@@ -246,6 +252,7 @@ int uloop_init(void)
 
 void uloop_done(void)
 {
+	pending_signal = 0;
 	if (signals_set) {
 		restore_signal(SIGINT, signal_cb, &old_int);
 		restore_signal(SIGTERM, signal_cb, &old_term);
@@ -384,9 +391,10 @@ int uloop_run_timeout(int timeout)
 {
 	// Running without uloop_init() still gets the signal handling.
 	uloop_init();
-	run_depth++;
-	loop_status = 0;
-	uloop_cancelled = false;
+	run_depth = run_depth + 1;
+	loop_status = pending_signal;
+	uloop_cancelled = pending_signal != 0;
+	pending_signal = 0;
 	do {
 		process_timeouts();
 		if (uloop_cancelled)
@@ -398,6 +406,6 @@ int uloop_run_timeout(int timeout)
 			break;
 		run_events(next);
 	} while (!uloop_cancelled && timeout < 0);
-	run_depth--;
+	run_depth = run_depth - 1;
 	return loop_status;
 }

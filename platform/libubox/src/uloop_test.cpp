@@ -226,6 +226,22 @@ TEST_F(UloopTest, SigtermEndsTheLoopWithTheSignalNumber)
 	EXPECT_TRUE(uloop_cancelled);
 }
 
+TEST_F(UloopTest, SigtermBeforeTheLoopRunsIsNotLost)
+{
+	// A service manager may stop the program right after it set up, before
+	// its loop runs: the run must end at once rather than forget the signal.
+	raise(SIGTERM);
+	struct uloop_timeout t = {};
+	t.cb = end_cb;
+	uloop_timeout_set(&t, 2000);
+	EXPECT_EQ(uloop_run(), SIGTERM);
+	EXPECT_TRUE(t.pending) << "the run must end before the timeout";
+	uloop_timeout_cancel(&t);
+	// Consumed: the next run is an ordinary one.
+	uloop_timeout_set(&t, 5);
+	EXPECT_EQ(uloop_run(), 0);
+}
+
 TEST(UloopInit, LeavesProgramChosenSignalHandlersAlone)
 {
 	struct sigaction ign = {}, cur = {};
