@@ -1,10 +1,19 @@
 // Modem instance: one per attached modem. It is named in every log line as
 // "`id [vid_pid]`": its USB device id and its USB vendor:product text.
+//
+// `modem` is what driver functions and URC handlers receive: the modem's
+// identity, its row of the information table, its value cache and the answer
+// being parsed. It is a plain record so the channel's and the bus layer's
+// tests can hold one by value; the running instance (modem_instance.h)
+// derives from it, owns the services and fills these fields.
 #pragma once
 
 #include <algorithm>
 #include <cstring>
 #include <string_view>
+
+class cache_manager;
+struct modem_info;
 
 class modem
 {
@@ -19,6 +28,28 @@ class modem
         copy_text(vid_pid_, sizeof(vid_pid_), vid_pid);
     }
 
+    // The modem's row of the information table; null until identified.
+    const modem_info *info() const { return info_; }
+    void set_info(const modem_info *info) { info_ = info; }
+
+    // The modem's value cache, or null for a record without services.
+    cache_manager *cache() const { return cache_; }
+    void set_cache(cache_manager *cache) { cache_ = cache; }
+
+    // The answer a driver function parses or a URC handler reads. It points
+    // into the parser and stays valid until the parser is flushed or fed.
+    const char *response() const { return response_; }
+    size_t response_len() const { return response_len_; }
+    void set_response(const char *data, size_t len)
+    {
+        response_ = data;
+        response_len_ = len;
+    }
+
+    modem() = default;
+    modem(const modem &) = delete;
+    modem &operator=(const modem &) = delete;
+
   private:
     static void copy_text(char *dst, size_t size, std::string_view src)
     {
@@ -29,4 +60,8 @@ class modem
 
     char id_[16] = {};
     char vid_pid_[10] = {};
+    const modem_info *info_ = nullptr;
+    cache_manager *cache_ = nullptr;
+    const char *response_ = nullptr;
+    size_t response_len_ = 0;
 };

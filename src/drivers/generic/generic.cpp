@@ -1,11 +1,12 @@
 #include "drivers/generic/generic.h"
 
-// The generic actions and URC handlers are installed here as their modules
-// (system, PIN, SMS, calls) land; a driver with no actions yet still answers
-// raw AT commands.
-int generic_driver_probe(modem_driver *)
+#include "drivers/generic/generic_sys.h"
+
+// Each module installs its actions and URC handlers; the PIN, SMS and call
+// modules join as they land.
+int generic_driver_probe(modem_driver *driver)
 {
-    return 0;
+    return generic_sys_probe(driver);
 }
 
 MODEM_DRIVER(generic_driver, MODEM_DRIVER_PRIO_GENERIC, "Generic AT", "generic", nullptr, generic_driver_probe)
