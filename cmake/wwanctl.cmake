@@ -7,6 +7,7 @@ function(wwan_test name)
   cmake_parse_arguments(T "" "" "LIBS" ${ARGN})
   add_executable(${name} ${T_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gtest_main)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
   target_compile_definitions(${name} PRIVATE
     WWANCTL_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
     WWANCTL_BINARY_DIR="${PROJECT_BINARY_DIR}")

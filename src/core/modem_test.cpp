@@ -19,6 +19,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/process_test_support.h"
+
 #include "comm/cmm_test_support.h"
 #include "core/modem_driver.h"
 #include "core/modem_info.h"
@@ -153,31 +155,12 @@ class ModemInstance : public ::testing::Test
             ubus_free(server);
         }
         ubus_cleanup();
-        if (broker > 0) {
-            kill(broker, SIGTERM);
-            waitpid(broker, nullptr, 0);
-        }
+        test_support::stop_process(broker);
         uloop_done();
         log_level(0);
     }
 
-    void start_broker()
-    {
-        broker = fork();
-        if (broker == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            execl(WWAN_BUSD, WWAN_BUSD, "-s", sock.c_str(), static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        for (int i = 0; i < 500; i++) {
-            int fd = usock(USOCK_UNIX, sock.c_str(), nullptr);
-            if (fd >= 0) {
-                close(fd);
-                return;
-            }
-            usleep(10000);
-        }
-    }
+    void start_broker() { broker = test_support::start_broker(WWAN_BUSD, sock); }
 
     void start_sim(const char *control = nullptr)
     {

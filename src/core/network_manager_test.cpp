@@ -19,6 +19,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/process_test_support.h"
+
 namespace {
 
 using lines = std::vector<std::string>;
@@ -84,21 +86,7 @@ public:
     }
 
 private:
-    std::string next_line(int timeout_ms)
-    {
-        size_t nl;
-        while ((nl = buf_.find('\n')) == std::string::npos) {
-            pollfd p = {report_, POLLIN, 0};
-            char tmp[256];
-            ssize_t n;
-            if (poll(&p, 1, timeout_ms) <= 0 || (n = read(report_, tmp, sizeof(tmp))) <= 0)
-                return {};
-            buf_.append(tmp, static_cast<size_t>(n));
-        }
-        std::string l = buf_.substr(0, nl);
-        buf_.erase(0, nl + 1);
-        return l;
-    }
+    std::string next_line(int timeout_ms) { return test_support::read_line(report_, buf_, timeout_ms); }
 
     // ---- the child's side ----
     struct served_object {
@@ -199,21 +187,10 @@ protected:
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         dir = tmpl;
         sock = dir + "/ubus.sock";
-        broker = fork();
-        if (broker == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            execl(WWAN_BUSD, WWAN_BUSD, "-s", sock.c_str(), static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        for (int i = 0; i < 500; i++) {
-            int fd = usock(USOCK_UNIX, sock.c_str(), nullptr);
-            if (fd >= 0) {
-                close(fd);
-                return;
-            }
-            usleep(10000);
-        }
-        FAIL() << "broker did not start";
+        broker = test_support::start_broker(WWAN_BUSD, sock);
+        int fd = usock(USOCK_UNIX, sock.c_str(), nullptr);
+        ASSERT_GE(fd, 0) << "broker did not start";
+        close(fd);
     }
     void TearDown() override
     {
@@ -222,10 +199,7 @@ protected:
             ubus_free(ctx);
         ctx = nullptr;
         uloop_done();
-        if (broker > 0) {
-            kill(broker, SIGTERM);
-            waitpid(broker, nullptr, 0);
-        }
+        test_support::stop_process(broker);
         std::filesystem::remove_all(dir);
     }
     // The interface service first, then the daemon's connection.

@@ -23,6 +23,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/process_test_support.h"
+
 #include "comm/request.h"
 #include "core/modem.h"
 #include "core/modem_driver.h"
@@ -262,21 +264,7 @@ class hotplug_service
     hotplug_service &operator=(const hotplug_service &) = delete;
 
     // The next line within timeout_ms, or the empty text.
-    std::string line(int timeout_ms)
-    {
-        size_t nl;
-        while ((nl = buf_.find('\n')) == std::string::npos) {
-            pollfd p = {out_, POLLIN, 0};
-            char tmp[512];
-            ssize_t n;
-            if (poll(&p, 1, timeout_ms) <= 0 || (n = read(out_, tmp, sizeof(tmp))) <= 0)
-                return {};
-            buf_.append(tmp, static_cast<size_t>(n));
-        }
-        std::string l = buf_.substr(0, nl);
-        buf_.erase(0, nl + 1);
-        return l;
-    }
+    std::string line(int timeout_ms) { return test_support::read_line(out_, buf_, timeout_ms); }
 
   private:
     static inline int report_fd_ = -1;
@@ -362,33 +350,14 @@ class BusApi : public ::testing::Test
             ubus_free(client);
         ubus_cleanup();
         hotplug.reset();
-        if (broker > 0) {
-            kill(broker, SIGTERM);
-            waitpid(broker, nullptr, 0);
-        }
+        test_support::stop_process(broker);
         uloop_done();
         if (!dir.empty())
             std::filesystem::remove_all(dir);
         log_level(0);
     }
 
-    void start_broker()
-    {
-        broker = fork();
-        if (broker == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            execl(WWAN_BUSD, WWAN_BUSD, "-s", sock.c_str(), static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        for (int i = 0; i < 500; i++) {
-            int fd = usock(USOCK_UNIX, sock.c_str(), nullptr);
-            if (fd >= 0) {
-                close(fd);
-                return;
-            }
-            usleep(10000);
-        }
-    }
+    void start_broker() { broker = test_support::start_broker(WWAN_BUSD, sock); }
 
     call_result call_on(uint32_t obj, const char *method, const char *json = nullptr)
     {
