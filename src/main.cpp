@@ -3,10 +3,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <getopt.h>
 
 #include "core/analysis.h"
 #include "core/modem_driver.h"
+#include "core/modem_manager.h"
 #include "util/log.h"
 
 #ifndef WWANCTL_CHANNEL
@@ -99,9 +101,27 @@ int main(int argc, char **argv)
         return 0;
     }
 
-    // The modem manager (discovery, bus objects) is not part of this build
-    // yet, so the daemon can only run the driver analysis.
-    out("Unable to create modem manager instance!\n");
+    srand(static_cast<unsigned>(time(nullptr)));
+
+    std::unique_ptr<modem_manager> mgr = modem_manager::mdm_create();
+    if (!mgr) {
+        out("Unable to create modem manager instance!\n");
+        modem_driver_cleanup();
+        return 1;
+    }
+    printf("%s running\n", prog_name);
+    fflush(stdout);
+    if (g_compress)
+        LOG_DEBUG("Compressed AT logging is enabled!\n");
+
+    if (mgr->init(g_compress != 0)) {
+        out("Unable to initialize modem manager!\n");
+        // The process is ending; the manager is left as it is.
+        (void)mgr.release();
+        modem_driver_cleanup();
+        return 1;
+    }
+    mgr.reset();
     modem_driver_cleanup();
-    return 1;
+    return 0;
 }

@@ -341,7 +341,15 @@ void comm_manager::on_dispatch()
 
 void comm_manager::ufd_cb(uloop_fd *u, unsigned int)
 {
-    guarded([u] { owned_fd<comm_manager>::of(u)->process_response(false); });
+    comm_manager *cmm = owned_fd<comm_manager>::of(u);
+    guarded([cmm] { cmm->process_response(false); });
+    // A port that hung up (an unplugged USB modem) would report itself
+    // readable forever. It is no longer watched; writes to it fail, which
+    // ends in the modem's hang handling, and the removal event ends the modem.
+    if (u->error) {
+        LOG_ERROR("[CMM] Modem `%s [%s]` port hung up!\n", cmm->modem_->id(), cmm->modem_->vid_pid());
+        uloop_fd_delete(u);
+    }
 }
 
 // Reads one chunk and acts on it. With drain_only (just before a command is

@@ -412,6 +412,25 @@ TEST_F(CommManager, ThirtyOneFailedWritesDeclareTheModemHung)
     EXPECT_FALSE(mdm->cmm->busy());
 }
 
+TEST_F(CommManager, APortThatHangsUpIsDroppedAndEndsInTheHangCall)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    // The simulator goes away as an unplugged modem does: the terminal hangs up.
+    sim.reset();
+    testing::internal::CaptureStdout();
+    mdm->queue("AT+CSQ");
+    bool hung = run_until(5000, [&] { return mdm->hangs == 1; });
+    run_until(200, [] { return false; });
+    std::string log = testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(hung);
+    // Reported once, not read again and again.
+    EXPECT_NE(log.find("[CMM] Modem `1-1.2 [2C7C:0125]` port hung up!"), std::string::npos) << log;
+    size_t reads = 0;
+    for (size_t p = log.find("modem read"); p != std::string::npos; p = log.find("modem read", p + 1))
+        reads++;
+    EXPECT_LE(reads, 2u) << log;
+}
+
 TEST_F(CommManager, WriteFailureCountRestartsAfterTheHangCall)
 {
     ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));

@@ -338,6 +338,11 @@ int handle_board_json_modem_primary(std::string_view usb_id, board_modem &flags)
     return 0;
 }
 
+bool board_loadable()
+{
+    return load_board() != nullptr;
+}
+
 bool is_single_builtin_modem()
 {
     auto entries = board_modems();

@@ -64,6 +64,10 @@ struct board_modem {
 // file, its "modems" array or one of its entries cannot be read.
 [[nodiscard]] int handle_board_json_modem_primary(std::string_view usb_id, board_modem &flags);
 
+// True when the board file can be loaded (logged when it cannot). Without
+// it nothing tells whether a modem is blocked, so none is served.
+bool board_loadable();
+
 // True when the board lists exactly one built-in modem.
 bool is_single_builtin_modem();
 

@@ -46,7 +46,11 @@ class modem
         response_len_ = len;
     }
 
+    // Operations drivers call on the modem. A bare record does nothing.
+    virtual void power_down() {}
+
     modem() = default;
+    virtual ~modem() = default;
     modem(const modem &) = delete;
     modem &operator=(const modem &) = delete;
 

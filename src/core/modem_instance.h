@@ -134,7 +134,7 @@ class modem_instance final : public modem, public cmm_modem, public evt_modem, p
     // SIM slot wiring: builtin modems get the board's slots (primary 1,
     // secondary 2), others a single-slot placeholder. 0, or 1.
     int sim_config_init(bool builtin, bool primary);
-    void power_down();
+    void power_down() override;
     int notify_new_modem();
 
     uint32_t ping_state() const { return ping_state_; }
@@ -232,6 +232,7 @@ class modem_instance final : public modem, public cmm_modem, public evt_modem, p
     owned_timeout<modem_instance> periodic_timer_;
     owned_timeout<modem_instance> cache_timer_;
     uint32_t ping_state_ = MODEM_PING_ANSWERING;
+    bool probe_queued_ = false; // a probe is in the queue
     int64_t last_activity_ = 0;
     uint32_t timeout_count_ = 0;
     std::string last_urc_;

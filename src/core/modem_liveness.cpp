@@ -15,33 +15,44 @@ constexpr char probe[] = "AT\r";
 constexpr char probe_ok[] = "\r\nOK\r\n";
 } // namespace
 
+// A hung modem is probed too (the watcher does it at every run): the hang
+// state is left only when a probe is answered with OK.
 void modem_instance::ping()
 {
-    if (fota() || ping_state_ != MODEM_PING_ANSWERING)
+    if (fota() || ping_state_ == MODEM_PING_OUTSTANDING || probe_queued_)
         return;
     if (is_busy()) {
         // Traffic cancels the watchdog; a modem that stays silent is hung.
-        uloop_timeout_set(&hang_timer_.timeout, hang_watchdog_ms);
+        if (ping_state_ == MODEM_PING_ANSWERING)
+            uloop_timeout_set(&hang_timer_.timeout, hang_watchdog_ms);
         return;
     }
     if (new_internal_request(ACT_AT_COMMAND, on_ping_recv, this, probe, sizeof(probe) - 1, query_timeout_ms, nullptr)) {
         LOG_ERROR("[MODEM] Failed to create new internal request for `%s [%s]` modem!\n", id(), vid_pid());
         return;
     }
-    ping_state_ = MODEM_PING_OUTSTANDING;
+    probe_queued_ = true;
+    if (ping_state_ == MODEM_PING_ANSWERING)
+        ping_state_ = MODEM_PING_OUTSTANDING;
 }
 
 void modem_instance::on_ping_recv(modem *mdm, uint32_t, ujson *reply, void *)
 {
     modem_instance &self = of(mdm);
-    if (!reply || !reply->exists("response")) {
-        self.trigger_hang();
+    self.probe_queued_ = false;
+    // No answer, or the watcher's time-out result.
+    if (!reply || !reply->exists("response") || reply->exists("errno")) {
+        if (self.ping_state_ != MODEM_PING_HUNG)
+            self.trigger_hang();
         return;
     }
     // Anything but a plain OK keeps the probe outstanding, which holds off
     // further probes.
-    if (std::strcmp(reply->get_string("response"), probe_ok) == 0)
-        self.ping_state_ = MODEM_PING_ANSWERING;
+    if (std::strcmp(reply->get_string("response"), probe_ok) != 0)
+        return;
+    if (self.ping_state_ == MODEM_PING_HUNG)
+        LOG_DEBUG("[MODEM] Modem `%s [%s]` is responsive again\n", self.id(), self.vid_pid());
+    self.ping_state_ = MODEM_PING_ANSWERING;
 }
 
 void modem_instance::trigger_hang()
@@ -66,6 +77,8 @@ void modem_instance::__hang_cb(uloop_timeout *t)
 void modem_instance::input_received()
 {
     last_activity_ = time(nullptr);
+    // Time-outs count only while the modem says nothing at all.
+    timeout_count_ = 0;
     uloop_timeout_cancel(&hang_timer_.timeout);
 }
 

@@ -1,7 +1,22 @@
 #include "drivers/quectel/quectel.h"
 
-int quectel_driver_probe(modem_driver *)
+#include "core/modem.h"
+
+namespace
 {
+
+// The modem announces it is switching itself off.
+int urc_power(modem *mdm, ujson *)
+{
+    mdm->power_down();
+    return 0;
+}
+
+} // namespace
+
+int quectel_driver_probe(modem_driver *driver)
+{
+    modem_driver_urc_override(driver, "POWERED DOWN", urc_power);
     return 0;
 }
 
