@@ -140,4 +140,32 @@ TEST(CliTest, DebugAnalysisAddsDriverLoadingAndListLines)
     EXPECT_NE(list.find(golden("analysis.txt")), std::string::npos);
 }
 
+// Without a bus the manager cannot start: the daemon says so and exits 1,
+// for the service manager to start it again.
+TEST(CliTest, WithoutABusTheManagerFailsToInitialize)
+{
+    char dir[] = "/tmp/wwan-cli-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    setenv("WWANCTL_ROOT", dir, 1);
+    Result quiet = run({"-c"});
+    Result debug = run({"-c", "-D"});
+    unsetenv("WWANCTL_ROOT");
+    rmdir(dir);
+
+    EXPECT_EQ(quiet.status, 1);
+    EXPECT_EQ(quiet.out.rfind(std::string(banner) + "wwanctl running\n[", 0), 0u) << quiet.out;
+    EXPECT_NE(quiet.out.find("] error: [MODEM_MANAGER] Failed to initialize ubus subsystem!\n"
+                             "Unable to initialize modem manager!\n"),
+              std::string::npos)
+        << quiet.out;
+    EXPECT_EQ(quiet.out.find("] debug: "), std::string::npos);
+    EXPECT_EQ(debug.status, 1);
+    size_t running = debug.out.find("wwanctl running\n");
+    ASSERT_NE(running, std::string::npos) << debug.out;
+    std::string next = debug.out.substr(running + 16);
+    next = next.substr(0, next.find('\n') + 1);
+    EXPECT_EQ(next.rfind("[main:", 0), 0u) << next;
+    EXPECT_TRUE(next.ends_with("] debug: Compressed AT logging is enabled!\n")) << next;
+}
+
 } // namespace

@@ -13,6 +13,7 @@
 #include <string_view>
 
 class cache_manager;
+struct ubus_context;
 struct modem_info;
 
 class modem
@@ -46,8 +47,10 @@ class modem
         response_len_ = len;
     }
 
-    // Operations drivers call on the modem. A bare record does nothing.
+    // Operations drivers call on the modem. A bare record does nothing and
+    // has no bus connection.
     virtual void power_down() {}
+    virtual ubus_context *bus() { return nullptr; }
 
     modem() = default;
     virtual ~modem() = default;

@@ -84,6 +84,10 @@ int modem_driver_invoke_func_unsafe(const modem_driver *driver, modem *mdm, uint
                                     request *req);
 int modem_driver_invoke_urc_cb(const modem_driver *driver, modem *mdm, ujson *json, urc_func handler);
 
+// Asks the platform's modem-control service ("mctl") to restart the modem,
+// without waiting for it. 0 when the call went out, 1 otherwise.
+int modem_invoke_mctl_reboot(modem *mdm);
+
 // Final result tests shared by all drivers.
 int is_response_valid(const char *response, size_t length);
 int is_response_invalid(const char *response, size_t length);

@@ -477,6 +477,41 @@ TEST_F(ModemInstance, ProbeAnsweredOtherwiseStaysOutstanding)
     EXPECT_FALSE(saw_event("gsm.modem.hang"));
 }
 
+struct fake_mctl {
+    ubus_object obj{}; // first: the handler gets back to the record
+    std::vector<std::string> calls;
+};
+
+TEST_F(ModemInstance, RebootIsAskedOfTheModemControlServiceWithoutWaiting)
+{
+    ASSERT_NO_FATAL_FAILURE(go_live());
+    // No service on the bus: nothing is sent.
+    EXPECT_EQ(modem_invoke_mctl_reboot(mdm.get()), 1);
+
+    static const ubus_method methods[] = {
+        {"reboot",
+         [](ubus_context *, ubus_object *obj, ubus_request_data *, const char *method, blob_attr *msg) {
+             reinterpret_cast<fake_mctl *>(obj)->calls.push_back(std::string(method) + " " + json_text(msg));
+             return 0;
+         },
+         0, 0, nullptr, 0},
+    };
+    static ubus_object_type type = {"mctl", 0, methods, 1};
+    fake_mctl mctl;
+    mctl.obj.name = "mctl";
+    mctl.obj.type = &type;
+    mctl.obj.methods = methods;
+    mctl.obj.n_methods = 1;
+    ASSERT_EQ(ubus_add_object(client, &mctl.obj), 0);
+    EXPECT_EQ(modem_invoke_mctl_reboot(mdm.get()), 0);
+    ASSERT_TRUE(run_until(3000, [&] { return !mctl.calls.empty(); }));
+    EXPECT_EQ(mctl.calls[0], R"(reboot {"id":"1-1.2"})");
+    ubus_remove_object(client, &mctl.obj);
+
+    modem bare;
+    EXPECT_EQ(modem_invoke_mctl_reboot(&bare), 1);
+}
+
 TEST_F(ModemInstance, PoweredDownLineIsBroadcast)
 {
     ASSERT_NO_FATAL_FAILURE(go_live());
