@@ -206,7 +206,7 @@ int modem_instance::notify_new_modem()
     }
     payload->add_string("object_name", bus_object_.name);
     payload->add_int("object_id", static_cast<int32_t>(object_id_));
-    return ubus_notify_event(*this, &mgr_->bus_object().obj, "gsm.new_modem", payload.get(), 2000, false);
+    return ubus_notify_event(*this, &mgr_->bus_object().obj, "gsm.new_modem", payload.get(), 2000, true);
 }
 
 // --- timers ----------------------------------------------------------------------

@@ -477,9 +477,28 @@ TEST_F(ModemInstance, ProbeAnsweredOtherwiseStaysOutstanding)
     EXPECT_FALSE(saw_event("gsm.modem.hang"));
 }
 
-struct fake_mctl {
+// A platform service on the bus with one method that records its calls.
+struct fake_service {
     ubus_object obj{}; // first: the handler gets back to the record
-    std::vector<std::string> calls;
+    ubus_object_type type{};
+    ubus_method method{};
+    std::vector<std::string> calls; // "<method> <json>"
+
+    fake_service(const char *name, const char *method_name)
+    {
+        method.name = method_name;
+        method.handler = [](ubus_context *, ubus_object *o, ubus_request_data *, const char *m, blob_attr *msg) {
+            reinterpret_cast<fake_service *>(o)->calls.push_back(std::string(m) + " " + json_text(msg));
+            return 0;
+        };
+        type.name = name;
+        type.methods = &method;
+        type.n_methods = 1;
+        obj.name = name;
+        obj.type = &type;
+        obj.methods = &method;
+        obj.n_methods = 1;
+    }
 };
 
 TEST_F(ModemInstance, RebootIsAskedOfTheModemControlServiceWithoutWaiting)
@@ -488,20 +507,7 @@ TEST_F(ModemInstance, RebootIsAskedOfTheModemControlServiceWithoutWaiting)
     // No service on the bus: nothing is sent.
     EXPECT_EQ(modem_invoke_mctl_reboot(mdm.get()), 1);
 
-    static const ubus_method methods[] = {
-        {"reboot",
-         [](ubus_context *, ubus_object *obj, ubus_request_data *, const char *method, blob_attr *msg) {
-             reinterpret_cast<fake_mctl *>(obj)->calls.push_back(std::string(method) + " " + json_text(msg));
-             return 0;
-         },
-         0, 0, nullptr, 0},
-    };
-    static ubus_object_type type = {"mctl", 0, methods, 1};
-    fake_mctl mctl;
-    mctl.obj.name = "mctl";
-    mctl.obj.type = &type;
-    mctl.obj.methods = methods;
-    mctl.obj.n_methods = 1;
+    fake_service mctl("mctl", "reboot");
     ASSERT_EQ(ubus_add_object(client, &mctl.obj), 0);
     EXPECT_EQ(modem_invoke_mctl_reboot(mdm.get()), 0);
     ASSERT_TRUE(run_until(3000, [&] { return !mctl.calls.empty(); }));
@@ -510,6 +516,20 @@ TEST_F(ModemInstance, RebootIsAskedOfTheModemControlServiceWithoutWaiting)
 
     modem bare;
     EXPECT_EQ(modem_invoke_mctl_reboot(&bare), 1);
+}
+
+TEST_F(ModemInstance, NewModemReachesHotplugScripts)
+{
+    // The call waits up to a second for an answer, which this process can only
+    // give afterwards: the daemon logs a failed call, the script still runs.
+    fake_service hotplug("hotplug.gsm", "call");
+    ASSERT_EQ(ubus_add_object(client, &hotplug.obj), 0);
+    ASSERT_NO_FATAL_FAILURE(go_live());
+    ASSERT_TRUE(run_until(3000, [&] { return !hotplug.calls.empty(); }));
+    EXPECT_EQ(hotplug.calls[0], R"(call {"env":["OBJECT_NAME=gsm.modem0","MODEM_ID=1-1.2","EVENT_NAME=gsm.new_modem",)"
+                                R"("DATA={\"object_name\":\"gsm.modem0\",\"object_id\":)" +
+                                    std::to_string(static_cast<int32_t>(modem_id)) + "}\"]}");
+    ubus_remove_object(client, &hotplug.obj);
 }
 
 TEST_F(ModemInstance, PoweredDownLineIsBroadcast)
