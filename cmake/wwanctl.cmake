@@ -13,3 +13,33 @@ function(wwan_test name)
     WWANCTL_BINARY_DIR="${PROJECT_BINARY_DIR}")
   gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endfunction()
+
+# wwan_test_uses(TEST tool...): the test runs these executables of tools/
+# (wwan-busd, wwan-bus, wwan-modem-sim). tools/ is configured after src/, so
+# the build dependencies are added once everything is configured. The broker
+# and CLI paths reach the test as WWAN_BUSD / WWAN_BUS; the simulator's is
+# known to the channel's test harness.
+function(wwan_test_uses test)
+  if(NOT TARGET ${test})
+    return()
+  endif()
+  foreach(tool ${ARGN})
+    if(tool STREQUAL "wwan-busd")
+      target_compile_definitions(${test} PRIVATE WWAN_BUSD="${PROJECT_BINARY_DIR}/tools/busd/wwan-busd")
+    elseif(tool STREQUAL "wwan-bus")
+      target_compile_definitions(${test} PRIVATE WWAN_BUS="${PROJECT_BINARY_DIR}/tools/bus/wwan-bus")
+    endif()
+  endforeach()
+  # A deferred call evaluates its arguments when it runs: bake them in now.
+  list(JOIN ARGN " " tools)
+  cmake_language(EVAL CODE
+    "cmake_language(DEFER DIRECTORY \"${PROJECT_SOURCE_DIR}\" CALL _wwan_test_depends ${test} ${tools})")
+endfunction()
+
+function(_wwan_test_depends test)
+  foreach(tool ${ARGN})
+    if(TARGET ${tool})
+      add_dependencies(${test} ${tool})
+    endif()
+  endforeach()
+endfunction()
