@@ -337,4 +337,30 @@ void avp_peer::poll()
     }
 }
 
+cmm_timing fast_timing()
+{
+    cmm_timing t;
+    t.settle_ms = 20;
+    t.escape_guard_ms = 20;
+    t.round_ms = 20;
+    t.dispatch_ms = 20;
+    return t;
+}
+
+std::string json_text(blob_attr *msg)
+{
+    char *s = msg ? blobmsg_format_json(msg, true) : nullptr;
+    std::string out = s ? s : "";
+    std::free(s);
+    return out;
+}
+
+size_t count(const std::string &text, const std::string &what)
+{
+    size_t n = 0;
+    for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1))
+        n++;
+    return n;
+}
+
 } // namespace cmm_test

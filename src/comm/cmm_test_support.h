@@ -17,6 +17,8 @@
 #include "comm/request.h"
 #include "core/modem.h"
 
+struct blob_attr;
+
 namespace cmm_test
 {
 
@@ -153,6 +155,15 @@ class test_modem : public cmm_modem
 
 // Runs the event loop until pred holds or timeout_ms passed; pred's result.
 bool run_until(int timeout_ms, const std::function<bool()> &pred);
+
+// Handshake and dispatcher shrunk so a whole set-up takes well under a second.
+cmm_timing fast_timing();
+
+// A bus message as compact JSON; empty for none.
+std::string json_text(blob_attr *msg);
+
+// How often what occurs in text.
+size_t count(const std::string &text, const std::string &what);
 
 // A client of the local AT socket.
 class avp_peer

@@ -23,17 +23,6 @@ using namespace cmm_test;
 namespace
 {
 
-// Handshake and dispatcher shrunk so a whole set-up takes well under a second.
-cmm_timing fast_timing()
-{
-    cmm_timing t;
-    t.settle_ms = 20;
-    t.escape_guard_ms = 20;
-    t.round_ms = 20;
-    t.dispatch_ms = 20;
-    return t;
-}
-
 // What the modem received, from the simulator's transcript: the quoted text
 // of its "in" lines, escapes kept ("\\r", "\\x00").
 std::string modem_input(const std::string &transcript)
@@ -47,14 +36,6 @@ std::string modem_input(const std::string &transcript)
         pos = end;
     }
     return in;
-}
-
-size_t count(const std::string &text, const std::string &what)
-{
-    size_t n = 0;
-    for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1))
-        n++;
-    return n;
 }
 
 // The modem the driver functions below report to.

@@ -48,34 +48,6 @@ TEST(RequestExpiry, ExecutionTimeCountsFromTheWriteQueueTimeFromQueueing)
     EXPECT_EQ(check_request_expiry(req, 107), request_expiry::execution);
 }
 
-cmm_timing fast_timing()
-{
-    cmm_timing t;
-    t.settle_ms = 20;
-    t.escape_guard_ms = 20;
-    t.round_ms = 20;
-    t.dispatch_ms = 20;
-    return t;
-}
-
-bool run_until(int ms, const std::function<bool()> &done)
-{
-    for (int waited = 0; !done(); waited += 10) {
-        if (waited >= ms)
-            return false;
-        uloop_run_timeout(10);
-    }
-    return true;
-}
-
-std::string json_text(blob_attr *msg)
-{
-    char *s = msg ? blobmsg_format_json(msg, true) : nullptr;
-    std::string out = s ? s : "";
-    std::free(s);
-    return out;
-}
-
 struct event_log {
     ubus_event_handler ev{}; // first: the handler gets back to the log
     std::vector<std::string> seen;
