@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Builds everything and runs the daemon's main job.
+# Builds everything and runs the daemon against a simulated modem.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/deps.sh
 scripts/build.sh release
 
-# The driver analysis: every registered driver and what each one supports.
-build/release/src/wwanctl -D -a
+# The demo: wwanctl serving one simulated Quectel EC25 on a private bus,
+# queried with the bus CLI.
+scripts/demo.sh build/release
