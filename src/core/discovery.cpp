@@ -220,15 +220,12 @@ std::unique_ptr<ujson> load_board()
     return file;
 }
 
-// The board's "modems" entries; nullopt (logged) when the file, the array
-// or an entry cannot be read.
-std::optional<std::vector<board_entry>> board_modems()
+// The board's "modems" entries; nullopt (logged) when the array or an entry
+// cannot be read.
+std::optional<std::vector<board_entry>> board_modems(ujson &file)
 {
-    auto file = load_board();
-    if (!file)
-        return std::nullopt;
     blob_attr *tb[__BOARD_MAX];
-    parse_root(*file, board_policy, tb);
+    parse_root(file, board_policy, tb);
     if (!tb[BOARD_MODEMS]) {
         LOG_ERROR("[MODEM_MANAGER] Array `%s` does not exist!\n", "modems");
         return std::nullopt;
@@ -322,10 +319,10 @@ int scan_usb_subsystem(std::vector<modem_descriptor> &found)
     return 0;
 }
 
-int handle_board_json_modem_primary(std::string_view usb_id, board_modem &flags)
+static int board_flags(ujson &file, std::string_view usb_id, board_modem &flags)
 {
     flags = {};
-    auto entries = board_modems();
+    auto entries = board_modems(file);
     if (!entries)
         return 1;
     for (const board_entry &e : *entries) {
@@ -338,24 +335,24 @@ int handle_board_json_modem_primary(std::string_view usb_id, board_modem &flags)
     return 0;
 }
 
-bool board_loadable()
+int handle_board_json_modem_primary(std::string_view usb_id, board_modem &flags)
 {
-    return load_board() != nullptr;
+    flags = {};
+    auto file = load_board();
+    return file ? board_flags(*file, usb_id, flags) : 1;
 }
 
 bool is_single_builtin_modem()
 {
-    auto entries = board_modems();
+    auto file = load_board();
+    auto entries = file ? board_modems(*file) : std::nullopt;
     return entries && count_builtin(*entries) == 1;
 }
 
-bool is_modem_blocked(std::string_view usb_id, std::string_view vid_pid)
+static bool blocked_in(ujson &file, std::string_view usb_id, std::string_view vid_pid)
 {
-    auto file = load_board();
-    if (!file)
-        return false;
     blob_attr *tb[__BOARD_MAX];
-    parse_root(*file, board_policy, tb);
+    parse_root(file, board_policy, tb);
     if (!tb[BOARD_BLOCKED]) {
         LOG_ERROR("[MODEM_MANAGER] Array `%s` does not exist!\n", "blocked_modems");
         return false;
@@ -370,6 +367,25 @@ bool is_modem_blocked(std::string_view usb_id, std::string_view vid_pid)
         return true;
     }
     return false;
+}
+
+bool is_modem_blocked(std::string_view usb_id, std::string_view vid_pid)
+{
+    auto file = load_board();
+    return file && blocked_in(*file, usb_id, vid_pid);
+}
+
+board_verdict check_board(std::string_view usb_id, std::string_view vid_pid, board_modem &flags)
+{
+    flags = {};
+    auto file = load_board();
+    if (!file)
+        return board_verdict::unreadable;
+    if (blocked_in(*file, usb_id, vid_pid))
+        return board_verdict::blocked;
+    // A board that does not list the modem makes it an external one.
+    (void)board_flags(*file, usb_id, flags);
+    return board_verdict::serve;
 }
 
 std::optional<std::string> get_free_name(std::span<const std::string_view> names_in_use, bool builtin, bool primary)

@@ -64,16 +64,19 @@ struct board_modem {
 // file, its "modems" array or one of its entries cannot be read.
 [[nodiscard]] int handle_board_json_modem_primary(std::string_view usb_id, board_modem &flags);
 
-// True when the board file can be loaded (logged when it cannot). Without
-// it nothing tells whether a modem is blocked, so none is served.
-bool board_loadable();
-
 // True when the board lists exactly one built-in modem.
 bool is_single_builtin_modem();
 
 // True (logged) when usb_id is in the board's "blocked_modems". A board file
 // that cannot be loaded or has no such array blocks nothing.
 bool is_modem_blocked(std::string_view usb_id, std::string_view vid_pid);
+
+// What the board says of a new modem, from one reading of the file: serve
+// it (flags as handle_board_json_modem_primary gives them), it is blocked
+// (logged), or the file cannot be loaded (logged) - then nothing tells
+// whether it is blocked, so it is not served.
+enum class board_verdict { serve, blocked, unreadable };
+board_verdict check_board(std::string_view usb_id, std::string_view vid_pid, board_modem &flags);
 
 // The bus object name of a modem: "gsm.modem0" for the built-in primary
 // modem, "gsm.modem1" for a built-in secondary one, otherwise the first of

@@ -370,6 +370,33 @@ TEST_F(BoardFile, BlockedModems)
     }
 }
 
+TEST_F(BoardFile, OneReadingDecidesANewModem)
+{
+    set_board(R"({"modems":[{"usb_id":"1-1","builtin":true}],"blocked_modems":["3-1"]})");
+    board_modem flags;
+    EXPECT_EQ(check_board("1-1", "2c7c:0125", flags), board_verdict::serve);
+    EXPECT_TRUE(flags.builtin && flags.primary);
+    EXPECT_EQ(check_board("2-1", "2c7c:0125", flags), board_verdict::serve);
+    EXPECT_FALSE(flags.builtin || flags.primary);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(check_board("3-1", "2c7c:0125", flags), board_verdict::blocked);
+    EXPECT_EQ(log_lines(testing::internal::GetCapturedStdout()),
+              "error: [MODEM_MANAGER] Modem `3-1 [2c7c:0125]` is on the black list! Skipping...\n");
+
+    // No "modems" array: served as an external modem, the gap logged once.
+    set_board(R"({"blocked_modems":[]})");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(check_board("1-1", "2c7c:0125", flags), board_verdict::serve);
+    EXPECT_EQ(log_lines(testing::internal::GetCapturedStdout()),
+              "error: [MODEM_MANAGER] Array `modems` does not exist!\n");
+
+    set_board(nullptr);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(check_board("1-1", "2c7c:0125", flags), board_verdict::unreadable);
+    EXPECT_EQ(log_lines(testing::internal::GetCapturedStdout()),
+              with_root("error: [MODEM_MANAGER] Unable to load %R/etc/board.json file!\n"));
+}
+
 // ---- bus object names -------------------------------------------------------
 
 TEST(FreeName, BuiltinModemsHaveFixedNamesOthersTakeTheFirstFree)

@@ -177,15 +177,16 @@ int modem_manager::new_modem(const modem_descriptor &desc)
         LOG_ERROR("[MODEM_MANAGER] Modem `%s [%s]` already exists and is registered!\n", id, ids);
         return 1;
     }
-    if (!board_loadable())
+    board_modem board;
+    switch (check_board(desc.usb_id, desc.usb_ids, board)) {
+    case board_verdict::unreadable:
         return 1;
-    if (is_modem_blocked(desc.usb_id, desc.usb_ids)) {
+    case board_verdict::blocked:
         blocked_++;
         return 1;
+    case board_verdict::serve:
+        break;
     }
-    // A board that does not list the modem makes it an external one.
-    board_modem board;
-    (void)handle_board_json_modem_primary(desc.usb_id, board);
 
     std::unique_ptr<modem_instance> mdm = modem_instance::modem_create(timing_);
     if (!mdm) {
