@@ -9,6 +9,9 @@ const char help_text[] =
 	"raw <text>         send bytes as they are (escapes allowed)\n"
 	"next               send the scenario's next URC (also SIGUSR1)\n"
 	"hang | unhang      stop answering / answer again\n"
+	"hold | release     read but send nothing / answer everything read meanwhile\n"
+	"slow <duration>    pause before every answer from now on (slow 0 ends it)\n"
+	"hangup             close the terminal: the host sees a hang-up\n"
 	"boot               restart: silence, then the boot URCs\n"
 	"fota               firmware update: only FOTA URCs, then boot\n"
 	"powerdown          POWERED DOWN, then silent until boot\n"
@@ -17,6 +20,7 @@ const char help_text[] =
 	"get <var>          show a variable\n"
 	"vars               show all variables\n"
 	"mode               show the modem's mode\n"
+	"stats              show what the modem has read\n"
 	"quit               stop the simulator\n";
 
 std::string_view trim(std::string_view s)
@@ -38,6 +42,57 @@ ControlReply fail(const std::string &why)
 	return {"ERROR " + why + "\n"};
 }
 
+// Bytes as a C string literal, in double quotes.
+std::string quoted(std::string_view bytes)
+{
+	static const char hex[] = "0123456789abcdef";
+	std::string out = "\"";
+	for (char ch : bytes) {
+		unsigned char c = static_cast<unsigned char>(ch);
+		if (c == '\r')
+			out += "\\r";
+		else if (c == '\n')
+			out += "\\n";
+		else if (c == '"' || c == '\\')
+			out += {'\\', ch};
+		else if (c < 0x20 || c >= 0x7f)
+			out += {'\\', 'x', hex[c >> 4], hex[c & 15]};
+		else
+			out += ch;
+	}
+	return out + "\"";
+}
+
+std::string stats_text(const Modem &modem)
+{
+	const LineStats &st = modem.stats();
+	std::string out = "received " + std::to_string(st.bytes_received) + "\n" +
+			  "executed " + std::to_string(st.lines_executed) + "\n" +
+			  "too_long " + std::to_string(st.lines_too_long) + "\n" +
+			  "texts " + std::to_string(st.texts) + "\n" +
+			  "pending " + std::to_string(modem.pending_input()) + "\n" +
+			  "slow " + std::to_string(modem.slowness()) + "\n";
+	for (const LineStats::Entry &e : st.recent) {
+		out += "line " + quoted(e.bytes);
+		if (e.length > e.bytes.size())
+			out += " ... " + std::to_string(e.length) + " bytes";
+		out += "\n";
+	}
+	if (!modem.partial_line().empty())
+		out += "typing " + quoted(modem.partial_line()) + "\n";
+	return out;
+}
+
+// Commands that act on the line, refused once it is hung up.
+bool needs_line(std::string_view cmd)
+{
+	for (const char *c : {"urc", "raw", "next", "hang", "unhang", "hold", "release", "slow", "boot", "fota",
+			      "powerdown", "hangup"})
+		if (cmd == c)
+			return true;
+	return false;
+}
+
 } // namespace
 
 ControlReply run_control(Modem &modem, std::string_view line, Ms now)
@@ -56,6 +111,8 @@ ControlReply run_control(Modem &modem, std::string_view line, Ms now)
 		r.quit = true;
 		return r;
 	}
+	if (modem.mode() == Mode::hungup && needs_line(cmd))
+		return fail("the line is hung up");
 	if (cmd == "urc" || cmd == "raw") {
 		if (arg.empty())
 			return fail(std::string(cmd) + " needs a text");
@@ -78,6 +135,29 @@ ControlReply run_control(Modem &modem, std::string_view line, Ms now)
 		if (modem.mode() != Mode::hung)
 			return fail(std::string("not hung but ") + mode_name(modem.mode()));
 		modem.unhang(now);
+		return ok();
+	}
+	if (cmd == "hold") {
+		if (modem.mode() != Mode::normal)
+			return fail(std::string("not normal but ") + mode_name(modem.mode()));
+		modem.hold(now);
+		return ok();
+	}
+	if (cmd == "release") {
+		if (modem.mode() != Mode::held)
+			return fail(std::string("not held but ") + mode_name(modem.mode()));
+		modem.release(now);
+		return ok();
+	}
+	if (cmd == "slow") {
+		long ms;
+		if (!parse_duration(arg, &ms))
+			return fail("slow <duration>, such as 500ms, 3s or 0");
+		modem.set_slowness(ms);
+		return ok();
+	}
+	if (cmd == "hangup") {
+		modem.hang_up();
 		return ok();
 	}
 	if (cmd == "boot") {
@@ -119,7 +199,9 @@ ControlReply run_control(Modem &modem, std::string_view line, Ms now)
 		return ok(body);
 	}
 	if (cmd == "mode")
-		return ok(std::string(mode_name(modem.mode())) + "\n");
+		return ok(std::string(modem.state_name()) + "\n");
+	if (cmd == "stats")
+		return ok(stats_text(modem));
 	return fail("unknown command '" + std::string(cmd) + "' (try help)");
 }
 

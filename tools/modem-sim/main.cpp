@@ -29,8 +29,9 @@ void usage(FILE *f, const char *prog)
 		"  -n, --no-boot             start ready, without the boot sequence\n"
 		"  -h, --help                show this help\n"
 		"\n"
-		"Operator commands: urc <text>, raw <text>, next, hang, unhang, boot, fota,\n"
-		"powerdown, echo on|off, set <var> <value>, get <var>, vars, mode, help, quit.\n"
+		"Operator commands: urc <text>, raw <text>, next, hang, unhang, hold, release,\n"
+		"slow <duration>, hangup, boot, fota, powerdown, echo on|off, set <var> <value>,\n"
+		"get <var>, vars, mode, stats, help, quit.\n"
 		"SIGUSR1 sends the scenario's next URC; SIGINT and SIGTERM stop the simulator.\n",
 		prog, MODEM_SIM_SCENARIO_DIR);
 }

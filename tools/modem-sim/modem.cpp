@@ -11,8 +11,9 @@ namespace {
 constexpr char ctrl_z = 0x1a;
 constexpr char esc = 0x1b;
 constexpr char backspace = 0x08;
-constexpr size_t max_line = 4096;
 constexpr size_t max_entry = 16384;
+constexpr size_t recent_lines = 8;
+constexpr size_t recent_line_bytes = 200;
 
 // ATV0 codes of the V.250 result codes.
 int numeric_code(std::string_view verbose)
@@ -109,10 +110,19 @@ const char *mode_name(Mode m)
 	case Mode::booting: return "booting";
 	case Mode::normal: return "normal";
 	case Mode::hung: return "hung";
+	case Mode::held: return "held";
 	case Mode::fota: return "fota";
 	case Mode::off: return "off";
+	case Mode::hungup: return "hungup";
 	}
 	return "?";
+}
+
+const char *Modem::state_name() const
+{
+	if (mode_ == Mode::normal && text_entry_)
+		return "prompt";
+	return mode_name(mode_);
 }
 
 Modem::Modem(Scenario sc) : sc_(std::move(sc))
@@ -173,8 +183,11 @@ void Modem::start(Ms now, bool run_boot)
 
 void Modem::receive(std::string_view bytes, Ms now)
 {
-	if (mode_ == Mode::normal)
-		input_.append(bytes);
+	stats_.bytes_received += bytes.size();
+	if (mode_ == Mode::normal || mode_ == Mode::held) {
+		size_t room = max_pending_input - std::min(max_pending_input, pending_input());
+		input_.append(bytes.substr(0, room));
+	}
 	advance(now);
 }
 
@@ -187,8 +200,11 @@ std::string Modem::take_output()
 
 Ms Modem::next_deadline() const
 {
+	if (mode_ == Mode::hungup)
+		return -1;
 	Ms due = -1;
-	if (!queue_.empty())
+	// A held modem's answer waits for release, not for a time.
+	if (!queue_.empty() && mode_ != Mode::held)
 		due = queue_.front().kind == Piece::wait && wait_due_ >= 0 ? wait_due_ : 0;
 	for (Ms d : periodic_due_)
 		if (due < 0 || d < due)
@@ -198,6 +214,15 @@ Ms Modem::next_deadline() const
 
 void Modem::advance(Ms now)
 {
+	if (mode_ == Mode::hungup)
+		return;
+	if (mode_ == Mode::held) {
+		// A stalled modem sends no URCs, not even late ones.
+		for (size_t i = 0; i < periodic_due_.size(); i++)
+			if (now >= periodic_due_[i])
+				periodic_due_[i] = now + sc_.periodic[i].interval_ms;
+		return;
+	}
 	for (;;) {
 		if (!queue_.empty()) {
 			Piece &p = queue_.front();
@@ -233,7 +258,7 @@ void Modem::advance(Ms now)
 		}
 		if (queued)
 			continue;
-		if (input_.empty())
+		if (pending_input() == 0)
 			return;
 		consume_input();
 		if (queue_.empty())
@@ -243,18 +268,36 @@ void Modem::advance(Ms now)
 
 void Modem::consume_input()
 {
-	size_t used = 0;
-	while (used < input_.size() && queue_.empty() && mode_ == Mode::normal) {
-		char c = input_[used++];
+	while (input_pos_ < input_.size() && queue_.empty() && mode_ == Mode::normal) {
+		char c = input_[input_pos_++];
 		if (text_entry_)
 			handle_text_byte(c);
 		else
 			handle_command_byte(c);
 	}
-	if (mode_ != Mode::normal)
+	// Drop what was used only now and then: a write of many short lines would
+	// otherwise move the rest of the buffer once per line.
+	if (input_pos_ == input_.size() || (mode_ != Mode::normal && mode_ != Mode::held)) {
 		input_.clear();
-	else
-		input_.erase(0, used);
+		input_pos_ = 0;
+	} else if (input_pos_ >= 4096 && input_pos_ >= input_.size() / 2) {
+		input_.erase(0, input_pos_);
+		input_pos_ = 0;
+	}
+}
+
+void Modem::note_line(const std::string &bytes, size_t length)
+{
+	stats_.recent.push_back({bytes.substr(0, recent_line_bytes), length});
+	if (stats_.recent.size() > recent_lines)
+		stats_.recent.pop_front();
+}
+
+void Modem::add_answer_delay(Response *r) const
+{
+	Ms ms = sc_.latency_ms + slow_ms_;
+	if (ms > 0)
+		r->items.push_back(Item::of(ItemKind::delay, "", ms));
 }
 
 void Modem::handle_command_byte(char c)
@@ -266,13 +309,30 @@ void Modem::handle_command_byte(char c)
 	if (c == '\r') {
 		std::string line;
 		line.swap(line_);
-		execute_line(line);
+		size_t length = line_length_;
+		line_length_ = 0;
+		note_line(line + '\r', length + 1);
+		if (length <= max_command_line) {
+			execute_line(line);
+			return;
+		}
+		// The line overflowed the command buffer: the modem threw it away.
+		stats_.lines_too_long++;
+		Response r;
+		add_answer_delay(&r);
+		r.items.push_back(Item::result(Final::error));
+		render(r);
 	} else if (c == backspace) {
-		if (!line_.empty())
-			line_.pop_back();
+		// line_ keeps the first max_command_line bytes of what was typed.
+		if (line_length_ > 0) {
+			if (line_length_ == line_.size())
+				line_.pop_back();
+			line_length_--;
+		}
 	} else if (c != '\n' && c != '\0') {
-		if (line_.size() < max_line)
+		if (line_.size() < max_command_line)
 			line_ += c;
+		line_length_++;
 	}
 }
 
@@ -280,9 +340,12 @@ void Modem::handle_text_byte(char c)
 {
 	if (c == ctrl_z) {
 		text_entry_ = false;
+		stats_.texts++;
+		note_line(entry_ + c, entry_.size() + 1);
 		vars_["text"] = entry_;
 		entry_.clear();
 		Response r;
+		add_answer_delay(&r);
 		Continuation k = std::move(cont_);
 		cont_ = Continuation();
 		if (run(*k.body, k.next, k.captures, &r) == Outcome::prompt)
@@ -292,8 +355,12 @@ void Modem::handle_text_byte(char c)
 	}
 	if (c == esc) {
 		text_entry_ = false;
+		stats_.texts++;
+		note_line(entry_ + c, entry_.size() + 1);
 		entry_.clear();
 		Response r;
+		if (!cont_.esc_answer.empty())
+			add_answer_delay(&r);
 		if (cont_.esc_answer == "ok")
 			r.items.push_back(Item::result(Final::ok));
 		else if (cont_.esc_answer == "error")
@@ -345,9 +412,9 @@ void Modem::execute_line(const std::string &line)
 	size_t at = find_at_prefix(line);
 	if (at == std::string::npos)
 		return; // an empty line or line noise gets no answer
+	stats_.lines_executed++;
 	Response r;
-	if (sc_.latency_ms > 0)
-		r.items.push_back(Item::of(ItemKind::delay, "", sc_.latency_ms));
+	add_answer_delay(&r);
 	std::vector<std::string> cmds;
 	if (!split_command_line(std::string_view(line).substr(at + 2), &cmds)) {
 		r.items.push_back(Item::result(Final::error));
@@ -565,7 +632,9 @@ void Modem::drop_pending()
 	queue_.clear();
 	wait_due_ = -1;
 	input_.clear();
+	input_pos_ = 0;
 	line_.clear();
+	line_length_ = 0;
 	text_entry_ = false;
 	entry_.clear();
 	cont_ = Continuation();
@@ -574,9 +643,11 @@ void Modem::drop_pending()
 void Modem::enter_mode(Mode m)
 {
 	mode_ = m;
-	if (m != Mode::normal) {
+	if (m != Mode::normal && m != Mode::held) {
 		input_.clear();
+		input_pos_ = 0;
 		line_.clear();
+		line_length_ = 0;
 	}
 }
 
@@ -623,6 +694,8 @@ void Modem::apply(Action a)
 
 void Modem::inject_urc(std::string_view text, Ms now)
 {
+	if (mode_ == Mode::hungup)
+		return;
 	Response r;
 	r.items.push_back(Item::of(ItemKind::urc, std::string(text)));
 	render(r);
@@ -631,6 +704,8 @@ void Modem::inject_urc(std::string_view text, Ms now)
 
 void Modem::inject_raw(std::string_view bytes, Ms now)
 {
+	if (mode_ == Mode::hungup)
+		return;
 	queue_.push_back({Piece::bytes, std::string(bytes)});
 	advance(now);
 }
@@ -647,6 +722,8 @@ bool Modem::send_next_urc(Ms now)
 
 void Modem::hang(Ms now)
 {
+	if (mode_ == Mode::hungup)
+		return;
 	apply(Action::hang);
 	advance(now);
 }
@@ -661,20 +738,49 @@ void Modem::unhang(Ms now)
 
 void Modem::reboot(Ms now)
 {
+	if (mode_ == Mode::hungup)
+		return;
 	apply(Action::boot);
 	advance(now);
 }
 
 void Modem::start_fota(Ms now)
 {
+	if (mode_ == Mode::hungup)
+		return;
 	apply(Action::fota);
 	advance(now);
 }
 
 void Modem::power_down(Ms now)
 {
+	if (mode_ == Mode::hungup)
+		return;
 	apply(Action::powerdown);
 	advance(now);
+}
+
+void Modem::hold(Ms now)
+{
+	if (mode_ == Mode::normal) {
+		enter_mode(Mode::held);
+		advance(now);
+	}
+}
+
+void Modem::release(Ms now)
+{
+	if (mode_ == Mode::held) {
+		enter_mode(Mode::normal);
+		advance(now);
+	}
+}
+
+void Modem::hang_up()
+{
+	drop_pending();
+	enter_mode(Mode::hungup);
+	periodic_due_.clear();
 }
 
 } // namespace modem_sim

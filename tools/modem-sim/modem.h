@@ -20,11 +20,34 @@ enum class Mode {
 	booting, // silent until the boot block has run
 	normal,
 	hung,    // swallows everything, answers nothing
+	held,    // stalled: keeps what it reads and sends nothing until released
 	fota,    // firmware update: only the fota block's URCs
 	off,     // powered down: silent until the next boot
+	hungup,  // the line is gone (the simulator closed its terminal); final
 };
 
 const char *mode_name(Mode m);
+
+// Longest command line the modem takes, CR excluded. A longer line is thrown
+// away and answered with ERROR when its CR arrives.
+constexpr size_t max_command_line = 1024;
+
+// Input not yet interpreted (held, or behind an answer in progress); beyond
+// this it is lost, like the bytes of an overrun UART.
+constexpr size_t max_pending_input = 1 << 20;
+
+// What the modem has read, for tests that check what reached it.
+struct LineStats {
+	struct Entry {
+		std::string bytes; // the start of the line as the modem took it, terminator included
+		size_t length = 0; // its full length
+	};
+	uint64_t bytes_received = 0; // every byte the host wrote, in any mode
+	uint64_t lines_executed = 0; // command lines run (with an AT prefix)
+	uint64_t lines_too_long = 0; // command lines refused for their length
+	uint64_t texts = 0;          // texts ended by Ctrl-Z or ESC after a prompt
+	std::deque<Entry> recent;    // the last few lines and texts, oldest first
+};
 
 class Modem {
 public:
@@ -47,6 +70,14 @@ public:
 
 	Mode mode() const { return mode_; }
 	bool in_text_entry() const { return text_entry_; }
+	// The mode's name, or "prompt" while a normal modem waits for text.
+	const char *state_name() const;
+	const LineStats &stats() const { return stats_; }
+	// Bytes read but not yet interpreted (held, or waiting behind an answer).
+	size_t pending_input() const { return input_.size() - input_pos_; }
+	// The line being typed, not yet ended by CR.
+	const std::string &partial_line() const { return line_; }
+	Ms slowness() const { return slow_ms_; }
 	const Scenario &scenario() const { return sc_; }
 
 	// Operator actions. The mode changes take effect at once and drop any
@@ -56,6 +87,14 @@ public:
 	bool send_next_urc(Ms now); // false when the scenario lists none
 	void hang(Ms now);
 	void unhang(Ms now);
+	// Stall: the bytes read from now on, and the rest of an answer in
+	// progress, wait for release(), which answers them in order.
+	void hold(Ms now);
+	void release(Ms now);
+	// Extra pause before every answer that starts from now on (0 ends it).
+	void set_slowness(Ms ms) { slow_ms_ = ms; }
+	// The line is gone for good: nothing is read or sent any more.
+	void hang_up();
 	void reboot(Ms now);
 	void start_fota(Ms now);
 	void power_down(Ms now);
@@ -115,6 +154,8 @@ private:
 	std::string expand(const std::string &text, const std::vector<std::string> &caps) const;
 
 	void consume_input();
+	void note_line(const std::string &bytes, size_t length);
+	void add_answer_delay(Response *r) const;
 	void handle_command_byte(char c);
 	void handle_text_byte(char c);
 	void execute_line(const std::string &line);
@@ -133,8 +174,10 @@ private:
 	std::map<std::string, std::string, std::less<>> vars_;
 	std::map<std::string, std::string, std::less<>> overrides_;
 
-	std::string input_;     // received, not yet interpreted
+	std::string input_;     // received; interpreted up to input_pos_
+	size_t input_pos_ = 0;
 	std::string line_;      // command line being typed
+	size_t line_length_ = 0; // its length as typed, beyond max_command_line too
 	bool text_entry_ = false;
 	std::string entry_;     // text after a prompt
 	Continuation cont_;
@@ -145,6 +188,9 @@ private:
 
 	std::vector<Ms> periodic_due_;
 	size_t next_urc_ = 0;
+
+	Ms slow_ms_ = 0;
+	LineStats stats_;
 };
 
 } // namespace modem_sim

@@ -95,6 +95,8 @@ on AT+LATEURC
   ok
   delay 50
   urc +CUSD: 0,"done",15
+on AT+LONG=*
+  ok
 )";
 
 class ModemTest : public ::testing::Test {
@@ -377,6 +379,97 @@ TEST_F(ModemTest, LineBreakInTextAsksForTheNextLine)
 	EXPECT_EQ(modem_->var("text"), "line one\rline two");
 }
 
+TEST_F(ModemTest, EscGetsTheAnswerThePromptNames)
+{
+	struct Case {
+		const char *prompt;
+		const char *verbose;
+		const char *answer;
+	} cases[] = {
+		{"prompt", "1", ""},
+		{"prompt ok", "1", "\r\nOK\r\n"},
+		{"prompt error", "1", "\r\nERROR\r\n"},
+		{"prompt ok", "0", "0\r"},
+		{"prompt error", "0", "4\r"},
+	};
+	for (const Case &c : cases) {
+		SCOPED_TRACE(std::string(c.prompt) + " verbose " + c.verbose);
+		load(std::string("set echo 0\nset verbose ") + c.verbose + "\non AT\n  ok\non AT+CMGS=*\n  " + c.prompt +
+		     "\n  line +CMGS: 1\n  ok\n");
+		send("AT+CMGS=3\r");
+		EXPECT_EQ(send("0011\x1b"), c.answer);
+		EXPECT_EQ(all_until(now_ + 1000), "");
+		EXPECT_FALSE(modem_->in_text_entry());
+		EXPECT_NE(send("AT\r"), "");
+	}
+}
+
+// ------------------------------------------------------ long lines
+
+TEST_F(ModemTest, OverlongLineIsRefusedAndTheModemCarriesOn)
+{
+	send("ATE0\r");
+	const std::string head = "AT+LONG=";
+	struct Case {
+		size_t length;   // of the line, CR excluded
+		size_t erase;    // backspaces typed after it
+		const char *answer;
+	} cases[] = {
+		{max_command_line, 0, "\r\nOK\r\n"},
+		{max_command_line + 1, 0, "\r\nERROR\r\n"},
+		{64 * 1024, 0, "\r\nERROR\r\n"},
+		{256 * 1024, 0, "\r\nERROR\r\n"},
+		// Typed too far, then taken back within the limit.
+		{max_command_line + 10, 10, "\r\nOK\r\n"},
+		{max_command_line + 10, 9, "\r\nERROR\r\n"},
+	};
+	uint64_t refused = 0;
+	for (const Case &c : cases) {
+		SCOPED_TRACE(std::to_string(c.length) + " - " + std::to_string(c.erase));
+		std::string line = head + std::string(c.length - head.size(), '7') + std::string(c.erase, '\b') + "\r";
+		EXPECT_EQ(send(line), c.answer);
+		if (std::string(c.answer).find("ERROR") != std::string::npos)
+			refused++;
+		EXPECT_EQ(modem_->stats().lines_too_long, refused);
+		EXPECT_EQ(send("AT+CSQ\r"), "\r\n+CSQ: 20,99\r\n\r\nOK\r\n");
+	}
+}
+
+TEST_F(ModemTest, ManyLinesInOneWriteAreAllAnswered)
+{
+	send("ATE0\r");
+	const size_t n = 64 * 1024 / 3;
+	std::string lines;
+	for (size_t i = 0; i < n; i++)
+		lines += i % 2 ? "AT\r" : "AT+CSQ\r";
+	std::string want;
+	for (size_t i = 0; i < n; i++)
+		want += i % 2 ? "\r\nOK\r\n" : "\r\n+CSQ: 20,99\r\n\r\nOK\r\n";
+	uint64_t before = modem_->stats().lines_executed;
+	EXPECT_EQ(send(lines), want);
+	EXPECT_EQ(modem_->stats().lines_executed - before, n);
+	EXPECT_EQ(modem_->pending_input(), 0u);
+}
+
+// ------------------------------------------------------ statistics
+
+TEST_F(ModemTest, StatsKeepTheLastLinesAndCutLongOnes)
+{
+	send("ATE0\r");
+	for (int i = 0; i < 20; i++)
+		send("AT+LONG=" + std::to_string(i) + "\r");
+	std::string big = "AT+LONG=" + std::string(100000, '9') + "\r";
+	send(big);
+	const LineStats &st = modem_->stats();
+	ASSERT_GE(st.recent.size(), 2u);
+	EXPECT_LE(st.recent.size(), 10u);
+	EXPECT_EQ(st.recent[st.recent.size() - 2].bytes, "AT+LONG=19\r");
+	const LineStats::Entry &last = st.recent.back();
+	EXPECT_EQ(last.length, big.size());
+	EXPECT_LT(last.bytes.size(), 1000u);
+	EXPECT_EQ(big.compare(0, last.bytes.size(), last.bytes), 0);
+}
+
 // ------------------------------------------------------ modes
 
 TEST_F(ModemTest, BootIsSilentThenSendsItsUrcs)
@@ -431,6 +524,122 @@ TEST_F(ModemTest, HangDropsAnAnswerInProgress)
 	send("AT+SLOW\r");
 	modem_->hang(now_);
 	EXPECT_EQ(all_until(now_ + 2000), "");
+}
+
+TEST_F(ModemTest, HeldModemAnswersEverythingOnRelease)
+{
+	// Echo on: the echo is held back as well and comes with each answer.
+	modem_->hold(now_);
+	EXPECT_EQ(modem_->mode(), Mode::held);
+	EXPECT_EQ(send("AT+CSQ\rATE0\r"), "");
+	EXPECT_EQ(send("AT+SLOW\rAT+CREG?\r"), "");
+	EXPECT_EQ(all_until(now_ + 10000), "");
+	EXPECT_EQ(modem_->stats().lines_executed, 0u);
+	EXPECT_EQ(modem_->pending_input(), 29u);
+	modem_->release(now_);
+	EXPECT_EQ(modem_->mode(), Mode::normal);
+	// Each line's full answer, then the next line's, with the rules' own delays.
+	EXPECT_EQ(modem_->take_output(), "AT+CSQ\r\r\n+CSQ: 20,99\r\n\r\nOK\r\nATE0\r\r\nOK\r\n");
+	auto got = run_until(now_ + 1000);
+	ASSERT_EQ(got.size(), 2u);
+	EXPECT_EQ(got[0].first, 10000 + 1000 + 200);
+	EXPECT_EQ(got[0].second, "\r\nfirst\r\n");
+	EXPECT_EQ(got[1].second, "second\r\n\r\nOK\r\n\r\n+CREG: 0,1\r\n\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, HoldFreezesAnAnswerInProgress)
+{
+	send("ATE0\r");
+	send("AT+SLOW\r");
+	EXPECT_EQ(all_until(now_ + 250), "\r\nfirst\r\n");
+	modem_->hold(now_);
+	EXPECT_EQ(modem_->next_deadline(), -1);
+	EXPECT_EQ(all_until(now_ + 5000), "");
+	modem_->release(now_);
+	EXPECT_EQ(modem_->take_output(), "second\r\n\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, HeldModemSendsNoUrcs)
+{
+	load("set echo 0\nevery 1s +CREG: 1\non AT\n  ok\n");
+	modem_->hold(now_);
+	modem_->inject_urc("+CMTI: \"SM\",1", now_);
+	EXPECT_EQ(all_until(now_ + 3500), "");
+	modem_->release(now_);
+	// The injected URC was made before the stall; periodic ones are not caught up.
+	EXPECT_EQ(modem_->take_output(), "\r\n+CMTI: \"SM\",1\r\n");
+	auto got = run_until(now_ + 1000);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].second, "\r\n+CREG: 1\r\n");
+}
+
+TEST_F(ModemTest, HoldAtThePromptKeepsTheText)
+{
+	send("ATE0\r");
+	send("AT+CMGS=2\r");
+	modem_->hold(now_);
+	EXPECT_EQ(send("0102\x1a"), "");
+	EXPECT_EQ(all_until(now_ + 1000), "");
+	modem_->release(now_);
+	EXPECT_EQ(all_until(now_ + 200), "\r\n+CMGS: 254\r\n\r\nOK\r\n");
+	EXPECT_EQ(modem_->var("text"), "0102");
+}
+
+TEST_F(ModemTest, HeldInputIsBoundedAndDroppedByAModeChange)
+{
+	send("ATE0\r");
+	modem_->hold(now_);
+	send(std::string(max_pending_input + 1000, 'A'));
+	EXPECT_EQ(modem_->pending_input(), max_pending_input);
+	EXPECT_EQ(modem_->stats().bytes_received, 5u + max_pending_input + 1000);
+	modem_->hang(now_); // a hang (like a boot) ends the stall and drops what it kept
+	EXPECT_EQ(modem_->pending_input(), 0u);
+	modem_->unhang(now_);
+	EXPECT_EQ(send("AT\r"), "\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, SlownessDelaysEveryAnswerUntilSetToZero)
+{
+	load(std::string("latency 30\n") + small_scenario);
+	send("ATE0\r");
+	all_until(now_ + 100);
+	modem_->set_slowness(400);
+	Ms t0 = now_;
+	EXPECT_EQ(send("AT\r"), "");
+	auto got = run_until(now_ + 1000);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].first - t0, 430);
+	EXPECT_EQ(got[0].second, "\r\nOK\r\n");
+	// The answer after a prompt waits too, before the rule's own delay.
+	t0 = now_;
+	EXPECT_EQ(send("AT+CMGS=2\r"), "");
+	EXPECT_EQ(all_until(now_ + 430), "\r\n> ");
+	send("00\x1a");
+	got = run_until(now_ + 1000);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].first - t0, 430 + 430 + 100);
+	modem_->set_slowness(0);
+	t0 = now_;
+	send("AT\r");
+	got = run_until(now_ + 1000);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].first - t0, 30);
+}
+
+TEST_F(ModemTest, HungUpModemIsGoneForGood)
+{
+	send("ATE0\r");
+	send("AT+SLOW\r");
+	modem_->hang_up();
+	EXPECT_EQ(modem_->mode(), Mode::hungup);
+	EXPECT_EQ(modem_->next_deadline(), -1);
+	send("AT\r");
+	modem_->inject_urc("RING", now_);
+	modem_->reboot(now_);
+	modem_->hold(now_);
+	modem_->power_down(now_);
+	EXPECT_EQ(modem_->mode(), Mode::hungup);
+	EXPECT_EQ(all_until(now_ + 5000), "");
 }
 
 TEST_F(ModemTest, PowerDownOnCommand)
@@ -500,8 +709,8 @@ protected:
 
 	std::string ask(const std::string &cmd)
 	{
-		send(cmd);
-		return all_until(now_ + 3000);
+		std::string out = send(cmd);
+		return out + all_until(now_ + 3000);
 	}
 };
 
@@ -519,6 +728,8 @@ TEST_F(Ec25Test, IdentificationAnswers)
 		{"AT+CIMI\r", "\r\n262011234567890\r\n\r\nOK\r\n"},
 		{"AT+QCCID\r", "\r\n+QCCID: 8949020000012345670\r\n\r\nOK\r\n"},
 		{"AT+CFUN?\rAT+CPIN?\r", "\r\n+CFUN: 1\r\n\r\nOK\r\n\r\n+CPIN: READY\r\n\r\nOK\r\n"},
+		{"AT+CMEE?\r", "\r\n+CMEE: 1\r\n\r\nOK\r\n"},
+		{"AT+CSCS?\r", "\r\n+CSCS: \"GSM\"\r\n\r\nOK\r\n"},
 		{"AT+CSQ\r", "\r\n+CSQ: 22,99\r\n\r\nOK\r\n"},
 		{"AT+CEREG?\r", "\r\n+CEREG: 0,1\r\n\r\nOK\r\n"},
 		{"AT+COPS?\r", "\r\n+COPS: 0,0,\"Telekom.de\",7\r\n\r\nOK\r\n"},
@@ -575,6 +786,41 @@ TEST_F(Ec25Test, OperatorScanArrivesInPieces)
 	ASSERT_GT(all.size(), tail.size());
 	EXPECT_EQ(all.substr(all.size() - tail.size()), tail);
 	EXPECT_GE(got[0].first - 1000, 2000);
+}
+
+TEST_F(Ec25Test, CommandLinesAtTheSmsPromptAreText)
+{
+	EXPECT_EQ(ask("AT+CMGS=23\r"), "\r\n> ");
+	uint64_t executed = modem_->stats().lines_executed;
+	EXPECT_STREQ(modem_->state_name(), "prompt");
+	// Each line gets a new prompt; none of them runs.
+	EXPECT_EQ(ask("AT+CFUN=0\r"), "\r\n> ");
+	EXPECT_EQ(ask("AT+QPOWD\r"), "\r\n> ");
+	EXPECT_EQ(modem_->stats().lines_executed, executed);
+	EXPECT_EQ(modem_->var("cfun"), "1");
+	EXPECT_EQ(modem_->mode(), Mode::normal);
+	// Quectel answers ESC at the prompt with OK and sends nothing.
+	EXPECT_EQ(ask("\x1b"), "\r\nOK\r\n");
+	EXPECT_EQ(modem_->var("mr"), "41");
+	EXPECT_EQ(ask("AT+CFUN?\r"), "\r\n+CFUN: 1\r\n\r\nOK\r\n");
+}
+
+TEST_F(Ec25Test, CtrlZEndsTheTextAndSends)
+{
+	EXPECT_EQ(ask("AT+CMGS=23\r"), "\r\n> ");
+	EXPECT_EQ(ask("AT+CFUN=0\r"), "\r\n> ");
+	EXPECT_EQ(ask("0011\x1a"), "\r\n+CMGS: 41\r\n\r\nOK\r\n");
+	EXPECT_EQ(modem_->var("text"), "AT+CFUN=0\r0011");
+	EXPECT_EQ(modem_->var("cfun"), "1");
+	EXPECT_STREQ(modem_->state_name(), "normal");
+}
+
+TEST_F(Ec25Test, EscCancelsInTextModeToo)
+{
+	EXPECT_EQ(ask("AT+CMGF=1\r"), "\r\nOK\r\n");
+	EXPECT_EQ(ask("AT+CMGS=\"+4917012345\"\r"), "\r\n> ");
+	EXPECT_EQ(ask("Hello\x1b"), "\r\nOK\r\n");
+	EXPECT_EQ(modem_->var("mr"), "41");
 }
 
 TEST_F(Ec25Test, PinEntryUnlocksTheSim)

@@ -66,7 +66,8 @@ bool parse_number(std::string_view s, long *out)
 	return true;
 }
 
-// "250", "250ms" or "3s"; a plain number is milliseconds.
+} // namespace
+
 bool parse_duration(std::string_view s, long *ms)
 {
 	long scale = 1;
@@ -82,6 +83,8 @@ bool parse_duration(std::string_view s, long *ms)
 	*ms = v * scale;
 	return true;
 }
+
+namespace {
 
 bool valid_var_name(std::string_view s)
 {

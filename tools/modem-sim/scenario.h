@@ -83,6 +83,9 @@ struct ParseError {
 // Reads and parses a scenario file; *err gets "path:line: message" on failure.
 [[nodiscard]] bool load_scenario(const std::string &path, Scenario *out, std::string *err);
 
+// "250", "250ms" or "3s"; a plain number is milliseconds.
+[[nodiscard]] bool parse_duration(std::string_view s, long *ms);
+
 // Matches an AT command against a pattern, ignoring case. '*' matches any run of
 // characters (possibly empty, shortest first) and "[...]" one character of a set
 // such as "[012]" or "[0-8]"; what they matched becomes *captures, in order.

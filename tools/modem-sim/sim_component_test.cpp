@@ -151,6 +151,34 @@ protected:
 		ASSERT_EQ(write(tty_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
 	}
 
+	// Writes all of `bytes` through the non-blocking terminal, reading what
+	// comes back meanwhile (a modem with echo on answers while we write);
+	// then reads on until `until` or the time-out.
+	std::string write_reading(const std::string &bytes, const std::string &until, int timeout_ms)
+	{
+		std::string got;
+		size_t done = 0;
+		long long end = mono_ms() + timeout_ms;
+		while (mono_ms() < end && (done < bytes.size() || got.find(until) == std::string::npos)) {
+			pollfd p{tty_, static_cast<short>(POLLIN | (done < bytes.size() ? POLLOUT : 0)), 0};
+			if (poll(&p, 1, 100) <= 0)
+				continue;
+			if (p.revents & POLLIN) {
+				char buf[4096];
+				ssize_t n = read(tty_, buf, sizeof buf);
+				if (n > 0)
+					got.append(buf, static_cast<size_t>(n));
+			}
+			if ((p.revents & POLLOUT) && done < bytes.size()) {
+				ssize_t n = write(tty_, bytes.data() + done, bytes.size() - done);
+				if (n > 0)
+					done += static_cast<size_t>(n);
+			}
+		}
+		EXPECT_EQ(done, bytes.size());
+		return got;
+	}
+
 	std::string ask(const std::string &cmd, const std::string &until = "\r\nOK\r\n", int timeout_ms = 2000)
 	{
 		write_tty(cmd);
@@ -317,6 +345,90 @@ TEST_F(SimProcess, HungModemAnswersNothing)
 	EXPECT_EQ(read_until(tty_, "", 400), "");
 	EXPECT_EQ(control("unhang"), "OK\n");
 	EXPECT_EQ(ask("AT\r"), "\r\nOK\r\n");
+}
+
+TEST_F(SimProcess, HeldModemAnswersOnRelease)
+{
+	start();
+	open_tty();
+	ask("ATE0\r");
+	EXPECT_EQ(control("hold"), "OK\n");
+	write_tty("AT+CSQ\rAT+GMR\r");
+	EXPECT_EQ(read_until(tty_, "", 400), "");
+	EXPECT_EQ(control("mode"), "held\nOK\n");
+	std::string stats = control("stats");
+	EXPECT_NE(stats.find("executed 1\n"), std::string::npos) << stats;
+	EXPECT_NE(stats.find("pending 14\n"), std::string::npos) << stats;
+	EXPECT_EQ(control("release"), "OK\n");
+	EXPECT_EQ(read_until(tty_, "G\r\n\r\nOK\r\n", 2000),
+		  "\r\n+CSQ: 22,99\r\n\r\nOK\r\n\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n");
+}
+
+TEST_F(SimProcess, SlowAnswerOutlastsTheCallersWait)
+{
+	start();
+	open_tty();
+	ask("ATE0\r");
+	EXPECT_EQ(control("slow 800ms"), "OK\n");
+	write_tty("AT+CSQ\r");
+	EXPECT_EQ(read_until(tty_, "", 400), "");
+	EXPECT_EQ(read_until(tty_, "\r\nOK\r\n", 2000), "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+	EXPECT_EQ(control("slow 0"), "OK\n");
+	EXPECT_EQ(ask("AT\r"), "\r\nOK\r\n");
+}
+
+TEST_F(SimProcess, HangupLooksLikeAModemThatDied)
+{
+	start();
+	open_tty();
+	ask("ATE0\r");
+	EXPECT_EQ(control("hangup"), "OK\n");
+	pollfd p{tty_, POLLIN, 0};
+	ASSERT_EQ(poll(&p, 1, 2000), 1);
+	EXPECT_TRUE(p.revents & POLLHUP) << p.revents;
+	char buf[16];
+	EXPECT_EQ(read(tty_, buf, sizeof buf), 0);
+	errno = 0;
+	EXPECT_EQ(write(tty_, "AT\r", 3), -1);
+	EXPECT_EQ(errno, EIO);
+	// The simulator itself lives on, and the link stays.
+	EXPECT_EQ(control("mode"), "hungup\nOK\n");
+	EXPECT_EQ(control("urc RING"), "ERROR the line is hung up\n");
+	kill(pid_, SIGUSR1);
+	EXPECT_EQ(fs::read_symlink(link_).string(), first_line_);
+	EXPECT_EQ(control("quit"), "OK\n");
+	EXPECT_EQ(wait_exit(2000), 0);
+	EXPECT_FALSE(fs::exists(fs::symlink_status(link_)));
+}
+
+TEST_F(SimProcess, CommandLinesAtTheSmsPromptAreNotRun)
+{
+	start();
+	open_tty();
+	ask("ATE0\r");
+	EXPECT_EQ(ask("AT+CMGS=23\r", "> "), "\r\n> ");
+	EXPECT_EQ(ask("AT+CFUN=0\r", "> "), "\r\n> ");
+	EXPECT_EQ(control("mode"), "prompt\nOK\n");
+	EXPECT_EQ(ask("\x1b"), "\r\nOK\r\n");
+	std::string stats = control("stats");
+	EXPECT_NE(stats.find("executed 2\n"), std::string::npos) << stats;
+	EXPECT_NE(stats.find("line \"AT+CFUN=0\\r\\x1b\"\n"), std::string::npos) << stats;
+	EXPECT_EQ(ask("AT+CFUN?\r"), "\r\n+CFUN: 1\r\n\r\nOK\r\n");
+}
+
+TEST_F(SimProcess, OverlongLinesAreRefused)
+{
+	start();
+	open_tty();
+	// Echo on: the simulator echoes while the line is still being written.
+	for (size_t size : {64 * 1024, 512 * 1024}) {
+		SCOPED_TRACE(size);
+		std::string line = "AT+QCFG=\"" + std::string(size, 'x') + "\"\r";
+		EXPECT_EQ(write_reading(line, "\r\nERROR\r\n", 20000), line + "\r\nERROR\r\n");
+		EXPECT_EQ(ask("AT\r"), "AT\r\r\nOK\r\n");
+	}
+	std::string stats = control("stats");
+	EXPECT_NE(stats.find("too_long 2\n"), std::string::npos) << stats;
 }
 
 TEST_F(SimProcess, BootSendsRdyAfterSilence)

@@ -301,6 +301,7 @@ private:
 	{
 		while (!quit_) {
 			std::vector<pollfd> fds;
+			// After a hang-up the slot stays, with -1, which poll skips.
 			fds.push_back({master_.get(), static_cast<short>(POLLIN | (out_.empty() ? 0 : POLLOUT)), 0});
 			fds.push_back({g_signal_pipe[0], POLLIN, 0});
 			size_t first_client = fds.size();
@@ -341,9 +342,22 @@ private:
 			if (stdin_index < fds.size() && (fds[stdin_index].revents & (POLLIN | POLLHUP)))
 				read_stdin();
 
+			if (modem_.mode() == Mode::hungup && master_.get() >= 0)
+				hang_up_line();
 			modem_.advance(now_ms());
 			collect_output();
 		}
+	}
+
+	// Closing the master side (and our own slave descriptor) hangs the
+	// terminal up for every program that has it open; its node in /dev/pts
+	// goes away, the symlink stays and now leads nowhere.
+	void hang_up_line()
+	{
+		hold_slave_.reset();
+		master_.reset();
+		out_.clear();
+		transcript_.note("line hung up", now_ms());
 	}
 
 	void handle_signals()
@@ -366,7 +380,7 @@ private:
 	void read_host()
 	{
 		char buf[4096];
-		for (;;) {
+		while (master_.get() >= 0) {
 			ssize_t n = read(master_.get(), buf, sizeof buf);
 			if (n <= 0)
 				return;
@@ -379,6 +393,8 @@ private:
 	void collect_output()
 	{
 		std::string more = modem_.take_output();
+		if (master_.get() < 0)
+			return;
 		if (!more.empty()) {
 			out_ += more;
 			if (out_.size() > max_pending_output) {
