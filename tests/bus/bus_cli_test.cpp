@@ -2,7 +2,14 @@
 // the peer process.
 #include "bus_fixture.h"
 
+#include "ubus_wire.h"
+
+#include <libubox/usock.h>
+
 #include <stdio.h>
+#include <unistd.h>
+
+#include <thread>
 
 namespace bus_test {
 namespace {
@@ -187,6 +194,165 @@ TEST_F(BusCli, WaitForReturnsWhenObjectsAppearOrTimesOut)
 	late.n_methods = 1;
 	ASSERT_EQ(ubus_add_object(ctx, &late), 0);
 	EXPECT_EQ(waiter.stop(0, 3000), 0);
+}
+
+using bytes = std::vector<uint8_t>;
+
+// A broker for one client on a thread: it greets, answers every LOOKUP with
+// the object "x" carrying the SIGNATURE attribute sig, and every INVOKE with
+// one DATA carrying the DATA attribute data; whatever their content.
+class fake_bus {
+public:
+	fake_bus(const std::string &path, bytes sig, bytes data) : sig_(std::move(sig)), data_(std::move(data))
+	{
+		lfd_ = usock(USOCK_UNIX | USOCK_SERVER, path.c_str(), nullptr);
+		if (lfd_ >= 0)
+			thread_ = std::thread([this] { serve(); });
+	}
+	~fake_bus()
+	{
+		if (thread_.joinable())
+			thread_.join();
+		if (lfd_ >= 0)
+			close(lfd_);
+	}
+
+private:
+	void serve()
+	{
+		int fd = accept(lfd_, nullptr, nullptr);
+		if (fd < 0)
+			return;
+		const uint8_t hello[12] = {0, 0, 0, 0, 0x12, 0x34, 0x56, 0x78, 0, 0, 0, 4};
+		bool ok = write(fd, hello, 12) == 12;
+		uint8_t hdr[12];
+		while (ok && read(fd, hdr, 12) == 12) {
+			size_t rest = ubus_wire::frame_len(hdr) - 12;
+			std::vector<uint8_t> body(rest);
+			if (rest && read(fd, body.data(), rest) != (ssize_t)rest)
+				break;
+			uint16_t seq = hdr[2] << 8 | hdr[3];
+			uint32_t peer = (uint32_t)hdr[4] << 24 | hdr[5] << 16 | hdr[6] << 8 | hdr[7];
+			struct blob_buf b = {};
+			blob_buf_init(&b, 0);
+			blob_put_int32(&b, UBUS_ATTR_OBJID, 0x1000);
+			if (hdr[1] == UBUS_MSG_LOOKUP) {
+				blob_put_string(&b, UBUS_ATTR_OBJPATH, "x");
+				blob_put_int32(&b, UBUS_ATTR_OBJTYPE, 0x2000);
+				blob_put_raw(&b, sig_.data(), sig_.size());
+			} else if (hdr[1] == UBUS_MSG_INVOKE) {
+				blob_put_raw(&b, data_.data(), data_.size());
+			}
+			bytes out;
+			if (hdr[1] == UBUS_MSG_LOOKUP || hdr[1] == UBUS_MSG_INVOKE)
+				ubus_wire::encode(out, UBUS_MSG_DATA, seq, peer, b.head);
+			blob_buf_init(&b, 0);
+			blob_put_int32(&b, UBUS_ATTR_STATUS, 0);
+			blob_put_int32(&b, UBUS_ATTR_OBJID, 0x1000);
+			ubus_wire::encode(out, UBUS_MSG_STATUS, seq, peer, b.head);
+			blob_buf_free(&b);
+			ok = write(fd, out.data(), out.size()) == (ssize_t)out.size();
+		}
+		close(fd);
+	}
+
+	bytes sig_, data_;
+	int lfd_ = -1;
+	std::thread thread_;
+};
+
+// A nested attribute id built by fill, then possibly damaged.
+bytes nested(int id, const std::function<void(struct blob_buf *)> &fill,
+	     const std::function<void(bytes &)> &damage = nullptr)
+{
+	struct blob_buf b = {};
+	blob_buf_init(&b, 0);
+	void *n = blob_nest_start(&b, id);
+	fill(&b);
+	blob_nest_end(&b, n);
+	auto *a = static_cast<struct blob_attr *>(blob_data(b.head));
+	bytes r(reinterpret_cast<uint8_t *>(a), reinterpret_cast<uint8_t *>(a) + blob_pad_len(a));
+	blob_buf_free(&b);
+	if (damage)
+		damage(r);
+	return r;
+}
+
+void typed_method(struct blob_buf *b)
+{
+	void *t = blobmsg_open_table(b, "ok");
+	blobmsg_add_u32(b, "n", BLOBMSG_TYPE_INT32);
+	blobmsg_close_table(b, t);
+}
+
+TEST(BusCliReplies, VerboseListPrintsOnlyWellFormedMethods)
+{
+	struct {
+		const char *what;
+		bytes sig;
+		const char *methods;
+	} cases[] = {
+		{"well formed", nested(UBUS_ATTR_SIGNATURE, typed_method), "\t\"ok\":{\"n\":\"Integer\"}\n"},
+		{"method as a string",
+		 nested(UBUS_ATTR_SIGNATURE, [](auto *b) { blobmsg_add_string(b, "s", "x"); typed_method(b); }),
+		 "\t\"ok\":{\"n\":\"Integer\"}\n"},
+		{"method name running past the method",
+		 nested(UBUS_ATTR_SIGNATURE, [](auto *b) { typed_method(b); blobmsg_close_table(b, blobmsg_open_table(b, "m")); },
+			[](bytes &s) { s[s.size() - 8 + 1] = 0xff; }),
+		 "\t\"ok\":{\"n\":\"Integer\"}\n"},
+		{"argument name not terminated",
+		 nested(UBUS_ATTR_SIGNATURE, typed_method, [](bytes &s) { s[4 + 8 + 4 + 2 + 1] = 'x'; }),
+		 "\t\"ok\":{}\n"},
+		{"method longer than the signature",
+		 nested(UBUS_ATTR_SIGNATURE, typed_method, [](bytes &s) { s[4 + 2] = 0x10; }), ""},
+		{"plain attributes", nested(UBUS_ATTR_SIGNATURE, [](auto *b) { blob_put_int32(b, 3, 7); }), ""},
+	};
+	for (auto &c : cases) {
+		SCOPED_TRACE(c.what);
+		temp_dir dir;
+		std::string sock = dir.path() + "/fake.sock";
+		fake_bus bus(sock, c.sig, nested(UBUS_ATTR_DATA, [](auto *) {}));
+		auto r = run_cli({"-s", sock, "-v", "list"});
+		EXPECT_EQ(r.code, 0) << r.err;
+		EXPECT_EQ(r.out, std::string("'x' @00001000\n") + c.methods);
+	}
+}
+
+TEST(BusCliReplies, RepliesNestedTooDeeplyAreRefused)
+{
+	auto deep = [](int levels) {
+		return nested(UBUS_ATTR_DATA, [levels](auto *b) {
+			std::vector<void *> open;
+			for (int i = 0; i < levels; i++)
+				open.push_back(blobmsg_open_array(b, "a"));
+			while (!open.empty()) {
+				blobmsg_close_array(b, open.back());
+				open.pop_back();
+			}
+		});
+	};
+	struct {
+		int levels;
+		int code;
+		std::string out;
+	} cases[] = {
+		{2, 0, "{\"a\":[[]]}\n"},
+		{32, 0, ""},
+		{33, UBUS_STATUS_PARSE_ERROR, ""},
+		{5000, UBUS_STATUS_PARSE_ERROR, ""},
+	};
+	for (auto &c : cases) {
+		SCOPED_TRACE(c.levels);
+		temp_dir dir;
+		std::string sock = dir.path() + "/fake.sock";
+		fake_bus bus(sock, nested(UBUS_ATTR_SIGNATURE, [](auto *) {}), deep(c.levels));
+		auto r = run_cli({"-s", sock, "-S", "call", "x", "m"});
+		EXPECT_EQ(r.code, c.code) << r.err;
+		if (!c.out.empty()) {
+			EXPECT_EQ(r.out, c.out);
+		}
+		EXPECT_EQ(r.out.empty(), c.code != 0);
+	}
 }
 
 } // namespace

@@ -18,6 +18,7 @@ extern "C" {
 #include <unistd.h>
 
 #include <memory>
+#include <stdio.h>
 
 namespace bus_test {
 
@@ -199,9 +200,11 @@ cli_result run_cli(const std::vector<std::string> &args, int timeout_ms)
 	return r;
 }
 
-std::unique_ptr<process> start_broker(const std::string &socket)
+std::unique_ptr<process> start_broker(const std::string &socket, const std::vector<std::string> &args)
 {
-	auto p = std::make_unique<process>(std::vector<std::string>{WWAN_BUSD, "-s", socket});
+	std::vector<std::string> argv{WWAN_BUSD, "-s", socket};
+	argv.insert(argv.end(), args.begin(), args.end());
+	auto p = std::make_unique<process>(argv);
 	int64_t end = now_ms() + 5000;
 	while (now_ms() < end) {
 		int fd = usock(USOCK_UNIX, socket.c_str(), nullptr);
@@ -248,6 +251,38 @@ std::string json_of(struct blob_attr *attr)
 	std::string r = s ? s : "(null)";
 	free(s);
 	return r;
+}
+
+long rss_kb(pid_t pid)
+{
+	FILE *f = fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
+	if (!f)
+		return -1;
+	char line[256];
+	long kb = -1;
+	while (fgets(line, sizeof(line), f))
+		if (sscanf(line, "VmRSS: %ld", &kb) == 1)
+			break;
+	fclose(f);
+	return kb;
+}
+
+long cpu_ticks(pid_t pid)
+{
+	FILE *f = fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
+	if (!f)
+		return -1;
+	char buf[1024];
+	size_t n = fread(buf, 1, sizeof(buf) - 1, f);
+	fclose(f);
+	buf[n] = 0;
+	// Fields after the command name (which may hold spaces): utime is the
+	// 14th field, stime the 15th.
+	const char *p = strrchr(buf, ')');
+	long utime, stime;
+	if (!p || sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &utime, &stime) != 2)
+		return -1;
+	return utime + stime;
 }
 
 } // namespace bus_test

@@ -64,12 +64,17 @@ cli_result run_cli(const std::vector<std::string> &args, int timeout_ms = 10000)
 // Starts a process running in the background and returns it once ready:
 // the broker when its socket accepts connections, the peer when it printed
 // "ready".
-std::unique_ptr<process> start_broker(const std::string &socket);
+std::unique_ptr<process> start_broker(const std::string &socket, const std::vector<std::string> &args = {});
 std::unique_ptr<process> start_peer(const std::string &socket);
 
 // Polls until fn() is true or timeout_ms passed, running uloop meanwhile.
 bool wait_until(int timeout_ms, const std::function<bool()> &fn);
 
 std::string json_of(struct blob_attr *attr);
+
+// The broker's resident memory (kB) and the CPU time it used (clock ticks),
+// from /proc; -1 when unreadable.
+long rss_kb(pid_t pid);
+long cpu_ticks(pid_t pid);
 
 } // namespace bus_test

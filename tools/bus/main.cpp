@@ -16,6 +16,10 @@ extern "C" {
 
 namespace {
 
+// Replies nested deeper than this are not printed: a broker or object can
+// send anything, and printing walks every level.
+constexpr int max_depth = 32;
+
 struct blob_buf b;
 int timeout = 30;
 bool timeout_given;
@@ -49,6 +53,76 @@ const char *type_name(int type)
 	}
 }
 
+// Calls fn for each attribute in [p, p + len) that lies wholly inside; the
+// walk ends at the first that does not.
+template <class F>
+void for_each_within(const void *p, size_t len, F &&fn)
+{
+	auto *pos = static_cast<const uint8_t *>(p);
+	while (len >= sizeof(struct blob_attr)) {
+		auto *a = reinterpret_cast<const struct blob_attr *>(pos);
+		size_t pad = blob_pad_len(a);
+		if (blob_raw_len(a) < sizeof(struct blob_attr) || pad > len)
+			return;
+		fn(a);
+		pos += pad;
+		len -= pad;
+	}
+}
+
+// A named blobmsg attribute of type, consistent within its own length.
+bool named(const struct blob_attr *a, int type)
+{
+	return blob_is_extended(a) && blobmsg_type(a) == type && blobmsg_check_attr(a, true);
+}
+
+// Whether the members [p, p + len) nest no deeper than max_depth - depth
+// more levels; members that are not valid attributes are not entered (the
+// formatter skips them).
+bool depth_ok(const void *p, size_t len, int depth)
+{
+	bool ok = true;
+	for_each_within(p, len, [&](const struct blob_attr *a) {
+		if (!ok || !blob_is_extended(a) || !blobmsg_check_attr(a, false))
+			return;
+		if (blobmsg_type(a) != BLOBMSG_TYPE_ARRAY && blobmsg_type(a) != BLOBMSG_TYPE_TABLE)
+			return;
+		ok = depth < max_depth && depth_ok(blobmsg_data(a), blobmsg_data_len(a), depth + 1);
+	});
+	return ok;
+}
+
+bool printable(const struct blob_attr *msg)
+{
+	return depth_ok(blob_data(msg), blob_len(msg), 0);
+}
+
+// Methods are named tables of named INT32 argument types; entries of any
+// other shape are left out.
+void print_signature(const struct blob_attr *sig)
+{
+	for_each_within(blob_data(sig), blob_len(sig), [](const struct blob_attr *method) {
+		if (!named(method, BLOBMSG_TYPE_TABLE))
+			return;
+		std::string s = "{";
+		bool first = true;
+		for_each_within(blobmsg_data(method), blobmsg_data_len(method), [&](const struct blob_attr *arg) {
+			if (!named(arg, BLOBMSG_TYPE_INT32))
+				return;
+			if (!first)
+				s += ",";
+			first = false;
+			s += "\"";
+			s += blobmsg_name(arg);
+			s += "\":\"";
+			s += type_name(blobmsg_get_u32(const_cast<struct blob_attr *>(arg)));
+			s += "\"";
+		});
+		s += "}";
+		printf("\t\"%s\":%s\n", blobmsg_name(method), s.c_str());
+	});
+}
+
 void receive_list_result(struct ubus_context *, struct ubus_object_data *obj, void *)
 {
 	if (simple_output || !verbose) {
@@ -56,30 +130,8 @@ void receive_list_result(struct ubus_context *, struct ubus_object_data *obj, vo
 		return;
 	}
 	printf("'%s' @%08x\n", obj->path, obj->id);
-	if (!obj->signature)
-		return;
-	struct blob_attr *cur;
-	size_t rem;
-	blob_for_each_attr(cur, obj->signature, rem) {
-		std::string s = "{";
-		struct blob_attr *arg;
-		size_t arem;
-		bool first = true;
-		blobmsg_for_each_attr(arg, cur, arem) {
-			if (blobmsg_type(arg) != BLOBMSG_TYPE_INT32)
-				continue;
-			if (!first)
-				s += ",";
-			first = false;
-			s += "\"";
-			s += blobmsg_name(arg);
-			s += "\":\"";
-			s += type_name(blobmsg_get_u32(arg));
-			s += "\"";
-		}
-		s += "}";
-		printf("\t\"%s\":%s\n", blobmsg_name(cur), s.c_str());
-	}
+	if (obj->signature)
+		print_signature(obj->signature);
 }
 
 int cli_list(struct ubus_context *ctx, int argc, char **argv)
@@ -89,10 +141,16 @@ int cli_list(struct ubus_context *ctx, int argc, char **argv)
 	return ubus_lookup(ctx, argc ? argv[0] : nullptr, receive_list_result, nullptr);
 }
 
+bool reply_refused;
+
 void receive_call_result_data(struct ubus_request *, int, struct blob_attr *msg)
 {
 	if (!msg)
 		return;
+	if (!printable(msg)) {
+		reply_refused = true;
+		return;
+	}
 	char *str = blobmsg_format_json_indent(msg, true, simple_output ? -1 : 0);
 	if (str)
 		printf("%s\n", str);
@@ -112,6 +170,8 @@ int cli_call(struct ubus_context *ctx, int argc, char **argv)
 	if (ret)
 		return ret;
 	ret = ubus_invoke(ctx, id, argv[1], b.head, receive_call_result_data, nullptr, timeout * 1000);
+	if (!ret && reply_refused)
+		ret = UBUS_STATUS_PARSE_ERROR;
 	if (ret && !simple_output && !isatty(fileno(stderr))) {
 		// Scripts get the whole command line in the message.
 		fprintf(stderr, "Command failed: ubus call");
@@ -145,6 +205,8 @@ void run_listener(struct ubus_context *ctx)
 void receive_event(struct ubus_context *, struct ubus_event_handler *, const char *type,
 		   struct blob_attr *msg)
 {
+	if (!printable(msg))
+		return;
 	char *str = blobmsg_format_json(msg, true);
 	printf("{ \"%s\": %s }\n", type, str ? str : "");
 	fflush(stdout);
@@ -176,6 +238,8 @@ int cli_listen(struct ubus_context *ctx, int argc, char **argv)
 int receive_request(struct ubus_context *, struct ubus_object *, struct ubus_request_data *,
 		    const char *method, struct blob_attr *msg)
 {
+	if (!printable(msg))
+		return UBUS_STATUS_PARSE_ERROR;
 	char *str = blobmsg_format_json(msg, true);
 	printf("{ \"%s\": %s }\n", method, str ? str : "");
 	fflush(stdout);

@@ -51,7 +51,44 @@ void erase_value(std::vector<uint32_t> &v, uint32_t x)
 		v.erase(it);
 }
 
+// The members of a container's payload [p, p + len): every one fits, none
+// is shorter than its header, and together they fill the payload exactly.
+template <class F>
+bool each_member(const uint8_t *p, size_t len, F &&fn)
+{
+	while (len) {
+		if (len < sizeof(struct blob_attr))
+			return false;
+		auto *a = reinterpret_cast<const struct blob_attr *>(p);
+		size_t raw = blob_raw_len(a), pad = blob_pad_len(a);
+		if (raw < sizeof(struct blob_attr) || pad > len)
+			return false;
+		if (!fn(a))
+			return false;
+		p += pad;
+		len -= pad;
+	}
+	return true;
+}
+
+// A named blobmsg attribute of the given type, valid within its own length.
+bool named(const struct blob_attr *a, int type)
+{
+	return blob_is_extended(a) && blobmsg_type(a) == type && blobmsg_check_attr(a, true);
+}
+
 } // namespace
+
+// Two fixed levels: nothing deeper is ever looked at.
+bool valid_signature(const struct blob_attr *sig)
+{
+	return each_member(static_cast<const uint8_t *>(blob_data(sig)), blob_len(sig), [](const struct blob_attr *method) {
+		if (!named(method, BLOBMSG_TYPE_TABLE))
+			return false;
+		return each_member(static_cast<const uint8_t *>(blobmsg_data(method)), blobmsg_data_len(method),
+				   [](const struct blob_attr *arg) { return named(arg, BLOBMSG_TYPE_INT32); });
+	});
+}
 
 bool event_match(const std::string &pattern, const char *name)
 {
@@ -99,6 +136,35 @@ void broker::send_status(uint32_t client, const ubus_wire::msg &m, int status)
 	blob_buf_init(&b_, 0);
 	blob_put_int32(&b_, UBUS_ATTR_STATUS, status);
 	send(client, UBUS_MSG_STATUS, m.seq, m.peer, b_.head);
+}
+
+void broker::set_owner(uid_t uid, gid_t gid)
+{
+	owner_uid_ = uid;
+	owner_gid_ = gid;
+}
+
+void broker::set_acl(acl_table acl)
+{
+	acl_ = std::move(acl);
+	acl_seq_++;
+	struct blob_buf b = {};
+	blob_buf_init(&b, 0);
+	void *d = blob_nest_start(&b, UBUS_ATTR_DATA);
+	blobmsg_add_u32(&b, "sequence", acl_seq_);
+	blob_nest_end(&b, d);
+	deliver_event(0, "ubus.acl.sequence", static_cast<const struct blob_attr *>(blob_data(b.head)));
+	blob_buf_free(&b);
+}
+
+bool broker::trusted(const client &cl) const
+{
+	return cl.cred.uid == 0 || cl.cred.uid == owner_uid_;
+}
+
+bool broker::allowed(const client &cl, acl_op op, const char *name, const char *method) const
+{
+	return trusted(cl) || acl_.allows(cl.cred, op, name, method);
 }
 
 uint32_t broker::connect(const credentials &cred)
@@ -204,13 +270,14 @@ int broker::lookup(client &cl, const ubus_wire::msg &m)
 		auto t = types_.find(o.type);
 		if (!o.type || t == types_.end())
 			continue;
+		// An object hidden by the access lists still counts as found.
+		found = true;
 		blob_buf_init(&b_, 0);
 		blob_put_string(&b_, UBUS_ATTR_OBJPATH, o.path.c_str());
 		blob_put_int32(&b_, UBUS_ATTR_OBJID, o.id);
 		blob_put_int32(&b_, UBUS_ATTR_OBJTYPE, o.type);
-		blob_put_raw(&b_, t->second.signature.data(), t->second.signature.size());
-		send(cl.id, UBUS_MSG_DATA, m.seq, m.peer, b_.head);
-		found = true;
+		if (put_signature(cl, o, t->second))
+			send(cl.id, UBUS_MSG_DATA, m.seq, m.peer, b_.head);
 		if (!all && !prefix)
 			break;
 	}
@@ -218,21 +285,39 @@ int broker::lookup(client &cl, const ubus_wire::msg &m)
 	return found || all ? UBUS_STATUS_OK : UBUS_STATUS_NOT_FOUND;
 }
 
+// Appends the object's SIGNATURE to b_: whole for a trusted client, else
+// only the methods the access lists let it call. False when every method is
+// denied (an object without methods is shown).
+bool broker::put_signature(const client &cl, const object &o, const obj_type &t)
+{
+	if (trusted(cl)) {
+		blob_put_raw(&b_, t.signature.data(), t.signature.size());
+		return true;
+	}
+	const auto *sig = reinterpret_cast<const struct blob_attr *>(t.signature.data());
+	void *nest = blob_nest_start(&b_, UBUS_ATTR_SIGNATURE);
+	int methods = 0, shown = 0;
+	ubus_wire::for_each_child(sig, [&](struct blob_attr *method) {
+		methods++;
+		if (!allowed(cl, acl_op::access, o.path.c_str(), blobmsg_name(method)))
+			return;
+		blob_put_raw(&b_, method, blob_pad_len(method));
+		shown++;
+	});
+	blob_nest_end(&b_, nest);
+	return shown || !methods;
+}
+
 int broker::add_object(client &cl, const ubus_wire::msg &m)
 {
 	const char *path = has(m, UBUS_ATTR_OBJPATH) ? ubus_wire::get_str(m.attr[UBUS_ATTR_OBJPATH]) : nullptr;
-	if (path && (!*path || paths_.count(path)))
+	if (path && (!*path || paths_.count(path) || !allowed(cl, acl_op::publish, path)))
 		return UBUS_STATUS_INVALID_ARGUMENT;
 
 	uint32_t type = 0;
 	bool new_type = false;
 	if (has(m, UBUS_ATTR_SIGNATURE)) {
-		bool valid = true;
-		ubus_wire::for_each_child(m.attr[UBUS_ATTR_SIGNATURE], [&](struct blob_attr *a) {
-			if (!blobmsg_check_attr(a, true))
-				valid = false;
-		});
-		if (!valid)
+		if (!valid_signature(m.attr[UBUS_ATTR_SIGNATURE]))
 			return UBUS_STATUS_INVALID_ARGUMENT;
 		type = new_id(types_, false);
 		const struct blob_attr *sig = m.attr[UBUS_ATTR_SIGNATURE];
@@ -346,21 +431,15 @@ int broker::invoke(client &cl, const ubus_wire::msg &m, int &fd)
 	switch (id) {
 	case UBUS_SYSTEM_OBJECT_EVENT:
 		return event_call(cl, m, method);
-	case UBUS_SYSTEM_OBJECT_ACL: {
+	case UBUS_SYSTEM_OBJECT_ACL:
 		if (strcmp(method, "query"))
 			return UBUS_STATUS_INVALID_COMMAND;
-		// No access lists here: an empty list at sequence 0.
-		blob_buf_init(&b_, 0);
-		blob_put_int32(&b_, UBUS_ATTR_OBJID, id);
-		void *d = blob_nest_start(&b_, UBUS_ATTR_DATA);
-		blobmsg_add_u32(&b_, "seq", 0);
-		void *a = blobmsg_open_array(&b_, "acl");
-		blobmsg_close_array(&b_, a);
-		blob_nest_end(&b_, d);
-		send(cl.id, UBUS_MSG_DATA, m.seq, m.peer, b_.head);
-		return UBUS_STATUS_OK;
-	}
+		return acl_query(cl, m);
 	case UBUS_SYSTEM_OBJECT_MONITOR:
+		// Every message passes through a monitor: root only.
+		if (!((cl.cred.uid == 0 && cl.cred.gid == 0) ||
+		      (cl.cred.uid == owner_uid_ && cl.cred.gid == owner_gid_)))
+			return UBUS_STATUS_PERMISSION_DENIED;
 		if (!strcmp(method, "add") || !strcmp(method, "remove")) {
 			bool on = method[0] == 'a';
 			if (on != cl.monitor)
@@ -376,6 +455,9 @@ int broker::invoke(client &cl, const ubus_wire::msg &m, int &fd)
 	auto it = objects_.find(id);
 	if (it == objects_.end())
 		return UBUS_STATUS_NOT_FOUND;
+	// Objects without a path (event handlers, subscribers) are not listed.
+	if (!it->second.path.empty() && !allowed(cl, acl_op::access, it->second.path.c_str(), method))
+		return UBUS_STATUS_PERMISSION_DENIED;
 
 	blob_buf_init(&b_, 0);
 	blob_put_int32(&b_, UBUS_ATTR_OBJID, id);
@@ -389,6 +471,26 @@ int broker::invoke(client &cl, const ubus_wire::msg &m, int &fd)
 	send(it->second.client, UBUS_MSG_INVOKE, m.seq, cl.id, b_.head, fd);
 	fd = -1;
 	return -1;
+}
+
+// The access-list entries that concern the caller's published objects, so
+// that it can check its own callers.
+int broker::acl_query(client &cl, const ubus_wire::msg &m)
+{
+	blob_buf_init(&b_, 0);
+	blob_put_int32(&b_, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_ACL);
+	void *d = blob_nest_start(&b_, UBUS_ATTR_DATA);
+	blobmsg_add_u32(&b_, "seq", acl_seq_);
+	void *a = blobmsg_open_array(&b_, "acl");
+	for (uint32_t id : cl.objects) {
+		const object &o = objects_.at(id);
+		if (!o.path.empty())
+			acl_.describe(&b_, o.path);
+	}
+	blobmsg_close_array(&b_, a);
+	blob_nest_end(&b_, d);
+	send(cl.id, UBUS_MSG_DATA, m.seq, m.peer, b_.head);
+	return UBUS_STATUS_OK;
 }
 
 int broker::event_call(client &cl, const ubus_wire::msg &m, const char *method)
@@ -406,7 +508,7 @@ int broker::event_call(client &cl, const ubus_wire::msg &m, const char *method)
 		auto it = objects_.find(id);
 		if (it == objects_.end())
 			return UBUS_STATUS_NOT_FOUND;
-		if (it->second.client != cl.id || !*pattern)
+		if (it->second.client != cl.id || !*pattern || !allowed(cl, acl_op::listen, pattern))
 			return UBUS_STATUS_PERMISSION_DENIED;
 		it->second.patterns.emplace_back(pattern);
 		return UBUS_STATUS_OK;
@@ -417,7 +519,7 @@ int broker::event_call(client &cl, const ubus_wire::msg &m, const char *method)
 		if (!f[0].value || !f[1].value)
 			return UBUS_STATUS_INVALID_ARGUMENT;
 		const char *name = blobmsg_get_string(f[0].value);
-		if (!strncmp(name, "ubus.", 5))
+		if (!strncmp(name, "ubus.", 5) || !allowed(cl, acl_op::send, name))
 			return UBUS_STATUS_PERMISSION_DENIED;
 		// The payload goes out as DATA holding the table's members.
 		blob_buf_init(&ev_, 0);
@@ -503,6 +605,8 @@ int broker::subscribe(client &cl, const ubus_wire::msg &m)
 		const credentials &owner = clients_.at(t.client).cred;
 		if (owner.user != cl.cred.user && owner.group != cl.cred.group)
 			return UBUS_STATUS_NOT_FOUND;
+	} else if (!allowed(cl, acl_op::subscribe, t.path.c_str())) {
+		return UBUS_STATUS_NOT_FOUND;
 	}
 	t.subscribers.push_back(sub->first);
 	sub->second.targets.push_back(target_id);

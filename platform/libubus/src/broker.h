@@ -3,6 +3,7 @@
 // to a transport, so tests can drive it without sockets.
 #pragma once
 
+#include "broker_acl.h"
 #include "ubus_wire.h"
 
 #include <sys/types.h>
@@ -25,13 +26,6 @@ public:
 	virtual void send(uint32_t client, const uint8_t *msg, size_t len, int fd) = 0;
 };
 
-struct credentials {
-	uid_t uid = 0;
-	gid_t gid = 0;
-	std::string user;	// empty when the uid has no passwd entry
-	std::string group;
-};
-
 class broker {
 public:
 	explicit broker(transport &out);
@@ -49,6 +43,13 @@ public:
 	// Handles one complete message of len bytes (4-byte aligned); fd is
 	// consumed. Messages from unknown clients are ignored.
 	void receive(uint32_t client, uint8_t *msg, size_t len, int fd);
+
+	// The broker's own user and group: trusted like root (an unprivileged
+	// broker guards nothing from its own user). Root only by default.
+	void set_owner(uid_t uid, gid_t gid);
+	// Replaces the access lists; announced as "ubus.acl.sequence".
+	void set_acl(acl_table acl);
+	uint32_t acl_sequence() const { return acl_seq_; }
 
 	size_t client_count() const { return clients_.size(); }
 	size_t object_count() const { return objects_.size(); }
@@ -79,12 +80,16 @@ private:
 	};
 
 	uint32_t new_id(const auto &table, bool client_id);
+	bool trusted(const client &cl) const;
+	bool allowed(const client &cl, acl_op op, const char *name, const char *method = nullptr) const;
 	void send(uint32_t client, uint8_t type, uint16_t seq, uint32_t peer, const struct blob_attr *top,
 		  int fd = -1);
 	void send_status(uint32_t client, const ubus_wire::msg &m, int status);
 
 	int handle(client &cl, ubus_wire::msg &m, int &fd);
 	int lookup(client &cl, const ubus_wire::msg &m);
+	bool put_signature(const client &cl, const object &o, const obj_type &t);
+	int acl_query(client &cl, const ubus_wire::msg &m);
 	int add_object(client &cl, const ubus_wire::msg &m);
 	int remove_object(client &cl, const ubus_wire::msg &m);
 	int invoke(client &cl, const ubus_wire::msg &m, int &fd);
@@ -109,13 +114,23 @@ private:
 	std::map<std::string, uint32_t> paths_;		// strcmp order for lookups
 	std::unordered_map<uint32_t, obj_type> types_;
 	uint16_t event_seq_ = 0;
+	uid_t owner_uid_ = 0;
+	gid_t owner_gid_ = 0;
+	acl_table acl_;
+	uint32_t acl_seq_ = 0;
 	int monitors_ = 0;
 	struct blob_buf b_ = {};
 	struct blob_buf ev_ = {};
 	std::vector<uint8_t> frame_;
 };
 
-// Event pattern match: a trailing '*' makes the rest a prefix.
+// Event and access-list pattern match: a trailing '*' makes the rest a
+// prefix.
 bool event_match(const std::string &pattern, const char *name);
+
+// What ADD_OBJECT accepts as SIGNATURE: a list of named tables (methods),
+// each holding named INT32 attributes (argument name -> blobmsg type), every
+// length consistent with its container and nothing left over.
+bool valid_signature(const struct blob_attr *sig);
 
 } // namespace ubusd

@@ -81,9 +81,11 @@ bool write_msg(int sock, std::vector<uint8_t> &bytes, size_t &off, int &fd)
 
 } // namespace
 
-server::server() : core_(*this)
+server::server() : core_(*this), rbuf_(read_chunk)
 {
 	listen_fd_.fd = -1;
+	resume_.owner = this;
+	resume_.t.cb = resume_cb;
 }
 
 server::~server()
@@ -104,21 +106,25 @@ int server::listen(const std::string &path)
 	listen_w_.owner = this;
 	if (uloop_fd_add(&listen_fd_, ULOOP_READ) < 0) {
 		close(fd);
+		listen_fd_.fd = -1;
 		return -1;
 	}
+	accepting_ = true;
 	return 0;
 }
 
 void server::close_all()
 {
-	while (!conns_.empty())
-		drop(conns_.begin()->first);
+	uloop_timeout_cancel(&resume_.t);
+	accepting_ = false;
 	if (listen_fd_.fd >= 0) {
 		uloop_fd_delete(&listen_fd_);
 		close(listen_fd_.fd);
 		listen_fd_.fd = -1;
 		unlink(path_.c_str());
 	}
+	while (!conns_.empty())
+		drop(conns_.begin()->first);
 }
 
 void server::accept_cb(struct uloop_fd *u, unsigned int)
@@ -126,20 +132,61 @@ void server::accept_cb(struct uloop_fd *u, unsigned int)
 	server *srv = static_cast<server *>(reinterpret_cast<watch *>(u)->owner);
 	for (;;) {
 		int fd = accept4(u->fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-		if (fd < 0)
-			return;
-		auto c = std::make_unique<conn>();
-		c->srv = srv;
-		c->w.owner = c.get();
-		c->ufd.fd = fd;
-		c->ufd.cb = conn_cb;
-		conn *cp = c.get();
-		cp->id = srv->core_.connect(peer_credentials(fd));
-		srv->conns_[cp->id] = std::move(c);
-		uloop_fd_add(&cp->ufd, conn_flags);
-		srv->core_.hello(cp->id);
-		srv->drop_doomed();
+		if (fd >= 0) {
+			srv->adopt(fd);
+			continue;
+		}
+		if (errno == EINTR || errno == ECONNABORTED)
+			continue;
+		if (errno != EAGAIN && errno != EWOULDBLOCK) {
+			// Out of descriptors (or memory): the pending connection keeps
+			// the socket readable, so polling it now would only spin.
+			srv->pause_accepting();
+		}
+		return;
 	}
+}
+
+uint32_t server::adopt(int fd)
+{
+	auto c = std::make_unique<conn>();
+	c->srv = this;
+	c->w.owner = c.get();
+	c->ufd.fd = fd;
+	c->ufd.cb = conn_cb;
+	conn *cp = c.get();
+	cp->id = core_.connect(peer_credentials(fd));
+	conns_[cp->id] = std::move(c);
+	uloop_fd_add(&cp->ufd, conn_flags);
+	uint32_t id = cp->id;
+	core_.hello(id);
+	drop_doomed();
+	return id;
+}
+
+void server::pause_accepting()
+{
+	if (!accepting_)
+		return;
+	uloop_fd_delete(&listen_fd_);
+	accepting_ = false;
+	uloop_timeout_set(&resume_.t, accept_backoff_ms);
+}
+
+void server::resume_accepting()
+{
+	if (accepting_ || listen_fd_.fd < 0)
+		return;
+	uloop_timeout_cancel(&resume_.t);
+	if (uloop_fd_add(&listen_fd_, ULOOP_READ) == 0)
+		accepting_ = true;
+	else
+		uloop_timeout_set(&resume_.t, accept_backoff_ms);
+}
+
+void server::resume_cb(struct uloop_timeout *t)
+{
+	reinterpret_cast<timer *>(t)->owner->resume_accepting();
 }
 
 void server::conn_cb(struct uloop_fd *u, unsigned int events)
@@ -164,8 +211,7 @@ void server::read_conn(conn &c)
 	uint32_t id = c.id;
 	size_t budget = read_budget;
 	while (budget) {
-		uint8_t *buf = c.rx.space(read_chunk);
-		struct iovec iov = {buf, read_chunk};
+		struct iovec iov = {rbuf_.data(), read_chunk};
 		union {
 			struct cmsghdr h;
 			char buf[CMSG_SPACE(sizeof(int) * 4)];
@@ -181,36 +227,126 @@ void server::read_conn(conn &c)
 			continue;
 		if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
 			break;
-		int fd = ubus_wire::take_passed_fd(&mh);
+		int fd = n >= 0 ? ubus_wire::take_passed_fd(&mh) : -1;
 		if (n <= 0) {
 			if (fd >= 0)
 				close(fd);
 			drop(id);
 			return;
 		}
-		c.rx.commit(n, fd);
 		budget -= std::min(budget, (size_t)n);
-
-		for (;;) {
-			uint8_t *p;
-			size_t len;
-			int mfd;
-			auto r = c.rx.next(&p, &len, &mfd);
-			if (r == ubus_wire::reader::none)
-				break;
-			if (r == ubus_wire::reader::invalid) {
-				// Too long, or shorter than its own header: the stream
-				// cannot be resynchronised.
-				drop(id);
-				return;
-			}
-			core_.receive(id, p, len, mfd);
-			if (c.doomed)
-				return;
-		}
+		if (!consume(c, rbuf_.data(), n, fd))
+			return;
 		if ((size_t)n < read_chunk)
 			break;
 	}
+}
+
+// Frames the n bytes of one read. A message begun earlier is completed
+// first; whole messages are handed on from where they lie; the start of an
+// incomplete one is kept. A descriptor belongs to the last message starting
+// in the read that brought it. False once the client is dropped or doomed.
+bool server::consume(conn &c, uint8_t *p, size_t n, int fd)
+{
+	uint32_t id = c.id;
+	auto fail = [&] {
+		if (fd >= 0)
+			close(fd);
+		// Too long, shorter than its own header, or over the limit of
+		// held bytes: the stream cannot go on.
+		drop(id);
+		return false;
+	};
+	size_t off = 0;
+	while (!c.rx.empty()) {
+		size_t have = c.rx.size();
+		size_t need = have < ubus_wire::min_len ? ubus_wire::min_len : ubus_wire::frame_len(c.rx.data());
+		if (!need)
+			return fail();
+		if (have == need) {
+			std::vector<uint8_t> m;
+			m.swap(c.rx);
+			held_ -= m.capacity();
+			int mfd = c.rx_fd;
+			c.rx_fd = -1;
+			if (!deliver(c, m.data(), m.size(), mfd)) {
+				if (fd >= 0)
+					close(fd);
+				return false;
+			}
+			continue;
+		}
+		if (off == n)
+			break;
+		size_t take = std::min(need - have, n - off);
+		if (!hold(c, have + take, need))
+			return fail();
+		c.rx.insert(c.rx.end(), p + off, p + off + take);
+		off += take;
+	}
+	while (off < n) {
+		uint8_t *m = p + off;
+		size_t avail = n - off;
+		size_t total = avail < ubus_wire::min_len ? ubus_wire::min_len : ubus_wire::frame_len(m);
+		if (!total)
+			return fail();
+		if (avail < total) {
+			if (!hold(c, avail, total))
+				return fail();
+			c.rx.assign(m, m + avail);
+			c.rx_fd = fd;
+			fd = -1;
+			break;
+		}
+		int mfd = -1;
+		if (off + total == n)
+			std::swap(mfd, fd);
+		off += total;
+		if (!deliver(c, m, total, mfd)) {
+			if (fd >= 0)
+				close(fd);
+			return false;
+		}
+	}
+	if (fd >= 0)
+		close(fd);
+	return true;
+}
+
+bool server::deliver(conn &c, uint8_t *msg, size_t len, int fd)
+{
+	if (reinterpret_cast<uintptr_t>(msg) % 4) {
+		// Only messages lying in the read buffer, so at most a read's size.
+		scratch_.assign(msg, msg + len);
+		msg = scratch_.data();
+	}
+	core_.receive(c.id, msg, len, fd);
+	return !c.doomed;
+}
+
+// Room for size bytes of a message of total bytes: the buffer grows with
+// what arrives (at most doubling, never beyond the message), within the
+// limit for all clients.
+bool server::hold(conn &c, size_t size, size_t total)
+{
+	size_t cap = c.rx.capacity();
+	if (size <= cap)
+		return true;
+	size_t want = std::min(std::max(size, 2 * cap), total);
+	if (held_ - cap + want > max_held_)
+		return false;
+	c.rx.reserve(want);
+	held_ += c.rx.capacity() - cap;
+	return true;
+}
+
+void server::release(conn &c)
+{
+	held_ -= c.rx.capacity();
+	std::vector<uint8_t>().swap(c.rx);
+	if (c.rx_fd >= 0)
+		close(c.rx_fd);
+	c.rx_fd = -1;
 }
 
 void server::send(uint32_t client, const uint8_t *msg, size_t len, int fd)
@@ -265,10 +401,13 @@ void server::drop(uint32_t id)
 	conns_.erase(it);
 	uloop_fd_delete(&c->ufd);
 	close(c->ufd.fd);
+	release(*c);
 	for (auto &m : c->tx)
 		if (m.fd >= 0)
 			close(m.fd);
 	core_.disconnect(id);
+	// A descriptor is free again.
+	resume_accepting();
 }
 
 void server::drop_doomed()
