@@ -29,35 +29,72 @@ struct catalogue_entry {
     blobmsg_policy policy[ubus_catalogue_row::max_args];
     int n_policy;
 };
-// Parallel to g_methods: the entry of each catalogue method (owned), null for
-// the core methods.
-catalogue_entry **g_entries = nullptr;
+// What serves a registered method: a core method's own handler, or the
+// catalogue entry (owned) taken through the table handler.
+struct method_slot {
+    ubus_handler_t handler;
+    catalogue_entry *entry;
+};
+// Parallel to g_methods, whose handlers are all modem_method_cb.
+method_slot *g_slots = nullptr;
+
+int modem_method_cb(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const char *method, blob_attr *msg);
 
 // Grows both arrays by one; the registry is left as it was on failure.
-int append_method(const ubus_method &m, catalogue_entry *entry)
+int append_method(const ubus_method &m, method_slot slot)
 {
     size_t n = static_cast<size_t>(g_method_count) + 1;
-    auto *entries = static_cast<catalogue_entry **>(std::realloc(g_entries, sizeof(*g_entries) * n));
-    if (!entries)
+    auto *slots = static_cast<method_slot *>(std::realloc(g_slots, sizeof(*g_slots) * n));
+    if (!slots)
         return 1;
-    g_entries = entries;
+    g_slots = slots;
     auto *methods = static_cast<ubus_method *>(std::realloc(g_methods, sizeof(*g_methods) * n));
     if (!methods)
         return 1;
     g_methods = methods;
     g_methods[g_method_count] = m;
-    g_entries[g_method_count] = entry;
+    g_methods[g_method_count].handler = modem_method_cb;
+    g_slots[g_method_count] = slot;
     g_method_count++;
     return 0;
 }
 
+// The first method registered under name (as the bus looks methods up), or -1.
+int find_method(const char *name)
+{
+    for (int i = 0; name && i < g_method_count; i++) {
+        if (!std::strcmp(g_methods[i].name, name))
+            return i;
+    }
+    return -1;
+}
+
 const catalogue_entry *find_entry(const char *method)
 {
-    for (int i = 0; i < g_method_count; i++) {
-        if (g_entries[i] && !std::strcmp(g_methods[i].name, method))
-            return g_entries[i];
-    }
-    return nullptr;
+    int i = find_method(method);
+    return i < 0 ? nullptr : g_slots[i].entry;
+}
+
+// Arguments nested deeper than BLOBMSG_MAX_DEPTH are refused before a
+// handler, a debug line or a driver reads them. The formatter and the
+// converters are bounded on their own; refusing here keeps every method,
+// present and future, from ever seeing such a message.
+bool args_too_deep(const char *method, blob_attr *msg)
+{
+    if (!msg || blobmsg_check_depth(msg, true))
+        return false;
+    LOG_DEBUG("Ubus call: %s refused: arguments nested deeper than %d levels\n", method ? method : "",
+              BLOBMSG_MAX_DEPTH);
+    return true;
+}
+
+// The bus handler of the `gsm` object's method H, behind the depth check.
+template <ubus_handler_t H>
+int depth_checked(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const char *method, blob_attr *msg)
+{
+    if (args_too_deep(method, msg))
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    return H(ctx, obj, req, method, msg);
 }
 
 // The bus status for a table handler whose allocation failed.
@@ -138,11 +175,11 @@ int gsm_deattach(ubus_context *, ubus_object *obj, ubus_request_data *, const ch
 }
 
 const ubus_method g_obj_methods[] = {
-    UBUS_METHOD_NOARG("info", gsm_info),
-    UBUS_METHOD_NOARG("dump_log", gsm_dump_log),
-    UBUS_METHOD("enable_debug", gsm_enable_debug, debug_policy),
-    UBUS_METHOD("attach", gsm_attach, usbid_policy),
-    UBUS_METHOD("deattach", gsm_deattach, usbid_policy),
+    UBUS_METHOD_NOARG("info", depth_checked<gsm_info>),
+    UBUS_METHOD_NOARG("dump_log", depth_checked<gsm_dump_log>),
+    UBUS_METHOD("enable_debug", depth_checked<gsm_enable_debug>, debug_policy),
+    UBUS_METHOD("attach", depth_checked<gsm_attach>, usbid_policy),
+    UBUS_METHOD("deattach", depth_checked<gsm_deattach>, usbid_policy),
 };
 
 ubus_object_type g_obj_type = UBUS_OBJECT_TYPE("gsm", g_obj_methods);
@@ -165,14 +202,10 @@ uint32_t kind_of(enum blobmsg_type type)
     }
 }
 
-// The one handler of every catalogue method: finds the method's row and
-// takes the generic or the argument path with it.
-int catalogue_cb(ubus_context *, ubus_object *obj, ubus_request_data *req, const char *method, blob_attr *msg)
+// A catalogue method: the generic or the argument path with its row.
+int catalogue_call(ubus_object *obj, ubus_request_data *req, const char *method, blob_attr *msg,
+                   const catalogue_entry &e)
 {
-    const catalogue_entry *found = method ? find_entry(method) : nullptr;
-    if (!found)
-        return UBUS_STATUS_METHOD_NOT_FOUND;
-    const catalogue_entry &e = *found;
     const ubus_catalogue_row &row = *e.row;
     if (e.n_policy == 0)
         return ubus_handle_generic_request(obj, req, method, row.action, nullptr, row.timeout);
@@ -183,13 +216,28 @@ int catalogue_cb(ubus_context *, ubus_object *obj, ubus_request_data *req, const
     return ubus_handle_arg_request(obj, req, method, msg, e.policy, e.n_policy, descs, row.action, row.timeout);
 }
 
+// Where every modem method is entered: refuses arguments that nest too deep,
+// then runs the method's own handler or its catalogue row.
+int modem_method_cb(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const char *method, blob_attr *msg)
+{
+    if (args_too_deep(method, msg))
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    int i = find_method(method);
+    if (i < 0)
+        return UBUS_STATUS_METHOD_NOT_FOUND;
+    const method_slot &slot = g_slots[i];
+    if (slot.entry)
+        return catalogue_call(obj, req, method, msg, *slot.entry);
+    return slot.handler(ctx, obj, req, method, msg);
+}
+
 } // namespace
 
 // ---- registry ----
 
 int ubus_register_method(const char *name, ubus_handler_t handler, const blobmsg_policy *policy, int n_policy)
 {
-    if (append_method({name, handler, 0, 0, policy, n_policy}, nullptr)) {
+    if (append_method({name, handler, 0, 0, policy, n_policy}, {handler, nullptr})) {
         LOG_ERROR("[MODEM_UBUS] Failed to register ubus method due to memory allocation error!\n");
         return 1;
     }
@@ -213,7 +261,8 @@ int ubus_register_catalogue(std::span<const ubus_catalogue_row> rows)
             }
         }
         int published = !e ? 0 : row.published < 0 ? e->n_policy : row.published;
-        if (!e || append_method({row.name, catalogue_cb, 0, 0, published ? e->policy : nullptr, published}, e)) {
+        const blobmsg_policy *listed = published ? e->policy : nullptr;
+        if (!e || append_method({row.name, nullptr, 0, 0, listed, published}, {nullptr, e})) {
             LOG_ERROR("[MODEM_UBUS] Failed to register ubus method due to memory allocation error!\n");
             delete e;
             failed = 1;
@@ -231,10 +280,10 @@ const ubus_catalogue_row *ubus_catalogue_find(const char *method)
 void ubus_cleanup()
 {
     for (int i = 0; i < g_method_count; i++)
-        delete g_entries[i];
-    std::free(g_entries);
+        delete g_slots[i].entry;
+    std::free(g_slots);
     std::free(g_methods);
-    g_entries = nullptr;
+    g_slots = nullptr;
     g_methods = nullptr;
     g_method_count = 0;
 }

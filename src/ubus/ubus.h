@@ -72,7 +72,14 @@ int ubus_init(ubus_manager &mgr);
 void ubus_cleanup();
 
 // Appends one method to the registry. 0, or 1 without memory.
+//
+// Every registered method is entered through the registry's one bus handler,
+// which answers UBUS_STATUS_INVALID_ARGUMENT, without running the method, to
+// arguments nested deeper than BLOBMSG_MAX_DEPTH (libubox/blobmsg.h); the
+// `gsm` object's methods are guarded the same way. So no handler, debug line
+// or driver ever reads such a message.
 int ubus_register_method(const char *name, ubus_handler_t handler, const blobmsg_policy *policy, int n_policy);
+// The registry in libubus's layout; every handler in it is that entry point.
 std::span<const ubus_method> ubus_methods();
 
 // Registers a group's catalogue rows in order, all on the one table handler.

@@ -361,14 +361,20 @@ class BusApi : public ::testing::Test
 
     call_result call_on(uint32_t obj, const char *method, const char *json = nullptr)
     {
-        call_result r;
         blob_buf b = {};
         blob_buf_init(&b, 0);
         if (json) {
             EXPECT_TRUE(blobmsg_add_json_from_string(&b, json)) << json;
         }
+        call_result r = call_msg(obj, method, b.head);
+        blob_buf_free(&b);
+        return r;
+    }
+    call_result call_msg(uint32_t obj, const char *method, blob_attr *msg)
+    {
+        call_result r;
         ubus_request req = {};
-        if (ubus_invoke_async(client, obj, method, b.head, &req) == 0) {
+        if (ubus_invoke_async(client, obj, method, msg, &req) == 0) {
             req.data_cb = [](ubus_request *rq, int, blob_attr *msg) {
                 static_cast<call_result *>(rq->priv)->reply = json_text(msg);
             };
@@ -382,10 +388,24 @@ class BusApi : public ::testing::Test
             if (!run_until(5000, [&] { return r.done; }))
                 ubus_abort_request(client, &req);
         }
-        blob_buf_free(&b);
         return r;
     }
     call_result call(const char *method, const char *json = nullptr) { return call_on(modem_id, method, json); }
+    // The members of json and a member "extra" of `levels` nested tables.
+    call_result call_nested(uint32_t obj, const char *method, const char *json, int levels)
+    {
+        blob_buf b = {};
+        blob_buf_init(&b, 0);
+        EXPECT_TRUE(blobmsg_add_json_from_string(&b, json)) << json;
+        std::vector<void *> open;
+        for (int i = 0; i < levels; i++)
+            open.push_back(blobmsg_open_table(&b, i ? "n" : "extra"));
+        for (auto it = open.rbegin(); it != open.rend(); ++it)
+            blobmsg_close_table(&b, *it);
+        call_result r = call_msg(obj, method, b.head);
+        blob_buf_free(&b);
+        return r;
+    }
 
     bool with_hotplug = false;
     std::string dir, sock;
@@ -648,6 +668,68 @@ TEST_F(BusApi, CallsAreLoggedOnlyWithDebugOn)
     EXPECT_NE(out.find(R"(debug: Ubus call: set_func {"func":"1"})"), std::string::npos) << out;
     // The argument path's generic step does not log a second line.
     EXPECT_EQ(out.find("Ubus call: \n"), std::string::npos) << out;
+}
+
+// ---- nesting limit ----
+
+TEST_F(BusApi, ArgumentsNestedBeyondTheLimitAreRefusedBeforeAnyHandler)
+{
+    struct row {
+        const char *what;
+        bool gsm; // the `gsm` object rather than the modem
+        const char *method;
+        const char *args;
+        bool queues; // accepted at the limit, it reaches the modem's queue
+    } rows[] = {
+        {"core method", false, "exec", R"({"command":"AT"})", true},
+        {"core method without arguments", false, "info", "{}", false},
+        {"catalogue argument path", false, "set_func", R"({"func":"1"})", true},
+        {"catalogue generic path", false, "get_firmware", "{}", true},
+        {"daemon object", true, "info", "{}", false},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        uint32_t obj = r.gsm ? gsm_id : modem_id;
+        mdm.queue.clear();
+        g_invocations.clear();
+        EXPECT_EQ(call_nested(obj, r.method, r.args, BLOBMSG_MAX_DEPTH + 1).status, UBUS_STATUS_INVALID_ARGUMENT);
+        EXPECT_TRUE(mdm.queue.empty());
+        EXPECT_TRUE(g_invocations.empty());
+
+        call_result at_limit = call_nested(obj, r.method, r.args, BLOBMSG_MAX_DEPTH);
+        EXPECT_EQ(at_limit.status, 0);
+        EXPECT_EQ(mdm.queue.size(), r.queues ? 1u : 0u);
+    }
+}
+
+TEST_F(BusApi, DeepExecIsRefusedWithoutADebugLineOfItsArguments)
+{
+    log_level(1);
+    testing::internal::CaptureStdout();
+    // About 1 MB, as the attack sent it: formatting it for the debug line
+    // overflowed the stack.
+    call_result deep = call_nested(modem_id, "exec", R"({"command":"AT"})", 120000);
+    call_result at_limit = call_nested(modem_id, "exec", R"({"command":"AT"})", BLOBMSG_MAX_DEPTH);
+    log_level(0);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(deep.status, UBUS_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(at_limit.status, 0);
+    ASSERT_EQ(mdm.queue.size(), 1u);
+    EXPECT_EQ(mdm.queue[0].command, "AT");
+
+    std::string refusal = "debug: Ubus call: exec refused: arguments nested deeper than " +
+                          std::to_string(BLOBMSG_MAX_DEPTH) + " levels\n";
+    EXPECT_NE(out.find(refusal), std::string::npos) << out;
+    std::string extra = R"(debug: Ubus call: exec {"command":"AT","extra":{)";
+    for (int i = 1; i < BLOBMSG_MAX_DEPTH; i++)
+        extra += R"("n":{)";
+    extra += std::string(BLOBMSG_MAX_DEPTH, '}') + "}\n";
+    EXPECT_NE(out.find(extra), std::string::npos) << out;
+    // the refusal and the call at the limit, nothing else
+    size_t lines = 0;
+    for (size_t p = out.find("Ubus call: exec"); p != std::string::npos; p = out.find("Ubus call: exec", p + 1))
+        lines++;
+    EXPECT_EQ(lines, 2u) << out;
 }
 
 // ---- the command-line client ----

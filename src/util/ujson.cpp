@@ -63,6 +63,8 @@ std::unique_ptr<ujson> ujson::create(blob_buf *buf)
 
 std::unique_ptr<ujson> ujson::create_ex(blob_attr *msg)
 {
+    if (msg && !blobmsg_check_depth(msg, true))
+        return nullptr;
     std::unique_ptr<ujson> j = create();
     if (j && msg) {
         j->sel_ = msg;

@@ -23,10 +23,11 @@ public:
     // the caller keeps and frees. Null when an allocation fails.
     static std::unique_ptr<ujson> create(blob_buf *buf = nullptr);
     // Reader for an incoming message: reads look among msg's children, adds
-    // go to the object's own empty buffer.
+    // go to the object's own empty buffer. Null when msg's members nest
+    // deeper than BLOBMSG_MAX_DEPTH (libubox/blobmsg.h).
     static std::unique_ptr<ujson> create_ex(blob_attr *msg);
     // The members of a JSON object file; null if the file is missing, is not
-    // a JSON object or cannot be loaded.
+    // a JSON object, nests deeper than BLOBMSG_MAX_DEPTH or cannot be loaded.
     static std::unique_ptr<ujson> create_file(const char *path);
 
     ~ujson();

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -92,6 +93,50 @@ TEST(UjsonCreate, FromFile)
         std::remove(path.c_str());
     }
     EXPECT_FALSE(ujson::create_file(nullptr));
+}
+
+// A message with "cmd":"scan" and a member "deep" of `levels` nested tables.
+std::unique_ptr<ujson> nested_message(int levels)
+{
+    auto j = ujson::create();
+    j->add_string("cmd", "scan");
+    std::vector<void *> open;
+    for (int i = 0; i < levels; i++)
+        open.push_back(j->open_table(i ? "n" : "deep"));
+    for (auto it = open.rbegin(); it != open.rend(); ++it)
+        j->close_table(*it);
+    return j;
+}
+
+TEST(UjsonCreate, MessagesAndFilesNestedBeyondTheLimitAreRefused)
+{
+    std::string path = testing::TempDir() + "ujson_test_deep.json";
+    for (int levels : {BLOBMSG_MAX_DEPTH, BLOBMSG_MAX_DEPTH + 1, 100000}) {
+        SCOPED_TRACE(levels);
+        bool accepted = levels <= BLOBMSG_MAX_DEPTH;
+        auto msg = nested_message(levels);
+        auto reader = ujson::create_ex(msg->get_blobmsg());
+        EXPECT_EQ(reader != nullptr, accepted);
+        if (reader) {
+            EXPECT_STREQ(reader->get_string("cmd"), "scan");
+        }
+
+        std::string doc = R"({"cmd":"scan")";
+        for (int i = 0; i < levels; i++)
+            doc += i ? R"({"n":)" : R"(,"deep":)";
+        doc += levels ? "{}" : "";
+        doc += std::string(levels ? levels - 1 : 0, '}') + "}";
+        FILE *f = std::fopen(path.c_str(), "w");
+        ASSERT_NE(f, nullptr);
+        std::fputs(doc.c_str(), f);
+        std::fclose(f);
+        auto file = ujson::create_file(path.c_str());
+        EXPECT_EQ(file != nullptr, accepted);
+        if (file) {
+            EXPECT_EQ(json(*file), json(*msg));
+        }
+    }
+    std::remove(path.c_str());
 }
 
 TEST(UjsonAdd, TypedFieldsAtTheCurrentLevel)

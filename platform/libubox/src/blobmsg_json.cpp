@@ -2,6 +2,9 @@
 
 #include <json-c/json.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -11,15 +14,94 @@ namespace {
 
 // ---- JSON -> blobmsg ----
 
-bool add_array(blob_buf *b, json_object *arr)
+// `room` is how many more container levels may be opened below the current
+// one; a deeper value fails the whole conversion.
+bool add_element(blob_buf *b, const char *name, json_object *obj, int room);
+
+bool add_members(blob_buf *b, json_object *obj, int room)
 {
-	size_t n = json_object_array_length(arr);
-	for (size_t i = 0; i < n; i++) {
-		if (!blobmsg_add_json_element(b, nullptr, json_object_array_get_idx(arr, i)))
+	if (!json_object_is_type(obj, json_type_object))
+		return false;
+	json_object_iterator it = json_object_iter_begin(obj);
+	json_object_iterator end = json_object_iter_end(obj);
+	for (; !json_object_iter_equal(&it, &end); json_object_iter_next(&it)) {
+		if (!add_element(b, json_object_iter_peek_name(&it), json_object_iter_peek_value(&it), room))
 			return false;
 	}
 	return true;
 }
+
+bool add_items(blob_buf *b, json_object *arr, int room)
+{
+	size_t n = json_object_array_length(arr);
+	for (size_t i = 0; i < n; i++) {
+		if (!add_element(b, nullptr, json_object_array_get_idx(arr, i), room))
+			return false;
+	}
+	return true;
+}
+
+bool add_element(blob_buf *b, const char *name, json_object *obj, int room)
+{
+	void *c;
+	bool ok;
+	switch (json_object_get_type(obj)) {
+	case json_type_object:
+		if (room <= 0)
+			return false;
+		c = blobmsg_open_table(b, name);
+		if (!c)
+			return false;
+		ok = add_members(b, obj, room - 1);
+		blobmsg_close_table(b, c);
+		return ok;
+	case json_type_array:
+		if (room <= 0)
+			return false;
+		c = blobmsg_open_array(b, name);
+		if (!c)
+			return false;
+		ok = add_items(b, obj, room - 1);
+		blobmsg_close_array(b, c);
+		return ok;
+	case json_type_string:
+		return blobmsg_add_string(b, name, json_object_get_string(obj)) == 0;
+	case json_type_boolean:
+		return blobmsg_add_u8(b, name, json_object_get_boolean(obj) ? 1 : 0) == 0;
+	case json_type_int: {
+		int64_t v = json_object_get_int64(obj);
+		if (v >= INT32_MIN && v <= INT32_MAX)
+			return blobmsg_add_u32(b, name, static_cast<uint32_t>(static_cast<int32_t>(v))) == 0;
+		return blobmsg_add_u64(b, name, static_cast<uint64_t>(v)) == 0;
+	}
+	case json_type_double:
+		return blobmsg_add_double(b, name, json_object_get_double(obj)) == 0;
+	case json_type_null:
+		return blobmsg_add_field(b, BLOBMSG_TYPE_UNSPEC, name, nullptr, 0) == 0;
+	default:
+		return false;
+	}
+}
+
+// The current level of b as it was: a failed conversion leaves nothing behind
+// (containers opened on the way are closed again, so the level is the same).
+struct level_mark {
+	blob_buf *b;
+	size_t len;
+
+	explicit level_mark(blob_buf *buf) : b(buf), len(buf->head ? blob_raw_len(buf->head) : 0) {}
+
+	bool keep_if(bool ok) const
+	{
+		if (!ok && b->head)
+			blob_set_raw_len(b->head, static_cast<unsigned int>(len));
+		return ok;
+	}
+};
+
+// A document is the members of a message: its own braces are one JSON level
+// above BLOBMSG_MAX_DEPTH.
+constexpr int document_depth = BLOBMSG_MAX_DEPTH + 1;
 
 // Takes the parsed document; only an object is accepted.
 bool add_document(blob_buf *b, json_object *obj)
@@ -29,6 +111,30 @@ bool add_document(blob_buf *b, json_object *obj)
 		ok = blobmsg_add_object(b, obj);
 	json_object_put(obj);
 	return ok;
+}
+
+json_object *parse_text(const char *str)
+{
+	json_tokener *tok = json_tokener_new_ex(document_depth);
+	if (!tok)
+		return nullptr;
+	json_object *obj = json_tokener_parse_ex(tok, str, -1);
+	if (json_tokener_get_error(tok) != json_tokener_success) {
+		json_object_put(obj);
+		obj = nullptr;
+	}
+	json_tokener_free(tok);
+	return obj;
+}
+
+json_object *parse_file(const char *file)
+{
+	int fd = open(file, O_RDONLY | O_CLOEXEC);
+	if (fd < 0)
+		return nullptr;
+	json_object *obj = json_object_from_fd_ex(fd, document_depth);
+	close(fd);
+	return obj;
 }
 
 // ---- blobmsg -> JSON text ----
@@ -42,7 +148,8 @@ struct writer {
 	size_t cap = 0;
 	bool failed = false;
 	bool indent = false;
-	int level = 0;
+	int level = 0;  // of indentation
+	int depth = 0;  // containers entered; beyond BLOBMSG_MAX_DEPTH the text fails
 	blobmsg_json_format_t cb = nullptr;
 	void *priv = nullptr;
 
@@ -136,6 +243,8 @@ void format_list(writer &w, blob_attr *data, size_t len, bool array)
 	blob_attr *pos;
 	size_t rem = len;
 	__blob_for_each_attr(pos, data, rem) {
+		if (w.failed)
+			break;
 		// the separator comes even when the element turns out invalid
 		if (!first) {
 			w.put(',');
@@ -201,10 +310,15 @@ void format_element(writer &w, blob_attr *attr, bool without_name)
 		format_string(w, static_cast<const char *>(data));
 		break;
 	case BLOBMSG_TYPE_ARRAY:
-		format_list(w, static_cast<blob_attr *>(data), len, true);
-		break;
 	case BLOBMSG_TYPE_TABLE:
-		format_list(w, static_cast<blob_attr *>(data), len, false);
+		// checked before going down, so no input recurses without bound
+		if (w.depth >= BLOBMSG_MAX_DEPTH) {
+			w.failed = true;
+			break;
+		}
+		w.depth++;
+		format_list(w, static_cast<blob_attr *>(data), len, blob_id(attr) == BLOBMSG_TYPE_ARRAY);
+		w.depth--;
 		break;
 	default:
 		break;
@@ -225,63 +339,24 @@ extern "C" {
 
 bool blobmsg_add_object(blob_buf *b, json_object *obj)
 {
-	if (!json_object_is_type(obj, json_type_object))
-		return false;
-	json_object_iterator it = json_object_iter_begin(obj);
-	json_object_iterator end = json_object_iter_end(obj);
-	for (; !json_object_iter_equal(&it, &end); json_object_iter_next(&it)) {
-		if (!blobmsg_add_json_element(b, json_object_iter_peek_name(&it), json_object_iter_peek_value(&it)))
-			return false;
-	}
-	return true;
+	level_mark mark(b);
+	return mark.keep_if(add_members(b, obj, BLOBMSG_MAX_DEPTH));
 }
 
 bool blobmsg_add_json_element(blob_buf *b, const char *name, json_object *obj)
 {
-	void *c;
-	bool ok;
-	switch (json_object_get_type(obj)) {
-	case json_type_object:
-		c = blobmsg_open_table(b, name);
-		if (!c)
-			return false;
-		ok = blobmsg_add_object(b, obj);
-		blobmsg_close_table(b, c);
-		return ok;
-	case json_type_array:
-		c = blobmsg_open_array(b, name);
-		if (!c)
-			return false;
-		ok = add_array(b, obj);
-		blobmsg_close_array(b, c);
-		return ok;
-	case json_type_string:
-		return blobmsg_add_string(b, name, json_object_get_string(obj)) == 0;
-	case json_type_boolean:
-		return blobmsg_add_u8(b, name, json_object_get_boolean(obj) ? 1 : 0) == 0;
-	case json_type_int: {
-		int64_t v = json_object_get_int64(obj);
-		if (v >= INT32_MIN && v <= INT32_MAX)
-			return blobmsg_add_u32(b, name, static_cast<uint32_t>(static_cast<int32_t>(v))) == 0;
-		return blobmsg_add_u64(b, name, static_cast<uint64_t>(v)) == 0;
-	}
-	case json_type_double:
-		return blobmsg_add_double(b, name, json_object_get_double(obj)) == 0;
-	case json_type_null:
-		return blobmsg_add_field(b, BLOBMSG_TYPE_UNSPEC, name, nullptr, 0) == 0;
-	default:
-		return false;
-	}
+	level_mark mark(b);
+	return mark.keep_if(add_element(b, name, obj, BLOBMSG_MAX_DEPTH));
 }
 
 bool blobmsg_add_json_from_string(blob_buf *b, const char *str)
 {
-	return str && add_document(b, json_tokener_parse(str));
+	return str && add_document(b, parse_text(str));
 }
 
 bool blobmsg_add_json_from_file(blob_buf *b, const char *file)
 {
-	return file && add_document(b, json_object_from_file(file));
+	return file && add_document(b, parse_file(file));
 }
 
 char *blobmsg_format_json_with_cb(blob_attr *attr, bool list, blobmsg_json_format_t cb, void *priv, int indent)

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "blob_test_util.h"
 
@@ -305,6 +306,145 @@ TEST(BlobmsgJson, FromFile)
 	EXPECT_EQ(blob_len(broken.b.head), 0u);
 	remove(path.c_str());
 	EXPECT_FALSE(blobmsg_add_json_from_file(&broken.b, path.c_str()));
+}
+
+// ---- nesting limit ----
+
+// `levels` nested tables, each with one member "n", the innermost holding
+// "v":1, under member "x" of a message; its text goes to json when given.
+void add_chain(blob_buf *b, int levels, std::string *json = nullptr)
+{
+	std::vector<void *> open;
+	for (int i = 0; i < levels; i++)
+		open.push_back(blobmsg_open_table(b, i ? "n" : "x"));
+	blobmsg_add_u32(b, levels ? "v" : "x", 1);
+	while (!open.empty()) {
+		blobmsg_close_table(b, open.back());
+		open.pop_back();
+	}
+	if (json) {
+		std::string head = "{", tail = "}";
+		for (int i = 0; i < levels; i++) {
+			head += i ? "\"n\":{" : "\"x\":{";
+			tail += "}";
+		}
+		*json = head + (levels ? "\"v\":1" : "\"x\":1") + tail;
+	}
+}
+
+// The JSON text of a message of depth `levels`: "{" repeated, no members.
+std::string nested_text(int levels)
+{
+	std::string head = "{", tail = "}";
+	for (int i = 0; i < levels; i++) {
+		head += "\"n\":{";
+		tail += "}";
+	}
+	return head + tail;
+}
+
+// A json-c object of depth `levels` (as a message member's value).
+json_object *nested_object(int levels)
+{
+	json_object *obj = json_object_new_int(1);
+	for (int i = 0; i < levels; i++) {
+		json_object *outer = json_object_new_object();
+		json_object_object_add(outer, "n", obj);
+		obj = outer;
+	}
+	return obj;
+}
+
+TEST(BlobmsgFormatDepth, TextUpToTheLimitNothingBeyond)
+{
+	for (int levels : {BLOBMSG_MAX_DEPTH - 1, BLOBMSG_MAX_DEPTH}) {
+		SCOPED_TRACE(levels);
+		scoped_buf sb;
+		std::string expect;
+		add_chain(&sb.b, levels, &expect);
+		EXPECT_EQ(text(blobmsg_format_json(sb.b.head, true)), expect);
+		EXPECT_NE(text(blobmsg_format_json_indent(sb.b.head, true, 0)), "(null)");
+		// the member alone, as a value and as "name":value
+		EXPECT_EQ(text(blobmsg_format_json_value(sb.first())), expect.substr(5, expect.size() - 6));
+		EXPECT_EQ(text(blobmsg_format_json(sb.first(), false)), expect.substr(1, expect.size() - 2));
+	}
+	// 120000 levels is about 1 MB: formatting it used to overflow the stack.
+	for (int levels : {BLOBMSG_MAX_DEPTH + 1, 120000}) {
+		SCOPED_TRACE(levels);
+		scoped_buf sb;
+		add_chain(&sb.b, levels);
+		EXPECT_EQ(blobmsg_format_json(sb.b.head, true), nullptr);
+		EXPECT_EQ(blobmsg_format_json_indent(sb.b.head, true, 0), nullptr);
+		EXPECT_EQ(blobmsg_format_json_value(sb.first()), nullptr);
+		EXPECT_EQ(blobmsg_format_json(sb.first(), false), nullptr);
+	}
+}
+
+TEST(BlobmsgJsonDepth, TextAndFilesUpToTheLimit)
+{
+	std::string path = testing::TempDir() + "blobmsg_json_depth.json";
+	struct row {
+		int levels;
+		bool accepted;
+	} rows[] = {
+		{BLOBMSG_MAX_DEPTH, true},
+		{BLOBMSG_MAX_DEPTH + 1, false},
+		{500000, false},  // 1 MB of brackets
+	};
+	for (const row &r : rows) {
+		SCOPED_TRACE(r.levels);
+		std::string doc = nested_text(r.levels);
+		scoped_buf sb;
+		blobmsg_add_u32(&sb.b, "before", 1);
+		size_t before = blob_len(sb.b.head);
+		EXPECT_EQ(blobmsg_add_json_from_string(&sb.b, doc.c_str()), r.accepted);
+		if (r.accepted) {
+			EXPECT_EQ(text(blobmsg_format_json(sb.b.head, true)), "{\"before\":1," + doc.substr(1));
+		} else {
+			EXPECT_EQ(blob_len(sb.b.head), before);
+		}
+
+		FILE *f = fopen(path.c_str(), "w");
+		ASSERT_NE(f, nullptr);
+		fputs(doc.c_str(), f);
+		fclose(f);
+		scoped_buf file;
+		EXPECT_EQ(blobmsg_add_json_from_file(&file.b, path.c_str()), r.accepted);
+		if (r.accepted) {
+			EXPECT_EQ(text(blobmsg_format_json(file.b.head, true)), doc);
+		} else {
+			EXPECT_EQ(blob_len(file.b.head), 0u);
+		}
+	}
+	remove(path.c_str());
+}
+
+TEST(BlobmsgJsonDepth, ObjectsBuiltInCodeAreBoundedAndLeaveNothingWhenRefused)
+{
+	for (int levels : {BLOBMSG_MAX_DEPTH, BLOBMSG_MAX_DEPTH + 1}) {
+		SCOPED_TRACE(levels);
+		bool accepted = levels <= BLOBMSG_MAX_DEPTH;
+		json_object *value = nested_object(levels);
+		json_object *doc = json_object_new_object();
+		json_object_object_add(doc, "a", json_object_new_int(1));
+		json_object_object_add(doc, "deep", value);
+
+		scoped_buf sb;
+		EXPECT_EQ(blobmsg_add_object(&sb.b, doc), accepted);
+		// refused after "a" went in: that is taken out again
+		EXPECT_EQ(blob_len(sb.b.head) == 0, !accepted);
+		EXPECT_EQ(blobmsg_check_depth(sb.b.head, true), true);
+
+		scoped_buf el;
+		blobmsg_add_u32(&el.b, "before", 1);
+		size_t before = blob_len(el.b.head);
+		EXPECT_EQ(blobmsg_add_json_element(&el.b, "deep", value), accepted);
+		EXPECT_EQ(blob_len(el.b.head) == before, !accepted);
+		if (accepted) {
+			EXPECT_EQ(blobmsg_depth(el.b.head, true, BLOBMSG_MAX_DEPTH), levels);
+		}
+		json_object_put(doc);
+	}
 }
 
 }  // namespace

@@ -309,6 +309,133 @@ TEST(BlobmsgCheck, ArrayCountsDirectChildren)
 	EXPECT_EQ(blobmsg_check_array(nullptr, BLOBMSG_TYPE_UNSPEC), -1);
 }
 
+// A member "x" holding `levels` nested containers, tables and arrays by turns
+// from the top, with a string at the bottom: a message of depth `levels`.
+void add_chain(blob_buf *b, int levels)
+{
+	std::vector<void *> open;
+	for (int i = 0; i < levels; i++) {
+		const char *name = i == 0 ? "x" : i % 2 ? "t" : nullptr;  // arrays hold unnamed values
+		open.push_back(blobmsg_open_nested(b, name, i % 2 != 0));
+		ASSERT_NE(open.back(), nullptr);
+	}
+	blobmsg_add_string(b, levels % 2 ? "t" : "x", "end");
+	while (!open.empty()) {
+		blob_nest_end(b, open.back());
+		open.pop_back();
+	}
+}
+
+TEST(BlobmsgDepth, CountsContainersBelowTheMessage)
+{
+	struct row {
+		const char *what;
+		void (*add)(blob_buf *);
+		int depth;
+	} rows[] = {
+		{"empty message", [](blob_buf *) {}, 0},
+		{"scalars only", [](blob_buf *b) {
+			 blobmsg_add_u32(b, "n", 1);
+			 blobmsg_add_string(b, "s", "v");
+		 },
+		 0},
+		{"empty table", [](blob_buf *b) { blobmsg_close_table(b, blobmsg_open_table(b, "t")); }, 1},
+		{"table holding an array", [](blob_buf *b) {
+			 void *t = blobmsg_open_table(b, "a");
+			 void *c = blobmsg_open_array(b, "b");
+			 blobmsg_add_u32(b, nullptr, 1);
+			 blobmsg_close_array(b, c);
+			 blobmsg_close_table(b, t);
+		 },
+		 2},
+		{"deepest member first", [](blob_buf *b) {
+			 add_chain(b, 4);
+			 blobmsg_close_table(b, blobmsg_open_table(b, "flat"));
+		 },
+		 4},
+		{"deepest member last", [](blob_buf *b) {
+			 blobmsg_close_array(b, blobmsg_open_array(b, "flat"));
+			 add_chain(b, 3);
+		 },
+		 3},
+	};
+	for (const row &r : rows) {
+		SCOPED_TRACE(r.what);
+		scoped_buf sb;
+		r.add(&sb.b);
+		EXPECT_EQ(blobmsg_depth(sb.b.head, true, BLOBMSG_MAX_DEPTH), r.depth);
+		// limited to the depth it has, it still passes; one less and it fails
+		EXPECT_EQ(blobmsg_depth(sb.b.head, true, r.depth), r.depth);
+		EXPECT_EQ(blobmsg_depth(sb.b.head, true, r.depth - 1), -1);
+	}
+
+	// Taken as a value, a container is a level itself and a scalar none.
+	scoped_buf sb;
+	add_chain(&sb.b, 2);
+	blobmsg_add_u32(&sb.b, "n", 1);
+	blob_attr *chain = sb.first();
+	EXPECT_EQ(blobmsg_depth(chain, false, BLOBMSG_MAX_DEPTH), 2);
+	EXPECT_EQ(blobmsg_depth(chain, true, BLOBMSG_MAX_DEPTH), 1);
+	EXPECT_EQ(blobmsg_depth(blob_next(chain), false, 0), 0);
+	EXPECT_EQ(blobmsg_depth(nullptr, true, 0), 0);
+}
+
+TEST(BlobmsgDepth, TheLimitPassesOneMoreLevelDoesNot)
+{
+	struct row {
+		int levels;
+		bool passes;
+	} rows[] = {
+		{BLOBMSG_MAX_DEPTH - 1, true},
+		{BLOBMSG_MAX_DEPTH, true},
+		{BLOBMSG_MAX_DEPTH + 1, false},
+		{120000, false},  // about 1 MB, as an attacker would send it
+	};
+	for (const row &r : rows) {
+		SCOPED_TRACE(r.levels);
+		scoped_buf sb;
+		add_chain(&sb.b, r.levels);
+		EXPECT_EQ(blobmsg_check_depth(sb.b.head, true), r.passes);
+		EXPECT_EQ(blobmsg_depth(sb.b.head, true, BLOBMSG_MAX_DEPTH), r.passes ? r.levels : -1);
+		// Validation looks at one level only, so depth never troubles it.
+		EXPECT_TRUE(blobmsg_check_attr(sb.first(), true));
+		EXPECT_EQ(blobmsg_check_array(sb.first(), BLOBMSG_TYPE_UNSPEC), 1);
+	}
+}
+
+TEST(BlobmsgDepth, LimitsAboveTheUsualOneAreWalkedToo)
+{
+	scoped_buf sb;
+	add_chain(&sb.b, 1000);
+	EXPECT_EQ(blobmsg_depth(sb.b.head, true, 5000), 1000);
+	EXPECT_EQ(blobmsg_depth(sb.b.head, true, 999), -1);
+}
+
+TEST(BlobmsgDepth, InvalidContainersAreNotEntered)
+{
+	// A plain root holding table "a" that holds an empty table "b".
+	const char *valid = "00 00 00 14  82 00 00 10 00 01 61 00  82 00 00 08 00 01 62 00";
+	struct row {
+		const char *what;
+		const char *hex;
+		int depth;
+	} rows[] = {
+		{"valid", valid, 2},
+		{"name of a not NUL-terminated",
+		 "00 00 00 14  82 00 00 10 00 01 61 ff  82 00 00 08 00 01 62 00", 0},
+		{"a longer than the root holds",
+		 "00 00 00 14  82 00 00 14 00 01 61 00  82 00 00 08 00 01 62 00", 0},
+		{"b's header cut short",
+		 "00 00 00 14  82 00 00 10 00 01 61 00  82 00 00 03 00 01 62 00", 1},
+	};
+	for (const row &r : rows) {
+		SCOPED_TRACE(r.what);
+		std::vector<uint8_t> bytes = from_hex(r.hex);
+		auto *root = reinterpret_cast<blob_attr *>(bytes.data());
+		EXPECT_EQ(blobmsg_depth(root, true, BLOBMSG_MAX_DEPTH), r.depth);
+	}
+}
+
 enum { P_NUM, P_NAME, P_ANYINT, P_ANY, P_NAME_AGAIN, P_UNNAMED, P_MAX };
 
 const blobmsg_policy parse_policy[P_MAX] = {

@@ -97,6 +97,9 @@ static inline size_t blobmsg_len(const struct blob_attr *attr)
 	return blobmsg_data_len(attr);
 }
 
+/* One attribute's header, name and value; an array or table is accepted
+ * without looking at its members (nor at how deep they go: see
+ * blobmsg_depth). */
 bool blobmsg_check_attr(const struct blob_attr *attr, bool name);
 bool blobmsg_check_attr_len(const struct blob_attr *attr, bool name, size_t len);
 bool blobmsg_check_attr_list(const struct blob_attr *attr, int type);
@@ -106,6 +109,27 @@ bool blobmsg_check_attr_list_len(const struct blob_attr *attr, int type, size_t 
  * a child, or a child's type (unless `type` is UNSPEC) is wrong. */
 int blobmsg_check_array(const struct blob_attr *attr, int type);
 int blobmsg_check_array_len(const struct blob_attr *attr, int type, size_t len);
+
+/* The deepest nesting of arrays and tables anything here walks. Depth counts
+ * containers: a scalar is 0, an array or table one more than its deepest
+ * member. A message (or any attribute taken as a list of members) counts by
+ * its members and is no level itself: {"a":1} is 0, {"a":{"b":[1]}} is 2.
+ * The JSON formatter, the JSON -> blobmsg conversion and the JSON loaders
+ * refuse anything deeper instead of recursing on it; bus servers are
+ * expected to refuse deeper arguments (blobmsg_check_depth) before reading
+ * them. Real messages stay within a handful of levels. */
+#define BLOBMSG_MAX_DEPTH	32
+
+/* The depth of attr as above (of its members with `list`), or -1 once it is
+ * found to exceed max_depth: nothing below that level is looked at. Members
+ * that fail blobmsg_check_attr are not entered. Iterative, so any input is
+ * safe; a null attr is 0. */
+int blobmsg_depth(const struct blob_attr *attr, bool list, int max_depth);
+
+static inline bool blobmsg_check_depth(const struct blob_attr *attr, bool list)
+{
+	return blobmsg_depth(attr, list, BLOBMSG_MAX_DEPTH) >= 0;
+}
 
 int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len,
 		  struct blob_attr **tb, void *data, unsigned int len);
