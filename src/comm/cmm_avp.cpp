@@ -14,6 +14,7 @@
 
 #include <libubox/usock.h>
 
+#include "comm/at_command.h"
 #include "comm/cmm_internal.h"
 #include "comm/cmm_modem.h"
 #include "comm/request.h"
@@ -114,54 +115,108 @@ void comm_manager::aux_cb(uloop_fd *u, unsigned int)
     });
 }
 
+// Lines end at CR or LF (and a PDU at its Ctrl-Z); what is left without an
+// end once the client has nothing more to send is a line too, since one
+// write of a client is one command. Everything waiting is read, as the
+// socket is watched edge-triggered.
 bool comm_manager::aux_receive(avp_client *client)
 {
     LOG_DEBUG("[AVP] New request (Auxiliary) for `%s [%s]` modem\n", modem_->id(), modem_->vid_pid());
-    char buf[read_size + 1];
-    ssize_t r = recv(client->watch.ufd.fd, buf, read_size, 0);
-    if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-        return true;
-    if (r <= 0) {
-        close_aux(client);
-        return false;
+    char buf[read_size];
+    for (;;) {
+        ssize_t r = recv(client->watch.ufd.fd, buf, sizeof(buf), 0);
+        if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+            break;
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0) {
+            close_aux(client);
+            return false;
+        }
+        for (ssize_t i = 0; i < r; i++) {
+            char c = buf[i];
+            bool end = c == '\r' || c == '\n' || (c == ctrl_z && !client->partial.empty());
+            if (!end) {
+                if (client->discarding)
+                    continue;
+                if (client->line.size() >= at_command_max) {
+                    // Refused once; the rest of the line goes with it.
+                    LOG_WARNING("[AVP] Line over %zu bytes refused for `%s [%s]` modem\n", at_command_max,
+                                modem_->id(), modem_->vid_pid());
+                    client->line.clear();
+                    client->partial.clear();
+                    client->discarding = true;
+                    if (!avp_send(client, avp_error.data(), avp_error.size()))
+                        return false;
+                    continue;
+                }
+                client->line += c;
+                continue;
+            }
+            if (c == ctrl_z)
+                client->line += c;
+            bool skip = client->discarding;
+            client->discarding = false;
+            std::string line = std::move(client->line);
+            client->line.clear();
+            if (!skip && !avp_line(client, line))
+                return false;
+        }
     }
-    size_t len = static_cast<size_t>(r);
-    if (buf[len - 1] == '\n')
-        len--;
-    if (!len)
-        return true;
-    if (client->partial.empty() && !starts_with_nocase(buf, len, "AT"))
-        return true;
-    if (len >= 2 && buf[len - 2] == '\\' && buf[len - 1] == 'r') {
-        buf[len - 2] = '\r';
-        len--;
+    if (!client->line.empty() && !client->discarding) {
+        std::string line = std::move(client->line);
+        client->line.clear();
+        return avp_line(client, line);
     }
-    if (buf[len - 1] != '\r') {
-        if (len >= read_size - 1)
-            return true;
-        buf[len++] = '\r';
-    }
+    return true;
+}
+
+// One line of a client: a command, the first line of an SMS, or its PDU.
+// False when the client was closed.
+bool comm_manager::avp_line(avp_client *client, std::string_view line)
+{
+    if (line.empty())
+        return true;
+    if (client->partial.empty() && !starts_with_nocase(line.data(), line.size(), "AT"))
+        return true;
+    if (line.ends_with("\\r"))
+        line.remove_suffix(2);
 
     if (!client->partial.empty()) {
         // The PDU: the command line goes first, the PDU after the prompt.
-        std::string cmd = client->partial;
-        size_t pdu_len = len - 1;
-        cmd.append(buf, pdu_len);
-        if (!pdu_len || buf[pdu_len - 1] != ctrl_z)
-            cmd += ctrl_z;
-        cmd += '\r';
-        uint32_t first = static_cast<uint32_t>(client->partial.size());
+        std::string_view pdu = line;
+        if (pdu.ends_with(ctrl_z))
+            pdu.remove_suffix(1);
+        std::string cmd = std::move(client->partial);
         client->partial.clear();
+        cmd.append(pdu);
+        cmd += ctrl_z;
+        if (pdu.empty() || at_check_command(cmd) != at_check::ok)
+            return avp_send(client, avp_error.data(), avp_error.size());
+        uint32_t first = static_cast<uint32_t>(cmd.find('\r') + 1);
+        cmd += '\r';
         queue_avp_request(client, cmd.data(), cmd.size(), first);
         return true;
     }
-    if (starts_with_nocase(buf, len, "AT+CMGS=")) {
+    if (at_check_command(line) != at_check::ok) {
+        LOG_WARNING("[AVP] Refused a command line for `%s [%s]` modem\n", modem_->id(), modem_->vid_pid());
+        return avp_send(client, avp_error.data(), avp_error.size());
+    }
+    std::string cmd(line);
+    cmd += '\r';
+    if (starts_with_nocase(cmd.data(), cmd.size(), "AT+CMGS=")) {
         LOG_DEBUG("[AVP] Partial message detected for `%s [%s]` modem\n", modem_->id(), modem_->vid_pid());
-        client->partial.assign(buf, len);
+        client->partial = std::move(cmd);
         return true;
     }
-    queue_avp_request(client, buf, len, 0);
+    queue_avp_request(client, cmd.data(), cmd.size(), 0);
     return true;
+}
+
+void comm_manager::answer_expired(request *req)
+{
+    if (req->avp)
+        avp_send(req->avp, avp_error.data(), avp_error.size());
 }
 
 void comm_manager::queue_avp_request(avp_client *client, const char *text, size_t len, uint32_t ext_len)
@@ -176,6 +231,7 @@ void comm_manager::queue_avp_request(avp_client *client, const char *text, size_
         req->ext_len = ext_len;
     req->token_offset = 0;
     req->avp = client;
+    req->from_avp = true;
     list_add_tail(&req->list, modem_->request_list());
     ping();
 }

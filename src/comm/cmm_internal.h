@@ -18,6 +18,8 @@ struct avp_client {
     owned_fd<avp_client> watch;
     comm_manager *cmm = nullptr;
     std::string partial; // "AT+CMGS=..." waiting for its PDU; empty when none
+    std::string line;    // bytes of a line still arriving
+    bool discarding = false; // the rest of an over-long line is thrown away
 };
 
 namespace cmm_detail

@@ -151,6 +151,12 @@ modem_sim::modem_sim(const std::string &dir, const options &opt)
     // The control socket is bound before the path is printed.
 }
 
+void modem_sim::signal(int sig)
+{
+    if (pid_ > 0)
+        kill(pid_, sig);
+}
+
 modem_sim::~modem_sim()
 {
     if (pid_ <= 0)
@@ -344,6 +350,8 @@ cmm_timing fast_timing()
     t.escape_guard_ms = 20;
     t.round_ms = 20;
     t.dispatch_ms = 20;
+    t.resync_ms = 300;
+    t.resync_quiet_ms = 50;
     return t;
 }
 

@@ -59,6 +59,9 @@ class modem_sim
     std::string control(const std::string &command);
     // Everything sent and received so far, as the simulator logged it.
     std::string transcript() const;
+    // Sends a signal to the simulator (SIGSTOP: it stops reading, the
+    // terminal fills up; SIGCONT: it goes on).
+    void signal(int sig);
 
   private:
     pid_t pid_ = -1;

@@ -13,6 +13,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -35,6 +37,8 @@ struct cmm_timing {
     uint32_t repeat_every = 10;      // empty reads between repeats of "ATE0V1"
     uint32_t write_attempts = 11;    // tries for "+++" and "ATE0V1"
     uint32_t dispatch_ms = 1000;     // retry period of the pending queue
+    uint32_t resync_ms = 3000;       // wait for the answer to a resynchronisation probe
+    uint32_t resync_quiet_ms = 200;  // silence after that answer before the channel trusts it
 };
 
 // A uloop watch or timer that knows its owner; uloop hands callbacks the
@@ -61,6 +65,9 @@ class comm_manager
   public:
     static constexpr uint32_t hang_write_failures = 31;
     static constexpr size_t read_size = 8192;
+    // Answer to a local AT client whose line was refused or whose command
+    // expired before the modem answered it.
+    static constexpr std::string_view avp_error = "\r\nERROR\r\n";
 
     // Null when the traffic log buffer cannot be allocated.
     static std::unique_ptr<comm_manager> create(const cmm_timing &timing = {});
@@ -91,8 +98,20 @@ class comm_manager
 
     // A command is in flight.
     bool busy() const { return busy_; }
-    // After expiring requests, the modem manager frees the channel.
-    void clear_busy() { busy_ = false; }
+    // The modem manager's watcher is through the queue: the in-flight mark is
+    // cleared (the dispatcher sets it again for a command still in flight).
+    // When the command in flight, or the one being written, was dropped, the
+    // channel resynchronises before it writes anything else.
+    void clear_busy();
+    // Nothing but resynchronisation probes go out until the modem has
+    // answered one: what it still sends for a dropped command is not taken
+    // for the next command's answer.
+    bool resyncing() const { return resync_.active; }
+    // A command is being written and the port takes no more bytes for now.
+    bool writing() const { return out_.active; }
+    // The modem manager dropped a request of a local AT client whose time-out
+    // passed: the client gets the error line.
+    void answer_expired(request *req);
     // While paused (firmware update) nothing is dispatched.
     bool paused() const { return paused_; }
     void set_paused(bool paused) { paused_ = paused; }
@@ -118,16 +137,40 @@ class comm_manager
 
     // Dispatch.
     bool held() const;
+    void dispatch();
     int common_write_handle(request *req);
     void arm_dispatcher();
     void on_queue();
     void on_dispatch();
 
+    // Output. A command the port does not take at once is finished from
+    // where it stopped when the port is writable again.
+    enum class write_result { done, pending, failed };
+    write_result start_write(const char *bytes, size_t n, request *req, bool next_part, uint32_t status);
+    write_result pump_write();
+    void written();
+    void write_failed();
+    void cancel_write();
+    ssize_t write_some(const void *bytes, size_t n);
+    void watch_tty(bool want_write);
+
+    // The command in flight; null when none (or when it was dropped).
+    request *in_flight();
+    void check_in_flight();
+
+    // Resynchronisation after a dropped command.
+    void enter_resync(std::string stale_token, bool at_prompt, size_t fragment);
+    void send_probe();
+    void resync_done();
+    void resync_answer(parser &p);
+    static void resync_cb(uloop_timeout *t);
+
     // Receive path.
     void process_response(bool drain_only);
     void handle_urcs(parser &p);
     void handle_unowned(parser &p);
-    bool write_next_part(request *req, uint32_t status);
+    bool deliver_error_urc(parser &p);
+    void write_next_part(request *req, uint32_t status);
     void complete_request(request *req, parser &p);
     void handle_external(request *req, ujson &reply, int status, parser &p);
     void finish(request *req, int failed, parser &p);
@@ -137,6 +180,7 @@ class comm_manager
     // Local AT socket.
     void avp_accept();
     bool aux_receive(avp_client *client); // false when the client was closed
+    bool avp_line(avp_client *client, std::string_view line);
     void queue_avp_request(avp_client *client, const char *text, size_t len, uint32_t ext_len);
     bool avp_send(avp_client *client, const char *bytes, size_t n);
     void avp_broadcast(const char *bytes, size_t n);
@@ -149,10 +193,38 @@ class comm_manager
     static void avp_sock_handle(uloop_fd *u, unsigned int events);
     static void aux_cb(uloop_fd *u, unsigned int events);
 
+    // Bytes on their way to the tty.
+    struct pending_write {
+        bool active = false;
+        std::string bytes;
+        size_t pos = 0;
+        request *req = nullptr; // the request they belong to; null for the channel's own
+        uint64_t seq = 0;       // the request's channel_seq while it is written
+        bool next_part = false; // a later part of a multi-part command
+        uint32_t status = 0;    // parser status that asked for that part
+    };
+
+    struct resync_state {
+        bool active = false;
+        unsigned attempt = 0;
+        std::string stale_token; // token of the dropped command
+        std::string preamble;    // written in front of the next probe
+        int probe = -1;          // the probe whose answer ends it
+        bool confirming = false; // answered; waiting for the quiet after it
+    };
+
     const cmm_timing timing_;
     cmm_modem *modem_ = nullptr;
     owned_fd<comm_manager> main_fd_;
     bool busy_ = false;
+    pending_write out_;
+    uint64_t channel_seq_ = 0;
+    uint64_t in_flight_seq_ = 0;   // channel_seq of the command in flight; 0 for none
+    std::string in_flight_token_;  // its parser token
+    bool at_prompt_ = false;       // the modem waits for the text of the command in flight
+    bool hung_up_ = false;         // the port reported a hang-up and is no longer watched
+    resync_state resync_;
+    owned_timeout<comm_manager> resync_timer_;
     bool echo_off_sent_ = false; // "ATE0" written, its answer still to come
     bool paused_ = false;
     std::atomic<bool> fota_{false};

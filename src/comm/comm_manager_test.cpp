@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -185,6 +186,8 @@ std::string scenario(const std::string &extra_rules)
            "on AT+GSN\n  line {imei}\n  ok\n"
            "on AT+CSQ\n  line +CSQ: {csq},99\n  ok\n"
            "on AT+CREG?\n  line +CREG: 0,1\n  ok\n"
+           "on AT+CMEE?\n  line +CMEE: {cmee}\n  ok\n"
+           "on AT+CSCS?\n  line +CSCS: \"GSM\"\n  ok\n"
            "on AT+CMGS=[0-9]*\n  prompt ok\n  delay 30\n  line +CMGS: {mr}\n  add mr 1 256\n  ok\n";
 }
 
@@ -376,40 +379,45 @@ TEST_F(CommManager, TwoCommandLinesAreWrittenOneAfterTheOther)
     EXPECT_LT(t.find("+CSQ: 22,99"), t.find("in  \"AT+CREG?"));
 }
 
-TEST_F(CommManager, ThirtyOneFailedWritesDeclareTheModemHung)
+// A port that takes no bytes, or that hung up: every command is answered as
+// failed at once, none stays queued, and the 31st failed write in a row
+// declares the modem hung.
+TEST_F(CommManager, FailedWritesAnswerTheirRequestsAndThirtyOneDeclareTheModemHung)
 {
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
-    // The port stops taking bytes.
-    int ro = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(ro, 0);
-    ASSERT_GE(dup2(ro, mdm->cmm->tty_fd()), 0);
-    close(ro);
-
-    mdm->queue("AT+CSQ");
-    ASSERT_TRUE(run_until(5000, [&] { return mdm->hangs == 1; }));
-    // Not lost: still queued, not finished, tried again by the dispatcher.
-    EXPECT_EQ(mdm->queued(), 1u);
-    EXPECT_TRUE(mdm->finished.empty());
-    EXPECT_FALSE(mdm->cmm->busy());
-}
-
-TEST_F(CommManager, APortThatHangsUpIsDroppedAndEndsInTheHangCall)
-{
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
-    // The simulator goes away as an unplugged modem does: the terminal hangs up.
-    sim.reset();
-    testing::internal::CaptureStdout();
-    mdm->queue("AT+CSQ");
-    bool hung = run_until(5000, [&] { return mdm->hangs == 1; });
-    run_until(200, [] { return false; });
-    std::string log = testing::internal::GetCapturedStdout();
-    ASSERT_TRUE(hung);
-    // Reported once, not read again and again.
-    EXPECT_NE(log.find("[CMM] Modem `1-1.2 [2C7C:0125]` port hung up!"), std::string::npos) << log;
-    size_t reads = 0;
-    for (size_t p = log.find("modem read"); p != std::string::npos; p = log.find("modem read", p + 1))
-        reads++;
-    EXPECT_LE(reads, 2u) << log;
+    for (const bool unplug : {false, true}) {
+        SCOPED_TRACE(unplug ? "terminal hung up" : "port refuses writes");
+        ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+        if (unplug) {
+            sim.reset(); // the terminal hangs up, as an unplugged modem's does
+        } else {
+            int ro = open("/dev/null", O_RDONLY | O_CLOEXEC);
+            ASSERT_GE(ro, 0);
+            ASSERT_GE(dup2(ro, mdm->cmm->tty_fd()), 0);
+            close(ro);
+        }
+        testing::internal::CaptureStdout();
+        mdm->queue("AT+CSQ");
+        bool first = wait_finished(1);
+        for (int i = 0; i < 30; i++)
+            mdm->queue("AT+CSQ");
+        bool all = wait_finished(31);
+        idle(100);
+        std::string log = testing::internal::GetCapturedStdout();
+        ASSERT_TRUE(first && all) << mdm->finished.size() << " finished";
+        for (const auto &f : mdm->finished)
+            EXPECT_EQ(f.failed, 1);
+        EXPECT_EQ(mdm->queued(), 0u);
+        EXPECT_EQ(mdm->hangs, 1);
+        EXPECT_FALSE(mdm->cmm->busy());
+        EXPECT_NE(log.find("[CMM] Failed to send command (0/8 bytes transferred)"), std::string::npos);
+        if (unplug) {
+            // Reported once, not read again and again.
+            EXPECT_EQ(count(log, "port hung up!"), 1u) << log;
+            EXPECT_LE(count(log, "modem read"), 2u) << log;
+        }
+        TearDown();
+        SetUp();
+    }
 }
 
 TEST_F(CommManager, WriteFailureCountRestartsAfterTheHangCall)
@@ -617,6 +625,13 @@ TEST_F(CommManager, SeventyKilobytesWithoutAResultAreDroppedAndTheChannelGoesOn)
     EXPECT_EQ(mdm->finished.size(), 2u);
 }
 
+// What the modem manager's watcher does with an expired request.
+void expire(test_modem &m, request *req)
+{
+    clean_request(req, 1);
+    m.cmm->clear_busy();
+}
+
 TEST_F(CommManager, UnansweredRequestStaysInFlightUntilExpired)
 {
     ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
@@ -628,15 +643,178 @@ TEST_F(CommManager, UnansweredRequestStaysInFlightUntilExpired)
     EXPECT_TRUE(mdm->cmm->busy());
     EXPECT_EQ(count(modem_input(sim->transcript()), "AT+CSQ"), 1u);
 
-    // What the modem manager's watcher does when the time-out passes.
-    clean_request(req, 1);
-    mdm->cmm->clear_busy();
+    expire(*mdm, req);
     sim->control("unhang");
     mdm->queue("AT+CSQ");
     ASSERT_TRUE(wait_finished(1));
     idle(100);
     ASSERT_EQ(mdm->finished.size(), 1u);
     EXPECT_EQ(mdm->replies.at(0).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+}
+
+// The answer to a dropped command arrives after the next command was
+// queued: it is never handed to that command, however late it comes.
+TEST_F(CommManager, LateAnswerOfADroppedCommandIsNeverTakenForTheNextOne)
+{
+    const struct {
+        const char *what;
+        const char *slow_rule; // answers after the test dropped it
+        std::string slow, next, next_answer;
+    } rows[] = {
+        {"info line and OK", "on AT+SLOW\n  delay 400\n  line +CSQ: 5,99\n  ok\n", "AT+SLOW", "AT+CSQ",
+         "\r\n+CSQ: 22,99\r\n\r\nOK\r\n"},
+        {"same command again", "on AT+SLOW\n  delay 400\n  line +SLOW: 1\n  ok\n", "AT+SLOW", "AT+GSN",
+         "\r\n866758041234564\r\n\r\nOK\r\n"},
+        {"error only", "on AT+SLOW\n  delay 400\n  error\n", "AT+SLOW", "AT+CREG?", "\r\n+CREG: 0,1\r\n\r\nOK\r\n"},
+        {"plain text", "on AT+SLOW\n  delay 400\n  line 123456\n  ok\n", "AT+SLOW", "AT+GSN",
+         "\r\n866758041234564\r\n\r\nOK\r\n"},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.what);
+        ASSERT_NO_FATAL_FAILURE(open_channel(scenario(r.slow_rule)));
+        request *req = mdm->queue(r.slow);
+        idle(100);
+        ASSERT_TRUE(mdm->cmm->busy());
+        expire(*mdm, req);
+        EXPECT_TRUE(mdm->cmm->resyncing());
+        mdm->queue(r.next);
+        ASSERT_TRUE(wait_finished(1, 5000));
+        EXPECT_EQ(mdm->replies.at(0).response, r.next_answer);
+        EXPECT_FALSE(mdm->cmm->resyncing());
+        // And the one after it too.
+        mdm->queue(r.next);
+        ASSERT_TRUE(wait_finished(2, 5000));
+        EXPECT_EQ(mdm->replies.at(1).response, r.next_answer);
+        TearDown();
+        SetUp();
+    }
+}
+
+// A modem that stays silent: probes go out one at a time with another token
+// each, and nothing else is written until one is answered.
+TEST_F(CommManager, SilentModemGetsOnlyProbesUntilItAnswersOne)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    sim->control("hang");
+    request *req = mdm->queue("AT+CSQ");
+    idle(100);
+    expire(*mdm, req);
+    mdm->queue("AT+GSN");
+    idle(800);
+    std::string in = modem_input(sim->transcript());
+    EXPECT_EQ(count(in, "AT+GSN"), 0u) << in;
+    EXPECT_GE(count(in, "AT+CMEE?"), 1u) << in;
+    EXPECT_GE(count(in, "AT+CSCS?"), 1u) << in;
+    EXPECT_EQ(count(in, "AT+CSQ"), 1u) << "a probe repeated the dropped command's token: " << in;
+    sim->control("unhang");
+    ASSERT_TRUE(wait_finished(1, 6000));
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n866758041234564\r\n\r\nOK\r\n");
+}
+
+// A modem that stalls and then catches up answers the dropped command and
+// every probe in one burst, in order: none of those answers reaches the
+// command queued meanwhile.
+TEST_F(CommManager, ModemCatchingUpInABurstAnswersTheNextCommandItself)
+{
+    // Answers spaced a little, so that the burst is still arriving when the
+    // channel would write the next command if it trusted the first probe answer.
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("latency 30\n")));
+    ASSERT_EQ(sim->control("hold"), "OK\n");
+    request *req = mdm->queue("AT+CSQ");
+    idle(100);
+    expire(*mdm, req);
+    mdm->queue("AT+GSN");
+    idle(1500); // several probes, all held
+    ASSERT_GE(count(modem_input(sim->transcript()), "AT+CMEE?") + count(modem_input(sim->transcript()), "AT+CSCS?"),
+              3u);
+    ASSERT_EQ(sim->control("release"), "OK\n");
+    ASSERT_TRUE(wait_finished(1, 8000));
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n866758041234564\r\n\r\nOK\r\n");
+    mdm->queue("AT+CREG?");
+    ASSERT_TRUE(wait_finished(2, 5000));
+    EXPECT_EQ(mdm->replies.at(1).response, "\r\n+CREG: 0,1\r\n\r\nOK\r\n");
+}
+
+// "AT+CMGS=5" on its own leaves the modem at its prompt; when it expires the
+// prompt is cancelled before anything else is written.
+TEST_F(CommManager, CommandExpiringAtAPromptIsCancelledWithEsc)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    request *req = mdm->queue("AT+CMGS=5");
+    idle(200);
+    expire(*mdm, req);
+    mdm->queue("AT+GSN");
+    ASSERT_TRUE(wait_finished(1, 5000));
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n866758041234564\r\n\r\nOK\r\n");
+    std::string in = modem_input(sim->transcript());
+    size_t esc = in.find("\\x1b");
+    ASSERT_NE(esc, std::string::npos) << in;
+    EXPECT_LT(esc, in.find("AT+GSN")) << in;
+}
+
+// A command longer than the terminal takes at once is finished when the port
+// is writable again, and the modem sees it whole.
+TEST_F(CommManager, LongCommandIsWrittenWholeAcrossPartialWrites)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("on AT+LONG=*\n  line +LONG: 1\n  ok\n")));
+    std::string cmd = "AT+LONG=" + std::string(60000, '7');
+    mdm->queue(cmd);
+    ASSERT_TRUE(wait_finished(1, 10000));
+    EXPECT_EQ(mdm->finished.at(0).failed, 0);
+    std::string in = modem_input(sim->transcript());
+    EXPECT_NE(in.find(cmd + "\\r"), std::string::npos) << "the modem did not get the command whole";
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(2));
+    EXPECT_EQ(mdm->replies.at(1).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+}
+
+// The modem stops reading in the middle of a command: the write waits; when
+// the request expires the fragment is erased before the probe, and the modem
+// never runs the fragment as a command.
+TEST_F(CommManager, FragmentOfACommandThatExpiredWhileWrittenIsErased)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("on AT+LONG=*\n  line +LONG: 1\n  ok\n")));
+    sim->signal(SIGSTOP);
+    request *req = mdm->queue("AT+LONG=" + std::string(60000, '7'));
+    idle(200);
+    EXPECT_TRUE(mdm->cmm->writing());
+    expire(*mdm, req);
+    EXPECT_TRUE(mdm->cmm->resyncing());
+    sim->signal(SIGCONT);
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(1, 8000));
+    EXPECT_EQ(mdm->replies.at(0).response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+    std::string in = modem_input(sim->transcript());
+    size_t erased = in.find("\\x08");
+    ASSERT_NE(erased, std::string::npos) << "no backspace erased the fragment";
+    EXPECT_LT(erased, in.find("AT+CMEE?")) << "the probe went out before the fragment was erased";
+}
+
+// With nothing in flight there is no token: a URC right after a query is a
+// URC, and the next answer is the modem's answer alone.
+TEST_F(CommManager, UrcAfterACompletedQueryIsDeliveredNotGluedToTheNextAnswer)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    mdm->queue("AT+CREG?");
+    ASSERT_TRUE(wait_finished(1));
+    sim->control("urc +CREG: 5");
+    ASSERT_TRUE(run_until(3000, [&] { return !g_urcs.empty(); }));
+    EXPECT_EQ(g_urcs.at(0), "creg:\r\n+CREG: 5\r\n");
+    mdm->queue("AT+CREG?");
+    ASSERT_TRUE(wait_finished(2));
+    EXPECT_EQ(mdm->replies.at(1).response, "\r\n+CREG: 0,1\r\n\r\nOK\r\n");
+}
+
+// An error report in the same read as a final OK is a URC: it reaches the
+// handler of the URC the modem waits for.
+TEST_F(CommManager, ErrorReportAfterAFinalOkInTheSameReadIsAUrc)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("on AT+CUSD=1,*\n  ok\n  urc +CME ERROR: 100\n")));
+    mdm->awaited = "+CUSD: ";
+    mdm->queue("AT+CUSD=1,\"*100#\",15");
+    ASSERT_TRUE(wait_finished(1));
+    ASSERT_TRUE(run_until(2000, [&] { return !g_urcs.empty(); }));
+    EXPECT_EQ(g_urcs.at(0), "cusd:\r\n+CME ERROR: 100\r\n");
 }
 
 // --- local AT socket ------------------------------------------------------------
@@ -737,4 +915,43 @@ TEST_F(CommManagerAvp, ClientLeavingBeforeItsAnswerDoesNotBreakTheChannel)
     ASSERT_NE(json, nullptr);
     EXPECT_NE(std::string(json).find("\"aux_fd_num\":0"), std::string::npos) << json;
     free(json);
+}
+
+// Lines of a client: several in one write are each a command; one longer
+// than the daemon takes, or one that would smuggle a second command or end
+// an SMS, gets the error line and nothing reaches the modem; the client's
+// next line is read as usual.
+TEST_F(CommManagerAvp, LinesAreFramedBoundedAndChecked)
+{
+    const std::string csq = "\r\n+CSQ: 22,99\r\n\r\nOK\r\n", gsn = "\r\n866758041234564\r\n\r\nOK\r\n";
+    const std::string error(comm_manager::avp_error);
+    const struct {
+        const char *what;
+        std::string send, want;
+        size_t commands; // command lines the modem runs
+    } rows[] = {
+        {"two lines in one write", "AT+CSQ\nAT+GSN\n", csq + gsn, 2},
+        {"CR LF ends a line once", "AT+CSQ\r\nAT+GSN\r\n", csq + gsn, 2},
+        {"over-long line", "AT+" + std::string(10000, 'X') + "\nAT+CSQ\n", error + csq, 1},
+        {"over-long line without an end", "AT+" + std::string(20000, 'X'), error, 0},
+        {"escape inside", "AT+CSQ\x1b\nAT+GSN\n", error + gsn, 1},
+        {"nul inside", std::string("AT+C\0SQ\nAT+GSN\n", 15), error + gsn, 1},
+        {"open quote", "AT+COPS=1,0,\"x\nAT+GSN\n", error + gsn, 1},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.what);
+        ASSERT_NO_FATAL_FAILURE(open_avp(scenario("")));
+        size_t before = count(modem_input(sim->transcript()), "\\r");
+        ASSERT_TRUE(peer->send(r.send));
+        run_until(3000, [&] {
+            peer->poll();
+            return peer->received().size() >= r.want.size();
+        });
+        idle(100);
+        peer->poll();
+        EXPECT_EQ(peer->received(), r.want);
+        EXPECT_EQ(count(modem_input(sim->transcript()), "\\r") - before, r.commands);
+        TearDown();
+        SetUp();
+    }
 }

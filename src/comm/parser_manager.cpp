@@ -52,8 +52,6 @@ constexpr uint32_t code_tail = longest_code() - 1;
 
 constexpr std::string_view cusd_head = "\r\n+CUSD: ";
 constexpr std::string_view powered_down = "\r\nPOWERED DOWN\r\n";
-// The power-down URC is stored as its line plus a terminating zero.
-constexpr uint32_t powered_down_urc_len = 17;
 constexpr uint32_t cusd_text_max = 256;
 constexpr uint32_t cusd_digits_max = 10;
 constexpr uint32_t special_tail = static_cast<uint32_t>(std::max(cusd_head.size(), powered_down.size()) - 1);
@@ -421,17 +419,9 @@ void parser::take_special_urcs()
             return;
         }
 
-        bool stored;
-        if (power) {
-            char rec[powered_down_urc_len] = {};
-            std::memcpy(rec, powered_down.data(), powered_down.size());
-            stored = append(*urc_, rec, powered_down_urc_len);
+        if (power)
             found_len = static_cast<uint32_t>(powered_down.size());
-        } else {
-            stored = append(*urc_, t.data() + found, found_len);
-        }
-        measure_urc();
-        status_ |= stored ? PARSER_STATUS_URC : PARSER_STATUS_FAILURE;
+        status_ |= urc_add(t.data() + found, found_len) ? PARSER_STATUS_URC : PARSER_STATUS_FAILURE;
         cut_hist(found, found_len);
     }
 }
@@ -512,15 +502,10 @@ uint32_t parser::scan_front(uint32_t end)
             uint32_t c = find_crlf(t, starts_with(t, p, "\r\n") ? p + 2 : p, end);
             q = c == npos ? end : c + 2;
         }
-        if (is_urc_line(t, p, q)) {
-            if (append(*urc_, t.data() + p, q - p))
-                status_ |= PARSER_STATUS_URC;
-            else
-                status_ |= PARSER_STATUS_FAILURE;
-        }
+        if (is_urc_line(t, p, q))
+            status_ |= urc_add(t.data() + p, q - p) ? PARSER_STATUS_URC : PARSER_STATUS_FAILURE;
         p = q;
     }
-    measure_urc();
     return p;
 }
 
@@ -646,38 +631,31 @@ void parser::flush()
 
 uint32_t parser::urc_add(const void *bytes, uint32_t n)
 {
-    if (n == 0)
+    if (n == 0 || !append(*urc_, bytes, n))
         return 0;
-    bool ok = append(*urc_, bytes, n);
-    measure_urc();
-    return ok ? n : 0;
-}
-
-// The current URC runs to the first line feed at least two bytes in, or to
-// the end of the buffer.
-void parser::measure_urc()
-{
-    uint32_t len = urc_->len();
-    if (urc_pos_ >= len) {
-        urc_len_ = 0;
-        return;
+    try {
+        urc_lens_.push_back(n);
+    } catch (const std::bad_alloc &) {
+        urc_->cut(urc_->len() - n, n);
+        LOG_ERROR("[PARSER] Memory (ptr: %p) append error!\n", static_cast<void *>(urc_.get()));
+        return 0;
     }
-    const char *b = text(*urc_);
-    const void *lf = urc_pos_ + 2 < len ? std::memchr(b + urc_pos_ + 2, '\n', len - urc_pos_ - 2) : nullptr;
-    urc_len_ = lf ? static_cast<uint32_t>(static_cast<const char *>(lf) - b) + 1 - urc_pos_ : len - urc_pos_;
+    return n;
 }
 
 void parser::urc_next()
 {
-    urc_pos_ = std::min(urc_pos_ + urc_len_, urc_->len());
-    measure_urc();
+    if (urc_done())
+        return;
+    urc_pos_ += urc_lens_[urc_index_++];
 }
 
 void parser::urc_flush()
 {
     urc_->flush();
+    urc_lens_.clear();
     urc_pos_ = 0;
-    urc_len_ = 0;
+    urc_index_ = 0;
 }
 
 parser_stats parser::stats() const

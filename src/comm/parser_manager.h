@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "util/ubuffer.h"
 
@@ -104,12 +105,12 @@ class parser {
     const char *get_hdata() const { return text(*hist_); }
     uint32_t get_hlen() const { return hist_->len(); }
 
-    // URCs are kept back to back; the current one runs from the URC position
-    // to the first line feed at least two bytes in.
+    // URCs are kept back to back with their lengths: a USSD report whose text
+    // holds line breaks is still one URC. urc_add appends one URC.
     uint32_t urc_add(const void *bytes, uint32_t n);
-    bool urc_done() const { return urc_->len() == 0 || urc_pos_ >= urc_->len(); }
+    bool urc_done() const { return urc_index_ >= urc_lens_.size(); }
     const char *urc_get() const { return text(*urc_) + urc_pos_; }
-    uint32_t urc_len() const { return urc_len_; }
+    uint32_t urc_len() const { return urc_done() ? 0 : urc_lens_[urc_index_]; }
     void urc_next();
     void urc_flush();
 
@@ -150,7 +151,6 @@ class parser {
     void cut_hist(uint32_t pos, uint32_t n);
     void reset_lines();
     void reset_scan();
-    void measure_urc();
     bool append(ubuffer &b, const void *src, uint32_t n);
 
     std::unique_ptr<ubuffer> content_;
@@ -158,8 +158,9 @@ class parser {
     std::unique_ptr<ubuffer> hist_;
     std::unique_ptr<ubuffer> preview_;
     uint32_t rst_cnt_ = 0;
-    uint32_t urc_pos_ = 0;
-    uint32_t urc_len_ = 0;
+    uint32_t urc_pos_ = 0;   // offset of the current URC
+    size_t urc_index_ = 0;   // its entry in urc_lens_
+    std::vector<uint32_t> urc_lens_;
     char token_[token_size] = {};
     uint32_t status_ = 0;
     uint32_t result_id_ = ATS_NONE;

@@ -51,6 +51,13 @@ uint32_t find_ext_len(const char *cmd, uint32_t len)
 
 } // namespace
 
+int64_t request_clock_ms()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
 request *create_request(uint32_t action, request_cb callback, void *ctx, const char *command, uint32_t length,
                         uint32_t timeout, void *extra)
 {
@@ -95,7 +102,7 @@ request *create_request(uint32_t action, request_cb callback, void *ctx, const c
     req->extra = extra;
     req->timeout = timeout;
     req->timeout2 = timeout;
-    req->queued_time = time(nullptr);
+    req->queued_time = request_clock_ms();
     return req;
 }
 

@@ -26,10 +26,11 @@ struct request {
     void *context = nullptr;
     void *extra = nullptr; // caller data, released with free() when asked
     avp_client *avp = nullptr;
-    int64_t queued_time = 0; // seconds
+    bool from_avp = false;   // sent by a local AT client (kept when the client leaves)
+    int64_t queued_time = 0; // milliseconds on request_clock_ms()
     int64_t sent_time = 0;
-    uint32_t timeout = 0; // milliseconds
-    uint32_t timeout2 = 0;
+    uint32_t timeout = 0; // execution time-out, milliseconds
+    uint32_t timeout2 = 0; // queue time-out, milliseconds
     // Before the first write: length of the first part; afterwards: offset
     // of the next part; 0 for a one-part command or when no part is left.
     uint32_t ext_len = 0;
@@ -37,8 +38,13 @@ struct request {
     uint32_t token_offset = 0; // the part whose answer is awaited
     int sent = 0;
     uint64_t number = 0;
+    uint64_t channel_seq = 0; // set by the channel when it writes the command
     struct list_head list = {nullptr, nullptr};
 };
+
+// Milliseconds on a clock that setting the time of day does not move (a
+// router sets it from the network well after boot).
+int64_t request_clock_ms();
 
 // Normalises the command (line end handling) and works out where a
 // multi-part command splits. Null for an empty command or without memory.

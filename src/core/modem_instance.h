@@ -139,6 +139,8 @@ class modem_instance final : public modem, public cmm_modem, public evt_modem, p
 
     uint32_t ping_state() const { return ping_state_; }
     int64_t last_activity() const { return last_activity_; }
+    // When the last probe was queued (seconds; 0 for never).
+    int64_t last_probe() const { return last_probe_; }
     uint32_t timeout_count() const { return timeout_count_; }
     void set_timeout_count(uint32_t n) { timeout_count_ = n; }
     bool fota() const;
@@ -234,6 +236,7 @@ class modem_instance final : public modem, public cmm_modem, public evt_modem, p
     uint32_t ping_state_ = MODEM_PING_ANSWERING;
     bool probe_queued_ = false; // a probe is in the queue
     int64_t last_activity_ = 0;
+    int64_t last_probe_ = 0;
     uint32_t timeout_count_ = 0;
     std::string last_urc_;
 };

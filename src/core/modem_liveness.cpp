@@ -15,16 +15,16 @@ constexpr char probe[] = "AT\r";
 constexpr char probe_ok[] = "\r\nOK\r\n";
 } // namespace
 
-// A hung modem is probed too (the watcher does it at every run): the hang
-// state is left only when a probe is answered with OK.
+// A hung modem is probed too, when it shows signs of life or after a long
+// silence: the hang state is left only when a probe is answered with OK. Its
+// probe waits in the queue behind whatever is in flight.
 void modem_instance::ping()
 {
     if (fota() || ping_state_ == MODEM_PING_OUTSTANDING || probe_queued_)
         return;
-    if (is_busy()) {
+    if (is_busy() && ping_state_ == MODEM_PING_ANSWERING) {
         // Traffic cancels the watchdog; a modem that stays silent is hung.
-        if (ping_state_ == MODEM_PING_ANSWERING)
-            uloop_timeout_set(&hang_timer_.timeout, hang_watchdog_ms);
+        uloop_timeout_set(&hang_timer_.timeout, hang_watchdog_ms);
         return;
     }
     if (new_internal_request(ACT_AT_COMMAND, on_ping_recv, this, probe, sizeof(probe) - 1, query_timeout_ms, nullptr)) {
@@ -32,6 +32,7 @@ void modem_instance::ping()
         return;
     }
     probe_queued_ = true;
+    last_probe_ = time(nullptr);
     if (ping_state_ == MODEM_PING_ANSWERING)
         ping_state_ = MODEM_PING_OUTSTANDING;
 }
@@ -80,6 +81,9 @@ void modem_instance::input_received()
     // Time-outs count only while the modem says nothing at all.
     timeout_count_ = 0;
     uloop_timeout_cancel(&hang_timer_.timeout);
+    // A hung modem that speaks again is asked whether it is back.
+    if (ping_state_ == MODEM_PING_HUNG)
+        ping();
 }
 
 void modem_instance::tty_ready()

@@ -1,5 +1,6 @@
 #include "core/modem_manager.h"
 
+#include <algorithm>
 #include <cctype>
 #include <ctime>
 #include <new>
@@ -59,11 +60,11 @@ std::string text_of(blob_attr *attr)
 
 } // namespace
 
-request_expiry check_request_expiry(const request &req, int64_t now)
+request_expiry check_request_expiry(const request &req, int64_t now_ms)
 {
     if (req.sent)
-        return req.sent_time + req.timeout / 1000 < now ? request_expiry::execution : request_expiry::none;
-    return req.queued_time + req.timeout2 / 1000 < now ? request_expiry::queue : request_expiry::none;
+        return req.sent_time + req.timeout < now_ms ? request_expiry::execution : request_expiry::none;
+    return req.queued_time + req.timeout2 < now_ms ? request_expiry::queue : request_expiry::none;
 }
 
 // --- life cycle -------------------------------------------------------------------
@@ -315,7 +316,10 @@ void modem_manager::__modem_added(ubus_context *, ubus_event_handler *ev, const 
     blob_attr *tb[__ADDED_MAX] = {};
     if (msg)
         blobmsg_parse(added_policy, __ADDED_MAX, tb, blob_data(msg), blob_len(msg));
-    if (!tb[ADDED_USB_ID] || !tb[ADDED_CMD_PORT] || !tb[ADDED_VIDPID]) {
+    // Port paths name terminals under /dev and nothing else.
+    auto bad_port = [&tb](int i) { return tb[i] && !text_of(tb[i]).empty() && !is_port_path(text_of(tb[i])); };
+    if (!tb[ADDED_USB_ID] || !tb[ADDED_CMD_PORT] || !tb[ADDED_VIDPID] || !is_port_path(text_of(tb[ADDED_CMD_PORT])) ||
+        bad_port(ADDED_GPS_PORT) || bad_port(ADDED_DATA_PORT) || bad_port(ADDED_DATA_SECONDARY)) {
         LOG_ERROR("[MODEM_MANAGER] Unable to parse modem added arguments!\n");
         return;
     }
@@ -353,59 +357,49 @@ void modem_manager::__modem_removed(ubus_context *, ubus_event_handler *ev, cons
 
 void modem_manager::__watcher_cb(uloop_timeout *t)
 {
-    owned_timeout<modem_manager>::of(t)->watch(time(nullptr));
+    owned_timeout<modem_manager>::of(t)->watch(time(nullptr), request_clock_ms());
     uloop_timeout_set(t, watcher_ms);
 }
 
-void modem_manager::watch(int64_t now)
+void modem_manager::watch(int64_t now, int64_t now_ms)
 {
     for (live_modem &m : modems_) {
         check_last_activity(m, now);
-        check_req_timeout(m, now);
+        check_req_timeout(m, now_ms);
     }
 }
 
-// A silent modem is probed; a hung one at every run, so that it is seen
-// again as soon as it answers.
+// A modem silent that long is probed; a hung one again only after as long
+// again without a word or a probe (a hung modem that speaks is probed at once
+// by the modem itself).
 void modem_manager::check_last_activity(live_modem &m, int64_t now)
 {
     modem_instance &mdm = *m.mdm;
     if (!mdm.bus_object().name)
         return;
-    if (mdm.ping_state() != MODEM_PING_HUNG && now - mdm.last_activity() < silence_limit)
+    if (now - std::max(mdm.last_activity(), mdm.last_probe()) < silence_limit)
         return;
     LOG_DEBUG("[MODEM_MANAGER] Periodic modem `%s [%s]` check\n", mdm.id(), mdm.vid_pid());
     mdm.ping();
 }
 
-void modem_manager::check_req_timeout(live_modem &m, int64_t now)
+// Every request expires on its time-out, whatever the channel is doing:
+// nothing waits for ever on a port that cannot be written or a modem that
+// does not answer.
+void modem_manager::check_req_timeout(live_modem &m, int64_t now_ms)
 {
     modem_instance &mdm = *m.mdm;
-    if (!mdm.is_busy())
+    if (list_empty(mdm.request_list()))
         return;
-    bool expired = false;
-    bool in_flight_expired = false;
     request *req, *next;
     list_for_each_entry_safe(req, next, mdm.request_list(), list)
     {
-        request_expiry kind = check_request_expiry(*req, now);
-        if (kind == request_expiry::none)
-            continue;
-        expired = true;
-        in_flight_expired |= kind == request_expiry::execution;
-        expire_request(m, req, kind);
+        request_expiry kind = check_request_expiry(*req, now_ms);
+        if (kind != request_expiry::none)
+            expire_request(m, req, kind);
     }
-    if (!expired)
-        return;
-    // The channel is free again unless the command in flight is still within
-    // its time; what the modem may still send for a dropped one is nobody's
-    // answer.
-    if (in_flight_expired) {
-        mdm.response_parser().flush();
-        mdm.cmm()->clear_busy();
-    }
-    if (mdm.get_request())
-        mdm.cmm()->ping();
+    // The channel resynchronises when its command in flight was dropped.
+    mdm.cmm()->clear_busy();
 }
 
 void modem_manager::expire_request(live_modem &m, request *req, request_expiry kind)
@@ -416,11 +410,17 @@ void modem_manager::expire_request(live_modem &m, request *req, request_expiry k
               static_cast<unsigned long long>(req->number), execution ? "execution" : "queue",
               static_cast<int>((execution ? req->timeout : req->timeout2) / 1000), mdm.id(), mdm.vid_pid());
 
-    mdm.set_timeout_count(mdm.timeout_count() + 1);
-    if (mdm.timeout_count() > max_timeouts) {
-        mdm.set_timeout_count(0);
-        LOG_ERROR("[MODEM_MANAGER] Multiple request to the modem timeouted, modem may be unresponsive\n");
-        mdm.trigger_hang();
+    // A local client's command waits behind everyone else's with a short
+    // time-out: its expiry says nothing about the modem.
+    if (!req->from_avp) {
+        mdm.set_timeout_count(mdm.timeout_count() + 1);
+        if (mdm.timeout_count() > max_timeouts) {
+            mdm.set_timeout_count(0);
+            LOG_ERROR("[MODEM_MANAGER] Multiple request to the modem timeouted, modem may be unresponsive\n");
+            mdm.trigger_hang();
+        }
+    } else {
+        mdm.cmm()->answer_expired(req);
     }
 
     auto result = ujson::create();

@@ -26,8 +26,8 @@ enum class request_expiry { none, execution, queue };
 
 // A request that has been written expires when its execution time-out has
 // passed since it was sent, one still waiting when its queue time-out has
-// passed since it was queued (seconds; time-outs in milliseconds).
-request_expiry check_request_expiry(const request &req, int64_t now);
+// passed since it was queued (milliseconds on request_clock_ms()).
+request_expiry check_request_expiry(const request &req, int64_t now_ms);
 
 class modem_manager final : public ubus_manager
 {
@@ -73,9 +73,10 @@ class modem_manager final : public ubus_manager
     int deattach(const char *usb_id) override;
     std::string get_free_name(ubus_modem &mdm) override;
 
-    // One run of the watcher at time now (seconds): probes silent and hung
-    // modems, answers and drops expired requests.
-    void watch(int64_t now);
+    // One run of the watcher at time now (seconds) and now_ms (milliseconds
+    // on request_clock_ms()): probes modems silent for silence_limit, answers
+    // and drops expired requests.
+    void watch(int64_t now, int64_t now_ms);
 
     size_t modem_count() const { return modems_.size(); }
 
@@ -101,7 +102,7 @@ class modem_manager final : public ubus_manager
     live_modem *find(std::string_view usb_id);
     int register_event(event_handler &h, const char *name, ubus_event_handler_t cb);
     void check_last_activity(live_modem &m, int64_t now);
-    void check_req_timeout(live_modem &m, int64_t now);
+    void check_req_timeout(live_modem &m, int64_t now_ms);
     void expire_request(live_modem &m, request *req, request_expiry kind);
 
     static void __watcher_cb(uloop_timeout *t);

@@ -34,18 +34,23 @@ TEST(RequestExpiry, ExecutionTimeCountsFromTheWriteQueueTimeFromQueueing)
     request req;
     req.timeout = 10000;
     req.timeout2 = 10000;
-    req.queued_time = 100;
-    EXPECT_EQ(check_request_expiry(req, 110), request_expiry::none); // on the second: not yet
-    EXPECT_EQ(check_request_expiry(req, 111), request_expiry::queue);
+    req.queued_time = 100000;
+    EXPECT_EQ(check_request_expiry(req, 110000), request_expiry::none); // on the millisecond: not yet
+    EXPECT_EQ(check_request_expiry(req, 110001), request_expiry::queue);
 
     req.sent = 1;
-    req.sent_time = 105;
-    EXPECT_EQ(check_request_expiry(req, 111), request_expiry::none); // the write restarted the clock
-    EXPECT_EQ(check_request_expiry(req, 116), request_expiry::execution);
+    req.sent_time = 105000;
+    EXPECT_EQ(check_request_expiry(req, 111000), request_expiry::none); // the write restarted the clock
+    EXPECT_EQ(check_request_expiry(req, 115001), request_expiry::execution);
 
-    req.timeout = 1500; // whole seconds only
-    EXPECT_EQ(check_request_expiry(req, 106), request_expiry::none);
-    EXPECT_EQ(check_request_expiry(req, 107), request_expiry::execution);
+    // A local client's 300 ms is not rounded away to nothing.
+    req.timeout = 300;
+    EXPECT_EQ(check_request_expiry(req, 105300), request_expiry::none);
+    EXPECT_EQ(check_request_expiry(req, 105301), request_expiry::execution);
+    req.sent = 0;
+    req.timeout2 = 300;
+    EXPECT_EQ(check_request_expiry(req, 100300), request_expiry::none);
+    EXPECT_EQ(check_request_expiry(req, 100301), request_expiry::queue);
 }
 
 struct event_log {
@@ -214,10 +219,10 @@ TEST_F(ModemManager, WatcherAnswersExpiredRequestsAndDeclaresAHangAfterFifteen)
     }
     // Let the first command go out; nothing has expired yet.
     run_until(300, [] { return false; });
-    mgr->watch(time(nullptr));
+    mgr->watch(time(nullptr), request_clock_ms());
     EXPECT_EQ(events_named("gsm.modem.hang"), 0);
 
-    mgr->watch(time(nullptr) + 5);
+    mgr->watch(time(nullptr) + 5, request_clock_ms() + 5000);
     ASSERT_TRUE(run_until(3000, [&] {
         for (auto &c : calls)
             if (!c->done)
@@ -232,10 +237,10 @@ TEST_F(ModemManager, WatcherAnswersExpiredRequestsAndDeclaresAHangAfterFifteen)
     // Hung: the next runs probe it; once it answers the state is left. What
     // was written into the hung modem is lost and has to expire first.
     sims.back()->control("unhang");
-    mgr->watch(time(nullptr) + 20);
+    mgr->watch(time(nullptr) + 20, request_clock_ms() + 20000);
     std::string last;
     ASSERT_TRUE(run_until(8000, [&] {
-        mgr->watch(time(nullptr));
+        mgr->watch(time(nullptr), request_clock_ms());
         call_result info;
         call_async("gsm.modem0", "info", nullptr, info);
         if (!run_until(2000, [&] { return info.done; }))

@@ -375,9 +375,12 @@ TEST_F(ModemInstance, BusyModemIsDeclaredHungByTheWatchdog)
     EXPECT_NE(hang.find("\"ping_state\":2"), std::string::npos) << hang;
     EXPECT_NE(hang.find("\"comm_stats\""), std::string::npos) << hang;
 
-    // Hung and still busy: neither a probe nor another watchdog.
+    // Hung and still busy: one probe waits behind the command, no second
+    // watchdog, and no second probe while the first is queued.
     mdm->ping();
-    EXPECT_EQ(mdm->get_request_count(), 1u);
+    EXPECT_EQ(mdm->get_request_count(), 2u);
+    mdm->ping();
+    EXPECT_EQ(mdm->get_request_count(), 2u);
     EXPECT_EQ(mdm->ping_state(), static_cast<uint32_t>(MODEM_PING_HUNG));
     mdm.reset();
     ASSERT_TRUE(run_until(3000, [&] { return r.done; }));

@@ -6,8 +6,10 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <strings.h>
 
+#include "comm/at_command.h"
 #include "core/modem_driver.h"
 #include "ubus/modem_api.h"
 #include "ubus/ubus.h"
@@ -20,6 +22,9 @@ namespace {
 // A raw command waits this long unless the caller says otherwise; unlike the
 // catalogue, no second is added.
 constexpr uint32_t exec_default_timeout = 10;
+// The longest a raw command may wait, in seconds (an operator scan or a
+// firmware step takes minutes, nothing takes an hour).
+constexpr int64_t exec_max_timeout = 3600;
 
 void log_call(const char *method, blob_attr *msg)
 {
@@ -91,15 +96,25 @@ int exec(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const char
         blobmsg_parse(exec_policy, __EXEC_MAX, tb, blob_data(msg), blob_len(msg));
     if (!tb[EXEC_COMMAND])
         return UBUS_STATUS_INVALID_ARGUMENT;
-    const char *command = blobmsg_get_string(tb[EXEC_COMMAND]);
-    uint32_t timeout = tb[EXEC_TIMEOUT] ? blobmsg_get_u32(tb[EXEC_TIMEOUT]) : exec_default_timeout;
+    // The string's bytes as sent, a NUL inside included.
+    std::string_view command(blobmsg_get_string(tb[EXEC_COMMAND]),
+                             blobmsg_data_len(tb[EXEC_COMMAND]) ? blobmsg_data_len(tb[EXEC_COMMAND]) - 1 : 0);
+    int64_t timeout = tb[EXEC_TIMEOUT] ? static_cast<int32_t>(blobmsg_get_u32(tb[EXEC_TIMEOUT])) : exec_default_timeout;
 
-    if (strncasecmp(command, "AT", 2) != 0)
+    switch (at_check_command(command)) {
+    case at_check::not_at:
         return UBUS_STATUS_INVALID_COMMAND;
+    case at_check::invalid:
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    case at_check::ok:
+        break;
+    }
+    if (timeout < 1 || timeout > exec_max_timeout)
+        return UBUS_STATUS_INVALID_ARGUMENT;
 
     // Identification is answered from what the daemon knows, so every client
     // sees the text the daemon itself uses; the modem is not asked.
-    if (strncasecmp(command, "ATI", 3) == 0) {
+    if (strncasecmp(command.data(), "ATI", 3) == 0) {
         auto result = ujson::create();
         auto reply = ujson::create();
         if (!result || !reply)
@@ -113,8 +128,8 @@ int exec(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const char
         return send(ctx, req, *reply);
     }
 
-    if (mdm.new_request(ACT_AT_COMMAND, req, command, static_cast<uint32_t>(std::strlen(command)), timeout * 1000,
-                        nullptr)) {
+    if (mdm.new_request(ACT_AT_COMMAND, req, command.data(), static_cast<uint32_t>(command.size()),
+                        static_cast<uint32_t>(timeout * 1000), nullptr)) {
         LOG_ERROR("[MODEM_UBUS] Failed to create new request for `%s [%s]` modem!\n", mdm.id(), mdm.vid_pid());
         return UBUS_STATUS_NO_DATA;
     }

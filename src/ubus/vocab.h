@@ -206,8 +206,8 @@ const char *msg_storage_arg_str(uint32_t mem);
 uint32_t msg_storage_arg_enum(std::string_view arg);
 
 // Message status: the 3GPP TS 27.005 PDU mode <stat> number (0 unread ..
-// 4 all). Unrecognised text parses to SMS_STATE_UNKNOWN, since 0 is "unread".
-constexpr uint32_t SMS_STATE_UNKNOWN = 5;
+// 4 all). Unrecognised text parses to 0, as in every vocabulary: callers that
+// must tell "unread" from unknown check the text first.
 const char *sms_state_str(uint32_t stat);
 uint32_t sms_state_enum(std::string_view text);
 

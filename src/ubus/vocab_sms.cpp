@@ -77,8 +77,7 @@ const char *sms_state_str(uint32_t s)
 
 uint32_t sms_state_enum(std::string_view t)
 {
-    uint32_t id = 0;
-    return vocab_find(sms_state_v, t, &id) ? id : SMS_STATE_UNKNOWN;
+    return vocab_enum(sms_state_v, t);
 }
 
 uint32_t urc_lte_sms_format_enum(std::string_view t)

@@ -19,3 +19,22 @@ std::string wwan_path(std::string_view path)
     out += path;
     return out;
 }
+
+bool is_port_path(std::string_view path)
+{
+    if (path.size() > wwan_port_path_max || !path.starts_with("/dev/"))
+        return false;
+    for (char c : path)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
+            return false;
+    std::string_view rest = path.substr(5);
+    while (true) {
+        size_t slash = rest.find('/');
+        std::string_view part = rest.substr(0, slash);
+        if (part.empty() || part == "." || part == "..")
+            return false;
+        if (slash == std::string_view::npos)
+            return true;
+        rest.remove_prefix(slash + 1);
+    }
+}

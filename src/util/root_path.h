@@ -10,3 +10,12 @@ std::string_view wwan_root();
 
 // path (absolute) placed under the root; unchanged when no root is set.
 std::string wwan_path(std::string_view path);
+
+// The longest port path a modem keeps ("/dev/ttyUSB2").
+constexpr size_t wwan_port_path_max = 31;
+
+// A modem port path as the daemon accepts it from descriptions and hot-plug
+// events: under "/dev/", no "." or ".." component, no empty component, no
+// control character, at most wwan_port_path_max bytes. Whether it is a
+// terminal is checked when it is opened.
+bool is_port_path(std::string_view path);
