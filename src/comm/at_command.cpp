@@ -11,20 +11,6 @@ bool breaks_line(char c)
     return c == '\r' || c == '\n' || c == '\0' || c == esc || c == ctrl_z;
 }
 
-bool starts_with_nocase(std::string_view text, std::string_view prefix)
-{
-    if (text.size() < prefix.size())
-        return false;
-    for (size_t i = 0; i < prefix.size(); i++) {
-        char c = text[i];
-        if (c >= 'a' && c <= 'z')
-            c = static_cast<char>(c - 'a' + 'A');
-        if (c != prefix[i])
-            return false;
-    }
-    return true;
-}
-
 // One line: no control character, quotes closed.
 bool clean_line(std::string_view line)
 {
@@ -40,16 +26,30 @@ bool clean_line(std::string_view line)
 
 } // namespace
 
+bool at_has_prefix(std::string_view text, std::string_view prefix)
+{
+    if (text.size() < prefix.size())
+        return false;
+    for (size_t i = 0; i < prefix.size(); i++) {
+        char c = text[i];
+        if (c >= 'a' && c <= 'z')
+            c = static_cast<char>(c - 'a' + 'A');
+        if (c != prefix[i])
+            return false;
+    }
+    return true;
+}
+
 at_check at_check_command(std::string_view cmd)
 {
-    if (!starts_with_nocase(cmd, "AT"))
+    if (!at_has_prefix(cmd, "AT"))
         return at_check::not_at;
     if (cmd.size() > at_command_max)
         return at_check::invalid;
 
     // The SMS form: command line, CR, text, Ctrl-Z (a line end may follow).
     size_t cr = cmd.find('\r');
-    if (starts_with_nocase(cmd, "AT+CMGS=") && cr != std::string_view::npos && cr + 1 < cmd.size() &&
+    if (at_has_prefix(cmd, "AT+CMGS=") && cr != std::string_view::npos && cr + 1 < cmd.size() &&
         cmd[cr + 1] != '\n') {
         std::string_view text = cmd.substr(cr + 1);
         if (text.ends_with("\r"))

@@ -24,6 +24,9 @@ enum class at_check {
 // "AT+CMGS=..." CR, then the PDU or text (no CR, LF, NUL or ESC), then Ctrl-Z.
 at_check at_check_command(std::string_view cmd);
 
+// text begins with prefix (upper case), compared without regard to case.
+bool at_has_prefix(std::string_view text, std::string_view prefix);
+
 // An argument that is placed into a command (PIN, APN, number, ...): at most
 // max_len bytes, no control character listed above and no double quote.
 bool at_check_arg(std::string_view arg, size_t max_len);

@@ -29,20 +29,6 @@ namespace
 
 constexpr uint32_t avp_timeout = 300;
 
-bool starts_with_nocase(const char *text, size_t len, std::string_view prefix)
-{
-    if (len < prefix.size())
-        return false;
-    for (size_t i = 0; i < prefix.size(); i++) {
-        char a = text[i];
-        if (a >= 'a' && a <= 'z')
-            a = static_cast<char>(a - 'a' + 'A');
-        if (a != prefix[i])
-            return false;
-    }
-    return true;
-}
-
 } // namespace
 
 int comm_manager::avp_init()
@@ -177,7 +163,7 @@ bool comm_manager::avp_line(avp_client *client, std::string_view line)
 {
     if (line.empty())
         return true;
-    if (client->partial.empty() && !starts_with_nocase(line.data(), line.size(), "AT"))
+    if (client->partial.empty() && !at_has_prefix(line, "AT"))
         return true;
     if (line.ends_with("\\r"))
         line.remove_suffix(2);
@@ -204,7 +190,7 @@ bool comm_manager::avp_line(avp_client *client, std::string_view line)
     }
     std::string cmd(line);
     cmd += '\r';
-    if (starts_with_nocase(cmd.data(), cmd.size(), "AT+CMGS=")) {
+    if (at_has_prefix(cmd, "AT+CMGS=")) {
         LOG_DEBUG("[AVP] Partial message detected for `%s [%s]` modem\n", modem_->id(), modem_->vid_pid());
         client->partial = std::move(cmd);
         return true;
@@ -221,7 +207,7 @@ void comm_manager::answer_expired(request *req)
 
 void comm_manager::queue_avp_request(avp_client *client, const char *text, size_t len, uint32_t ext_len)
 {
-    uint32_t action = starts_with_nocase(text, len, "ATI") ? ACT_GET_ID_INFO : ACT_AT_COMMAND;
+    uint32_t action = at_has_prefix(std::string_view(text, len), "ATI") ? ACT_GET_ID_INFO : ACT_AT_COMMAND;
     request *req = create_request(action, nullptr, nullptr, text, static_cast<uint32_t>(len), avp_timeout, nullptr);
     if (!req) {
         LOG_ERROR("[AVP] Failed to allocate memory for `%s [%s]` modem request!\n", modem_->id(), modem_->vid_pid());
