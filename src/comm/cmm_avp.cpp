@@ -63,15 +63,23 @@ void comm_manager::avp_sock_handle(uloop_fd *u, unsigned int)
     guarded([u] { owned_fd<comm_manager>::of(u)->avp_accept(); });
 }
 
-// Edge-triggered: take every client that is waiting.
+// Edge-triggered: take every client that is waiting. Out of descriptors,
+// the clients still waiting would never be reported again: the socket is
+// looked at again after a pause, or as soon as a client leaves.
 void comm_manager::avp_accept()
 {
     for (;;) {
         int fd = accept4(aux_fd_.ufd.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
+            if (errno == EINTR || errno == ECONNABORTED)
+                continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK)
                 LOG_ERROR("[AVP] Failed to accept (errno = %d) new AVP client for `%s [%s]` modem!\n", errno,
                           modem_->id(), modem_->vid_pid());
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                accept_retry_.timeout.cb = accept_retry_cb;
+                uloop_timeout_set(&accept_retry_.timeout, static_cast<int>(accept_retry_ms));
+            }
             return;
         }
         std::unique_ptr<avp_client> client(new (std::nothrow) avp_client());
@@ -89,6 +97,11 @@ void comm_manager::avp_accept()
         aux_clients_.push_back(std::move(client));
         LOG_DEBUG("[AVP] New AVP client (fd = %d) in `%s [%s]` modem\n", fd, modem_->id(), modem_->vid_pid());
     }
+}
+
+void comm_manager::accept_retry_cb(uloop_timeout *t)
+{
+    guarded([t] { owned_timeout<comm_manager>::of(t)->avp_accept(); });
 }
 
 void comm_manager::aux_cb(uloop_fd *u, unsigned int)
@@ -258,4 +271,7 @@ void comm_manager::close_aux(avp_client *client)
             break;
         }
     }
+    // A descriptor is free again for a client that could not be accepted.
+    if (accept_retry_.timeout.pending)
+        uloop_timeout_set(&accept_retry_.timeout, 0);
 }

@@ -68,7 +68,8 @@ std::string_view parsed_text(const parser &p)
 
 comm_manager::comm_manager(const cmm_timing &timing) : timing_(timing)
 {
-    main_fd_.owner = setup_fd_.owner = queue_fd_.owner = aux_fd_.owner = dispatch_.owner = resync_timer_.owner = this;
+    main_fd_.owner = setup_fd_.owner = queue_fd_.owner = aux_fd_.owner = dispatch_.owner = resync_timer_.owner =
+        accept_retry_.owner = this;
     main_fd_.ufd.fd = -1;
     main_fd_.ufd.cb = ufd_cb;
     setup_fd_.ufd.fd = -1;
@@ -102,6 +103,7 @@ comm_manager::~comm_manager()
     uloop_fd_delete(&queue_fd_.ufd);
     uloop_timeout_cancel(&dispatch_.timeout);
     uloop_timeout_cancel(&resync_timer_.timeout);
+    uloop_timeout_cancel(&accept_retry_.timeout);
     close_fd(main_fd_.ufd.fd);
 
     if (queue_pipe_[0] >= 0 || queue_pipe_[1] >= 0) {

@@ -65,6 +65,7 @@ class comm_manager
   public:
     static constexpr uint32_t hang_write_failures = 31;
     static constexpr size_t read_size = 8192;
+    static constexpr uint32_t accept_retry_ms = 1000;
     // Answer to a local AT client whose line was refused or whose command
     // expired before the modem answered it.
     static constexpr std::string_view avp_error = "\r\nERROR\r\n";
@@ -191,6 +192,7 @@ class comm_manager
     static void queue_cb(uloop_fd *u, unsigned int events);
     static void dispatch_cb(uloop_timeout *t);
     static void avp_sock_handle(uloop_fd *u, unsigned int events);
+    static void accept_retry_cb(uloop_timeout *t);
     static void aux_cb(uloop_fd *u, unsigned int events);
 
     // Bytes on their way to the tty.
@@ -242,6 +244,7 @@ class comm_manager
     int queue_pipe_[2] = {-1, -1};
 
     owned_fd<comm_manager> aux_fd_;
+    owned_timeout<comm_manager> accept_retry_; // accepting again after running out of descriptors
     std::vector<std::unique_ptr<avp_client>> aux_clients_;
 
     uint64_t rx_total_ = 0;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -954,4 +955,44 @@ TEST_F(CommManagerAvp, LinesAreFramedBoundedAndChecked)
         TearDown();
         SetUp();
     }
+}
+
+// Out of descriptors, the clients waiting to be accepted are not forgotten:
+// they are taken once a descriptor is free again.
+TEST_F(CommManagerAvp, ClientsWaitingWhileOutOfDescriptorsAreAcceptedLater)
+{
+    ASSERT_NO_FATAL_FAILURE(open_avp(scenario("")));
+    rlimit old{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+    // Two clients connect while the channel's process has no descriptor left
+    // for them; the fillers stand for the other clients holding the rest.
+    std::vector<std::unique_ptr<avp_peer>> waiting;
+    for (int i = 0; i < 2; i++)
+        waiting.push_back(std::make_unique<avp_peer>(root.path() + "/dev/modem0"));
+    testing::internal::CaptureStdout();
+    std::vector<int> fillers;
+    int first = dup(0);
+    ASSERT_GE(first, 0);
+    fillers.push_back(first);
+    rlimit tight{static_cast<rlim_t>(first + 1), old.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+    for (int fd; (fd = dup(0)) >= 0;)
+        fillers.push_back(fd);
+    idle(200);
+    std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find("Failed to accept (errno = 24)"), std::string::npos) << log;
+
+    for (int fd : fillers)
+        close(fd);
+    setrlimit(RLIMIT_NOFILE, &old);
+    for (auto &c : waiting)
+        ASSERT_TRUE(c->send("AT+CSQ\n"));
+    ASSERT_TRUE(run_until(5000, [&] {
+        for (auto &c : waiting) {
+            c->poll();
+            if (c->received() != "\r\n+CSQ: 22,99\r\n\r\nOK\r\n")
+                return false;
+        }
+        return true;
+    }));
 }
