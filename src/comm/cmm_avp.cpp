@@ -3,6 +3,7 @@
 #include "comm/comm_manager.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -55,6 +56,8 @@ int comm_manager::avp_init()
         return 1;
     }
     uloop_fd_add(&aux_fd_.ufd, ULOOP_READ | ULOOP_EDGE_TRIGGER);
+    if (spare_fd_ < 0)
+        spare_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
     return 0;
 }
 
@@ -63,20 +66,41 @@ void comm_manager::avp_sock_handle(uloop_fd *u, unsigned int)
     guarded([u] { owned_fd<comm_manager>::of(u)->avp_accept(); });
 }
 
-// Edge-triggered: take every client that is waiting. Out of descriptors,
-// the clients still waiting would never be reported again: the socket is
-// looked at again after a pause, or as soon as a client leaves.
+// A client that cannot be served for want of a descriptor is told so: the
+// descriptor kept in reserve takes it long enough to send the error line.
+bool comm_manager::avp_refuse()
+{
+    if (spare_fd_ < 0)
+        return false;
+    close_fd(spare_fd_);
+    int fd = accept4(aux_fd_.ufd.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd >= 0) {
+        ssize_t s = send(fd, avp_error.data(), avp_error.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        (void)s;
+        close(fd);
+    }
+    spare_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    return fd >= 0;
+}
+
+// Edge-triggered: take every client that is waiting. Out of descriptors, the
+// waiting clients are refused with the error line; what is still waiting
+// after that (no descriptor even in reserve) is looked at again after a
+// pause, or as soon as a client leaves.
 void comm_manager::avp_accept()
 {
     for (;;) {
         int fd = accept4(aux_fd_.ufd.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
-            if (errno == EINTR || errno == ECONNABORTED)
+            int err = errno;
+            if (err == EINTR || err == ECONNABORTED)
                 continue;
-            if (errno != EAGAIN && errno != EWOULDBLOCK)
-                LOG_ERROR("[AVP] Failed to accept (errno = %d) new AVP client for `%s [%s]` modem!\n", errno,
+            if (err != EAGAIN && err != EWOULDBLOCK)
+                LOG_ERROR("[AVP] Failed to accept (errno = %d) new AVP client for `%s [%s]` modem!\n", err,
                           modem_->id(), modem_->vid_pid());
-            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            if ((err == EMFILE || err == ENFILE) && avp_refuse())
+                continue;
+            if (err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) {
                 accept_retry_.timeout.cb = accept_retry_cb;
                 uloop_timeout_set(&accept_retry_.timeout, static_cast<int>(accept_retry_ms));
             }

@@ -105,6 +105,7 @@ comm_manager::~comm_manager()
     uloop_timeout_cancel(&resync_timer_.timeout);
     uloop_timeout_cancel(&accept_retry_.timeout);
     close_fd(main_fd_.ufd.fd);
+    close_fd(spare_fd_);
 
     if (queue_pipe_[0] >= 0 || queue_pipe_[1] >= 0) {
         LOG_DEBUG("[CMM] Closing dispatcher pipe %d / %d\n", queue_pipe_[0], queue_pipe_[1]);

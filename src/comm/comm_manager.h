@@ -180,6 +180,7 @@ class comm_manager
 
     // Local AT socket.
     void avp_accept();
+    bool avp_refuse();
     bool aux_receive(avp_client *client); // false when the client was closed
     bool avp_line(avp_client *client, std::string_view line);
     void queue_avp_request(avp_client *client, const char *text, size_t len, uint32_t ext_len);
@@ -245,6 +246,7 @@ class comm_manager
 
     owned_fd<comm_manager> aux_fd_;
     owned_timeout<comm_manager> accept_retry_; // accepting again after running out of descriptors
+    int spare_fd_ = -1; // held in reserve to refuse a client when no descriptor is left
     std::vector<std::unique_ptr<avp_client>> aux_clients_;
 
     uint64_t rx_total_ = 0;

@@ -957,18 +957,18 @@ TEST_F(CommManagerAvp, LinesAreFramedBoundedAndChecked)
     }
 }
 
-// Out of descriptors, the clients waiting to be accepted are not forgotten:
-// they are taken once a descriptor is free again.
-TEST_F(CommManagerAvp, ClientsWaitingWhileOutOfDescriptorsAreAcceptedLater)
+// Out of descriptors, the clients waiting to be accepted are not left
+// waiting: each gets the error line at once, and once descriptors are free
+// again clients are served as usual.
+TEST_F(CommManagerAvp, ClientsArrivingWhileOutOfDescriptorsAreRefusedWithTheErrorLine)
 {
     ASSERT_NO_FATAL_FAILURE(open_avp(scenario("")));
     rlimit old{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
-    // Two clients connect while the channel's process has no descriptor left
-    // for them; the fillers stand for the other clients holding the rest.
     std::vector<std::unique_ptr<avp_peer>> waiting;
-    for (int i = 0; i < 2; i++)
+    for (int i = 0; i < 3; i++)
         waiting.push_back(std::make_unique<avp_peer>(root.path() + "/dev/modem0"));
+    // The fillers stand for the other clients holding every descriptor left.
     testing::internal::CaptureStdout();
     std::vector<int> fillers;
     int first = dup(0);
@@ -979,20 +979,20 @@ TEST_F(CommManagerAvp, ClientsWaitingWhileOutOfDescriptorsAreAcceptedLater)
     for (int fd; (fd = dup(0)) >= 0;)
         fillers.push_back(fd);
     idle(200);
-    std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_NE(log.find("Failed to accept (errno = 24)"), std::string::npos) << log;
-
     for (int fd : fillers)
         close(fd);
     setrlimit(RLIMIT_NOFILE, &old);
-    for (auto &c : waiting)
-        ASSERT_TRUE(c->send("AT+CSQ\n"));
-    ASSERT_TRUE(run_until(5000, [&] {
-        for (auto &c : waiting) {
-            c->poll();
-            if (c->received() != "\r\n+CSQ: 22,99\r\n\r\nOK\r\n")
-                return false;
-        }
-        return true;
-    }));
+    std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find("Failed to accept (errno = 24)"), std::string::npos) << log;
+
+    for (auto &c : waiting) {
+        c->poll();
+        EXPECT_EQ(c->received(), comm_manager::avp_error);
+    }
+    avp_peer later(root.path() + "/dev/modem0");
+    ASSERT_TRUE(later.send("AT+CSQ\n"));
+    ASSERT_TRUE(run_until(3000, [&] {
+        later.poll();
+        return later.received() == "\r\n+CSQ: 22,99\r\n\r\nOK\r\n";
+    })) << later.received();
 }
