@@ -178,49 +178,6 @@ TEST_F(BusAcl, NobodySeesAndCallsOnlyWhatItsFileGrants)
 	EXPECT_EQ(call(ctx, other_id, "echo"), 0) << "root is not restricted";
 }
 
-TEST_F(BusAcl, NobodyPublishesSubscribesListensAndSendsWithinItsFile)
-{
-	uint32_t test = test_id, other = other_id;
-	std::string r = as_nobody([&](struct ubus_context *c) {
-		static const struct ubus_method methods[] = {{"m", nullptr, 0, 0, nullptr, 0}};
-		static struct ubus_object_type type = UBUS_OBJECT_TYPE("t", methods);
-		struct ubus_object mine = {}, theirs = {};
-		mine.name = "nobody.obj";
-		theirs.name = "mine";
-		for (auto *o : {&mine, &theirs}) {
-			o->type = &type;
-			o->methods = methods;
-			o->n_methods = 1;
-		}
-		std::string out = "publish=" + std::to_string(ubus_add_object(c, &mine));
-		type.id = 0;
-		out += "," + std::to_string(ubus_add_object(c, &theirs));
-
-		struct ubus_event_handler ev = {};
-		out += " listen=" + std::to_string(ubus_register_event_handler(c, &ev, "peer.x"));
-		out += "," + std::to_string(ubus_register_event_handler(c, &ev, "*"));
-
-		struct blob_buf b = {};
-		blob_buf_init(&b, 0);
-		out += " send=" + std::to_string(ubus_send_event(c, "nobody.ev", b.head));
-		out += "," + std::to_string(ubus_send_event(c, "peer.ev", b.head));
-		blob_buf_free(&b);
-
-		struct ubus_subscriber sub = {};
-		ubus_register_subscriber(c, &sub);
-		out += " subscribe=" + std::to_string(ubus_subscribe(c, &sub, test));
-		out += "," + std::to_string(ubus_subscribe(c, &sub, other));
-
-		struct blob_buf m = {};
-		blob_buf_init(&m, 0);
-		out += " monitor=" + std::to_string(ubus_invoke(c, UBUS_SYSTEM_OBJECT_MONITOR, "add", m.head, nullptr,
-								 nullptr, 3000));
-		blob_buf_free(&m);
-		return out;
-	});
-	EXPECT_EQ(r, "publish=0,2 listen=0,6 send=0,6 subscribe=0,4 monitor=6");
-}
-
 TEST_F(BusAcl, WithoutAccessListsNobodyGetsNothingAndReloadsTakeEffect)
 {
 	// SIGHUP reloads; the reload is announced to listeners.

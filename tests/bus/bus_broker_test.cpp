@@ -231,42 +231,6 @@ TEST_F(BrokerRobustness, AnnouncedLengthsAreNotAllocatedBeforeTheBytesArrive)
 	expect_others_served();
 }
 
-TEST_F(BrokerRobustness, IncompleteMessagesBeyondTheTotalLimitCostTheirSender)
-{
-	// Nine messages of 1 MB, all but their last 8 bytes sent: eight fit in
-	// the 8 MB the broker holds for incomplete messages, the ninth does not.
-	bytes msg = announced(1024 * 1024 - 8);
-	std::vector<int> fds;
-	for (int i = 0; i < 9; i++) {
-		int fd = raw_connect(sock);
-		ASSERT_GE(fd, 0);
-		size_t off = 0;
-		while (off < msg.size() - 8) {
-			ssize_t n = send(fd, msg.data() + off, msg.size() - 8 - off, MSG_NOSIGNAL);
-			if (n <= 0)
-				break;
-			off += n;
-		}
-		fds.push_back(fd);
-	}
-	ASSERT_EQ(query(ctx), 0);
-	for (int i = 0; i < 8; i++)
-		EXPECT_FALSE(closed_by_peer(fds[i], 50)) << i;
-	EXPECT_TRUE(closed_by_peer(fds[8], 3000));
-	// The first still completes its message and is answered: the listing
-	// starts with the peer's first object.
-	ASSERT_EQ(write(fds[0], msg.data() + msg.size() - 8, 8), 8);
-	uint8_t reply[12];
-	struct pollfd p = {fds[0], POLLIN, 0};
-	ASSERT_GT(poll(&p, 1, 3000), 0);
-	EXPECT_EQ(read(fds[0], reply, sizeof(reply)), 12);
-	EXPECT_EQ(reply[1], UBUS_MSG_DATA);
-	EXPECT_EQ(reply[3], 1) << "seq of the request";
-	for (int fd : fds)
-		close(fd);
-	expect_others_served();
-}
-
 TEST(BrokerLimits, AtItsDescriptorLimitTheBrokerIdlesAndServesItsClients)
 {
 	temp_dir dir;
