@@ -34,6 +34,9 @@
 #include <string>
 #include <vector>
 
+#include "bench_common.h"
+#include "util/root_path.h"
+
 namespace {
 
 constexpr const char *trivial_object = "bench.exec_echo";
@@ -60,16 +63,12 @@ struct latency {
 
 double now_us()
 {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<double>(ts.tv_sec) * 1e6 + static_cast<double>(ts.tv_nsec) / 1e3;
+    return bench::clock_ms() * 1e3;
 }
 
-// Nearest-rank percentile of sorted samples.
 double percentile(const std::vector<double> &sorted, double p)
 {
-    size_t rank = static_cast<size_t>(std::ceil(p * static_cast<double>(sorted.size())));
-    return sorted[std::clamp<size_t>(rank, 1, sorted.size()) - 1];
+    return bench::nearest_rank(sorted, p);
 }
 
 latency summarize(std::vector<double> samples, int failed)
@@ -340,11 +339,7 @@ void print_row(const char *name, const std::string &what, const latency &l)
 
 std::string default_socket()
 {
-    const char *root = getenv("WWANCTL_ROOT");
-    std::string r = root ? root : "";
-    while (!r.empty() && r.back() == '/')
-        r.pop_back();
-    return r + UBUS_UNIX_SOCKET;
+    return wwan_path(UBUS_UNIX_SOCKET);
 }
 
 int usage(const char *prog)

@@ -51,6 +51,9 @@
 #include <thread>
 #include <vector>
 
+#include "bench_common.h"
+#include "util/root_path.h"
+
 namespace
 {
 
@@ -74,18 +77,7 @@ struct options {
 
 double now_ms()
 {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<double>(ts.tv_sec) * 1e3 + static_cast<double>(ts.tv_nsec) / 1e6;
-}
-
-std::string root_path(const char *path)
-{
-    const char *root = getenv("WWANCTL_ROOT");
-    std::string r = root ? root : "";
-    while (!r.empty() && r.back() == '/')
-        r.pop_back();
-    return r + path;
+    return bench::clock_ms();
 }
 
 // Nearest-rank percentile of unsorted samples; -1 without samples.
@@ -94,8 +86,7 @@ double percentile(std::vector<double> v, double p)
     if (v.empty())
         return -1;
     std::sort(v.begin(), v.end());
-    size_t rank = static_cast<size_t>(std::ceil(p * static_cast<double>(v.size())));
-    return v[std::clamp<size_t>(rank, 1, v.size()) - 1];
+    return bench::nearest_rank(v, p);
 }
 
 // ---- the final result of an answer ----
@@ -783,8 +774,8 @@ int usage(const char *prog)
 
 bool parse_options(int argc, char **argv, options &opt)
 {
-    opt.socket = root_path(UBUS_UNIX_SOCKET);
-    opt.at_socket = root_path("/dev/modem0");
+    opt.socket = wwan_path(UBUS_UNIX_SOCKET);
+    opt.at_socket = wwan_path("/dev/modem0");
     int ch;
     while ((ch = getopt(argc, argv, "s:a:o:n:r:w:c:p:B:h")) != -1) {
         switch (ch) {

@@ -47,13 +47,18 @@ bool contains(std::string_view text, std::string_view what)
     return text.find(what) != std::string_view::npos;
 }
 
-// The command as text: commands built for the modem carry a counted zero
-// byte, SMS commands none at all.
+// The command as text from offset off: commands built for the modem carry a
+// counted zero byte, SMS commands none at all.
+std::string command_part(const request *req, uint32_t off)
+{
+    if (!req->command || off > req->length)
+        return {};
+    return std::string(req->command + off, strnlen(req->command + off, req->length - off));
+}
+
 std::string command_text(const request *req)
 {
-    if (!req->command)
-        return {};
-    return std::string(req->command, strnlen(req->command, req->length));
+    return command_part(req, 0);
 }
 
 std::string_view parsed_text(const parser &p)
@@ -454,8 +459,7 @@ void comm_manager::written()
     req->sent_time = request_clock_ms();
     in_flight_seq_ = req->channel_seq;
     at_prompt_ = false;
-    uint32_t off = req->avp || req->token_offset > req->length ? 0 : req->token_offset;
-    in_flight_token_.assign(req->command + off, strnlen(req->command + off, req->length - off));
+    in_flight_token_ = command_part(req, req->avp || req->token_offset > req->length ? 0 : req->token_offset);
 }
 
 // A write that failed part-way leaves a fragment of a command line in the
@@ -551,16 +555,6 @@ constexpr resync_probe resync_probes[] = {
 };
 constexpr unsigned resync_probe_count = sizeof(resync_probes) / sizeof(resync_probes[0]);
 
-// The command's parser token ("AT+CSQ\r" gives "CSQ").
-std::string token_of(std::string_view cmd)
-{
-    auto p = parser::create();
-    if (!p)
-        return {};
-    p->set_req_token(cmd);
-    return p->get_req_token();
-}
-
 bool has_info_line(std::string_view data, std::string_view token)
 {
     for (size_t at = data.find("\r\n+"); at != std::string_view::npos; at = data.find("\r\n+", at + 1)) {
@@ -586,7 +580,7 @@ void comm_manager::enter_resync(std::string stale_token, bool at_prompt, size_t 
 {
     if (stale_token.empty() && in_flight_seq_)
         stale_token = in_flight_token_;
-    stale_token = token_of(stale_token);
+    stale_token = at_token(stale_token);
     if (!resync_.active) {
         LOG_DEBUG("[CMM] Modem `%s [%s]` is out of step, resynchronising\n", modem_->id(), modem_->vid_pid());
         resync_ = {};
@@ -940,8 +934,7 @@ void comm_manager::write_next_part(request *req, uint32_t status)
     dbg_print_at_ex(part, len, 0);
     // The part's answer belongs to the part: its token is taken now.
     if (status & PARSER_STATUS_COMPLETE) {
-        uint32_t off = req->ext_len;
-        in_flight_token_.assign(req->command + off, strnlen(req->command + off, req->length - off));
+        in_flight_token_ = command_part(req, req->ext_len);
     }
     // A part that cannot be written fails its request.
     if (start_write(part, len, req, true, status) == write_result::failed)

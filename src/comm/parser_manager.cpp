@@ -204,12 +204,8 @@ void parser::set_req_token(const char *cmd)
         set_req_token(std::string_view(cmd));
 }
 
-void parser::set_req_token(std::string_view cmd)
+std::string at_token(std::string_view cmd)
 {
-    char old[token_size];
-    std::memcpy(old, token_, token_size);
-    std::memset(token_, 0, token_size);
-
     // Skip "AT" and the prefix character; stop before parameters or the line end.
     size_t start = cmd.size() < 4 ? 0 : 3;
     size_t n = 0;
@@ -219,9 +215,20 @@ void parser::set_req_token(std::string_view cmd)
             break;
         n++;
     }
-    if (n < token_size)
+    std::string token;
+    if (n < parser::token_size)
         for (size_t i = 0; i < n; i++)
-            token_[i] = upper(cmd[start + i]);
+            token += upper(cmd[start + i]);
+    return token;
+}
+
+void parser::set_req_token(std::string_view cmd)
+{
+    char old[token_size];
+    std::memcpy(old, token_, token_size);
+    std::memset(token_, 0, token_size);
+    std::string token = at_token(cmd);
+    std::memcpy(token_, token.data(), token.size());
 
     // Lines were classified against the old token.
     if (std::memcmp(old, token_, token_size) != 0)

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -41,6 +42,10 @@ enum ats_id : uint32_t {
 
 // True for the characters that open extended AT syntax: + ^ * # $
 bool is_spec_at_char(char c);
+
+// The response token of a command, upper-cased: "AT+CSQ\r" gives "CSQ",
+// "AT+COPS=?\r" gives "COPS"; empty when it would be longer than 15.
+std::string at_token(std::string_view cmd);
 
 // Buffer figures for the bus statistics. h_rst_preview points into the
 // parser and stays valid until the next work() or destruction.

@@ -182,8 +182,7 @@ bool acl_table::allows(const credentials &c, acl_op op, const char *name, const 
 	for (const rule &r : rules_) {
 		if (!applies(r, c))
 			continue;
-		switch (op) {
-		case acl_op::access:
+		if (op == acl_op::access) {
 			for (const access_rule &a : r.access) {
 				if (!event_match(a.pattern, name))
 					continue;
@@ -191,24 +190,14 @@ bool acl_table::allows(const credentials &c, acl_op op, const char *name, const 
 					if (m == "*" || (method && m == method))
 						return true;
 			}
-			break;
-		case acl_op::publish:
-			if (any_match(r.publish, name))
-				return true;
-			break;
-		case acl_op::subscribe:
-			if (any_match(r.subscribe, name))
-				return true;
-			break;
-		case acl_op::listen:
-			if (any_match(r.listen, name))
-				return true;
-			break;
-		case acl_op::send:
-			if (any_match(r.send, name))
-				return true;
-			break;
+			continue;
 		}
+		const std::vector<std::string> &patterns = op == acl_op::publish     ? r.publish
+							   : op == acl_op::subscribe ? r.subscribe
+							   : op == acl_op::listen    ? r.listen
+										     : r.send;
+		if (any_match(patterns, name))
+			return true;
 	}
 	return false;
 }
