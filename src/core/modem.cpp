@@ -10,6 +10,7 @@
 #include "comm/parser_manager.h"
 #include "core/modem_driver.h"
 #include "core/modem_info.h"
+#include "core/network_manager.h"
 #include "core/sim_config.h"
 #include "ubus/modem_api.h"
 #include "ubus/ubus.h"
@@ -261,6 +262,10 @@ void modem_instance::clean_request(request *req, int free_extra)
     if (!req)
         return;
     answer_failed(req);
+    // A scan that ended without its answer (expired, failed, dropped) still
+    // gives the data interfaces back.
+    if (req->action == ACT_OPERATOR_SCAN && scan_ifaces_)
+        interface_action(IFACE_ACTION_UP);
     ::clean_request(req, free_extra);
 }
 
@@ -347,6 +352,29 @@ void modem_instance::finalize_pending_request(std::unique_ptr<pending_request> p
     complete_deferred(bus_, req, &result);
 }
 
+int modem_instance::refresh(uint32_t action, const ujson *args)
+{
+    if (paused() || !check_func(action))
+        return 0;
+    return query(action, nullptr, args);
+}
+
+// One list per modem: a second scan queued behind the first keeps the list
+// of the first, so whatever the first took down comes back up.
+int modem_instance::interface_action(int action)
+{
+    if (action == IFACE_ACTION_UP) {
+        if (!scan_ifaces_)
+            return 0;
+        int ret = modem_interface_action(bus_, *scan_ifaces_, IFACE_ACTION_UP);
+        scan_ifaces_.reset();
+        return ret;
+    }
+    if (!scan_ifaces_)
+        scan_ifaces_ = std::make_unique<op_scan_storage>(id());
+    return modem_interface_action(bus_, *scan_ifaces_, static_cast<iface_action>(action));
+}
+
 void modem_instance::set_last_active_urc(const char *name)
 {
     if (!name) {
@@ -381,6 +409,13 @@ int modem_instance::notify_event(const char *name, ujson &payload, bool hotplug)
     if (!bus_object_.name)
         return 1;
     return ubus_notify_event(*this, &bus_object_.obj, name, &payload, -1, hotplug);
+}
+
+int modem_instance::broadcast(const char *name, const ujson &payload)
+{
+    if (!bus_)
+        return 1;
+    return ubus_send_event(bus_, name, payload.get_blobmsg());
 }
 
 bool modem_instance::check_func(uint32_t action) const

@@ -9,10 +9,13 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
 class cache_manager;
+class sim_config;
+class ujson;
 struct ubus_context;
 struct modem_info;
 
@@ -47,10 +50,30 @@ class modem
         response_len_ = len;
     }
 
-    // Operations drivers call on the modem. A bare record does nothing and
-    // has no bus connection.
+    // Operations drivers call on the modem. A bare record does nothing, has
+    // no bus connection and no SIM slots, and refuses what it cannot do.
     virtual void power_down() {}
     virtual ubus_context *bus() { return nullptr; }
+    // Raises a state change (an event id and its value; the value is copied
+    // before the call returns). The forced form notifies even when the value
+    // did not change.
+    virtual void new_event(uint32_t, const void *) {}
+    virtual void force_event(uint32_t, const void *) {}
+    // The URC prefix whose arrival answers the last command ("+CUSD"), or
+    // null when nothing is awaited.
+    virtual void set_last_active_urc(const char *) {}
+    // Queues the daemon's own request for action (built by the driver from
+    // args, which may be null). 0 when queued or when the action has no
+    // function; else the action's status or 1.
+    virtual int refresh(uint32_t, const ujson *) { return 1; }
+    // Takes the modem's data interfaces down (2) or brings the ones taken
+    // down back up (1). 0, or the network manager's failure bits.
+    virtual int interface_action(int) { return 1; }
+    // The SIM slot wiring and the number of slots; null and 0 when none.
+    virtual const sim_config *sim_cfg() const { return nullptr; }
+    virtual uint32_t sim_slot_count() const { return 0; }
+    // The command channel is paused (firmware update).
+    virtual bool paused() const { return false; }
 
     modem() = default;
     virtual ~modem() = default;

@@ -41,10 +41,11 @@ void modem_instance::choose_driver()
 }
 
 // Builds the action's command and queues it as the modem's own request.
-int modem_instance::query(uint32_t action, async_request_cb cb)
+int modem_instance::query(uint32_t action, async_request_cb cb, const ujson *args)
 {
     request scratch;
-    int status = modem_driver_invoke_func(driver_, this, action, 0, nullptr, &scratch);
+    // Build phases only read their arguments.
+    int status = modem_driver_invoke_func(driver_, this, action, 0, const_cast<ujson *>(args), &scratch);
     if (status != ACT_STATUS_OK) {
         LOG_ERROR("[MODEM] An error (%d) occurred: %s for `%s [%s]` modem!\n", status,
                   act_status_str(static_cast<uint32_t>(status)), id(), vid_pid());

@@ -27,6 +27,7 @@
 class cache_manager;
 class parser;
 class sim_config;
+class op_scan_storage;
 
 // States reported by get_current_state (modem_state_str).
 enum modem_state : uint32_t {
@@ -123,14 +124,23 @@ class modem_instance final : public modem, public cmm_modem, public evt_modem, p
     void ping();
     void trigger_hang() override;
     void new_event(uint32_t event, const void *data) override;
-    void force_event(uint32_t event, const void *data);
+    void force_event(uint32_t event, const void *data) override;
     // Takes the current request's bus call so an action can answer it later;
     // null without a current request that has one.
     std::unique_ptr<pending_request> set_pending_request(void *value);
     // Answers the saved call with result and releases the record.
     void finalize_pending_request(std::unique_ptr<pending_request> pending, ujson &result);
     uint32_t get_current_state();
-    void set_last_active_urc(const char *name);
+    void set_last_active_urc(const char *name) override;
+    // The driver's own follow-up requests: nothing while paused or when the
+    // driver lacks the action; else the action's command queued with the
+    // query time-out.
+    int refresh(uint32_t action, const ujson *args) override;
+    // Data interfaces around an operator scan: down (2) records and stops
+    // the modem's interfaces that are up, up (1) starts the recorded ones.
+    int interface_action(int action) override;
+    const sim_config *sim_cfg() const override { return sim_.get(); }
+    uint32_t sim_slot_count() const override { return sim_slots_; }
     // SIM slot wiring: builtin modems get the board's slots (primary 1,
     // secondary 2), others a single-slot placeholder. 0, or 1.
     int sim_config_init(bool builtin, bool primary);
@@ -169,6 +179,7 @@ class modem_instance final : public modem, public cmm_modem, public evt_modem, p
     // evt_modem
     cache_manager *cache() override { return cache_.get(); }
     int notify_event(const char *name, ujson &payload, bool hotplug) override;
+    int broadcast(const char *name, const ujson &payload) override;
 
     // async_modem
     bool check_func(uint32_t action) const override;
@@ -188,7 +199,7 @@ class modem_instance final : public modem, public cmm_modem, public evt_modem, p
 
     // Identification and going live.
     void choose_driver();
-    int query(uint32_t action, async_request_cb cb);
+    int query(uint32_t action, async_request_cb cb, const ujson *args = nullptr);
     int run_queries(const uint32_t *actions, size_t n, async_request_cb cb);
     void handle_data_recv_init();
     static void on_data_recv(modem *mdm, uint32_t action, ujson *reply, void *ctx);
@@ -212,6 +223,7 @@ class modem_instance final : public modem, public cmm_modem, public evt_modem, p
     std::unique_ptr<evtmgr> evtmgr_;
     std::unique_ptr<asyncmgr> asyncmgr_;
     std::unique_ptr<sim_config> sim_;
+    std::unique_ptr<op_scan_storage> scan_ifaces_; // interfaces an operator scan took down
 
     char port_[32] = {};
     char gps_port_[32] = {};

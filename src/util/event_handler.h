@@ -33,6 +33,18 @@ class evt_modem
     // modem's bus object, without waiting; with hotplug set the hotplug
     // service is called as well. 0 when sent.
     virtual int notify_event(const char *name, ujson &payload, bool hotplug) = 0;
+
+    // What event callbacks ask of the modem; the defaults do nothing.
+    // The command channel is paused (firmware update).
+    virtual bool paused() const { return false; }
+    // Queues the modem's own request for action, built by its driver from
+    // args (may be null). 0 when queued or skipped (paused, no such
+    // function); else the action's status, or 1 when it cannot be queued.
+    virtual int refresh(uint32_t, const ujson *) { return 1; }
+    // Pushes an event that is notified even when its value is unchanged.
+    virtual void force_event(uint32_t, const void *) {}
+    // Broadcasts the bus event `name` with payload. 0 when sent.
+    virtual int broadcast(const char *, const ujson &) { return 1; }
 };
 
 // Called after a change has been published. value points to the event's

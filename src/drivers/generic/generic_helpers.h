@@ -1,0 +1,116 @@
+// What every action is written with: checked arguments and command building
+// for the build phase, scan helpers over the answer for the parse phase, and
+// the reply and cache writers both phases share. An action then reads as its
+// command and its parse:
+//
+//   int get_crc_fmt(modem *m, int type, ujson *j, request *r)
+//   {
+//       return query_enum(m, type, j, r, "AT+CRC?\r", "\r\n+CRC: %d", "format", cell_rc_str);
+//   }
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "core/modem_driver.h"
+
+class modem;
+class ujson;
+struct request;
+
+// Vocabulary conversions as the actions pass them.
+using vocab_str_fn = const char *(*)(uint32_t);
+using vocab_enum_fn = uint32_t (*)(std::string_view);
+
+// --- build phase ----------------------------------------------------------------
+
+// The caller's arguments, read with their checks. Every text that goes into
+// a command passes at_check_arg here (no CR, LF, NUL, ESC, Ctrl-Z or double
+// quote, at most its length), every number its range, every keyword its
+// vocabulary. A failed read marks the set bad and returns a neutral value;
+// the action then answers status() (2) and sends nothing.
+class act_args
+{
+  public:
+    explicit act_args(const ujson *json) : json_(json) {}
+
+    bool has(const char *name) const;
+    // A required text; "" when missing or refused.
+    const char *text(const char *name, size_t max_len);
+    // An optional text; "" when absent, "" and bad when refused.
+    const char *opt_text(const char *name, size_t max_len);
+    // A required number in lo..hi.
+    int32_t number(const char *name, int32_t lo, int32_t hi);
+    // An optional number in lo..hi, def when absent.
+    int32_t opt_number(const char *name, int32_t lo, int32_t hi, int32_t def);
+    bool flag(const char *name, bool def = false) const;
+    // A required keyword through its argument vocabulary; the vocabulary id
+    // (never 0: an unknown keyword is bad).
+    uint32_t keyword(const char *name, vocab_enum_fn arg_enum);
+    // An optional keyword; 0 when absent.
+    uint32_t opt_keyword(const char *name, vocab_enum_fn arg_enum);
+
+    bool ok() const { return ok_; }
+    // ACT_STATUS_OK, or ACT_STATUS_INVALID_ARGS after a failed read.
+    int status() const { return ok_ ? ACT_STATUS_OK : ACT_STATUS_INVALID_ARGS; }
+
+  private:
+    const char *checked(const char *name, size_t max_len, bool required);
+
+    const ujson *json_;
+    bool ok_ = true;
+};
+
+// Stores an owned copy of the command in the request. 0, 2 without a
+// request, 3 without memory.
+int set_command(request *req, std::string_view command);
+// The same for a formatted command: measured first, then written into an
+// exactly sized buffer.
+int set_commandf(request *req, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// --- parse phase ------------------------------------------------------------------
+
+// The answer being parsed (empty when none).
+std::string_view answer(const modem *mdm);
+// The answer ends in a final OK ("\r\nOK\r\n" or the numeric "0\r").
+bool answer_ok(const modem *mdm);
+// sscanf over a text that need not be terminated; the count of fields read
+// (0 when nothing matched, also for EOF).
+int scan(std::string_view text, const char *fmt, ...) __attribute__((format(scanf, 2, 3)));
+// The text from the first line that begins with prefix (after its "\r\n"),
+// with that "\r\n" kept so "\r\n..." patterns apply; empty when absent.
+std::string_view from_line(std::string_view text, std::string_view prefix);
+// The first information line: the text after a leading "\r\n" (absent
+// with ATV0) up to the next "\r\n"; empty when the answer starts with its
+// final result.
+std::string_view first_line(std::string_view text);
+
+// --- replies and cache ----------------------------------------------------------------
+
+// An enumerated value twice: the number under "<key>_id", its text under key.
+void reply_enum(ujson *json, const char *key, uint32_t id, vocab_str_fn str);
+void reply_text(ujson *json, const char *key, std::string_view text);
+// The raw answer under "response", for answers no pattern could read.
+void reply_raw(ujson *json, const modem *mdm);
+
+void cache_text(modem *mdm, const char *key, std::string_view text);
+void cache_int(modem *mdm, const char *key, int32_t value);
+void cache_drop(modem *mdm, const char *key);
+// The cached text under key, or null.
+const char *cached_text(const modem *mdm, const char *key);
+// The cached 32-bit integer under key, or def.
+int32_t cached_int(const modem *mdm, const char *key, int32_t def);
+
+// --- whole actions of the common shapes ----------------------------------------------------
+
+// A fixed command whose answer is only its result: OK gives 0, else 5.
+int simple_command(modem *mdm, int type, request *req, const char *command);
+// A set with one keyword argument `arg`: fmt holds one %u for its AT value
+// (the vocabulary id minus 1).
+int set_keyword(modem *mdm, int type, ujson *json, request *req, const char *fmt, const char *arg,
+                vocab_enum_fn arg_enum);
+// A query whose answer holds one AT value read by pattern (one %d): the
+// reply is "<key>_id" = value + 1 and key = its text. Unreadable: 5.
+int query_enum(modem *mdm, int type, ujson *json, request *req, const char *command, const char *pattern,
+               const char *key, vocab_str_fn str);
