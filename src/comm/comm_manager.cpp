@@ -32,9 +32,6 @@ using namespace cmm_detail;
 namespace
 {
 
-constexpr uint32_t evt_service_data = 15;
-constexpr uint32_t evt_modem_state = 29;
-
 // Messages of the set-up start carry the name of the operation behind init.
 #define CMM_LOG_ERROR_AS(func, fmt, ...)                                                                               \
     do {                                                                                                               \
@@ -890,7 +887,7 @@ void comm_manager::handle_unowned(parser &p)
                 json->add_string("response", "Unknown network message");
                 // 3GPP TS 27.007 +CUSD <m> 4: operation not supported.
                 json->add_int("state_id", 4);
-                modem_->new_event(evt_service_data, json.get());
+                modem_->new_event(EVT_SERVICE_DATA, json.get());
             } else {
                 LOG_ERROR("[CMM] uJson memory allocation error!\n");
             }
@@ -965,7 +962,7 @@ void comm_manager::complete_request(request *req, parser &p)
         break;
     }
     if (state)
-        modem_->new_event(evt_modem_state, &state);
+        modem_->new_event(EVT_MODEM_STATE, &state);
 
     // The parsed text stays in the parser, zero-terminated, until the flush.
     std::string_view data = parsed_text(p);

@@ -219,6 +219,39 @@ enum act_status : uint32_t {
     ACT_STATUS_SMS_LIMIT = 9,
 };
 
+// Event ids: what drivers raise through the modem and the event
+// registrations handle. Ids 19, 20 and 25 are unused.
+enum evt_id : uint32_t {
+    EVT_PIN_STATE = 1,
+    EVT_SERVICE_MODE = 2,
+    EVT_CLIP = 3,
+    EVT_RING = 4,
+    EVT_NO_CARRIER = 5,
+    EVT_SND_SMS = 6,
+    EVT_RSSI = 7,
+    EVT_RSCP = 8,
+    EVT_ECIO = 9,
+    EVT_RSRP = 10,
+    EVT_SINR = 11,
+    EVT_RSRQ = 12,
+    EVT_BER = 13,
+    EVT_SMS_INDEX = 14,
+    EVT_SERVICE_DATA = 15,
+    EVT_FOTA_STATE = 16,
+    EVT_NETWORK_STATE = 17,   // circuit switched (+CREG)
+    EVT_NETWORK_STATE_PS = 18, // packet domains (+CGREG, +CEREG, +C5GREG)
+    EVT_SIM_STATUS = 21,
+    EVT_FILE_UPLOAD = 22,
+    EVT_EMM_ERROR = 23,
+    EVT_ESM_ERROR = 24,
+    EVT_NET_DATA_STATE = 26,
+    EVT_OPERATOR = 27,
+    EVT_SIM_CHANGE = 28,
+    EVT_MODEM_STATE = 29,
+    EVT_ACT = 30,
+    EVT_BAND_CHANGE = 31,
+};
+
 // Names of the actions in id order, "__ACT_TYPE_MAX" last.
 extern const char *const act_type_id_str[__ACT_TYPE_MAX + 1];
 

@@ -245,6 +245,11 @@ int32_t cached_int(const modem *mdm, const char *key, int32_t def)
     return item->get<int32_t>();
 }
 
+void update_registration(modem *mdm)
+{
+    mdm->refresh(ACT_GET_NET_REG_STAT_ALL, nullptr);
+}
+
 // --- common shapes ----------------------------------------------------------------------
 
 int simple_command(modem *mdm, int type, request *req, const char *command)

@@ -102,6 +102,10 @@ const char *cached_text(const modem *mdm, const char *key);
 // The cached 32-bit integer under key, or def.
 int32_t cached_int(const modem *mdm, const char *key, int32_t def);
 
+// What the modem reported (a PIN state, a new operator) may have changed its
+// registration: the registration reports are read again.
+void update_registration(modem *mdm);
+
 // --- whole actions of the common shapes ----------------------------------------------------
 
 // A fixed command whose answer is only its result: OK gives 0, else 5.

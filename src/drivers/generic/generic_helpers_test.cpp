@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "comm/request.h"
+#include "drivers/generic/driver_test_support.h"
 #include "core/modem.h"
 #include "ubus/vocab.h"
 #include "util/ujson.h"

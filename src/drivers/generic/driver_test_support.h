@@ -1,0 +1,138 @@
+// A modem record as driver functions see it, for the drivers' unit tests:
+// identity, model row, value cache and the answer being parsed, and a record
+// of what the driver asked of the modem (events, follow-up requests, the
+// awaited URC, data interface actions).
+#pragma once
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "comm/request.h"
+#include "core/modem.h"
+#include "core/modem_driver.h"
+#include "util/cache_manager.h"
+#include "util/ujson.h"
+
+class recording_modem : public modem
+{
+  public:
+    struct event {
+        uint32_t id;
+        bool forced;
+        int32_t number;   // the value of a number event
+        std::string json; // the value of a data event, as JSON (set by the test's reader)
+        std::unique_ptr<ujson> data;
+    };
+
+    void new_event(uint32_t id, const void *data) override { record(id, data, false); }
+    void force_event(uint32_t id, const void *data) override { record(id, data, true); }
+    void set_last_active_urc(const char *name) override { awaited = name ? name : ""; }
+    int refresh(uint32_t action, const ujson *) override
+    {
+        refreshed.push_back(action);
+        return 0;
+    }
+    int interface_action(int action) override
+    {
+        iface_actions.push_back(action);
+        return iface_result;
+    }
+    bool paused() const override { return is_paused; }
+
+    // Events whose value is a ujson (the ids a test declares as such).
+    std::vector<uint32_t> data_events = {EVT_SERVICE_DATA, EVT_CLIP, EVT_SND_SMS};
+    std::vector<event> events;
+    std::vector<uint32_t> refreshed;
+    std::vector<int> iface_actions;
+    int iface_result = 0;
+    std::string awaited;
+    bool is_paused = false;
+
+  private:
+    void record(uint32_t id, const void *data, bool forced)
+    {
+        event e{id, forced, 0, {}, nullptr};
+        bool is_data = false;
+        for (uint32_t d : data_events)
+            is_data |= d == id;
+        if (is_data && data)
+            e.data = static_cast<const ujson *>(data)->clone();
+        else if (data)
+            e.number = *static_cast<const int32_t *>(data);
+        events.push_back(std::move(e));
+    }
+};
+
+// Build and parse one action at a time against a recording modem.
+class driver_test : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        cache = cache_manager::create();
+        ASSERT_TRUE(cache);
+        mdm.set_identity("1-1.2", "2C7C:0125");
+        mdm.set_cache(cache.get());
+        reply = ujson::create();
+        ASSERT_TRUE(reply);
+    }
+    void TearDown() override
+    {
+        std::free(req.command);
+        std::free(req.extra);
+    }
+
+    // Build phase with args (may be null): the status; the command in command().
+    int build(act_func fn, ujson *args = nullptr)
+    {
+        std::free(req.command);
+        req.command = nullptr;
+        req.length = 0;
+        return fn(&mdm, 0, args, &req);
+    }
+    std::string command() const { return req.command ? std::string(req.command, req.length) : std::string(); }
+    // Parse phase over a captured answer, into a fresh reply.
+    int parse(act_func fn, const std::string &answer)
+    {
+        response = answer;
+        mdm.set_response(response.data(), response.size());
+        reply = ujson::create();
+        return fn(&mdm, 1, reply.get(), &req);
+    }
+    // A URC handler over a captured line.
+    int urc(urc_func fn, const std::string &line)
+    {
+        response = line;
+        mdm.set_response(response.data(), response.size());
+        reply = ujson::create();
+        return fn(&mdm, reply.get());
+    }
+    std::string field(const char *key) const
+    {
+        return reply->exists(key) && reply->get_string(key) ? reply->get_string(key) : "<none>";
+    }
+    int32_t number(const char *key) const { return reply->exists(key) ? reply->get_int(key) : -999; }
+    std::string cached(const char *key) const
+    {
+        const cache_item *item = cache->get_item(key);
+        return item && item->text() ? item->text() : "<none>";
+    }
+    static std::unique_ptr<ujson> args(std::initializer_list<std::pair<const char *, const char *>> texts)
+    {
+        auto json = ujson::create();
+        for (const auto &[k, v] : texts)
+            json->add_string(k, v);
+        return json;
+    }
+
+    recording_modem mdm;
+    std::unique_ptr<cache_manager> cache;
+    std::unique_ptr<ujson> reply;
+    request req;
+    std::string response;
+};
