@@ -10,6 +10,7 @@
 #include "comm/parser_manager.h"
 #include "comm/request.h"
 #include "core/modem_instance.h"
+#include "events/events.h"
 #include "ubus/modem_api.h"
 #include "ubus/ubus.h"
 #include "util/log.h"
@@ -136,6 +137,12 @@ int modem_manager::start(bool compress)
     }
     if (register_event(added_, added_event, __modem_added) || register_event(removed_, removed_event, __modem_removed)) {
         LOG_ERROR("[MODEM_MANAGER] Failed to register ubus event handlers!\n");
+        return fail();
+    }
+    // What the modems' unsolicited changes set off; registered once, before
+    // the first modem exists.
+    if (events_init()) {
+        LOG_ERROR("[MODEM_MANAGER] Failed to register modem events!\n");
         return fail();
     }
     if (scan() < 0) {

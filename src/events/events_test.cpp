@@ -1,0 +1,268 @@
+#include "events/events.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ubus/modem_api.h"
+#include "util/cache_manager.h"
+#include "util/event_handler.h"
+#include "util/ujson.h"
+
+namespace
+{
+
+// A modem as the callbacks see it: a cache, and a record of the requests
+// queued, the events forced and the broadcasts sent.
+class test_modem final : public evt_modem
+{
+  public:
+    const char *id() const override { return "1-1.2"; }
+    const char *vid_pid() const override { return "2C7C:0125"; }
+    cache_manager *cache() override { return cache_.get(); }
+    int notify_event(const char *, ujson &, bool) override { return 0; }
+    bool paused() const override { return is_paused; }
+    int refresh(uint32_t action, const ujson *args) override
+    {
+        if (is_paused)
+            return 0;
+        std::string arg = args && args->exists("format") ? args->get_string("format") : "";
+        refreshed.emplace_back(action, arg);
+        return action == failing_action ? 1 : 0;
+    }
+    void force_event(uint32_t id, const void *) override { forced.push_back(id); }
+    int broadcast(const char *name, const ujson &payload) override
+    {
+        broadcasts.emplace_back(name, std::to_string(payload.get_int("sim")) + "/" + payload.get_string("id"));
+        return 0;
+    }
+
+    void put(const char *key) { cache_->update_item(key, CACHE_DATA_STRING, "x", 2); }
+    bool has(const char *key) const { return cache_->get_item(key) != nullptr; }
+    std::string text(const char *key) const
+    {
+        const cache_item *item = cache_->get_item(key);
+        return item && item->text() ? item->text() : "<none>";
+    }
+
+    bool is_paused = false;
+    uint32_t failing_action = 0;
+    std::vector<std::pair<uint32_t, std::string>> refreshed;
+    std::vector<uint32_t> forced;
+    std::vector<std::pair<std::string, std::string>> broadcasts;
+
+  private:
+    std::unique_ptr<cache_manager> cache_ = cache_manager::create();
+};
+
+class EventsTest : public ::testing::Test
+{
+  protected:
+    static void SetUpTestSuite() { ASSERT_EQ(events_init(), 0); }
+
+    void fire(uint32_t id, uint32_t value)
+    {
+        const evt_desc *desc = event_find(id);
+        ASSERT_NE(desc, nullptr);
+        ASSERT_NE(desc->cb, nullptr);
+        desc->cb(mdm, id, &value);
+    }
+    void fire(uint32_t id, ujson &data)
+    {
+        const evt_desc *desc = event_find(id);
+        ASSERT_NE(desc, nullptr);
+        desc->cb(mdm, id, &data);
+    }
+    std::vector<const char *> present(std::initializer_list<const char *> keys)
+    {
+        std::vector<const char *> out;
+        for (const char *k : keys)
+            if (mdm.has(k))
+                out.push_back(k);
+        return out;
+    }
+
+    test_modem mdm;
+};
+
+const std::initializer_list<const char *> signal_keys = {"rssi_value", "rscp_value", "ecio_value", "rsrp_value",
+                                                         "sinr_value", "rsrq_value", "ber_value"};
+
+TEST_F(EventsTest, RegistrationsCarryTheirNamesAndValueKinds)
+{
+    struct {
+        uint32_t id;
+        const char *name;
+        uint32_t type;
+        bool has_cb;
+    } rows[] = {
+        {EVT_SERVICE_MODE, "service_mode", CACHE_DATA_INT32, true},
+        {EVT_ACT, "act", CACHE_DATA_INT32, false},
+        {EVT_RSRP, "rsrp_value", CACHE_DATA_INT32, false},
+        {EVT_NETWORK_STATE, "network_state", CACHE_DATA_INT32, true},
+        {EVT_NETWORK_STATE_PS, "network_state", CACHE_DATA_INT32, true},
+        {EVT_EMM_ERROR, "emm_error", CACHE_DATA_UJSON, false},
+        {EVT_PIN_STATE, "pin_state", CACHE_DATA_INT32, true},
+        {EVT_SMS_INDEX, "sms_index", CACHE_DATA_INT32, false},
+        {EVT_SND_SMS, "snd_sms", CACHE_DATA_UJSON, false},
+        {EVT_SERVICE_DATA, "service_data_value", CACHE_DATA_UJSON, true},
+        {EVT_SIM_STATUS, "sim_status", CACHE_DATA_INT32, true},
+        {EVT_RING, "ring", CACHE_DATA_UJSON, true},
+        {EVT_NO_CARRIER, "no_carrier", CACHE_DATA_UJSON, true},
+        {EVT_BAND_CHANGE, "band_change", CACHE_DATA_UJSON, true},
+        {EVT_OPERATOR, "operator", CACHE_DATA_INT32, true},
+        {EVT_SIM_CHANGE, "sim_change", CACHE_DATA_INT32, true},
+    };
+    for (const auto &row : rows) {
+        const evt_desc *desc = event_find(row.id);
+        ASSERT_NE(desc, nullptr) << row.id;
+        EXPECT_STREQ(desc->name, row.name);
+        EXPECT_EQ(desc->type, row.type) << row.name;
+        EXPECT_EQ(desc->cb != nullptr, row.has_cb) << row.name;
+    }
+    for (uint32_t unused : {19u, 20u, 25u})
+        EXPECT_EQ(event_find(unused), nullptr);
+}
+
+TEST_F(EventsTest, ServiceModeDropsWhatTheNewModeMadeStale)
+{
+    struct {
+        uint32_t mode;
+        const char *text;
+        std::vector<const char *> kept;
+    } rows[] = {
+        {21, "LTE", {"rssi_value", "rsrp_value", "sinr_value", "rsrq_value", "ber_value", "reg_lac"}},
+        {22, "5G", {"rssi_value", "rsrp_value", "sinr_value", "rsrq_value", "ber_value", "reg_lac"}},
+        {2, "No service", {}},
+        {0, "Unknown", {}},
+        {4, "GSM", {"rssi_value", "ber_value", "reg_lac"}},
+        {8, "WCDMA", {"rssi_value", "rscp_value", "ecio_value", "ber_value", "reg_lac"}},
+        {30, "2G_3G", {"rssi_value", "rscp_value", "ecio_value", "ber_value", "reg_lac"}},
+    };
+    for (const auto &row : rows) {
+        for (const char *k : signal_keys)
+            mdm.put(k);
+        mdm.put("reg_lac");
+        fire(EVT_SERVICE_MODE, row.mode);
+        EXPECT_EQ(present({"rssi_value", "rscp_value", "ecio_value", "rsrp_value", "sinr_value", "rsrq_value",
+                           "ber_value", "reg_lac"}),
+                  row.kept)
+            << row.text;
+        EXPECT_EQ(mdm.text("service_mode_str"), row.text);
+    }
+}
+
+TEST_F(EventsTest, PinStateOkReadsTheSimAgainAndAsksForTheOperator)
+{
+    for (const char *k : {"iccid", "op_format", "operator", "sim_pin1", "operator_scan"})
+        mdm.put(k);
+    fire(EVT_PIN_STATE, 1);
+    EXPECT_EQ(mdm.text("pin_state_str"), "OK");
+    EXPECT_EQ(present({"iccid", "op_format", "operator", "sim_pin1", "operator_scan"}),
+              (std::vector<const char *>{"sim_pin1", "operator_scan"}));
+    std::vector<std::pair<uint32_t, std::string>> want = {
+        {ACT_GET_PIN_COUNT, ""}, {ACT_GET_IMSI, ""}, {ACT_GET_SMS_MODE, ""}, {ACT_GET_ICCID, ""}};
+    EXPECT_EQ(mdm.refreshed, want);
+    EXPECT_EQ(mdm.forced, std::vector<uint32_t>{EVT_OPERATOR});
+}
+
+TEST_F(EventsTest, PinStateChainStopsAtAFailedRequestAndNothingRunsWhilePaused)
+{
+    mdm.failing_action = ACT_GET_IMSI;
+    fire(EVT_PIN_STATE, 1);
+    EXPECT_EQ(mdm.refreshed.size(), 2u);
+    EXPECT_TRUE(mdm.forced.empty());
+
+    test_modem paused;
+    paused.is_paused = true;
+    uint32_t ok = 1;
+    event_find(EVT_PIN_STATE)->cb(paused, EVT_PIN_STATE, &ok);
+    EXPECT_TRUE(paused.refreshed.empty());
+    EXPECT_EQ(paused.text("pin_state_str"), "OK") << "the cache is kept up to date all the same";
+}
+
+TEST_F(EventsTest, PinStatesWithoutAUsableSimDropItsSecrets)
+{
+    struct {
+        uint32_t state;
+        const char *text;
+        bool drops_secrets;
+    } rows[] = {
+        {2, "Not ready", true},   {10, "SIM not inserted", true}, {13, "SIM failure", true},
+        {4, "Required PIN", false}, {99, "Unknown", false},         {0, "Unknown", false},
+    };
+    for (const auto &row : rows) {
+        for (const char *k : {"iccid", "sim_pin1", "sim_puk1", "operator_scan"})
+            mdm.put(k);
+        fire(EVT_PIN_STATE, row.state);
+        EXPECT_EQ(mdm.text("pin_state_str"), row.text);
+        EXPECT_FALSE(mdm.has("iccid"));
+        EXPECT_EQ(!mdm.has("sim_pin1") && !mdm.has("sim_puk1") && !mdm.has("operator_scan"), row.drops_secrets)
+            << row.text;
+    }
+    EXPECT_TRUE(mdm.refreshed.empty());
+    EXPECT_TRUE(mdm.forced.empty());
+}
+
+TEST_F(EventsTest, OperatorChangeSetsTheLongFormatThenReadsTheOperator)
+{
+    fire(EVT_OPERATOR, 0);
+    std::vector<std::pair<uint32_t, std::string>> want = {{ACT_SET_OPER_SELECTION, "long"},
+                                                          {ACT_GET_OPER_SELECTION, ""}};
+    EXPECT_EQ(mdm.refreshed, want);
+
+    test_modem failing;
+    failing.failing_action = ACT_SET_OPER_SELECTION;
+    uint32_t none = 0;
+    event_find(EVT_OPERATOR)->cb(failing, EVT_OPERATOR, &none);
+    EXPECT_EQ(failing.refreshed.size(), 1u);
+}
+
+TEST_F(EventsTest, SimChangeIsBroadcastOnceAndForgetsTheScan)
+{
+    mdm.put("operator_scan");
+    fire(EVT_SIM_CHANGE, 2);
+    EXPECT_FALSE(mdm.has("operator_scan"));
+    EXPECT_EQ(mdm.broadcasts, (std::vector<std::pair<std::string, std::string>>{{"sim.changed", "2/1-1.2"}}));
+}
+
+TEST_F(EventsTest, DataEventsDropTheKeysTheyName)
+{
+    for (const char *k : {"response", "state_id", "coding_scheme", "imsi"})
+        mdm.put(k);
+    auto data = ujson::create();
+    data->add_string("response", "Guthaben: 12,34 EUR");
+    data->add_int("state_id", 1);
+    fire(EVT_SERVICE_DATA, *data);
+    EXPECT_EQ(present({"response", "state_id", "coding_scheme", "imsi"}),
+              (std::vector<const char *>{"coding_scheme", "imsi"}));
+
+    // The SIM status is a number: it names nothing.
+    fire(EVT_SIM_STATUS, 1);
+    EXPECT_EQ(present({"coding_scheme", "imsi"}).size(), 2u);
+}
+
+TEST_F(EventsTest, BandChangeDropsSignalAndBand)
+{
+    for (const char *k : signal_keys)
+        mdm.put(k);
+    mdm.put("band_str");
+    mdm.put("band_id");
+    mdm.put("reg_lac");
+    auto data = ujson::create();
+    fire(EVT_BAND_CHANGE, *data);
+    EXPECT_EQ(present({"rssi_value", "ber_value", "band_str", "band_id", "reg_lac"}),
+              std::vector<const char *>{"reg_lac"});
+}
+
+TEST_F(EventsTest, RegistrationChangeAsksWhetherVoiceOverLteIsReady)
+{
+    fire(EVT_NETWORK_STATE, 1);
+    fire(EVT_NETWORK_STATE_PS, 5);
+    std::vector<std::pair<uint32_t, std::string>> want = {{ACT_GET_VOLTE_READY, ""}, {ACT_GET_VOLTE_READY, ""}};
+    EXPECT_EQ(mdm.refreshed, want);
+}
+
+} // namespace
