@@ -128,18 +128,23 @@ std::string DaemonTest::diagnostics() const
     return out + "----\n";
 }
 
-modem_sim &DaemonTest::start_sim(const std::string &tty)
+modem_sim &DaemonTest::start_sim(const std::string &tty, const std::string &scenario)
 {
-    sims.push_back(std::make_unique<modem_sim>(*root, tty));
+    sims.push_back(std::make_unique<modem_sim>(*root, tty, scenario));
     EXPECT_TRUE(sims.back()->ready()) << "simulator on " << tty << " did not start";
     return *sims.back();
 }
 
 modem_sim &DaemonTest::plug_ec25(const usb_device &dev)
 {
+    return plug(dev, ec25_description, "ec25");
+}
+
+modem_sim &DaemonTest::plug(const usb_device &dev, const char *description, const std::string &scenario)
+{
     add_usb_device(*root, dev);
-    add_description(*root, dev.usb_ids(), ec25_description);
-    return start_sim(dev.ttys.at(2));
+    add_description(*root, dev.usb_ids(), description);
+    return start_sim(dev.ttys.at(2), scenario);
 }
 
 void DaemonTest::spawn_daemon()

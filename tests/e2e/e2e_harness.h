@@ -45,7 +45,9 @@ class DaemonTest : public ::testing::Test
     // An EC25 device in the USB tree with its description file, and a
     // simulator behind its AT port.
     modem_sim &plug_ec25(const usb_device &dev);
-    modem_sim &start_sim(const std::string &tty);
+    // The same for another modem: its description file and scenario.
+    modem_sim &plug(const usb_device &dev, const char *description, const std::string &scenario);
+    modem_sim &start_sim(const std::string &tty, const std::string &scenario = "ec25");
 
     // Starts wwanctl -D and waits until it serves its `gsm` object.
     void start_daemon();

@@ -124,7 +124,7 @@ int child_process::stop(int sig, int timeout_ms)
     return wait_exit(timeout_ms);
 }
 
-modem_sim::modem_sim(const temp_root &root, const std::string &tty)
+modem_sim::modem_sim(const temp_root &root, const std::string &tty, const std::string &scenario)
 {
     control_path_ = root / ("/sim-" + tty + ".sock");
     transcript_path_ = root / ("/sim-" + tty + ".log");
@@ -132,7 +132,7 @@ modem_sim::modem_sim(const temp_root &root, const std::string &tty)
     std::string link = root / ("/dev/" + tty);
     make_dirs(root / "/dev");
     proc_ = std::make_unique<child_process>(
-        std::vector<std::string>{WWAN_MODEM_SIM, "-s", "ec25", "-n", "-l", link, "-c", control_path_, "-t",
+        std::vector<std::string>{WWAN_MODEM_SIM, "-s", scenario, "-n", "-l", link, "-c", control_path_, "-t",
                                  transcript_path_},
         root.path(), out, root / ("/sim-" + tty + ".err"));
     // Ready once it printed its terminal and answers on its control socket.

@@ -46,7 +46,8 @@ class child_process
 class modem_sim
 {
   public:
-    modem_sim(const temp_root &root, const std::string &tty);
+    // scenario: a file or a name under tools/modem-sim/scenarios.
+    modem_sim(const temp_root &root, const std::string &tty, const std::string &scenario = "ec25");
     ~modem_sim();
     modem_sim(const modem_sim &) = delete;
     modem_sim &operator=(const modem_sim &) = delete;
