@@ -1,7 +1,6 @@
 #include "drivers/generic/generic_pin.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "core/modem.h"
 #include "drivers/generic/generic_helpers.h"
@@ -54,20 +53,7 @@ bool all_digits(std::string_view text, size_t min, size_t max)
            std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-// The text after prefix up to the line's end, wherever it stands: with
-// ATV0 a second command's answer follows the first's "0\r" directly.
-std::string_view value_after(std::string_view text, std::string_view prefix)
-{
-    size_t pos = text.find(prefix);
-    if (pos == std::string_view::npos)
-        return {};
-    std::string_view value = text.substr(pos + prefix.size());
-    value = value.substr(0, value.find('\r'));
-    while (value.ends_with(' '))
-        value.remove_suffix(1);
-    return value;
-}
-
+// A final ERROR, verbose or numeric ("4\r" with ATV0).
 bool ends_in_error(std::string_view text)
 {
     return text.ends_with("\r\nERROR\r\n") || text == "4\r" || text.ends_with("\n4\r") || text.ends_with("\r4\r");
@@ -76,8 +62,6 @@ bool ends_in_error(std::string_view text)
 // The PIN state a +CME error to +CPIN? stands for; 0 when it is no SIM error.
 uint32_t cme_state(std::string_view error)
 {
-    if (error.empty())
-        return PIN_STATE_UNKNOWN;
     for (const auto &e : cme_sim_errors) {
         if (error == e.text)
             return e.state;
@@ -147,12 +131,12 @@ int get_pin_state(modem *mdm, int type, ujson *json, request *req)
 
     std::string_view text = answer(mdm);
     int fun = -1;
-    std::string_view fun_text = value_after(text, "+CFUN: ");
-    bool sim_off = !fun_text.empty() && scan(fun_text, "%d", &fun) == 1 && (fun == 0 || fun == 7);
+    std::string_view fun_text = line_value(text, "+CFUN: ");
+    bool sim_off = scan(fun_text, "%d", &fun) == 1 && (fun == 0 || fun == 7);
 
     uint32_t state = PIN_STATE_UNKNOWN;
-    std::string_view cpin = value_after(text, "+CPIN: ");
-    std::string_view error = value_after(text, "+CME ERROR: ");
+    std::string_view cpin = line_value(text, "+CPIN: ");
+    std::string_view error = line_value(text, "+CME ERROR: ");
     if (!cpin.empty() && answer_ok(mdm))
         state = cpin_state(cpin);
     else if (!error.empty() || ends_in_error(text))
@@ -169,7 +153,7 @@ int get_pin_state(modem *mdm, int type, ujson *json, request *req)
 int urc_cpin(modem *mdm, ujson *)
 {
     std::string_view text = answer(mdm);
-    int32_t state = static_cast<int32_t>(cpin_state(value_after(text, "+CPIN: ")));
+    int32_t state = static_cast<int32_t>(cpin_state(line_value(text, "+CPIN: ")));
     if (state == PIN_STATE_UNKNOWN)
         return ACT_STATUS_INVALID_URC;
     LOG_DEBUG("Modem `%s [%s]` URC Event: PIN State: %s (%d)\n", mdm->id(), mdm->vid_pid(),

@@ -79,19 +79,6 @@ constexpr size_t password_max = 16;
 // A USSD string as the network accepts it from the handset.
 constexpr size_t ussd_request_max = 160;
 
-// The text after prefix on its line, up to the line's end; empty when the
-// answer has no such line.
-std::string_view line_value(std::string_view text, std::string_view prefix)
-{
-    std::string_view line = from_line(text, prefix);
-    if (line.empty())
-        return {};
-    if (line.starts_with("\r\n"))
-        line.remove_prefix(2);
-    line.remove_prefix(prefix.size());
-    return line.substr(0, line.find('\r'));
-}
-
 // A query whose unreadable answer is still answered: the raw text under
 // "response" and "<key>_id" 0, so a caller can see what the modem said.
 int query_enum_or_raw(modem *mdm, int type, ujson *json, request *req, const char *command, const char *pattern,
@@ -352,8 +339,7 @@ void radio_on(modem *mdm)
     }
     args->add_string("func", phone_func_arg_str(2));
     if (mdm->refresh(ACT_SET_FUNC, args.get()) != 0)
-        LOG_ERROR("[MODEM_DRIVER] Failed to turn the radio back on for `%s [%s]` modem!\n", mdm->id(),
-                  mdm->vid_pid());
+        LOG_ERROR("[MODEM_DRIVER] Failed to turn the radio back on for `%s [%s]` modem!\n", mdm->id(), mdm->vid_pid());
 }
 
 // With the radio off: the lines are switched, the radio comes back on and
@@ -441,9 +427,10 @@ int set_ussd(modem *mdm, int type, ujson *json, request *req)
     if (type != 0) {
         if (!answer_ok(mdm))
             return ACT_STATUS_INVALID_RESPONSE;
-        if (req && req->extra)
-            mdm->set_last_active_urc(*static_cast<const ussd_wait *>(req->extra) == ussd_wait::await ? "+CUSD"
-                                                                                                       : nullptr);
+        if (req && req->extra) {
+            bool await = *static_cast<const ussd_wait *>(req->extra) == ussd_wait::await;
+            mdm->set_last_active_urc(await ? "+CUSD" : nullptr);
+        }
         return ACT_STATUS_OK;
     }
 
