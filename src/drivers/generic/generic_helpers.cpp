@@ -150,7 +150,8 @@ int scan(std::string_view text, const char *fmt, ...)
     std::string large;
     const char *src;
     if (text.size() < sizeof(small)) {
-        std::memcpy(small, text.data(), text.size());
+        if (!text.empty()) // an empty view may have no data at all
+            std::memcpy(small, text.data(), text.size());
         small[text.size()] = '\0';
         src = small;
     } else {
@@ -188,6 +189,18 @@ std::string_view first_line(std::string_view text)
     if (line == "OK" || line == "ERROR" || line.starts_with("+CME ERROR") || line.starts_with("+CMS ERROR"))
         return {};
     return line;
+}
+
+std::string_view line_value(std::string_view text, std::string_view prefix)
+{
+    size_t pos = text.find(prefix);
+    if (pos == std::string_view::npos)
+        return {};
+    std::string_view value = text.substr(pos + prefix.size());
+    value = value.substr(0, value.find('\r'));
+    while (value.ends_with(' '))
+        value.remove_suffix(1);
+    return value;
 }
 
 // --- replies and cache ----------------------------------------------------------------

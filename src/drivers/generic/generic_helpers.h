@@ -85,6 +85,10 @@ std::string_view from_line(std::string_view text, std::string_view prefix);
 // with ATV0) up to the next "\r\n"; empty when the answer starts with its
 // final result.
 std::string_view first_line(std::string_view text);
+// The rest of the line after the first occurrence of prefix, up to the next
+// CR and without trailing blanks; empty when absent. The prefix may stand
+// anywhere: with ATV0 a second command's answer follows the first's "0\r".
+std::string_view line_value(std::string_view text, std::string_view prefix);
 
 // --- replies and cache ----------------------------------------------------------------
 

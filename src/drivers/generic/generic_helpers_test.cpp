@@ -97,6 +97,7 @@ TEST(Scan, PatternsOverUnterminatedAndLongTexts)
     EXPECT_EQ(value, 1);
     EXPECT_EQ(scan("\r\nERROR\r\n", "\r\n+CRC: %d", &value), 0);
     EXPECT_EQ(scan("", "\r\n+CRC: %d", &value), 0);
+    EXPECT_EQ(scan(std::string_view(), "%d", &value), 0);
     std::string long_answer = "\r\n+COPS: " + std::string(600, '(') + "\r\n";
     char first[4] = {};
     EXPECT_EQ(scan(long_answer, "\r\n+COPS: %3s", first), 1);
@@ -126,6 +127,22 @@ TEST(Scan, LinesInsideAnAnswer)
     };
     for (const auto &row : rows)
         EXPECT_EQ(first_line(row.text), row.line) << row.text;
+}
+
+TEST(Scan, ValueAfterAPrefix)
+{
+    struct {
+        std::string_view text, prefix, value;
+    } rows[] = {
+        {"\r\n+CFUN: 1\r\n\r\nOK\r\n\r\n+CPIN: SIM PIN\r\n\r\nOK\r\n", "+CPIN: ", "SIM PIN"},
+        {"+CFUN: 1\r\n0\r+CPIN: READY\r\n0\r", "+CPIN: ", "READY"}, // ATV0
+        {"\r\n+GCAP: +CGSM,+DS \r\n\r\nOK\r\n", "+GCAP: ", "+CGSM,+DS"},
+        {"\r\n+CME ERROR: 10\r", "+CME ERROR: ", "10"},
+        {"\r\n+CPIN: ", "+CPIN: ", ""},
+        {"\r\nOK\r\n", "+CPIN: ", ""},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(line_value(row.text, row.prefix), row.value) << row.text;
 }
 
 TEST(SetCommand, FormattedCommandIsExactlySized)
