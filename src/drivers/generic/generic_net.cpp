@@ -21,12 +21,12 @@ constexpr uint32_t generic_max_mode = 3;
 
 struct reg_texts {
     const char *query;
-    const char *set;      // one %u: the AT value of <n>
-    const char *prefix;   // the information line
-    const char *head;     // <n>,<stat> of a read answer, or <stat> of a URC
-    const char *located;  // area, cell and technology of a read answer
-    const char *urc_loc;  // the same in a URC, which has no <n>
-    const char *table;    // reply table of the all-read
+    const char *set;     // one %u: the AT value of <n>
+    const char *prefix;  // the information line
+    const char *head;    // <n>,<stat> of a read answer, or <stat> of a URC
+    const char *located; // area, cell and technology of a read answer
+    const char *urc_loc; // the same in a URC, which has no <n>
+    const char *table;   // reply table of the all-read
 };
 
 constexpr reg_texts reg_text[4] = {
@@ -36,8 +36,8 @@ constexpr reg_texts reg_text[4] = {
      "\r\n+CGREG: %*d,\"%X\",\"%llx\",%d", "cgreg"},
     {"AT+CEREG?\r", "AT+CEREG=%u\r", "+CEREG: ", "\r\n+CEREG: %d,%d", "\r\n+CEREG: %*d,%*d,\"%X\",\"%llx\",%d",
      "\r\n+CEREG: %*d,\"%X\",\"%llx\",%d", "cereg"},
-    {"AT+C5GREG?\r", "AT+C5GREG=%u\r", "+C5GREG: ", "\r\n+C5GREG: %d,%d",
-     "\r\n+C5GREG: %*d,%*d,\"%X\",\"%llx\",%d", "\r\n+C5GREG: %*d,\"%X\",\"%llx\",%d", "c5greg"},
+    {"AT+C5GREG?\r", "AT+C5GREG=%u\r", "+C5GREG: ", "\r\n+C5GREG: %d,%d", "\r\n+C5GREG: %*d,%*d,\"%X\",\"%llx\",%d",
+     "\r\n+C5GREG: %*d,\"%X\",\"%llx\",%d", "c5greg"},
 };
 
 constexpr const char reg_all_query[] = "AT+C5GREG?\rAT+CEREG?\rAT+CGREG?\rAT+CREG?\r";
@@ -212,9 +212,8 @@ void cache_registration(modem *mdm, int regtype, const net_reg_report &r)
 void note_report(modem *mdm, int regtype, const net_reg_report &r)
 {
     int32_t cur_type = cached_int(mdm, "reg_type", -1);
-    int cur_rank = valid_type(cur_type)
-                       ? report_rank(cur_type, static_cast<uint32_t>(cached_int(mdm, "reg_stat", 4)))
-                       : INT_MIN;
+    int cur_rank =
+        valid_type(cur_type) ? report_rank(cur_type, static_cast<uint32_t>(cached_int(mdm, "reg_stat", 4))) : INT_MIN;
     int rank = report_rank(regtype, r.status);
     bool complete = r.has_area || status_rank(r.status) < 3;
     if (rank >= cur_rank && complete)
@@ -224,8 +223,7 @@ void note_report(modem *mdm, int regtype, const net_reg_report &r)
 }
 
 // The answer of one read into the reply; the report for the caller.
-int net_reg_answer(modem *mdm, ujson *json, int regtype, uint32_t max_mode, act_map_fn act_map,
-                   net_reg_report *out)
+int net_reg_answer(modem *mdm, ujson *json, int regtype, uint32_t max_mode, act_map_fn act_map, net_reg_report *out)
 {
     std::string_view text = answer(mdm);
     if (!net_reg_parse(text, regtype, sim_usable(mdm), act_map, out))
@@ -239,8 +237,8 @@ int urc_net_reg(modem *mdm, ujson *json, int regtype, uint32_t event)
     net_reg_report r;
     if (net_reg_answer(mdm, json, regtype, generic_max_mode, generic_get_act, &r) != ACT_STATUS_OK)
         return ACT_STATUS_INVALID_URC;
-    LOG_DEBUG("Modem `%s [%s]` URC Event: NET State: %s (%d)\n", mdm->id(), mdm->vid_pid(),
-              net_reg_stat_str(r.status), static_cast<int>(r.status));
+    LOG_DEBUG("Modem `%s [%s]` URC Event: NET State: %s (%d)\n", mdm->id(), mdm->vid_pid(), net_reg_stat_str(r.status),
+              static_cast<int>(r.status));
     int32_t status = static_cast<int32_t>(r.status);
     mdm->new_event(event, &status);
     note_report(mdm, regtype, r);
