@@ -140,12 +140,12 @@ bool has_service(uint32_t status)
 
 // The network mode a registration gives. Without normal service (not
 // registered, searching, denied, unknown, emergency calls only) it is "No
-// service". Otherwise the technology decides: GSM-family ids give GSM (EDGE
-// for EGPRS), every UTRAN id WCDMA, E-UTRAN (also on the 5G core) LTE, and NR
-// including EN-DC gives 5G: the 5G modes that would drop the LTE signal
-// values are not used since an NR link still reports LTE quality. Without a
-// technology an EPS or 5GS registration still tells LTE or 5G; a CS or GPRS
-// one tells nothing (0: no event).
+// service". Otherwise the technology decides: the GSM ids give GSM (EDGE for
+// EGPRS), every UTRAN id WCDMA, E-UTRAN (also on the 5G core) LTE, and NR
+// (EN-DC included) 5G, the NR mode for which the service mode handler keeps
+// the RSRP, SINR and RSRQ values. Without a technology an EPS or 5GS
+// registration still tells LTE or 5G; a CS or GPRS one tells nothing (0: no
+// event).
 uint32_t service_mode(int regtype, const net_reg_report &r)
 {
     if (!has_service(r.status))

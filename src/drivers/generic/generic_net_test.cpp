@@ -131,6 +131,7 @@ TEST_F(NetTest, RegistrationAnswers)
         {get_net_reg_stat, "creg_n0", 1, PIN_STATE_OK, 0, "m=1 s=1"},
         {get_net_reg_stat, "creg_n1_roaming", 1, PIN_STATE_OK, 0, "m=2 s=5"},
         {get_net_reg_stat, "creg_n2", 1, PIN_STATE_OK, 0, "m=3 s=1 lac=54537 ci=135086397 act=8"},
+        {get_net_reg_stat, "creg_after_urc", 1, PIN_STATE_OK, 0, "m=3 s=5 lac=54537 ci=135086397 act=8"},
         {get_net_greg_stat, "cgreg_n2", 1, PIN_STATE_OK, 0, "m=3 s=1 lac=54537 ci=135086397 act=8"},
         {get_net_ereg_stat, "cereg_ts27007", 1, PIN_STATE_OK, 0, "m=3 s=1 tac=6699 ci=27440068 act=8"},
         {get_net_ereg_stat, "cereg_n1_with_loc", 1, PIN_STATE_OK, 0, "m=2 s=1"},
