@@ -204,7 +204,8 @@ TEST_P(TranscriptTest, SameResultsHoweverTheBytesAreChunked)
 INSTANTIATE_TEST_SUITE_P(Captured, TranscriptTest,
                          testing::Values("csq_creg.txt", "ati_boot.txt", "cops_scan.txt", "cmgl_pdu.txt",
                                          "errors.txt", "numeric.txt", "cmgs_prompt.txt", "qind_urc.txt",
-                                         "ring_clip.txt", "cusd.txt", "powered_down.txt", "qeng_qfupl.txt"));
+                                         "ring_clip.txt", "cusd.txt", "powered_down.txt", "qeng_qfupl.txt",
+                                         "creg_all.txt"));
 
 // --- Result codes and token -------------------------------------------------------
 

@@ -1,0 +1,375 @@
+#include "drivers/generic/generic_net.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <libubox/blobmsg_json.h>
+
+#include "drivers/generic/driver_test_support.h"
+#include "ubus/vocab.h"
+
+namespace
+{
+
+// testdata/<file>: "name bytes" lines, bytes with C escapes (testdata/README).
+std::map<std::string, std::string> load(const char *file)
+{
+    std::map<std::string, std::string> out;
+    std::ifstream in(std::string(WWANCTL_SOURCE_DIR) + "/src/drivers/generic/testdata/" + file);
+    for (std::string line; std::getline(in, line);) {
+        size_t sp = line.find(' ');
+        if (line.empty() || line[0] == '#' || sp == std::string::npos)
+            continue;
+        std::string &bytes = out[line.substr(0, sp)];
+        for (size_t i = sp + 1; i < line.size(); i++) {
+            char c = line[i];
+            if (c == '\\' && i + 1 < line.size()) {
+                c = line[++i];
+                c = c == 'r' ? '\r' : c == 'n' ? '\n' : c;
+            }
+            bytes += c;
+        }
+    }
+    return out;
+}
+
+std::string json_text(const ujson &j)
+{
+    char *s = blobmsg_format_json(j.get_blobmsg(), true);
+    std::string out = s ? s : "(null)";
+    std::free(s);
+    return out;
+}
+
+// Reply and cache keys as the tables below name them.
+const std::pair<const char *, const char *> short_keys[] = {
+    {"mode_id", "m"},    {"status_id", "s"},   {"reg_stat", "s"},  {"format_id", "f"}, {"op_format", "f"},
+    {"operator", "op"},  {"reg_lac", "lac"},   {"reg_tac", "tac"}, {"reg_ci", "ci"},   {"act_id", "act"},
+    {"reg_act", "ract"}, {"reg_type", "type"}, {"response", "raw"}};
+
+class NetTest : public driver_test
+{
+  protected:
+    void SetUp() override
+    {
+        driver_test::SetUp();
+        pin(PIN_STATE_OK);
+    }
+    // The PIN state as the event manager caches it; a negative one is absent.
+    void pin(int32_t state)
+    {
+        cache->remove_item_name("pin_state");
+        if (state >= 0)
+            cache->update_item("pin_state", CACHE_DATA_INT32, &state, sizeof(state));
+    }
+    void forget(std::initializer_list<const char *> keys)
+    {
+        for (const char *key : keys)
+            cache->remove_item_name(key);
+        mdm.events.clear();
+        mdm.refreshed.clear();
+        mdm.iface_actions.clear();
+    }
+    // "name=value" for the keys the reply holds, in short_keys' order.
+    std::string replied() const
+    {
+        std::map<std::string, std::string> got;
+        blob_attr *a;
+        size_t rem;
+        blobmsg_for_each_attr(a, reply->get_blobmsg(), rem)
+        {
+            bool number = blobmsg_type(a) == BLOBMSG_TYPE_INT32;
+            got[blobmsg_name(a)] = number ? std::to_string(static_cast<int32_t>(blobmsg_get_u32(a))) : "yes";
+            if (blobmsg_type(a) == BLOBMSG_TYPE_STRING && std::strcmp(blobmsg_name(a), "response") != 0)
+                got[blobmsg_name(a)] = blobmsg_get_string(a);
+        }
+        std::string s;
+        for (auto [key, name] : short_keys)
+            if (got.count(key))
+                s += (s.empty() ? "" : " ") + std::string(name) + "=" + got[key];
+        return s;
+    }
+    // The same for the cache.
+    std::string kept() const
+    {
+        std::string s;
+        for (auto [key, name] : short_keys)
+            if (const cache_item *item = cache->get_item(key))
+                s += (s.empty() ? "" : " ") + std::string(name) + "=" +
+                     (item->text() ? item->text() : std::to_string(item->get<int32_t>()));
+        return s;
+    }
+    // Events as "id=value" ("!" when forced), then refreshed actions.
+    std::string happened() const
+    {
+        std::string s;
+        for (const auto &e : mdm.events)
+            s += (s.empty() ? "" : " ") + std::to_string(e.id) + "=" + std::to_string(e.number) + (e.forced ? "!" : "");
+        for (uint32_t act : mdm.refreshed)
+            s += " refresh " + std::to_string(act);
+        return s;
+    }
+
+    std::map<std::string, std::string> reg = load("registration.txt");
+    std::map<std::string, std::string> ops = load("operators.txt");
+};
+
+TEST_F(NetTest, RegistrationAnswers)
+{
+    struct {
+        act_func fn;
+        const char *capture;
+        int phase, pin, status;
+        const char *reply;
+    } rows[] = {
+        {get_net_reg_stat, "creg_n0", 1, PIN_STATE_OK, 0, "m=1 s=1"},
+        {get_net_reg_stat, "creg_n1_roaming", 1, PIN_STATE_OK, 0, "m=2 s=5"},
+        {get_net_reg_stat, "creg_n2", 1, PIN_STATE_OK, 0, "m=3 s=1 lac=54537 ci=135086397 act=8"},
+        {get_net_reg_stat, "creg_after_urc", 1, PIN_STATE_OK, 0, "m=3 s=5 lac=54537 ci=135086397 act=8"},
+        {get_net_greg_stat, "cgreg_n2", 1, PIN_STATE_OK, 0, "m=3 s=1 lac=54537 ci=135086397 act=8"},
+        {get_net_ereg_stat, "cereg_ts27007", 1, PIN_STATE_OK, 0, "m=3 s=1 tac=6699 ci=27440068 act=8"},
+        {get_net_ereg_stat, "cereg_n1_with_loc", 1, PIN_STATE_OK, 0, "m=2 s=1"},
+        {get_net_ereg_stat, "cereg_act9", 1, PIN_STATE_OK, 0, "m=3 s=1 tac=6699 ci=27440068 act=0 raw=yes"},
+        {get_net_ereg_stat, "cereg_act14", 1, PIN_STATE_OK, 0, "m=3 s=5 tac=6699 ci=27440068 act=0 raw=yes"},
+        {get_net_ereg_stat, "cereg_n3", 1, PIN_STATE_OK, 0, "m=0 s=1 raw=yes"},
+        {get_net_5greg_stat, "c5greg_n2", 1, PIN_STATE_OK, 0, "m=3 s=1 tac=3824670 ci=37358981143 act=11"},
+        // Without a usable SIM every status is unknown.
+        {get_net_reg_stat, "creg_n2", 1, PIN_STATE_NOT_INSERTED, 0, "m=3 s=4"},
+        {get_net_reg_stat, "creg_n2", 1, -1, 0, "m=3 s=4"},
+        // URC texts have no final result: they are read in phase 2 only.
+        {get_net_reg_stat, "urc_creg", 2, PIN_STATE_OK, 0, "m=0 s=1 raw=yes"},
+        {get_net_ereg_stat, "urc_cereg_loc", 2, PIN_STATE_OK, 0, "m=0 s=1 tac=54537 ci=135086397 act=8 raw=yes"},
+        {get_net_reg_stat, "urc_creg", 1, PIN_STATE_OK, 5, ""},
+        {get_net_reg_stat, "cereg_n2", 1, PIN_STATE_OK, 5, ""},
+        {get_net_reg_stat, "cme_error", 1, PIN_STATE_OK, 5, ""},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.capture);
+        pin(row.pin);
+        response = reg.at(row.capture);
+        mdm.set_response(response.data(), response.size());
+        reply = ujson::create();
+        EXPECT_EQ(row.fn(&mdm, row.phase, reply.get(), &req), row.status);
+        EXPECT_EQ(replied(), row.reply);
+    }
+    pin(PIN_STATE_OK);
+    ASSERT_EQ(parse(get_net_ereg_stat, reg.at("cereg_ts27007")), 0);
+    EXPECT_EQ(json_text(*reply),
+              R"j({"mode_id":3,"mode":"Enabled (with location information)","max_mode_id":3,"max_mode":"Enabled )j"
+              R"j((with location information)","status_id":1,"status":"Registered, home","reg_tac":"6699",)j"
+              R"j("reg_ci":"27440068","act_id":8,"act":"E-UTRAN"})j");
+}
+
+TEST_F(NetTest, CommandsAndArguments)
+{
+    std::string too_long(33, '1');
+    struct {
+        act_func fn;
+        std::unique_ptr<ujson> args;
+        int status;
+        const char *command;
+    } rows[] = {
+        {get_net_reg_stat, nullptr, 0, "AT+CREG?\r"},
+        {get_net_reg_stat_all, nullptr, 0, "AT+C5GREG?\rAT+CEREG?\rAT+CGREG?\rAT+CREG?\r"},
+        {get_op_slc, nullptr, 0, "AT+COPS?\r"},
+        {set_net_reg_stat, args({{"mode", "enable_loc"}}), 0, "AT+CREG=2\r"},
+        {set_net_greg_stat, args({{"mode", "disable"}}), 0, "AT+CGREG=0\r"},
+        {set_net_ereg_stat, args({{"mode", "enable"}}), 0, "AT+CEREG=1\r"},
+        {set_net_5greg_stat, args({{"mode", "default"}}), 0, "AT+C5GREG=0\r"},
+        {set_net_reg_stat, args({{"mode", "2"}}), 2, ""},
+        {set_op_slc, args({{"mode", "manual"}, {"format", "long"}, {"operator", "26201"}}), 0,
+         "AT+COPS=1,2,\"26201\"\r"},
+        {set_op_slc, args({{"mode", "manual_auto"}, {"operator", "Telekom.de"}}), 0, "AT+COPS=4,2,\"Telekom.de\"\r"},
+        {set_op_slc, args({{"mode", "auto"}, {"format", "short"}}), 0, "AT+COPS=0,1\r"},
+        {set_op_slc, args({{"mode", "deregister"}}), 0, "AT+COPS=2\r"},
+        {set_op_slc, args({{"format", "long"}}), 0, "AT+COPS=3,0\r"},
+        {set_op_slc, args({{"mode", "manual"}, {"operator", "26201\"\r\nAT+CFUN=0"}}), 2, ""},
+        {set_op_slc, args({{"mode", "manual"}, {"operator", too_long.c_str()}}), 2, ""},
+        {set_op_slc, args({{"operator", "26201"}}), 2, ""},
+        {set_op_slc, args({{"mode", "auto"}, {"format", "numbers"}}), 2, ""},
+    };
+    for (auto &row : rows) {
+        EXPECT_EQ(build(row.fn, row.args.get()), row.status) << row.command;
+        EXPECT_EQ(command(), row.command);
+    }
+}
+
+TEST_F(NetTest, AllReportsGiveTheRegistrationThatCounts)
+{
+    struct {
+        const char *capture;
+        int32_t pin;
+        const char *tables, *reply, *cache, *events;
+    } rows[] = {
+        {"all_ec25", PIN_STATE_OK, "cereg cgreg creg", "s=1 tac=54537 ci=135086397 act=8 ract=8",
+         "s=1 tac=54537 ci=135086397 ract=8 type=2", "2=21"},
+        {"all_rm520n", PIN_STATE_OK, "c5greg cereg cgreg creg", "s=1 tac=3824670 ci=37358981143 act=11 ract=11",
+         "s=1 tac=3824670 ci=37358981143 ract=11 type=3", "2=22"},
+        {"all_ec25_3g", PIN_STATE_OK, "cereg cgreg creg", "s=5 lac=4001 ci=203107587 act=7 ract=7",
+         "s=5 lac=4001 ci=203107587 ract=7 type=1", "2=8"},
+        {"all_ec25", PIN_STATE_NOT_INSERTED, "cereg cgreg creg", "s=4", "s=4 type=2", "2=2"},
+        {"all_ec25_no_sim", PIN_STATE_OK, "cereg cgreg creg", "s=0", "s=0 type=2", "2=2"},
+        {"cme_error", PIN_STATE_OK, "", "", "", ""},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.capture + std::string(" pin ") + std::to_string(row.pin));
+        forget({"reg_stat", "reg_act", "reg_lac", "reg_tac", "reg_ci", "reg_type"});
+        pin(row.pin);
+        EXPECT_EQ(parse(get_net_reg_stat_all, reg.at(row.capture)), *row.reply ? 0 : 5);
+        std::string tables;
+        for (const char *t : {"c5greg", "cereg", "cgreg", "creg"})
+            tables += reply->exists(t) ? (tables.empty() ? "" : " ") + std::string(t) : "";
+        EXPECT_EQ(tables, row.tables);
+        EXPECT_EQ(replied(), row.reply);
+        EXPECT_EQ(kept(), row.cache);
+        EXPECT_EQ(happened(), row.events);
+    }
+}
+
+TEST_F(NetTest, UrcsRaiseTheStateAndKeepTheCacheCoherent)
+{
+    struct {
+        urc_func handler;
+        const char *capture;
+        int32_t cur_type, cur_stat; // the registration cached before; type -1: none
+        int status;
+        const char *happened, *cache;
+    } rows[] = {
+        // Complete and ranking at least as high: cached at once, with the service mode.
+        {urc_cereg, "urc_cereg_loc", -1, 0, 0, "18=1 2=21", "s=1 tac=54537 ci=135086397 ract=8 type=2"},
+        {urc_c5greg, "urc_c5greg_loc", NET_REG_EPS, 1, 0, "18=1 2=22", "s=1 tac=3824670 ci=37358981143 ract=11 type=3"},
+        {urc_cgreg, "urc_cgreg_searching", -1, 0, 0, "18=2 2=2", "s=2 type=1"},
+        // Registered without location, or the report that counted got worse: all are read again.
+        {urc_creg, "urc_creg", -1, 0, 0, "17=1 refresh 23", ""},
+        {urc_cereg, "urc_cereg_lost", NET_REG_EPS, 1, 0, "18=0 refresh 23", "s=1 type=2"},
+        // A lesser report changing leaves the registration alone.
+        {urc_cgreg, "urc_cgreg_searching", NET_REG_EPS, 1, 0, "18=2", "s=1 type=2"},
+        {urc_creg, "cme_error", -1, 0, ACT_STATUS_INVALID_URC, "", ""},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.capture);
+        forget({"reg_stat", "reg_act", "reg_tac", "reg_ci", "reg_type"});
+        if (row.cur_type >= 0) {
+            cache->update_item("reg_stat", CACHE_DATA_INT32, &row.cur_stat, 4);
+            cache->update_item("reg_type", CACHE_DATA_INT32, &row.cur_type, 4);
+        }
+        EXPECT_EQ(urc(row.handler, reg.at(row.capture)), row.status);
+        EXPECT_EQ(happened(), row.happened);
+        EXPECT_EQ(kept(), row.cache);
+    }
+    pin(PIN_STATE_FAILURE);
+    forget({});
+    EXPECT_EQ(urc(urc_creg, reg.at("urc_creg")), 0);
+    EXPECT_EQ(happened(), "17=4 2=2") << "without a usable SIM the state is unknown";
+}
+
+TEST_F(NetTest, ScanTakesTheInterfacesDownAroundIt)
+{
+    struct {
+        int block; // "block_ifup": -1 absent, 0 false, 1 true
+        int iface_result, build_status;
+        const char *answer; // parsed after a successful build
+        int parse_status;
+        std::vector<int> iface;
+    } rows[] = {
+        {-1, 0, 0, "scan_ec25", 0, {2, 1}},  {0, 0, 0, "scan_none", 0, {2, 1}},
+        {1, 0, 0, "scan_ec25", 0, {}},       {-1, 2, 0, "scan_ec25", 0, {2, 1}}, // an interface went away
+        {-1, 0, 0, "scan_error", 5, {2, 1}}, {-1, 1, 1, nullptr, 0, {2, 1}},     // a call failed: nothing is sent
+        {-1, 3, 1, nullptr, 0, {2, 1}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::string(row.answer ? row.answer : "-") + " result " + std::to_string(row.iface_result));
+        forget({"operator_scan"});
+        mdm.iface_result = row.iface_result;
+        auto a = ujson::create();
+        if (row.block >= 0)
+            a->add_bool("block_ifup", row.block);
+        ASSERT_EQ(build(scan_op, a.get()), row.build_status);
+        EXPECT_EQ(command(), row.build_status ? "" : "AT+COPS=?\r");
+        EXPECT_EQ(row.answer ? parse(scan_op, ops.at(row.answer)) : 0, row.parse_status);
+        EXPECT_EQ(mdm.iface_actions, row.iface);
+        EXPECT_EQ(cache->get_item("operator_scan") != nullptr, row.answer && row.parse_status == 0);
+    }
+    // The last good scan, as replied and as kept.
+    ASSERT_EQ(parse(scan_op, ops.at("scan_ec25")), 0);
+    EXPECT_EQ(json_text(*reply),
+              R"j({"operators":[{"oper_name":"Telekom.de","short_name":"TDG","oper_num":26201,"state_id":3,)j"
+              R"j("state":"Current","act_id":8},{"oper_name":"Vodafone.de","short_name":"Vodafone","oper_num":26202,)j"
+              R"j("state_id":2,"state":"Available","act_id":8},{"oper_name":"o2 - de","short_name":"o2 - de",)j"
+              R"j("oper_num":26203,"state_id":4,"state":"Forbidden","act_id":8}]})j");
+    const cache_item *scan = cache->get_item("operator_scan");
+    ASSERT_TRUE(scan && scan->json());
+    EXPECT_EQ(json_text(*scan->json()), json_text(*reply));
+    EXPECT_NEAR(std::atoll(cached("last_scan").c_str()), static_cast<long long>(std::time(nullptr)), 5);
+}
+
+TEST_F(NetTest, OperatorSelection)
+{
+    // Reads, with "old" cached as the operator before each.
+    struct {
+        const char *capture;
+        int status;
+        const char *reply, *cache;
+    } reads[] = {
+        {"cops_long", 0, "m=1 f=1 op=Telekom.de act=8", "f=1 op=Telekom.de"},
+        {"cops_numeric_manual", 0, "m=2 f=3 op=26202 act=3", "f=3 op=26202"},
+        {"cops_endc", 0, "m=1 f=1 op=Vodafone.de act=13", "f=1 op=Vodafone.de"},
+        {"cops_nbiot", 0, "m=1 f=3 op=26201 act=0", "f=3 op=26201"},
+        {"cops_unregistered", 0, "m=1", ""},
+        {"cops_no_service", 0, "m=0", "op=old"},
+        {"scan_error", 5, "", "op=old"},
+    };
+    for (const auto &row : reads) {
+        SCOPED_TRACE(row.capture);
+        forget({"op_format"});
+        cache->update_item("operator", CACHE_DATA_STRING, "old", 4);
+        EXPECT_EQ(parse(get_op_slc, ops.at(row.capture)), row.status);
+        EXPECT_EQ(replied(), row.reply);
+        EXPECT_EQ(kept(), row.cache);
+    }
+    // Writes and what their success changes.
+    struct {
+        std::unique_ptr<ujson> args;
+        const char *answer;
+        int status;
+        const char *happened, *cache;
+    } writes[] = {
+        {args({{"mode", "manual"}, {"format", "long"}, {"operator", "26201"}}), "\r\nOK\r\n", 0, " refresh 23", "f=1"},
+        {args({{"mode", "manual"}, {"operator", "26201"}}), "0\r", 0, " refresh 23", "f=3"},
+        {args({{"mode", "auto"}}), "\r\nOK\r\n", 0, "27=0!", "op=old"},
+        {args({{"mode", "auto"}}), "\r\n+CME ERROR: 30\r\n", 5, "", "op=old"},
+        {args({{"format", "short"}}), "\r\nOK\r\n", 0, "", "f=2 op=old"},
+    };
+    for (auto &row : writes) {
+        SCOPED_TRACE(row.happened);
+        forget({"op_format"});
+        cache->update_item("operator", CACHE_DATA_STRING, "old", 4);
+        ASSERT_EQ(build(set_op_slc, row.args.get()), 0);
+        EXPECT_EQ(parse(set_op_slc, row.answer), row.status);
+        EXPECT_EQ(happened(), row.happened);
+        EXPECT_EQ(kept(), row.cache);
+    }
+}
+
+TEST(NetInstall, ActionsAndUrcHandlers)
+{
+    modem_driver drv = {"Test AT", "test", nullptr, nullptr};
+    generic_net_install(&drv);
+    for (uint32_t act : {15, 16, 17, 18, 19, 20, 21, 22, 23, 51, 52, 75})
+        EXPECT_NE(drv.funcs[act], nullptr) << act;
+    EXPECT_EQ(drv.funcs[ACT_GET_NET_GREG_STAT], get_net_greg_stat);
+    for (const char *line : {"\r\n+CREG: 1\r\n", "\r\n+CGREG: 1\r\n", "\r\n+CEREG: 1\r\n", "\r\n+C5GREG: 1\r\n"})
+        EXPECT_NE(modem_driver_urc_method(&drv, line, std::strlen(line)), nullptr) << line;
+    while (urc_entry *e = drv.urcs) {
+        drv.urcs = e->next;
+        delete e;
+    }
+}
+
+} // namespace
