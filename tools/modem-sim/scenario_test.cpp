@@ -57,9 +57,9 @@ TEST(ScenarioParse, WhenConditionsAttachToTheirRule)
 	ASSERT_EQ(sc.rules.size(), 1u);
 	ASSERT_EQ(sc.rules[0].when.size(), 2u);
 	EXPECT_EQ(sc.rules[0].when[0].var, "sim");
-	EXPECT_TRUE(sc.rules[0].when[0].equal);
+	EXPECT_EQ(sc.rules[0].when[0].cmp, Cmp::eq);
 	EXPECT_EQ(sc.rules[0].when[0].value, "absent");
-	EXPECT_FALSE(sc.rules[0].when[1].equal);
+	EXPECT_EQ(sc.rules[0].when[1].cmp, Cmp::ne);
 	EXPECT_EQ(sc.rules[0].when[1].value, "0");
 	ASSERT_EQ(sc.rules[0].body.size(), 1u);
 	EXPECT_EQ(sc.rules[0].body[0].op, Op::cme);
