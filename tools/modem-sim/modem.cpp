@@ -425,7 +425,14 @@ void Modem::handle_text_byte(char c)
 
 bool Modem::holds(const Condition &c, const std::vector<std::string> &caps) const
 {
-	std::string have = var(resolve_name(c.var, caps));
+	// "$1" alone compares the capture itself; in a longer name it names a variable.
+	std::string have;
+	if (c.var.size() == 2 && c.var[0] == '$') {
+		size_t n = static_cast<size_t>(c.var[1] - '1');
+		have = n < caps.size() ? caps[n] : std::string();
+	} else {
+		have = var(resolve_name(c.var, caps));
+	}
 	std::string want = expand(c.value, caps);
 	switch (c.cmp) {
 	case Cmp::eq: return have == want;

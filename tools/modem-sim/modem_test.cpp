@@ -690,6 +690,240 @@ TEST_F(ModemTest, InjectedUrcWaitsForTheAnswerInProgress)
 	EXPECT_EQ(all_until(now_ + 1000), "\r\nfirst\r\nsecond\r\n\r\nOK\r\n\r\n+CREG: 5\r\n");
 }
 
+// ------------------------------------------------- conditions, actions, timers
+
+TEST_F(ModemTest, IfChoosesTheBlockByItsComparison)
+{
+	struct Case {
+		const char *cond;
+		const char *x;
+		bool yes;
+	} cases[] = {
+		{"x = abc", "abc", true},      {"x = abc", "abcd", false},   {"x != abc", "abc", false},
+		{"x = ", "", true},            {"x = {y}", "seven", true},   {"x != {y}", "eight", true},
+		{"x < 10", "9", true},         {"x < 10", "10", false},      {"x <= 10", "10", true},
+		{"x > 2", "10", true}, // numbers, not texts: "10" sorts before "2"
+		{"x >= 3", "-1", false},       {"x > -2", "-1", true},       {"x = 0", "0", true},
+		{"x ~ +49*", "+4917012", true}, {"x ~ +49*", "0170", false}, {"x ~ [0-2]", "2", true},
+	};
+	for (const Case &c : cases) {
+		SCOPED_TRACE(std::string(c.cond) + " with x=" + c.x);
+		load(std::string("set echo 0\nset y seven\non AT+IF\n  if ") + c.cond +
+		     "\n    line yes\n  else\n    line no\n  ok\n");
+		modem_->set_var("x", c.x);
+		EXPECT_EQ(send("AT+IF\r"), c.yes ? "\r\nyes\r\n\r\nOK\r\n" : "\r\nno\r\n\r\nOK\r\n");
+	}
+}
+
+TEST_F(ModemTest, NestedBlocksAndStop)
+{
+	load("set echo 0\n"
+	     "on AT+T=[01],[01]\n"
+	     "  set a $1\n"
+	     "  set b $2\n"
+	     "  if a = 1\n"
+	     "    if b = 1\n"
+	     "      line both\n"
+	     "      ok\n"
+	     "      stop\n"
+	     "    line only a\n"
+	     "  line end\n"
+	     "  ok\n");
+	struct Case {
+		const char *cmd;
+		const char *answer;
+	} cases[] = {
+		{"AT+T=1,1\r", "\r\nboth\r\n\r\nOK\r\n"}, // stop skips the rest of the rule
+		{"AT+T=1,0\r", "\r\nonly a\r\nend\r\n\r\nOK\r\n"},
+		{"AT+T=0,1\r", "\r\nend\r\n\r\nOK\r\n"},
+	};
+	for (const Case &c : cases) {
+		SCOPED_TRACE(c.cmd);
+		EXPECT_EQ(send(c.cmd), c.answer);
+	}
+}
+
+TEST_F(ModemTest, CapturesNameVariables)
+{
+	load("set echo 0\n"
+	     "set apn1 internet\n"
+	     "on AT+APN=[1-3],\"*\"\n"
+	     "  set apn$1 $2\n"
+	     "  ok\n"
+	     "on AT+APN?\n"
+	     "  do show 1\n"
+	     "  do show 2\n"
+	     "  do show 3\n"
+	     "  ok\n"
+	     "on AT+COUNT=[1-3]\n"
+	     "  add n$1 1\n"
+	     "  ok\n"
+	     "action show\n"
+	     "  if apn$1 !=\n"
+	     "    line +APN: $1,\"{apn$1}\"\n");
+	EXPECT_EQ(send("AT+APN?\r"), "\r\n+APN: 1,\"internet\"\r\n\r\nOK\r\n");
+	EXPECT_EQ(send("AT+APN=3,\"ims\"\r"), "\r\nOK\r\n");
+	EXPECT_EQ(send("AT+APN?\r"), "\r\n+APN: 1,\"internet\"\r\n+APN: 3,\"ims\"\r\n\r\nOK\r\n");
+	send("AT+COUNT=2\r");
+	send("AT+COUNT=2\r");
+	EXPECT_EQ(modem_->var("n2"), "2");
+	EXPECT_EQ(modem_->var("n1"), "");
+}
+
+TEST_F(ModemTest, ActionsRunInsideTheAnswerAndStopEndsOnlyTheAction)
+{
+	load("set echo 0\n"
+	     "on AT+GO=*\n"
+	     "  ok\n"
+	     "  do note $1 two\n"
+	     "  urc after\n"
+	     "on AT+LOOP\n"
+	     "  do loop\n"
+	     "  ok\n"
+	     "action note\n"
+	     "  urc +NOTE: $1,$2\n"
+	     "  if $1 = quiet\n"
+	     "    stop\n"
+	     "  urc +LOUD\n"
+	     "action loop\n"
+	     "  add depth 1\n"
+	     "  do loop\n");
+	EXPECT_EQ(send("AT+GO=quiet\r"), "\r\nOK\r\n\r\n+NOTE: quiet,two\r\n\r\nafter\r\n");
+	EXPECT_EQ(send("AT+GO=x\r"), "\r\nOK\r\n\r\n+NOTE: x,two\r\n\r\n+LOUD\r\n\r\nafter\r\n");
+	// An action that calls itself ends instead of running away.
+	EXPECT_EQ(send("AT+LOOP\r"), "\r\nOK\r\n");
+	EXPECT_GT(std::stol(modem_->var("depth")), 1);
+}
+
+TEST_F(ModemTest, ActionsRunByTheOperatorChangeStateAndSendUrcs)
+{
+	load("set echo 0\n"
+	     "set call none\n"
+	     "on AT+CLCC\n"
+	     "  if call = ringing\n"
+	     "    line +CLCC: 1,1,4,0,0,\"{number}\",145\n"
+	     "  ok\n"
+	     "action call_in\n"
+	     "  set call ringing\n"
+	     "  set number $1\n"
+	     "  urc RING\n");
+	EXPECT_TRUE(modem_->run_action("call_in", "+491701234567", now_));
+	EXPECT_EQ(modem_->take_output(), "\r\nRING\r\n");
+	EXPECT_EQ(send("AT+CLCC\r"), "\r\n+CLCC: 1,1,4,0,0,\"+491701234567\",145\r\n\r\nOK\r\n");
+	EXPECT_FALSE(modem_->run_action("nothing", "", now_));
+	// A hung modem sends nothing, but the world changes all the same.
+	modem_->hang(now_);
+	EXPECT_TRUE(modem_->run_action("call_in", "+4930", now_));
+	EXPECT_EQ(all_until(now_ + 1000), "");
+	EXPECT_EQ(modem_->var("number"), "+4930");
+}
+
+const char timer_scenario[] = R"(set echo 0
+set call none
+boot
+  urc RDY
+on AT+CUSD=1,"*"
+  ok
+  after 1s
+    urc +CUSD: 0,"answer to $1",15
+on AT+RING
+  set call ringing
+  ok
+  do ring
+on AT+CHUP
+  set call none
+  cancel ring
+  ok
+on AT+NAMED
+  ok
+  after 500 named
+    urc FIRST
+  after 800 named
+    urc SECOND
+action ring
+  if call != ringing
+    stop
+  urc RING
+  after 3s ring
+    do ring
+)";
+
+TEST_F(ModemTest, AfterRunsItsBlockLaterOnTheClock)
+{
+	load(timer_scenario);
+	EXPECT_EQ(send("AT+CUSD=1,\"*100#\"\r"), "\r\nOK\r\n");
+	auto got = run_until(now_ + 3000);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].first, 2000);
+	EXPECT_EQ(got[0].second, "\r\n+CUSD: 0,\"answer to *100#\",15\r\n");
+}
+
+TEST_F(ModemTest, RepeatingTimerUntilCancelled)
+{
+	load(timer_scenario);
+	EXPECT_EQ(send("AT+RING\r"), "\r\nOK\r\n\r\nRING\r\n");
+	auto got = run_until(now_ + 7000); // rings at +3s and +6s
+	ASSERT_EQ(got.size(), 2u);
+	EXPECT_EQ(got[0].first, 4000);
+	EXPECT_EQ(got[1].first, 7000);
+	EXPECT_EQ(modem_->timers(), std::vector<std::string>{"ring"});
+	EXPECT_EQ(send("AT+CHUP\r"), "\r\nOK\r\n");
+	EXPECT_TRUE(modem_->timers().empty());
+	EXPECT_EQ(all_until(now_ + 10000), "");
+}
+
+TEST_F(ModemTest, ANamedTimerStartedAgainReplacesThePendingOne)
+{
+	load(timer_scenario);
+	send("AT+NAMED\r");
+	auto got = run_until(now_ + 2000);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].first, 1800);
+	EXPECT_EQ(got[0].second, "\r\nSECOND\r\n");
+}
+
+TEST_F(ModemTest, ResetsDropPendingTimers)
+{
+	struct Case {
+		const char *name;
+		void (*act)(Modem &, Ms);
+		const char *output; // what follows within ten seconds
+	} cases[] = {
+		{"boot", [](Modem &m, Ms now) { m.reboot(now); }, "\r\nRDY\r\n"},
+		{"hang", [](Modem &m, Ms now) { m.hang(now); }, ""},
+		{"powerdown", [](Modem &m, Ms now) { m.power_down(now); }, "\r\nPOWERED DOWN\r\n"},
+		{"fota", [](Modem &m, Ms now) { m.start_fota(now); }, ""}, // no fota block: no URCs
+	};
+	for (const Case &c : cases) {
+		SCOPED_TRACE(c.name);
+		load(timer_scenario);
+		send("AT+RING\r");
+		send("AT+CUSD=1,\"*100#\"\r");
+		ASSERT_EQ(modem_->timers().size(), 2u);
+		c.act(*modem_, now_);
+		EXPECT_TRUE(modem_->timers().empty());
+		EXPECT_EQ(modem_->take_output() + all_until(now_ + 10000), c.output);
+	}
+}
+
+TEST_F(ModemTest, KeptVariablesSurviveABoot)
+{
+	load("keep pin_left\nset pin_left 3\nset creg_n 0\n"
+	     "on AT+WRONG\n  add pin_left -1\n  set creg_n 2\n  ok\n");
+	send("AT+WRONG\r");
+	send("AT+WRONG\r");
+	modem_->reboot(now_);
+	all_until(now_ + 1000);
+	EXPECT_EQ(modem_->var("pin_left"), "1"); // on the SIM
+	EXPECT_EQ(modem_->var("creg_n"), "0");   // a setting of the modem
+	// The operator's value is taken, and later changes still win over it.
+	modem_->set_var("pin_left", "3");
+	send("AT+WRONG\r");
+	modem_->reboot(now_);
+	all_until(now_ + 1000);
+	EXPECT_EQ(modem_->var("pin_left"), "2");
+}
+
 // ------------------------------------------ the shipped EC25 scenario
 
 class Ec25Test : public ModemTest {
