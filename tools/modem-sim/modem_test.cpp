@@ -1066,5 +1066,236 @@ TEST_F(Ec25Test, PinEntryUnlocksTheSim)
 	EXPECT_EQ(ask("AT+CPIN=\"1234\"\r"), "\r\n+CME ERROR: 3\r\n");
 }
 
+// Exchanges with the EC25 state model. Each step sends a command line (or
+// runs an operator action, "do name args"), lets the clock run for `wait`
+// milliseconds and expects exactly the bytes that came meanwhile.
+struct Step {
+	const char *input;
+	Ms wait;
+	const char *output;
+};
+
+class Ec25StateTest : public Ec25Test {
+protected:
+	void play(const std::vector<Step> &steps)
+	{
+		for (const Step &st : steps) {
+			SCOPED_TRACE(st.input);
+			std::string in = st.input;
+			std::string out;
+			if (in.rfind("do ", 0) == 0) {
+				std::string rest = in.substr(3);
+				size_t sp = rest.find(' ');
+				ASSERT_TRUE(modem_->run_action(rest.substr(0, sp),
+							       sp == std::string::npos ? "" : rest.substr(sp + 1), now_));
+				out = modem_->take_output();
+			} else {
+				out = send(in + "\r");
+			}
+			out += all_until(now_ + st.wait);
+			EXPECT_EQ(out, st.output);
+		}
+	}
+};
+
+TEST_F(Ec25StateTest, ThreeWrongPinsAskForThePukWhichSetsANewPin)
+{
+	play({
+		{"AT+CLCK=\"SC\",1,\"1234\"", 100, "\r\nOK\r\n"},
+		{"AT+CLCK=\"SC\",2", 100, "\r\n+CLCK: 1\r\n\r\nOK\r\n"},
+	});
+	modem_->reboot(now_);
+	all_until(now_ + 3000);
+	play({
+		{"ATE0", 100, "ATE0\r\r\nOK\r\n"},
+		{"AT+CPIN?", 100, "\r\n+CPIN: SIM PIN\r\n\r\nOK\r\n"},
+		{"AT+CREG?", 100, "\r\n+CREG: 0,0\r\n\r\nOK\r\n"}, // no registration without the PIN
+		{"AT+CPIN=\"1111\"", 100, "\r\n+CME ERROR: 16\r\n"},
+		{"AT+QPINC=\"SC\"", 100, "\r\n+QPINC: \"SC\",2,10\r\n\r\nOK\r\n"},
+		{"AT+CPIN=\"2222\"", 100, "\r\n+CME ERROR: 16\r\n"},
+		{"AT+CPIN=\"3333\"", 100, "\r\n+CME ERROR: 16\r\n\r\n+CPIN: SIM PUK\r\n"},
+		{"AT+CPIN?", 100, "\r\n+CPIN: SIM PUK\r\n\r\nOK\r\n"},
+		{"AT+CPIN=\"1234\"", 100, "\r\n+CME ERROR: 12\r\n"}, // the right PIN is too late
+		{"AT+CPIN=\"87654321\",\"4321\"", 100, "\r\n+CME ERROR: 16\r\n"},
+		{"AT+QPINC=\"SC\"", 100, "\r\n+QPINC: \"SC\",0,9\r\n\r\nOK\r\n"},
+		{"AT+CMEE=2", 100, "\r\nOK\r\n"},
+		{"AT+CPIN=\"12345678\",\"4321\"", 1500,
+		 "\r\nOK\r\n\r\n+CPIN: READY\r\n\r\n+QUSIM: 1\r\n\r\n+QIND: SMS DONE\r\n"},
+		{"AT+CREG?", 100, "\r\n+CREG: 0,1\r\n\r\nOK\r\n"},
+		{"AT+QPINC=\"SC\"", 100, "\r\n+QPINC: \"SC\",3,10\r\n\r\nOK\r\n"},
+		{"AT+CLCK=\"SC\",0,\"1234\"", 100, "\r\n+CME ERROR: incorrect password\r\n"},
+		{"AT+CLCK=\"SC\",0,\"4321\"", 100, "\r\nOK\r\n"},
+		{"AT+CPWD=\"SC\",\"4321\",\"5678\"", 100, "\r\n+CME ERROR: operation not allowed\r\n"}, // lock off
+	});
+}
+
+TEST_F(Ec25StateTest, PinChangeAndTheSimComingAndGoing)
+{
+	play({
+		{"AT+CLCK=\"SC\",1,\"1234\"", 100, "\r\nOK\r\n"},
+		{"AT+CPWD=\"SC\",\"0000\",\"5678\"", 100, "\r\n+CME ERROR: 16\r\n"},
+		{"AT+CPWD=\"SC\",\"1234\",\"5678\"", 100, "\r\nOK\r\n"},
+		{"AT+QPINC=\"SC\"", 100, "\r\n+QPINC: \"SC\",3,10\r\n\r\nOK\r\n"}, // the right PIN resets the count
+		{"AT+CREG=1", 100, "\r\nOK\r\n"},
+		{"do sim_out", 100, "\r\n+CPIN: NOT READY\r\n\r\n+CREG: 0\r\n"},
+		{"AT+CPIN?", 100, "\r\n+CME ERROR: 10\r\n"},
+		{"AT+CLCK=\"SC\",2", 100, "\r\n+CME ERROR: 10\r\n"},
+		{"do sim_in", 100, "\r\n+CPIN: SIM PIN\r\n"}, // the lock is on
+		{"AT+CPIN=\"5678\"", 1500,
+		 "\r\nOK\r\n\r\n+CPIN: READY\r\n\r\n+QUSIM: 1\r\n\r\n+QIND: SMS DONE\r\n\r\n+CREG: 1\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, RadioOffDeregistersAndRadioOnRegistersAgain)
+{
+	play({
+		{"AT+CREG=2;+CEREG=1", 100, "\r\nOK\r\n"},
+		{"AT+CFUN=0", 100, "\r\nOK\r\n\r\n+CREG: 0\r\n\r\n+CEREG: 0\r\n"},
+		{"AT+CREG?;+CGREG?", 100, "\r\n+CREG: 2,0\r\n\r\n+CGREG: 0,0\r\n\r\nOK\r\n"},
+		{"AT+CPIN?", 100, "\r\n+CPIN: READY\r\n\r\nOK\r\n"}, // the SIM is still there
+		{"AT+CSQ", 100, "\r\n+CSQ: 99,99\r\n\r\nOK\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 0\r\n\r\nOK\r\n"},
+		{"AT+CGACT?", 100, "\r\n+CGACT: 1,0\r\n+CGACT: 2,0\r\n\r\nOK\r\n"},
+		{"AT+CFUN=1", 2500,
+		 "\r\nOK\r\n\r\n+CREG: 2\r\n\r\n+CEREG: 2\r\n\r\n+CREG: 1,\"1A2B\",\"01A2B3C4\",7\r\n\r\n+CEREG: 1\r\n"},
+		{"AT+CFUN?;+CEREG?", 100, "\r\n+CFUN: 1\r\n\r\n+CEREG: 1,1\r\n\r\nOK\r\n"},
+		{"AT+CGACT?", 100, "\r\n+CGACT: 1,1\r\n+CGACT: 2,0\r\n\r\nOK\r\n"}, // the default bearer is back
+		{"AT+CFUN=4", 100, "\r\nOK\r\n\r\n+CREG: 0\r\n\r\n+CEREG: 0\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, TheNetworkChangesUnderTheModem)
+{
+	play({
+		{"do network_lost", 100, ""}, // report modes are 0 after boot
+		{"AT+CREG=2;+CGREG=1;+CEREG=2", 100, "\r\nOK\r\n"},
+		{"AT+CREG?", 100, "\r\n+CREG: 2,2\r\n\r\nOK\r\n"},
+		{"do network_back", 100,
+		 "\r\n+CREG: 1,\"1A2B\",\"01A2B3C4\",7\r\n\r\n+CGREG: 1\r\n\r\n+CEREG: 1,\"1A2B\",\"01A2B3C4\",7\r\n"},
+		{"do roaming", 100,
+		 "\r\n+CREG: 5,\"1A2B\",\"01A2B3C4\",7\r\n\r\n+CGREG: 5\r\n\r\n+CEREG: 5,\"1A2B\",\"01A2B3C4\",7\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 0,0,\"A1\",7\r\n\r\nOK\r\n"},
+		{"do denied", 100, "\r\n+CREG: 3\r\n\r\n+CGREG: 3\r\n\r\n+CEREG: 3\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 0\r\n\r\nOK\r\n"},
+		{"do denied", 100, ""}, // no change, no URC
+		{"do network_back", 100,
+		 "\r\n+CREG: 1,\"1A2B\",\"01A2B3C4\",7\r\n\r\n+CGREG: 1\r\n\r\n+CEREG: 1,\"1A2B\",\"01A2B3C4\",7\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, OperatorSelection)
+{
+	play({
+		{"AT+CREG=1", 100, "\r\nOK\r\n"},
+		{"AT+COPS=1,2,\"26202\"", 1100, "\r\nOK\r\n\r\n+CREG: 5\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 1,0,\"Vodafone.de\",7\r\n\r\nOK\r\n"},
+		{"AT+COPS=3,1;+COPS?", 100, "\r\n+COPS: 1,1,\"Vodafone\",7\r\n\r\nOK\r\n"},
+		{"AT+COPS=1,2,\"26203\"", 1100, "\r\n+CME ERROR: 30\r\n"}, // forbidden
+		{"AT+COPS=1,2,\"99999\"", 1100, "\r\n+CME ERROR: 30\r\n"},
+		{"AT+COPS=0", 100, "\r\nOK\r\n\r\n+CREG: 1\r\n"},
+		{"AT+COPS=3,2;+COPS?", 100, "\r\n+COPS: 0,2,\"26201\",7\r\n\r\nOK\r\n"},
+		{"AT+COPS=2", 100, "\r\nOK\r\n\r\n+CREG: 0\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 2\r\n\r\nOK\r\n"},
+		{"AT+COPS=0,0", 100, "\r\nOK\r\n\r\n+CREG: 1\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 0,0,\"Telekom.de\",7\r\n\r\nOK\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, PdpContextsDefinedActivatedAndRemoved)
+{
+	const char *v6 = "0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0";
+	std::string listing = std::string("\r\n+CGDCONT: 1,\"IPV4V6\",\"internet.telekom\",\"") + v6 +
+			      "\",0,0,0,0\r\n+CGDCONT: 2,\"IPV4V6\",\"ims\",\"" + v6 +
+			      "\",0,0,0,0\r\n+CGDCONT: 3,\"IP\",\"m2m.example\",\"0.0.0.0\",0,0,0,0\r\n\r\nOK\r\n";
+	play({
+		{"AT+CGDCONT=3,\"IP\",\"m2m.example\"", 100, "\r\nOK\r\n"},
+		{"AT+CGDCONT?", 100, listing.c_str()},
+		{"AT+CGDCONT=3,\"X25\",\"old\"", 100, "\r\n+CME ERROR: 3\r\n"},
+		{"AT+CGACT=1,3", 100, "\r\nOK\r\n"},
+		{"AT+CGACT?", 100, "\r\n+CGACT: 1,1\r\n+CGACT: 2,0\r\n+CGACT: 3,1\r\n\r\nOK\r\n"},
+		{"AT+CGPADDR=3", 100, "\r\n+CGPADDR: 3,\"10.68.12.36\"\r\n\r\nOK\r\n"},
+		{"AT+CGPADDR", 100,
+		 "\r\n+CGPADDR: 1,\"10.68.12.34\",\"38.1.4.128.112.5.0.0.0.0.0.0.0.0.0.1\"\r\n"
+		 "+CGPADDR: 2,\"0.0.0.0\",\"0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0\"\r\n+CGPADDR: 3,\"10.68.12.36\"\r\n\r\nOK\r\n"},
+		{"AT+CGCONTRDP=3", 100,
+		 "\r\n+CGCONTRDP: 3,7,\"m2m.example\",\"10.68.12.36.255.255.255.0\",\"10.68.12.33\",\"10.74.210.210\","
+		 "\"10.74.210.211\"\r\n\r\nOK\r\n"},
+		{"AT+CGDCONT=3", 100, "\r\n+CME ERROR: 3\r\n"}, // active
+		{"AT+CGACT=0,3;+CGDCONT=3", 100, "\r\nOK\r\n"},
+		{"AT+CGPADDR=3;+CGACT?", 100, "\r\n+CGACT: 1,1\r\n+CGACT: 2,0\r\n\r\nOK\r\n"},
+		{"AT+CGATT=0", 100, "\r\nOK\r\n"},
+		{"AT+CGATT?;+CGACT?;+CGREG?", 100,
+		 "\r\n+CGATT: 0\r\n\r\n+CGACT: 1,0\r\n+CGACT: 2,0\r\n\r\n+CGREG: 0,0\r\n\r\nOK\r\n"},
+		{"AT+CREG?", 100, "\r\n+CREG: 0,1\r\n\r\nOK\r\n"}, // still registered for calls and SMS
+		{"AT+CGACT=1,2", 1100, "\r\n+CME ERROR: 30\r\n"},
+		{"AT+CGATT=1", 100, "\r\nOK\r\n"},
+		{"AT+CGATT?;+CGACT?", 100, "\r\n+CGATT: 1\r\n\r\n+CGACT: 1,1\r\n+CGACT: 2,0\r\n\r\nOK\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, IncomingCallRingsUntilAnswered)
+{
+	play({
+		{"ATA", 100, "\r\nNO CARRIER\r\n"}, // nothing to answer
+		{"AT+CLIP=1", 100, "\r\nOK\r\n"},
+		{"AT+CLIP?", 100, "\r\n+CLIP: 1,1\r\n\r\nOK\r\n"},
+		{"do call_in +491701234567", 100, "\r\nRING\r\n\r\n+CLIP: \"+491701234567\",145,,,,0\r\n"},
+		{"AT+CLCC", 100, "\r\n+CLCC: 1,1,4,0,0,\"+491701234567\",145\r\n\r\nOK\r\n"},
+		{"AT+CPAS", 2800, "\r\n+CPAS: 3\r\n\r\nOK\r\n\r\nRING\r\n\r\n+CLIP: \"+491701234567\",145,,,,0\r\n"},
+		{"ATA", 100, "\r\nOK\r\n"},
+		{"AT+CLCC;+CPAS", 6000, "\r\n+CLCC: 1,1,0,0,0,\"+491701234567\",145\r\n\r\n+CPAS: 4\r\n\r\nOK\r\n"},
+		{"do call_end", 100, "\r\nNO CARRIER\r\n"},
+		{"AT+CLCC;+CPAS", 100, "\r\n+CPAS: 0\r\n\r\nOK\r\n"},
+		{"AT+CRC=1;+CLIP=0", 100, "\r\nOK\r\n"},
+		{"do call_in 01701234567", 3100, "\r\n+CRING: VOICE\r\n\r\n+CRING: VOICE\r\n"},
+		{"AT+CLCC", 100, "\r\n+CLCC: 1,1,4,0,0,\"01701234567\",129\r\n\r\nOK\r\n"},
+		{"AT+CHUP", 6000, "\r\nOK\r\n"}, // and no more rings
+	});
+}
+
+TEST_F(Ec25StateTest, DialledCall)
+{
+	play({
+		{"ATD+491609876543;", 100, "\r\nOK\r\n"},
+		{"AT+CLCC", 100, "\r\n+CLCC: 1,0,0,0,0,\"+491609876543\",145\r\n\r\nOK\r\n"},
+		{"do call_in +4930123", 100, ""}, // busy: the second call is not offered
+		{"ATH", 100, "\r\nOK\r\n"},
+		{"AT+CFUN=4", 100, "\r\nOK\r\n"},
+		{"ATD0301234;", 100, "\r\nNO CARRIER\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, UssdAnswerComesAfterTheOk)
+{
+	send("AT+CUSD=1,\"*100#\",15\r");
+	auto got = run_until(now_ + 2000);
+	ASSERT_EQ(got.size(), 2u);
+	EXPECT_EQ(got[0].second, "\r\nOK\r\n");
+	EXPECT_EQ(got[1].first - got[0].first, 995); // a second after the command, OK after 5 ms latency
+	EXPECT_EQ(got[1].second, "\r\n+CUSD: 0,\"Guthaben: 12,34 EUR\",15\r\n");
+	play({
+		{"AT+CUSD?", 100, "\r\n+CUSD: 1\r\n\r\nOK\r\n"},
+		{"AT+CUSD=1,\"*135#\",15", 1100, "\r\nOK\r\n\r\n+CUSD: 4\r\n"}, // not a code of this network
+		{"AT+CUSD=1,\"*100#\",15", 100, "\r\nOK\r\n"},
+		{"AT+CUSD=2", 2000, "\r\nOK\r\n"}, // cancelled: no answer follows
+		{"do network_lost", 100, ""},
+		{"AT+CUSD=1,\"*100#\",15", 2000, "\r\n+CME ERROR: 30\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, SimpleSettings)
+{
+	play({
+		{"AT+CTZU?", 100, "\r\n+CTZU: 1\r\n\r\nOK\r\n"},
+		{"AT+CTZU=3;+CTZU?", 100, "\r\n+CTZU: 3\r\n\r\nOK\r\n"},
+		{"AT+CTZU=2", 100, "\r\nERROR\r\n"},
+		{"AT+CRC?", 100, "\r\n+CRC: 0\r\n\r\nOK\r\n"},
+		{"AT+GCAP", 100, "\r\n+GCAP: +CGSM\r\n\r\nOK\r\n"},
+		{"AT+CMEE=2;+CMEE?", 100, "\r\n+CMEE: 2\r\n\r\nOK\r\n"},
+		{"AT+CPAS", 100, "\r\n+CPAS: 0\r\n\r\nOK\r\n"},
+	});
+}
+
+
 } // namespace
 } // namespace modem_sim
