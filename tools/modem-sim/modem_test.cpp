@@ -1297,5 +1297,59 @@ TEST_F(Ec25StateTest, SimpleSettings)
 }
 
 
+// ------------------------------------------ the shipped RM520N scenario
+
+class Rm520nTest : public Ec25StateTest {
+protected:
+	void SetUp() override
+	{
+		Scenario sc;
+		std::string err;
+		ASSERT_TRUE(load_scenario(std::string(WWANCTL_SOURCE_DIR) + "/tools/modem-sim/scenarios/rm520n.scn", &sc,
+					  &err))
+			<< err;
+		modem_ = std::make_unique<Modem>(std::move(sc));
+		modem_->start(now_, false);
+		send("ATE0V1\r");
+		all_until(now_ + 100);
+	}
+};
+
+TEST_F(Rm520nTest, IdentityAndStandaloneRegistration)
+{
+	play({
+		{"ATI", 100, "\r\nQuectel\r\nRM520N-GL\r\nRevision: RM520NGLAAR01A07M4G\r\n\r\nOK\r\n"},
+		{"AT+GMR", 100, "\r\nRM520NGLAAR01A07M4G\r\n\r\nOK\r\n"},
+		{"AT+C5GREG?", 100, "\r\n+C5GREG: 0,1\r\n\r\nOK\r\n"},
+		{"AT+C5GREG=2;+C5GREG?", 100, "\r\n+C5GREG: 2,1,\"00A1B2\",\"0012345C7\",11,1,\"01\"\r\n\r\nOK\r\n"},
+		{"AT+C5GREG=3", 100, "\r\nERROR\r\n"},
+		{"AT+CEREG?;+CREG?", 100, "\r\n+CEREG: 0,0\r\n\r\n+CREG: 0,1\r\n\r\nOK\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 0,0,\"Telekom.de\",11\r\n\r\nOK\r\n"},
+		{"AT+CGATT?", 100, "\r\n+CGATT: 1\r\n\r\nOK\r\n"},
+	});
+}
+
+TEST_F(Rm520nTest, C5gregUrcsFollowTheState)
+{
+	play({
+		{"AT+C5GREG=2;+CEREG=2", 100, "\r\nOK\r\n"},
+		{"AT+CFUN=0", 100, "\r\nOK\r\n\r\n+C5GREG: 0\r\n"}, // no +CEREG: EPS was not registered
+		{"AT+CFUN=1", 2500,
+		 "\r\nOK\r\n\r\n+C5GREG: 2\r\n\r\n+C5GREG: 1,\"00A1B2\",\"0012345C7\",11,1,\"01\"\r\n"},
+		{"AT+C5GREG=1", 100, "\r\nOK\r\n"},
+		{"do roaming", 100, "\r\n+C5GREG: 5\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 0,0,\"A1\",11\r\n\r\nOK\r\n"},
+	});
+}
+
+TEST_F(Rm520nTest, ScanListsEachRadio)
+{
+	send("AT+COPS=?\r");
+	std::string all = all_until(now_ + 4000);
+	EXPECT_EQ(all, "\r\n+COPS: (2,\"Telekom.de\",\"TDG\",\"26201\",11),(1,\"Telekom.de\",\"TDG\",\"26201\",7),"
+		       "(1,\"Vodafone.de\",\"Vodafone\",\"26202\",11),(1,\"Vodafone.de\",\"Vodafone\",\"26202\",13),"
+		       "(3,\"o2 - de\",\"o2 - de\",\"26203\",11),,(0,1,2,3,4),(0,1,2)\r\n\r\nOK\r\n");
+}
+
 } // namespace
 } // namespace modem_sim

@@ -340,6 +340,17 @@ TEST(ScenarioParse, ShippedEc25ScenarioLoads)
 	EXPECT_FALSE(sc.fota_block.empty());
 }
 
+TEST(ScenarioParse, ShippedRm520nScenarioLoadsOnTopOfTheEc25)
+{
+	Scenario sc;
+	std::string err;
+	ASSERT_TRUE(load_scenario(std::string(WWANCTL_SOURCE_DIR) + "/tools/modem-sim/scenarios/rm520n.scn", &sc, &err))
+		<< err;
+	EXPECT_EQ(sc.model, "Quectel RM520N-GL");
+	EXPECT_EQ(sc.rules.front().patterns.front(), "AT+C5GREG?");
+	EXPECT_FALSE(sc.boot_block.empty());
+}
+
 TEST(ScenarioParse, MissingFileIsReported)
 {
 	Scenario sc;
