@@ -15,6 +15,9 @@ const char help_text[] =
 	"boot               restart: silence, then the boot URCs\n"
 	"fota               firmware update: only FOTA URCs, then boot\n"
 	"powerdown          POWERED DOWN, then silent until boot\n"
+	"do <action> [args] run an action of the scenario (a change of the world)\n"
+	"actions            list the scenario's actions\n"
+	"timers             show the pending 'after' timers, soonest first\n"
 	"echo on|off        same as ATE1 / ATE0\n"
 	"set <var> <value>  change a variable (kept across boots)\n"
 	"get <var>          show a variable\n"
@@ -171,6 +174,28 @@ ControlReply run_control(Modem &modem, std::string_view line, Ms now)
 	if (cmd == "powerdown") {
 		modem.power_down(now);
 		return ok();
+	}
+	if (cmd == "do") {
+		size_t s2 = arg.find(' ');
+		std::string_view name = arg.substr(0, s2);
+		std::string_view args = s2 == std::string_view::npos ? std::string_view() : trim(arg.substr(s2 + 1));
+		if (name.empty())
+			return fail("do <action> [arguments]");
+		if (!modem.run_action(name, args, now))
+			return fail("the scenario has no action '" + std::string(name) + "' (try actions)");
+		return ok();
+	}
+	if (cmd == "actions") {
+		std::string body;
+		for (const auto &kv : modem.scenario().actions)
+			body += kv.first + "\n";
+		return ok(body);
+	}
+	if (cmd == "timers") {
+		std::string body;
+		for (const std::string &t : modem.timers())
+			body += t + "\n";
+		return ok(body);
 	}
 	if (cmd == "echo") {
 		if (arg != "on" && arg != "off")

@@ -1,8 +1,8 @@
 // The operator's commands to a running simulator, one per line, as they come
 // from the control socket or from the terminal:
 //   urc <text>, raw <text>, next, hang, unhang, hold, release, slow <duration>,
-//   hangup, boot, fota, powerdown, echo on|off, set <var> <value>, get <var>,
-//   vars, mode, stats, help, quit.
+//   hangup, boot, fota, powerdown, do <action> [args], actions, timers,
+//   echo on|off, set <var> <value>, get <var>, vars, mode, stats, help, quit.
 // Every reply ends with a line "OK" or "ERROR <reason>".
 #pragma once
 

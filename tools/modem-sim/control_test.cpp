@@ -25,7 +25,12 @@ protected:
 					   "  ok\n"
 					   "on AT+CMGS=*\n"
 					   "  prompt ok\n"
-					   "  ok\n",
+					   "  ok\n"
+					   "action call_in\n"
+					   "  set number $1\n"
+					   "  urc RING\n"
+					   "  after 3s ring\n"
+					   "    urc RING\n",
 					   &sc, &err));
 		modem_ = std::make_unique<Modem>(std::move(sc));
 		modem_->start(0, false);
@@ -76,6 +81,19 @@ TEST_F(ControlTest, BadInputIsAnErrorNotAnAction)
 	}
 	EXPECT_EQ(modem_->take_output(), "");
 	EXPECT_EQ(modem_->mode(), Mode::normal);
+}
+
+TEST_F(ControlTest, DoRunsAnActionWithItsArguments)
+{
+	EXPECT_EQ(ctl("actions").text, "call_in\nOK\n");
+	EXPECT_EQ(ctl("do call_in  +491701234567 ").text, "OK\n");
+	EXPECT_EQ(modem_->take_output(), "\r\nRING\r\n");
+	EXPECT_EQ(modem_->var("number"), "+491701234567");
+	EXPECT_EQ(ctl("timers").text, "ring\nOK\n");
+	EXPECT_EQ(wait(3000), "\r\nRING\r\n");
+	EXPECT_EQ(ctl("timers").text, "OK\n");
+	EXPECT_EQ(ctl("do").text.rfind("ERROR ", 0), 0u);
+	EXPECT_EQ(ctl("do call_out").text, "ERROR the scenario has no action 'call_out' (try actions)\n");
 }
 
 TEST_F(ControlTest, SetGetAndEcho)

@@ -102,6 +102,25 @@ long to_long(const std::string &s)
 	return neg ? -v : v;
 }
 
+std::vector<std::string> words(std::string_view s)
+{
+	std::vector<std::string> out;
+	size_t i = 0;
+	while (i < s.size()) {
+		while (i < s.size() && (s[i] == ' ' || s[i] == '\t'))
+			i++;
+		size_t start = i;
+		while (i < s.size() && s[i] != ' ' && s[i] != '\t')
+			i++;
+		if (i > start)
+			out.emplace_back(s.substr(start, i - start));
+	}
+	return out;
+}
+
+// How deep 'do' may nest: an action that calls itself stops there.
+constexpr int max_action_depth = 16;
+
 } // namespace
 
 const char *mode_name(Mode m)
@@ -132,11 +151,21 @@ Modem::Modem(Scenario sc) : sc_(std::move(sc))
 
 void Modem::reset_vars()
 {
+	// Variables the scenario keeps (the SIM's, the network's) come through
+	// with their latest value, whoever set it.
+	std::vector<std::pair<std::string, std::string>> kept;
+	for (const std::string &name : sc_.keep) {
+		auto it = vars_.find(name);
+		if (it != vars_.end())
+			kept.emplace_back(*it);
+	}
 	vars_.clear();
 	for (const auto &kv : sc_.initial)
 		vars_[kv.first] = expand(kv.second, {});
 	for (const auto &kv : overrides_)
 		vars_[kv.first] = kv.second;
+	for (auto &kv : kept)
+		vars_[kv.first] = std::move(kv.second);
 }
 
 bool Modem::flag(std::string_view name, bool dflt) const
@@ -169,6 +198,7 @@ std::string Modem::expand(const std::string &text, const std::vector<std::string
 
 void Modem::start(Ms now, bool run_boot)
 {
+	now_ = now;
 	periodic_due_.clear();
 	for (const Periodic &p : sc_.periodic)
 		periodic_due_.push_back(now + p.interval_ms);
@@ -183,6 +213,7 @@ void Modem::start(Ms now, bool run_boot)
 
 void Modem::receive(std::string_view bytes, Ms now)
 {
+	now_ = now;
 	stats_.bytes_received += bytes.size();
 	if (mode_ == Mode::normal || mode_ == Mode::held) {
 		size_t room = max_pending_input - std::min(max_pending_input, pending_input());
@@ -209,6 +240,9 @@ Ms Modem::next_deadline() const
 	for (Ms d : periodic_due_)
 		if (due < 0 || d < due)
 			due = d;
+	for (const Timer &t : timers_)
+		if (due < 0 || t.due < due)
+			due = t.due;
 	return due;
 }
 
@@ -216,6 +250,8 @@ void Modem::advance(Ms now)
 {
 	if (mode_ == Mode::hungup)
 		return;
+	now_ = now;
+	fire_timers(now);
 	if (mode_ == Mode::held) {
 		// A stalled modem sends no URCs, not even late ones.
 		for (size_t i = 0; i < periodic_due_.size(); i++)
@@ -387,13 +423,35 @@ void Modem::handle_text_byte(char c)
 	}
 }
 
+bool Modem::holds(const Condition &c, const std::vector<std::string> &caps) const
+{
+	// "$1" alone compares the capture itself; in a longer name it names a variable.
+	std::string have;
+	if (c.var.size() == 2 && c.var[0] == '$') {
+		size_t n = static_cast<size_t>(c.var[1] - '1');
+		have = n < caps.size() ? caps[n] : std::string();
+	} else {
+		have = var(resolve_name(c.var, caps));
+	}
+	std::string want = expand(c.value, caps);
+	switch (c.cmp) {
+	case Cmp::eq: return have == want;
+	case Cmp::ne: return have != want;
+	case Cmp::lt: return to_long(have) < to_long(want);
+	case Cmp::le: return to_long(have) <= to_long(want);
+	case Cmp::gt: return to_long(have) > to_long(want);
+	case Cmp::ge: return to_long(have) >= to_long(want);
+	case Cmp::match: return match_pattern(want, have, nullptr);
+	}
+	return false;
+}
+
 const Rule *Modem::find_rule(const std::string &cmd, std::vector<std::string> *caps) const
 {
 	for (const Rule &rule : sc_.rules) {
 		bool conditions = true;
 		for (const Condition &c : rule.when) {
-			bool eq = var(c.var) == expand(c.value, {});
-			if (eq != c.equal) {
+			if (!holds(c, {})) {
 				conditions = false;
 				break;
 			}
@@ -448,7 +506,7 @@ void Modem::execute_line(const std::string &line)
 }
 
 Modem::Outcome Modem::run(const std::vector<Stmt> &body, size_t from, const std::vector<std::string> &caps,
-			  Response *r)
+			  Response *r, int depth)
 {
 	for (size_t i = from; i < body.size(); i++) {
 		const Stmt &s = body[i];
@@ -484,15 +542,39 @@ Modem::Outcome Modem::run(const std::vector<Stmt> &body, size_t from, const std:
 			r->splits.emplace_back(s.num, s.num2);
 			break;
 		case Op::set:
-			vars_[s.text] = expand(s.value, caps);
+			vars_[resolve_name(s.text, caps)] = expand(s.value, caps);
 			break;
 		case Op::add: {
-			long v = to_long(var(s.text)) + s.num;
+			std::string name = resolve_name(s.text, caps);
+			long v = to_long(var(name)) + s.num;
 			if (s.num2 > 0)
 				v = ((v % s.num2) + s.num2) % s.num2;
-			vars_[s.text] = std::to_string(v);
+			vars_[name] = std::to_string(v);
 			break;
 		}
+		case Op::if_: {
+			Outcome o = run(holds(s.cond, caps) ? s.block : s.otherwise, 0, caps, r, depth);
+			if (o != Outcome::done)
+				return o;
+			break;
+		}
+		case Op::after:
+			if (!s.text.empty())
+				cancel_timer(s.text); // a named timer started again replaces the pending one
+			timers_.push_back({now_ + s.num, ++timer_seq_, s.text, &s.block, caps});
+			break;
+		case Op::cancel:
+			cancel_timer(s.text);
+			break;
+		case Op::do_: {
+			auto it = sc_.actions.find(s.text);
+			// 'stop' inside the action ends the action, not the caller.
+			if (it != sc_.actions.end() && depth < max_action_depth)
+				run(it->second, 0, words(expand(s.value, caps)), r, depth + 1);
+			break;
+		}
+		case Op::stop:
+			return Outcome::stop;
 		case Op::prompt:
 			r->items.push_back(Item::of(ItemKind::prompt));
 			cont_.body = &body;
@@ -627,8 +709,66 @@ void Modem::render(const Response &r)
 		queue_.push_back(std::move(p));
 }
 
+void Modem::cancel_timer(const std::string &name)
+{
+	timers_.erase(std::remove_if(timers_.begin(), timers_.end(), [&](const Timer &t) { return t.name == name; }),
+		      timers_.end());
+}
+
+void Modem::fire_timers(Ms now)
+{
+	for (;;) {
+		auto due = timers_.end();
+		for (auto it = timers_.begin(); it != timers_.end(); ++it)
+			if (it->due <= now && (due == timers_.end() || it->due < due->due ||
+					       (it->due == due->due && it->seq < due->seq)))
+				due = it;
+		if (due == timers_.end())
+			return;
+		Timer t = std::move(*due);
+		timers_.erase(due);
+		// Counted from when the timer was due, so that a repeating one keeps its pace.
+		Ms saved = now_;
+		now_ = t.due;
+		Response r;
+		run(*t.body, 0, t.captures, &r);
+		now_ = saved;
+		if (mode_ != Mode::hung && mode_ != Mode::off && mode_ != Mode::hungup)
+			render(r);
+	}
+}
+
+std::vector<std::string> Modem::timers() const
+{
+	std::vector<const Timer *> order;
+	for (const Timer &t : timers_)
+		order.push_back(&t);
+	std::sort(order.begin(), order.end(), [](const Timer *a, const Timer *b) {
+		return a->due != b->due ? a->due < b->due : a->seq < b->seq;
+	});
+	std::vector<std::string> names;
+	for (const Timer *t : order)
+		names.push_back(t->name.empty() ? "-" : t->name);
+	return names;
+}
+
+bool Modem::run_action(std::string_view name, std::string_view args, Ms now)
+{
+	auto it = sc_.actions.find(name);
+	if (it == sc_.actions.end())
+		return false;
+	now_ = now;
+	Response r;
+	run(it->second, 0, words(args), &r, 1);
+	if (mode_ == Mode::normal || mode_ == Mode::held)
+		render(r);
+	advance(now);
+	return true;
+}
+
 void Modem::drop_pending()
 {
+	timers_.clear();
 	queue_.clear();
 	wait_due_ = -1;
 	input_.clear();
@@ -694,6 +834,7 @@ void Modem::apply(Action a)
 
 void Modem::inject_urc(std::string_view text, Ms now)
 {
+	now_ = now;
 	if (mode_ == Mode::hungup)
 		return;
 	Response r;
@@ -722,6 +863,7 @@ bool Modem::send_next_urc(Ms now)
 
 void Modem::hang(Ms now)
 {
+	now_ = now;
 	if (mode_ == Mode::hungup)
 		return;
 	apply(Action::hang);
@@ -738,6 +880,7 @@ void Modem::unhang(Ms now)
 
 void Modem::reboot(Ms now)
 {
+	now_ = now;
 	if (mode_ == Mode::hungup)
 		return;
 	apply(Action::boot);
@@ -746,6 +889,7 @@ void Modem::reboot(Ms now)
 
 void Modem::start_fota(Ms now)
 {
+	now_ = now;
 	if (mode_ == Mode::hungup)
 		return;
 	apply(Action::fota);
@@ -754,6 +898,7 @@ void Modem::start_fota(Ms now)
 
 void Modem::power_down(Ms now)
 {
+	now_ = now;
 	if (mode_ == Mode::hungup)
 		return;
 	apply(Action::powerdown);

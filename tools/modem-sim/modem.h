@@ -98,6 +98,13 @@ public:
 	void reboot(Ms now);
 	void start_fota(Ms now);
 	void power_down(Ms now);
+	// Runs a named action of the scenario with arguments (words, as $1..$9):
+	// a change of the outside world. Its variables change in any mode; what it
+	// sends goes out only while the modem is up (normal, or held until release).
+	// False when the scenario has no such action.
+	bool run_action(std::string_view name, std::string_view args, Ms now);
+	// Names of the pending timers ("after" blocks), soonest first; unnamed ones as "-".
+	std::vector<std::string> timers() const;
 
 	// A variable set by the operator keeps its value across reboots (it models
 	// the outside world, such as a SIM card pulled out).
@@ -133,7 +140,16 @@ private:
 		std::vector<std::pair<long, long>> splits; // byte offset, pause
 	};
 
-	enum class Outcome { done, prompt };
+	enum class Outcome { done, prompt, stop };
+
+	// A block of 'after', due at a time.
+	struct Timer {
+		Ms due = 0;
+		uint64_t seq = 0; // order among timers due at the same time
+		std::string name;
+		const std::vector<Stmt> *body = nullptr;
+		std::vector<std::string> captures;
+	};
 
 	struct Continuation {
 		const std::vector<Stmt> *body = nullptr;
@@ -160,7 +176,11 @@ private:
 	void handle_text_byte(char c);
 	void execute_line(const std::string &line);
 	const Rule *find_rule(const std::string &cmd, std::vector<std::string> *caps) const;
-	Outcome run(const std::vector<Stmt> &body, size_t from, const std::vector<std::string> &caps, Response *r);
+	Outcome run(const std::vector<Stmt> &body, size_t from, const std::vector<std::string> &caps, Response *r,
+		    int depth = 0);
+	bool holds(const Condition &c, const std::vector<std::string> &caps) const;
+	void fire_timers(Ms now);
+	void cancel_timer(const std::string &name);
 
 	void render(const Response &r);
 	std::string final_text(const Item &it, bool verbose) const;
@@ -188,6 +208,10 @@ private:
 
 	std::vector<Ms> periodic_due_;
 	size_t next_urc_ = 0;
+
+	std::vector<Timer> timers_;
+	uint64_t timer_seq_ = 0;
+	Ms now_ = 0; // time of the call being handled, the base of 'after'
 
 	Ms slow_ms_ = 0;
 	LineStats stats_;

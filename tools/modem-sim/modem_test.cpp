@@ -690,6 +690,240 @@ TEST_F(ModemTest, InjectedUrcWaitsForTheAnswerInProgress)
 	EXPECT_EQ(all_until(now_ + 1000), "\r\nfirst\r\nsecond\r\n\r\nOK\r\n\r\n+CREG: 5\r\n");
 }
 
+// ------------------------------------------------- conditions, actions, timers
+
+TEST_F(ModemTest, IfChoosesTheBlockByItsComparison)
+{
+	struct Case {
+		const char *cond;
+		const char *x;
+		bool yes;
+	} cases[] = {
+		{"x = abc", "abc", true},      {"x = abc", "abcd", false},   {"x != abc", "abc", false},
+		{"x = ", "", true},            {"x = {y}", "seven", true},   {"x != {y}", "eight", true},
+		{"x < 10", "9", true},         {"x < 10", "10", false},      {"x <= 10", "10", true},
+		{"x > 2", "10", true}, // numbers, not texts: "10" sorts before "2"
+		{"x >= 3", "-1", false},       {"x > -2", "-1", true},       {"x = 0", "0", true},
+		{"x ~ +49*", "+4917012", true}, {"x ~ +49*", "0170", false}, {"x ~ [0-2]", "2", true},
+	};
+	for (const Case &c : cases) {
+		SCOPED_TRACE(std::string(c.cond) + " with x=" + c.x);
+		load(std::string("set echo 0\nset y seven\non AT+IF\n  if ") + c.cond +
+		     "\n    line yes\n  else\n    line no\n  ok\n");
+		modem_->set_var("x", c.x);
+		EXPECT_EQ(send("AT+IF\r"), c.yes ? "\r\nyes\r\n\r\nOK\r\n" : "\r\nno\r\n\r\nOK\r\n");
+	}
+}
+
+TEST_F(ModemTest, NestedBlocksAndStop)
+{
+	load("set echo 0\n"
+	     "on AT+T=[01],[01]\n"
+	     "  set a $1\n"
+	     "  set b $2\n"
+	     "  if a = 1\n"
+	     "    if b = 1\n"
+	     "      line both\n"
+	     "      ok\n"
+	     "      stop\n"
+	     "    line only a\n"
+	     "  line end\n"
+	     "  ok\n");
+	struct Case {
+		const char *cmd;
+		const char *answer;
+	} cases[] = {
+		{"AT+T=1,1\r", "\r\nboth\r\n\r\nOK\r\n"}, // stop skips the rest of the rule
+		{"AT+T=1,0\r", "\r\nonly a\r\nend\r\n\r\nOK\r\n"},
+		{"AT+T=0,1\r", "\r\nend\r\n\r\nOK\r\n"},
+	};
+	for (const Case &c : cases) {
+		SCOPED_TRACE(c.cmd);
+		EXPECT_EQ(send(c.cmd), c.answer);
+	}
+}
+
+TEST_F(ModemTest, CapturesNameVariables)
+{
+	load("set echo 0\n"
+	     "set apn1 internet\n"
+	     "on AT+APN=[1-3],\"*\"\n"
+	     "  set apn$1 $2\n"
+	     "  ok\n"
+	     "on AT+APN?\n"
+	     "  do show 1\n"
+	     "  do show 2\n"
+	     "  do show 3\n"
+	     "  ok\n"
+	     "on AT+COUNT=[1-3]\n"
+	     "  add n$1 1\n"
+	     "  ok\n"
+	     "action show\n"
+	     "  if apn$1 !=\n"
+	     "    line +APN: $1,\"{apn$1}\"\n");
+	EXPECT_EQ(send("AT+APN?\r"), "\r\n+APN: 1,\"internet\"\r\n\r\nOK\r\n");
+	EXPECT_EQ(send("AT+APN=3,\"ims\"\r"), "\r\nOK\r\n");
+	EXPECT_EQ(send("AT+APN?\r"), "\r\n+APN: 1,\"internet\"\r\n+APN: 3,\"ims\"\r\n\r\nOK\r\n");
+	send("AT+COUNT=2\r");
+	send("AT+COUNT=2\r");
+	EXPECT_EQ(modem_->var("n2"), "2");
+	EXPECT_EQ(modem_->var("n1"), "");
+}
+
+TEST_F(ModemTest, ActionsRunInsideTheAnswerAndStopEndsOnlyTheAction)
+{
+	load("set echo 0\n"
+	     "on AT+GO=*\n"
+	     "  ok\n"
+	     "  do note $1 two\n"
+	     "  urc after\n"
+	     "on AT+LOOP\n"
+	     "  do loop\n"
+	     "  ok\n"
+	     "action note\n"
+	     "  urc +NOTE: $1,$2\n"
+	     "  if $1 = quiet\n"
+	     "    stop\n"
+	     "  urc +LOUD\n"
+	     "action loop\n"
+	     "  add depth 1\n"
+	     "  do loop\n");
+	EXPECT_EQ(send("AT+GO=quiet\r"), "\r\nOK\r\n\r\n+NOTE: quiet,two\r\n\r\nafter\r\n");
+	EXPECT_EQ(send("AT+GO=x\r"), "\r\nOK\r\n\r\n+NOTE: x,two\r\n\r\n+LOUD\r\n\r\nafter\r\n");
+	// An action that calls itself ends instead of running away.
+	EXPECT_EQ(send("AT+LOOP\r"), "\r\nOK\r\n");
+	EXPECT_GT(std::stol(modem_->var("depth")), 1);
+}
+
+TEST_F(ModemTest, ActionsRunByTheOperatorChangeStateAndSendUrcs)
+{
+	load("set echo 0\n"
+	     "set call none\n"
+	     "on AT+CLCC\n"
+	     "  if call = ringing\n"
+	     "    line +CLCC: 1,1,4,0,0,\"{number}\",145\n"
+	     "  ok\n"
+	     "action call_in\n"
+	     "  set call ringing\n"
+	     "  set number $1\n"
+	     "  urc RING\n");
+	EXPECT_TRUE(modem_->run_action("call_in", "+491701234567", now_));
+	EXPECT_EQ(modem_->take_output(), "\r\nRING\r\n");
+	EXPECT_EQ(send("AT+CLCC\r"), "\r\n+CLCC: 1,1,4,0,0,\"+491701234567\",145\r\n\r\nOK\r\n");
+	EXPECT_FALSE(modem_->run_action("nothing", "", now_));
+	// A hung modem sends nothing, but the world changes all the same.
+	modem_->hang(now_);
+	EXPECT_TRUE(modem_->run_action("call_in", "+4930", now_));
+	EXPECT_EQ(all_until(now_ + 1000), "");
+	EXPECT_EQ(modem_->var("number"), "+4930");
+}
+
+const char timer_scenario[] = R"(set echo 0
+set call none
+boot
+  urc RDY
+on AT+CUSD=1,"*"
+  ok
+  after 1s
+    urc +CUSD: 0,"answer to $1",15
+on AT+RING
+  set call ringing
+  ok
+  do ring
+on AT+CHUP
+  set call none
+  cancel ring
+  ok
+on AT+NAMED
+  ok
+  after 500 named
+    urc FIRST
+  after 800 named
+    urc SECOND
+action ring
+  if call != ringing
+    stop
+  urc RING
+  after 3s ring
+    do ring
+)";
+
+TEST_F(ModemTest, AfterRunsItsBlockLaterOnTheClock)
+{
+	load(timer_scenario);
+	EXPECT_EQ(send("AT+CUSD=1,\"*100#\"\r"), "\r\nOK\r\n");
+	auto got = run_until(now_ + 3000);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].first, 2000);
+	EXPECT_EQ(got[0].second, "\r\n+CUSD: 0,\"answer to *100#\",15\r\n");
+}
+
+TEST_F(ModemTest, RepeatingTimerUntilCancelled)
+{
+	load(timer_scenario);
+	EXPECT_EQ(send("AT+RING\r"), "\r\nOK\r\n\r\nRING\r\n");
+	auto got = run_until(now_ + 7000); // rings at +3s and +6s
+	ASSERT_EQ(got.size(), 2u);
+	EXPECT_EQ(got[0].first, 4000);
+	EXPECT_EQ(got[1].first, 7000);
+	EXPECT_EQ(modem_->timers(), std::vector<std::string>{"ring"});
+	EXPECT_EQ(send("AT+CHUP\r"), "\r\nOK\r\n");
+	EXPECT_TRUE(modem_->timers().empty());
+	EXPECT_EQ(all_until(now_ + 10000), "");
+}
+
+TEST_F(ModemTest, ANamedTimerStartedAgainReplacesThePendingOne)
+{
+	load(timer_scenario);
+	send("AT+NAMED\r");
+	auto got = run_until(now_ + 2000);
+	ASSERT_EQ(got.size(), 1u);
+	EXPECT_EQ(got[0].first, 1800);
+	EXPECT_EQ(got[0].second, "\r\nSECOND\r\n");
+}
+
+TEST_F(ModemTest, ResetsDropPendingTimers)
+{
+	struct Case {
+		const char *name;
+		void (*act)(Modem &, Ms);
+		const char *output; // what follows within ten seconds
+	} cases[] = {
+		{"boot", [](Modem &m, Ms now) { m.reboot(now); }, "\r\nRDY\r\n"},
+		{"hang", [](Modem &m, Ms now) { m.hang(now); }, ""},
+		{"powerdown", [](Modem &m, Ms now) { m.power_down(now); }, "\r\nPOWERED DOWN\r\n"},
+		{"fota", [](Modem &m, Ms now) { m.start_fota(now); }, ""}, // no fota block: no URCs
+	};
+	for (const Case &c : cases) {
+		SCOPED_TRACE(c.name);
+		load(timer_scenario);
+		send("AT+RING\r");
+		send("AT+CUSD=1,\"*100#\"\r");
+		ASSERT_EQ(modem_->timers().size(), 2u);
+		c.act(*modem_, now_);
+		EXPECT_TRUE(modem_->timers().empty());
+		EXPECT_EQ(modem_->take_output() + all_until(now_ + 10000), c.output);
+	}
+}
+
+TEST_F(ModemTest, KeptVariablesSurviveABoot)
+{
+	load("keep pin_left\nset pin_left 3\nset creg_n 0\n"
+	     "on AT+WRONG\n  add pin_left -1\n  set creg_n 2\n  ok\n");
+	send("AT+WRONG\r");
+	send("AT+WRONG\r");
+	modem_->reboot(now_);
+	all_until(now_ + 1000);
+	EXPECT_EQ(modem_->var("pin_left"), "1"); // on the SIM
+	EXPECT_EQ(modem_->var("creg_n"), "0");   // a setting of the modem
+	// The operator's value is taken, and later changes still win over it.
+	modem_->set_var("pin_left", "3");
+	send("AT+WRONG\r");
+	modem_->reboot(now_);
+	all_until(now_ + 1000);
+	EXPECT_EQ(modem_->var("pin_left"), "2");
+}
+
 // ------------------------------------------ the shipped EC25 scenario
 
 class Ec25Test : public ModemTest {
@@ -777,15 +1011,14 @@ TEST_F(Ec25Test, SimRemovedByTheOperator)
 TEST_F(Ec25Test, OperatorScanArrivesInPieces)
 {
 	send("AT+COPS=?\r");
-	auto got = run_until(now_ + 3000);
+	auto got = run_until(now_ + 4000);
 	ASSERT_EQ(got.size(), 3u);
 	std::string all = got[0].second + got[1].second + got[2].second;
 	EXPECT_EQ(got[0].second.size(), 64u);
-	EXPECT_EQ(all.rfind("\r\n+COPS: (2,\"Telekom.de\",\"TDG\",\"26201\",7),", 0), 0u);
-	const std::string tail = ",,(0,1,2,3,4),(0,1,2)\r\n\r\nOK\r\n";
-	ASSERT_GT(all.size(), tail.size());
-	EXPECT_EQ(all.substr(all.size() - tail.size()), tail);
+	EXPECT_EQ(all, "\r\n+COPS: (2,\"Telekom.de\",\"TDG\",\"26201\",7),(1,\"Vodafone.de\",\"Vodafone\",\"26202\",7),"
+		       "(3,\"o2 - de\",\"o2 - de\",\"26203\",7),,(0,1,2,3,4),(0,1,2)\r\n\r\nOK\r\n");
 	EXPECT_GE(got[0].first - 1000, 2000);
+	EXPECT_GE(got[2].first - got[0].first, 1000); // a few seconds in all
 }
 
 TEST_F(Ec25Test, CommandLinesAtTheSmsPromptAreText)
@@ -831,6 +1064,291 @@ TEST_F(Ec25Test, PinEntryUnlocksTheSim)
 	EXPECT_EQ(out.rfind("\r\nOK\r\n\r\n+CPIN: READY\r\n", 0), 0u);
 	EXPECT_EQ(ask("AT+CPIN?\r"), "\r\n+CPIN: READY\r\n\r\nOK\r\n");
 	EXPECT_EQ(ask("AT+CPIN=\"1234\"\r"), "\r\n+CME ERROR: 3\r\n");
+}
+
+// Exchanges with the EC25 state model. Each step sends a command line (or
+// runs an operator action, "do name args"), lets the clock run for `wait`
+// milliseconds and expects exactly the bytes that came meanwhile.
+struct Step {
+	const char *input;
+	Ms wait;
+	const char *output;
+};
+
+class Ec25StateTest : public Ec25Test {
+protected:
+	void play(const std::vector<Step> &steps)
+	{
+		for (const Step &st : steps) {
+			SCOPED_TRACE(st.input);
+			std::string in = st.input;
+			std::string out;
+			if (in.rfind("do ", 0) == 0) {
+				std::string rest = in.substr(3);
+				size_t sp = rest.find(' ');
+				ASSERT_TRUE(modem_->run_action(rest.substr(0, sp),
+							       sp == std::string::npos ? "" : rest.substr(sp + 1), now_));
+				out = modem_->take_output();
+			} else {
+				out = send(in + "\r");
+			}
+			out += all_until(now_ + st.wait);
+			EXPECT_EQ(out, st.output);
+		}
+	}
+};
+
+TEST_F(Ec25StateTest, ThreeWrongPinsAskForThePukWhichSetsANewPin)
+{
+	play({
+		{"AT+CLCK=\"SC\",1,\"1234\"", 100, "\r\nOK\r\n"},
+		{"AT+CLCK=\"SC\",2", 100, "\r\n+CLCK: 1\r\n\r\nOK\r\n"},
+	});
+	modem_->reboot(now_);
+	all_until(now_ + 3000);
+	play({
+		{"ATE0", 100, "ATE0\r\r\nOK\r\n"},
+		{"AT+CPIN?", 100, "\r\n+CPIN: SIM PIN\r\n\r\nOK\r\n"},
+		{"AT+CREG?", 100, "\r\n+CREG: 0,0\r\n\r\nOK\r\n"}, // no registration without the PIN
+		{"AT+CPIN=\"1111\"", 100, "\r\n+CME ERROR: 16\r\n"},
+		{"AT+QPINC=\"SC\"", 100, "\r\n+QPINC: \"SC\",2,10\r\n\r\nOK\r\n"},
+		{"AT+CPIN=\"2222\"", 100, "\r\n+CME ERROR: 16\r\n"},
+		{"AT+CPIN=\"3333\"", 100, "\r\n+CME ERROR: 16\r\n\r\n+CPIN: SIM PUK\r\n"},
+		{"AT+CPIN?", 100, "\r\n+CPIN: SIM PUK\r\n\r\nOK\r\n"},
+		{"AT+CPIN=\"1234\"", 100, "\r\n+CME ERROR: 12\r\n"}, // the right PIN is too late
+		{"AT+CPIN=\"87654321\",\"4321\"", 100, "\r\n+CME ERROR: 16\r\n"},
+		{"AT+QPINC=\"SC\"", 100, "\r\n+QPINC: \"SC\",0,9\r\n\r\nOK\r\n"},
+		{"AT+CMEE=2", 100, "\r\nOK\r\n"},
+		{"AT+CPIN=\"12345678\",\"4321\"", 1500,
+		 "\r\nOK\r\n\r\n+CPIN: READY\r\n\r\n+QUSIM: 1\r\n\r\n+QIND: SMS DONE\r\n"},
+		{"AT+CREG?", 100, "\r\n+CREG: 0,1\r\n\r\nOK\r\n"},
+		{"AT+QPINC=\"SC\"", 100, "\r\n+QPINC: \"SC\",3,10\r\n\r\nOK\r\n"},
+		{"AT+CLCK=\"SC\",0,\"1234\"", 100, "\r\n+CME ERROR: incorrect password\r\n"},
+		{"AT+CLCK=\"SC\",0,\"4321\"", 100, "\r\nOK\r\n"},
+		{"AT+CPWD=\"SC\",\"4321\",\"5678\"", 100, "\r\n+CME ERROR: operation not allowed\r\n"}, // lock off
+	});
+}
+
+TEST_F(Ec25StateTest, PinChangeAndTheSimComingAndGoing)
+{
+	play({
+		{"AT+CLCK=\"SC\",1,\"1234\"", 100, "\r\nOK\r\n"},
+		{"AT+CPWD=\"SC\",\"0000\",\"5678\"", 100, "\r\n+CME ERROR: 16\r\n"},
+		{"AT+CPWD=\"SC\",\"1234\",\"5678\"", 100, "\r\nOK\r\n"},
+		{"AT+QPINC=\"SC\"", 100, "\r\n+QPINC: \"SC\",3,10\r\n\r\nOK\r\n"}, // the right PIN resets the count
+		{"AT+CREG=1", 100, "\r\nOK\r\n"},
+		{"do sim_out", 100, "\r\n+CPIN: NOT READY\r\n\r\n+CREG: 0\r\n"},
+		{"AT+CPIN?", 100, "\r\n+CME ERROR: 10\r\n"},
+		{"AT+CLCK=\"SC\",2", 100, "\r\n+CME ERROR: 10\r\n"},
+		{"do sim_in", 100, "\r\n+CPIN: SIM PIN\r\n"}, // the lock is on
+		{"AT+CPIN=\"5678\"", 1500,
+		 "\r\nOK\r\n\r\n+CPIN: READY\r\n\r\n+QUSIM: 1\r\n\r\n+QIND: SMS DONE\r\n\r\n+CREG: 1\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, RadioOffDeregistersAndRadioOnRegistersAgain)
+{
+	play({
+		{"AT+CREG=2;+CEREG=1", 100, "\r\nOK\r\n"},
+		{"AT+CFUN=0", 100, "\r\nOK\r\n\r\n+CREG: 0\r\n\r\n+CEREG: 0\r\n"},
+		{"AT+CREG?;+CGREG?", 100, "\r\n+CREG: 2,0\r\n\r\n+CGREG: 0,0\r\n\r\nOK\r\n"},
+		{"AT+CPIN?", 100, "\r\n+CPIN: READY\r\n\r\nOK\r\n"}, // the SIM is still there
+		{"AT+CSQ", 100, "\r\n+CSQ: 99,99\r\n\r\nOK\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 0\r\n\r\nOK\r\n"},
+		{"AT+CGACT?", 100, "\r\n+CGACT: 1,0\r\n+CGACT: 2,0\r\n\r\nOK\r\n"},
+		{"AT+CFUN=1", 2500,
+		 "\r\nOK\r\n\r\n+CREG: 2\r\n\r\n+CEREG: 2\r\n\r\n+CREG: 1,\"1A2B\",\"01A2B3C4\",7\r\n\r\n+CEREG: 1\r\n"},
+		{"AT+CFUN?;+CEREG?", 100, "\r\n+CFUN: 1\r\n\r\n+CEREG: 1,1\r\n\r\nOK\r\n"},
+		{"AT+CGACT?", 100, "\r\n+CGACT: 1,1\r\n+CGACT: 2,0\r\n\r\nOK\r\n"}, // the default bearer is back
+		{"AT+CFUN=4", 100, "\r\nOK\r\n\r\n+CREG: 0\r\n\r\n+CEREG: 0\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, TheNetworkChangesUnderTheModem)
+{
+	play({
+		{"do network_lost", 100, ""}, // report modes are 0 after boot
+		{"AT+CREG=2;+CGREG=1;+CEREG=2", 100, "\r\nOK\r\n"},
+		{"AT+CREG?", 100, "\r\n+CREG: 2,2\r\n\r\nOK\r\n"},
+		{"do network_back", 100,
+		 "\r\n+CREG: 1,\"1A2B\",\"01A2B3C4\",7\r\n\r\n+CGREG: 1\r\n\r\n+CEREG: 1,\"1A2B\",\"01A2B3C4\",7\r\n"},
+		{"do roaming", 100,
+		 "\r\n+CREG: 5,\"1A2B\",\"01A2B3C4\",7\r\n\r\n+CGREG: 5\r\n\r\n+CEREG: 5,\"1A2B\",\"01A2B3C4\",7\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 0,0,\"A1\",7\r\n\r\nOK\r\n"},
+		{"do denied", 100, "\r\n+CREG: 3\r\n\r\n+CGREG: 3\r\n\r\n+CEREG: 3\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 0\r\n\r\nOK\r\n"},
+		{"do denied", 100, ""}, // no change, no URC
+		{"do network_back", 100,
+		 "\r\n+CREG: 1,\"1A2B\",\"01A2B3C4\",7\r\n\r\n+CGREG: 1\r\n\r\n+CEREG: 1,\"1A2B\",\"01A2B3C4\",7\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, OperatorSelection)
+{
+	play({
+		{"AT+CREG=1", 100, "\r\nOK\r\n"},
+		{"AT+COPS=1,2,\"26202\"", 1100, "\r\nOK\r\n\r\n+CREG: 5\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 1,0,\"Vodafone.de\",7\r\n\r\nOK\r\n"},
+		{"AT+COPS=3,1;+COPS?", 100, "\r\n+COPS: 1,1,\"Vodafone\",7\r\n\r\nOK\r\n"},
+		{"AT+COPS=1,2,\"26203\"", 1100, "\r\n+CME ERROR: 30\r\n"}, // forbidden
+		{"AT+COPS=1,2,\"99999\"", 1100, "\r\n+CME ERROR: 30\r\n"},
+		{"AT+COPS=0", 100, "\r\nOK\r\n\r\n+CREG: 1\r\n"},
+		{"AT+COPS=3,2;+COPS?", 100, "\r\n+COPS: 0,2,\"26201\",7\r\n\r\nOK\r\n"},
+		{"AT+COPS=2", 100, "\r\nOK\r\n\r\n+CREG: 0\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 2\r\n\r\nOK\r\n"},
+		{"AT+COPS=0,0", 100, "\r\nOK\r\n\r\n+CREG: 1\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 0,0,\"Telekom.de\",7\r\n\r\nOK\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, PdpContextsDefinedActivatedAndRemoved)
+{
+	const char *v6 = "0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0";
+	std::string listing = std::string("\r\n+CGDCONT: 1,\"IPV4V6\",\"internet.telekom\",\"") + v6 +
+			      "\",0,0,0,0\r\n+CGDCONT: 2,\"IPV4V6\",\"ims\",\"" + v6 +
+			      "\",0,0,0,0\r\n+CGDCONT: 3,\"IP\",\"m2m.example\",\"0.0.0.0\",0,0,0,0\r\n\r\nOK\r\n";
+	play({
+		{"AT+CGDCONT=3,\"IP\",\"m2m.example\"", 100, "\r\nOK\r\n"},
+		{"AT+CGDCONT?", 100, listing.c_str()},
+		{"AT+CGDCONT=3,\"X25\",\"old\"", 100, "\r\n+CME ERROR: 3\r\n"},
+		{"AT+CGACT=1,3", 100, "\r\nOK\r\n"},
+		{"AT+CGACT?", 100, "\r\n+CGACT: 1,1\r\n+CGACT: 2,0\r\n+CGACT: 3,1\r\n\r\nOK\r\n"},
+		{"AT+CGPADDR=3", 100, "\r\n+CGPADDR: 3,\"10.68.12.36\"\r\n\r\nOK\r\n"},
+		{"AT+CGPADDR", 100,
+		 "\r\n+CGPADDR: 1,\"10.68.12.34\",\"38.1.4.128.112.5.0.0.0.0.0.0.0.0.0.1\"\r\n"
+		 "+CGPADDR: 2,\"0.0.0.0\",\"0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0\"\r\n+CGPADDR: 3,\"10.68.12.36\"\r\n\r\nOK\r\n"},
+		{"AT+CGCONTRDP=3", 100,
+		 "\r\n+CGCONTRDP: 3,7,\"m2m.example\",\"10.68.12.36.255.255.255.0\",\"10.68.12.33\",\"10.74.210.210\","
+		 "\"10.74.210.211\"\r\n\r\nOK\r\n"},
+		{"AT+CGDCONT=3", 100, "\r\n+CME ERROR: 3\r\n"}, // active
+		{"AT+CGACT=0,3;+CGDCONT=3", 100, "\r\nOK\r\n"},
+		{"AT+CGPADDR=3;+CGACT?", 100, "\r\n+CGACT: 1,1\r\n+CGACT: 2,0\r\n\r\nOK\r\n"},
+		{"AT+CGATT=0", 100, "\r\nOK\r\n"},
+		{"AT+CGATT?;+CGACT?;+CGREG?", 100,
+		 "\r\n+CGATT: 0\r\n\r\n+CGACT: 1,0\r\n+CGACT: 2,0\r\n\r\n+CGREG: 0,0\r\n\r\nOK\r\n"},
+		{"AT+CREG?", 100, "\r\n+CREG: 0,1\r\n\r\nOK\r\n"}, // still registered for calls and SMS
+		{"AT+CGACT=1,2", 1100, "\r\n+CME ERROR: 30\r\n"},
+		{"AT+CGATT=1", 100, "\r\nOK\r\n"},
+		{"AT+CGATT?;+CGACT?", 100, "\r\n+CGATT: 1\r\n\r\n+CGACT: 1,1\r\n+CGACT: 2,0\r\n\r\nOK\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, IncomingCallRingsUntilAnswered)
+{
+	play({
+		{"ATA", 100, "\r\nNO CARRIER\r\n"}, // nothing to answer
+		{"AT+CLIP=1", 100, "\r\nOK\r\n"},
+		{"AT+CLIP?", 100, "\r\n+CLIP: 1,1\r\n\r\nOK\r\n"},
+		{"do call_in +491701234567", 100, "\r\nRING\r\n\r\n+CLIP: \"+491701234567\",145,,,,0\r\n"},
+		{"AT+CLCC", 100, "\r\n+CLCC: 1,1,4,0,0,\"+491701234567\",145\r\n\r\nOK\r\n"},
+		{"AT+CPAS", 2800, "\r\n+CPAS: 3\r\n\r\nOK\r\n\r\nRING\r\n\r\n+CLIP: \"+491701234567\",145,,,,0\r\n"},
+		{"ATA", 100, "\r\nOK\r\n"},
+		{"AT+CLCC;+CPAS", 6000, "\r\n+CLCC: 1,1,0,0,0,\"+491701234567\",145\r\n\r\n+CPAS: 4\r\n\r\nOK\r\n"},
+		{"do call_end", 100, "\r\nNO CARRIER\r\n"},
+		{"AT+CLCC;+CPAS", 100, "\r\n+CPAS: 0\r\n\r\nOK\r\n"},
+		{"AT+CRC=1;+CLIP=0", 100, "\r\nOK\r\n"},
+		{"do call_in 01701234567", 3100, "\r\n+CRING: VOICE\r\n\r\n+CRING: VOICE\r\n"},
+		{"AT+CLCC", 100, "\r\n+CLCC: 1,1,4,0,0,\"01701234567\",129\r\n\r\nOK\r\n"},
+		{"AT+CHUP", 6000, "\r\nOK\r\n"}, // and no more rings
+	});
+}
+
+TEST_F(Ec25StateTest, DialledCall)
+{
+	play({
+		{"ATD+491609876543;", 100, "\r\nOK\r\n"},
+		{"AT+CLCC", 100, "\r\n+CLCC: 1,0,0,0,0,\"+491609876543\",145\r\n\r\nOK\r\n"},
+		{"do call_in +4930123", 100, ""}, // busy: the second call is not offered
+		{"ATH", 100, "\r\nOK\r\n"},
+		{"AT+CFUN=4", 100, "\r\nOK\r\n"},
+		{"ATD0301234;", 100, "\r\nNO CARRIER\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, UssdAnswerComesAfterTheOk)
+{
+	send("AT+CUSD=1,\"*100#\",15\r");
+	auto got = run_until(now_ + 2000);
+	ASSERT_EQ(got.size(), 2u);
+	EXPECT_EQ(got[0].second, "\r\nOK\r\n");
+	EXPECT_EQ(got[1].first - got[0].first, 995); // a second after the command, OK after 5 ms latency
+	EXPECT_EQ(got[1].second, "\r\n+CUSD: 0,\"Guthaben: 12,34 EUR\",15\r\n");
+	play({
+		{"AT+CUSD?", 100, "\r\n+CUSD: 1\r\n\r\nOK\r\n"},
+		{"AT+CUSD=1,\"*135#\",15", 1100, "\r\nOK\r\n\r\n+CUSD: 4\r\n"}, // not a code of this network
+		{"AT+CUSD=1,\"*100#\",15", 100, "\r\nOK\r\n"},
+		{"AT+CUSD=2", 2000, "\r\nOK\r\n"}, // cancelled: no answer follows
+		{"do network_lost", 100, ""},
+		{"AT+CUSD=1,\"*100#\",15", 2000, "\r\n+CME ERROR: 30\r\n"},
+	});
+}
+
+TEST_F(Ec25StateTest, SimpleSettings)
+{
+	play({
+		{"AT+CTZU?", 100, "\r\n+CTZU: 1\r\n\r\nOK\r\n"},
+		{"AT+CTZU=3;+CTZU?", 100, "\r\n+CTZU: 3\r\n\r\nOK\r\n"},
+		{"AT+CTZU=2", 100, "\r\nERROR\r\n"},
+		{"AT+CRC?", 100, "\r\n+CRC: 0\r\n\r\nOK\r\n"},
+		{"AT+GCAP", 100, "\r\n+GCAP: +CGSM\r\n\r\nOK\r\n"},
+		{"AT+CMEE=2;+CMEE?", 100, "\r\n+CMEE: 2\r\n\r\nOK\r\n"},
+		{"AT+CPAS", 100, "\r\n+CPAS: 0\r\n\r\nOK\r\n"},
+	});
+}
+
+
+// ------------------------------------------ the shipped RM520N scenario
+
+class Rm520nTest : public Ec25StateTest {
+protected:
+	void SetUp() override
+	{
+		Scenario sc;
+		std::string err;
+		ASSERT_TRUE(load_scenario(std::string(WWANCTL_SOURCE_DIR) + "/tools/modem-sim/scenarios/rm520n.scn", &sc,
+					  &err))
+			<< err;
+		modem_ = std::make_unique<Modem>(std::move(sc));
+		modem_->start(now_, false);
+		send("ATE0V1\r");
+		all_until(now_ + 100);
+	}
+};
+
+TEST_F(Rm520nTest, IdentityAndStandaloneRegistration)
+{
+	play({
+		{"ATI", 100, "\r\nQuectel\r\nRM520N-GL\r\nRevision: RM520NGLAAR01A07M4G\r\n\r\nOK\r\n"},
+		{"AT+GMR", 100, "\r\nRM520NGLAAR01A07M4G\r\n\r\nOK\r\n"},
+		{"AT+C5GREG?", 100, "\r\n+C5GREG: 0,1\r\n\r\nOK\r\n"},
+		{"AT+C5GREG=2;+C5GREG?", 100, "\r\n+C5GREG: 2,1,\"00A1B2\",\"0012345C7\",11,1,\"01\"\r\n\r\nOK\r\n"},
+		{"AT+C5GREG=3", 100, "\r\nERROR\r\n"},
+		{"AT+CEREG?;+CREG?", 100, "\r\n+CEREG: 0,0\r\n\r\n+CREG: 0,1\r\n\r\nOK\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 0,0,\"Telekom.de\",11\r\n\r\nOK\r\n"},
+		{"AT+CGATT?", 100, "\r\n+CGATT: 1\r\n\r\nOK\r\n"},
+	});
+}
+
+TEST_F(Rm520nTest, C5gregUrcsFollowTheState)
+{
+	play({
+		{"AT+C5GREG=2;+CEREG=2", 100, "\r\nOK\r\n"},
+		{"AT+CFUN=0", 100, "\r\nOK\r\n\r\n+C5GREG: 0\r\n"}, // no +CEREG: EPS was not registered
+		{"AT+CFUN=1", 2500,
+		 "\r\nOK\r\n\r\n+C5GREG: 2\r\n\r\n+C5GREG: 1,\"00A1B2\",\"0012345C7\",11,1,\"01\"\r\n"},
+		{"AT+C5GREG=1", 100, "\r\nOK\r\n"},
+		{"do roaming", 100, "\r\n+C5GREG: 5\r\n"},
+		{"AT+COPS?", 100, "\r\n+COPS: 0,0,\"A1\",11\r\n\r\nOK\r\n"},
+	});
+}
+
+TEST_F(Rm520nTest, ScanListsEachRadio)
+{
+	send("AT+COPS=?\r");
+	std::string all = all_until(now_ + 4000);
+	EXPECT_EQ(all, "\r\n+COPS: (2,\"Telekom.de\",\"TDG\",\"26201\",11),(1,\"Telekom.de\",\"TDG\",\"26201\",7),"
+		       "(1,\"Vodafone.de\",\"Vodafone\",\"26202\",11),(1,\"Vodafone.de\",\"Vodafone\",\"26202\",13),"
+		       "(3,\"o2 - de\",\"o2 - de\",\"26203\",11),,(0,1,2,3,4),(0,1,2)\r\n\r\nOK\r\n");
 }
 
 } // namespace

@@ -86,13 +86,25 @@ bool parse_duration(std::string_view s, long *ms)
 
 namespace {
 
-bool valid_var_name(std::string_view s)
+bool name_char(char c)
+{
+	return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-';
+}
+
+// A variable name; with `captures`, "$1".."$9" may stand inside it.
+bool valid_var_name(std::string_view s, bool captures = false)
 {
 	if (s.empty())
 		return false;
-	for (char c : s)
-		if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_' && c != '-')
-			return false;
+	for (size_t i = 0; i < s.size(); i++) {
+		if (name_char(s[i]))
+			continue;
+		if (captures && s[i] == '$' && i + 1 < s.size() && s[i + 1] >= '1' && s[i + 1] <= '9') {
+			i++;
+			continue;
+		}
+		return false;
+	}
 	return true;
 }
 
@@ -106,10 +118,56 @@ int hex_digit(char c)
 	return -1;
 }
 
+// "<var> <cmp> <value>" of 'when' and 'if'.
+bool parse_condition(std::string_view s, Condition *c, std::string *bad)
+{
+	s = trim(s);
+	size_t end = 0;
+	while (end < s.size() && (name_char(s[end]) || s[end] == '$'))
+		end++;
+	if (!valid_var_name(s.substr(0, end), true)) {
+		*bad = "bad variable name";
+		return false;
+	}
+	c->var = std::string(s.substr(0, end));
+	s = trim(s.substr(end));
+	static const struct {
+		const char *text;
+		Cmp cmp;
+	} ops[] = {
+		{"!=", Cmp::ne}, {"<=", Cmp::le}, {">=", Cmp::ge}, {"=", Cmp::eq},
+		{"<", Cmp::lt},  {">", Cmp::gt},  {"~", Cmp::match},
+	};
+	for (const auto &op : ops) {
+		std::string_view t = op.text;
+		if (s.substr(0, t.size()) == t) {
+			c->cmp = op.cmp;
+			c->value = std::string(trim(s.substr(t.size())));
+			return true;
+		}
+	}
+	*bad = "a condition is <var> =, !=, <, <=, >, >= or ~ <value>";
+	return false;
+}
+
+size_t indent_of(std::string_view raw_line)
+{
+	size_t n = 0;
+	while (n < raw_line.size() && is_blank(raw_line[n]))
+		n++;
+	return n;
+}
+
+constexpr int max_include_depth = 8;
+
 class Parser {
 public:
-	Parser(Scenario *sc, ParseError *err) : sc_(sc), err_(err) {}
+	Parser(Scenario *sc, ParseError *err, std::string dir, int depth)
+		: sc_(sc), err_(err), dir_(std::move(dir)), depth_(depth)
+	{
+	}
 
+	// Parses one file's text into the scenario.
 	bool run(std::string_view text)
 	{
 		int line_no = 0;
@@ -121,6 +179,12 @@ public:
 			if (!handle(line, line_no))
 				return false;
 		}
+		return end_body();
+	}
+
+	// Defaults and checks over the whole scenario, once every file is read.
+	bool finish()
+	{
 		if (sc_->unknown_block.empty()) {
 			Stmt s;
 			s.op = Op::error;
@@ -132,6 +196,15 @@ public:
 			s.text = "POWERED DOWN";
 			sc_->powerdown_block.push_back(s);
 		}
+		for (const Rule &r : sc_->rules)
+			if (!check_calls(r.body))
+				return false;
+		for (const auto *b : {&sc_->boot_block, &sc_->fota_block, &sc_->powerdown_block, &sc_->unknown_block})
+			if (!check_calls(*b))
+				return false;
+		for (const auto &a : sc_->actions)
+			if (!check_calls(a.second))
+				return false;
 		return true;
 	}
 
@@ -143,6 +216,18 @@ private:
 		return false;
 	}
 
+	// Every 'do' names an action of the scenario, wherever it is defined.
+	bool check_calls(const std::vector<Stmt> &body)
+	{
+		for (const Stmt &s : body) {
+			if (s.op == Op::do_ && sc_->actions.find(s.text) == sc_->actions.end())
+				return fail(s.line_no, quoted(s.text, "is no action of the scenario"));
+			if (!check_calls(s.block) || !check_calls(s.otherwise))
+				return false;
+		}
+		return true;
+	}
+
 	bool check_text(std::string_view text, int line_no)
 	{
 		std::string out, bad;
@@ -151,17 +236,36 @@ private:
 		return true;
 	}
 
+	// A rule or block has ended: an 'if', 'else' or 'after' left without its
+	// indented block is a mistake.
+	bool end_body()
+	{
+		if (opener_)
+			return fail(opener_line_, "an indented block must follow");
+		levels_.clear();
+		body_ = nullptr;
+		return true;
+	}
+
+	void open(std::vector<Stmt> *body, bool in_action = false)
+	{
+		body_ = body;
+		in_action_ = in_action;
+		levels_.clear();
+	}
+
 	bool handle(std::string_view raw_line, int line_no)
 	{
 		std::string_view line = trim(raw_line);
 		if (line.empty() || line.front() == '#')
 			return true;
 		if (is_blank(raw_line.front()))
-			return statement(line, line_no);
+			return statement(line, indent_of(raw_line), line_no);
 
+		if (!end_body())
+			return false;
 		std::string_view rest = line;
 		std::string_view word = next_word(&rest);
-		body_ = nullptr;
 		if (word == "on") {
 			if (rest.empty())
 				return fail(line_no, "'on' needs a command pattern");
@@ -173,20 +277,42 @@ private:
 			}
 			sc_->rules.back().patterns.emplace_back(rest);
 			open_rule_ = true;
-			body_ = &sc_->rules.back().body;
+			open(&sc_->rules.back().body);
 			return true;
 		}
 		open_rule_ = false;
 		if (word == "boot" || word == "fota" || word == "powerdown" || word == "unknown") {
 			if (!rest.empty())
 				return fail(line_no, quoted(word, "takes no argument"));
-			body_ = word == "boot" ? &sc_->boot_block
-				: word == "fota" ? &sc_->fota_block
-				: word == "powerdown" ? &sc_->powerdown_block
-				: &sc_->unknown_block;
-			body_->clear();
+			std::vector<Stmt> *b = word == "boot" ? &sc_->boot_block
+					       : word == "fota" ? &sc_->fota_block
+					       : word == "powerdown" ? &sc_->powerdown_block
+					       : &sc_->unknown_block;
+			b->clear();
+			open(b);
 			return true;
 		}
+		if (word == "action") {
+			if (!valid_var_name(rest))
+				return fail(line_no, "'action' needs a name");
+			std::vector<Stmt> &b = sc_->actions[std::string(rest)];
+			b.clear(); // a later definition replaces an earlier one
+			open(&b, true);
+			return true;
+		}
+		if (word == "keep") {
+			if (rest.empty())
+				return fail(line_no, "'keep' needs variable names");
+			while (!rest.empty()) {
+				std::string_view name = next_word(&rest);
+				if (!valid_var_name(name))
+					return fail(line_no, "bad variable name");
+				sc_->keep.emplace_back(name);
+			}
+			return true;
+		}
+		if (word == "include")
+			return include(rest, line_no);
 		if (word == "model") {
 			sc_->model = std::string(rest);
 			return true;
@@ -234,34 +360,90 @@ private:
 		return fail(line_no, "unknown keyword '" + std::string(word) + "'");
 	}
 
-	bool statement(std::string_view line, int line_no)
+	bool include(std::string_view name, int line_no)
+	{
+		if (name.empty())
+			return fail(line_no, "'include' needs a file name");
+		if (dir_.empty())
+			return fail(line_no, "'include' works only in a scenario file");
+		if (depth_ >= max_include_depth)
+			return fail(line_no, "includes nested too deeply");
+		std::string path = name.front() == '/' ? std::string(name) : dir_ + "/" + std::string(name);
+		std::ifstream in(path, std::ios::binary);
+		if (!in)
+			return fail(line_no, "cannot open '" + path + "'");
+		std::ostringstream ss;
+		ss << in.rdbuf();
+		size_t slash = path.rfind('/');
+		Parser sub(sc_, err_, path.substr(0, slash), depth_ + 1);
+		if (!sub.run(ss.str())) {
+			if (err_->file.empty())
+				err_->file = path;
+			return false;
+		}
+		return true;
+	}
+
+	// Places a statement by its indentation: deeper than the one before only
+	// right after an 'if', 'else' or 'after', which it then belongs to.
+	bool place(size_t indent, int line_no)
+	{
+		if (levels_.empty()) {
+			levels_.push_back({indent, body_});
+			return true;
+		}
+		if (indent > levels_.back().indent) {
+			if (!opener_)
+				return fail(line_no, "indented deeper than the line before");
+			levels_.push_back({indent, opener_});
+			opener_ = nullptr;
+			return true;
+		}
+		if (opener_)
+			return fail(opener_line_, "an indented block must follow");
+		while (indent < levels_.back().indent) {
+			levels_.pop_back();
+			if (levels_.empty())
+				return fail(line_no, "indentation matches no line above");
+		}
+		if (indent != levels_.back().indent)
+			return fail(line_no, "indentation matches no line above");
+		return true;
+	}
+
+	bool statement(std::string_view line, size_t indent, int line_no)
 	{
 		if (!body_)
 			return fail(line_no, "indented line outside a rule or block");
+		if (!place(indent, line_no))
+			return false;
+		std::vector<Stmt> *body = levels_.back().body;
+		bool top = levels_.size() == 1;
 		std::string_view rest = line;
 		std::string_view word = next_word(&rest);
 		Stmt s;
 		s.line_no = line_no;
 
 		if (word == "when") {
-			if (!open_rule_ || !body_->empty())
+			if (!open_rule_ || !body->empty() || !top)
 				return fail(line_no, "'when' belongs right after the 'on' lines");
 			Condition c;
-			size_t pos = rest.find("!=");
-			size_t len = 2;
-			if (pos == std::string_view::npos) {
-				pos = rest.find('=');
-				len = 1;
-			} else {
-				c.equal = false;
-			}
-			if (pos == std::string_view::npos)
-				return fail(line_no, "'when' needs var = value or var != value");
-			c.var = std::string(trim(rest.substr(0, pos)));
-			c.value = std::string(trim(rest.substr(pos + len)));
-			if (!valid_var_name(c.var))
-				return fail(line_no, "bad variable name");
+			std::string bad;
+			if (!parse_condition(rest, &c, &bad))
+				return fail(line_no, "'when': " + bad);
+			if (!check_text(c.value, line_no))
+				return false;
 			sc_->rules.back().when.push_back(std::move(c));
+			return true;
+		}
+		if (word == "else") {
+			if (!rest.empty())
+				return fail(line_no, quoted(word, "takes no argument"));
+			if (body->empty() || body->back().op != Op::if_ || body->back().has_else)
+				return fail(line_no, "'else' must follow the block of an 'if'");
+			body->back().has_else = true;
+			opener_ = &body->back().otherwise;
+			opener_line_ = line_no;
 			return true;
 		}
 
@@ -272,17 +454,19 @@ private:
 		static const Simple simple[] = {
 			{"ok", Op::ok},     {"error", Op::error},         {"boot", Op::boot},
 			{"fota", Op::fota}, {"powerdown", Op::powerdown}, {"hang", Op::hang},
+			{"stop", Op::stop},
 		};
 		for (const Simple &sm : simple) {
 			if (word == sm.word) {
 				if (!rest.empty())
 					return fail(line_no, quoted(word, "takes no argument"));
 				s.op = sm.op;
-				body_->push_back(std::move(s));
+				body->push_back(std::move(s));
 				return true;
 			}
 		}
 
+		bool opens = false;
 		if (word == "line" || word == "urc" || word == "result" || word == "raw") {
 			s.op = word == "line" ? Op::line : word == "urc" ? Op::urc : word == "result" ? Op::result : Op::raw;
 			if (s.op == Op::raw) {
@@ -310,7 +494,7 @@ private:
 		} else if (word == "set") {
 			s.op = Op::set;
 			s.text = std::string(next_word(&rest));
-			if (!valid_var_name(s.text))
+			if (!valid_var_name(s.text, true))
 				return fail(line_no, "bad variable name");
 			if (!check_text(rest, line_no))
 				return false;
@@ -318,7 +502,7 @@ private:
 		} else if (word == "add") {
 			s.op = Op::add;
 			s.text = std::string(next_word(&rest));
-			if (!valid_var_name(s.text))
+			if (!valid_var_name(s.text, true))
 				return fail(line_no, "bad variable name");
 			std::string_view amount = next_word(&rest);
 			bool neg = !amount.empty() && amount.front() == '-';
@@ -334,18 +518,66 @@ private:
 			s.op = Op::prompt;
 			if (!rest.empty() && rest != "ok" && rest != "error")
 				return fail(line_no, "'prompt' takes 'ok', 'error' or nothing (the answer to ESC)");
+			// The text after the prompt resumes the rule: only its own
+			// statements can wait for it.
+			if (!top || in_action_)
+				return fail(line_no, "'prompt' belongs at the top of a rule or block");
 			s.text = std::string(rest);
+		} else if (word == "if") {
+			s.op = Op::if_;
+			std::string bad;
+			if (!parse_condition(rest, &s.cond, &bad))
+				return fail(line_no, "'if': " + bad);
+			if (!check_text(s.cond.value, line_no))
+				return false;
+			opens = true;
+		} else if (word == "after") {
+			s.op = Op::after;
+			if (!parse_duration(next_word(&rest), &s.num) || s.num <= 0)
+				return fail(line_no, "'after' needs a duration above 0");
+			if (!rest.empty() && !valid_var_name(rest))
+				return fail(line_no, "bad timer name");
+			s.text = std::string(rest);
+			opens = true;
+		} else if (word == "cancel") {
+			s.op = Op::cancel;
+			if (!valid_var_name(rest))
+				return fail(line_no, "'cancel' needs a timer name");
+			s.text = std::string(rest);
+		} else if (word == "do") {
+			s.op = Op::do_;
+			s.text = std::string(next_word(&rest));
+			if (!valid_var_name(s.text))
+				return fail(line_no, "'do' needs an action name");
+			if (!check_text(rest, line_no))
+				return false;
+			s.value = std::string(rest);
 		} else {
 			return fail(line_no, "unknown statement '" + std::string(word) + "'");
 		}
-		body_->push_back(std::move(s));
+		body->push_back(std::move(s));
+		if (opens) {
+			opener_ = &body->back().block;
+			opener_line_ = line_no;
+		}
 		return true;
 	}
 
+	struct Level {
+		size_t indent;
+		std::vector<Stmt> *body;
+	};
+
 	Scenario *sc_;
 	ParseError *err_;
-	std::vector<Stmt> *body_ = nullptr;
+	std::string dir_; // directory of the file being read; empty for plain text
+	int depth_;
+	std::vector<Stmt> *body_ = nullptr; // the rule's or block's own statements
+	bool in_action_ = false;
 	bool open_rule_ = false;
+	std::vector<Level> levels_;          // nested blocks, outermost first
+	std::vector<Stmt> *opener_ = nullptr; // block the next deeper line opens
+	int opener_line_ = 0;
 };
 
 // "[0-8]", "[012]", "[a-z]": one character of the set, ignoring case.
@@ -404,8 +636,8 @@ bool match_from(std::string_view p, std::string_view t, std::vector<std::string>
 bool parse_scenario(std::string_view text, Scenario *out, ParseError *err)
 {
 	Scenario sc;
-	Parser p(&sc, err);
-	if (!p.run(text))
+	Parser p(&sc, err, std::string(), 0);
+	if (!p.run(text) || !p.finish())
 		return false;
 	*out = std::move(sc);
 	return true;
@@ -420,12 +652,34 @@ bool load_scenario(const std::string &path, Scenario *out, std::string *err)
 	}
 	std::ostringstream ss;
 	ss << in.rdbuf();
+	Scenario sc;
 	ParseError pe;
-	if (!parse_scenario(ss.str(), out, &pe)) {
-		*err = path + ":" + std::to_string(pe.line) + ": " + pe.message;
+	size_t slash = path.rfind('/');
+	Parser p(&sc, &pe, slash == std::string::npos ? std::string(".") : path.substr(0, slash), 0);
+	if (!p.run(ss.str()) || !p.finish()) {
+		*err = (pe.file.empty() ? path : pe.file) + ":" + std::to_string(pe.line) + ": " + pe.message;
 		return false;
 	}
+	*out = std::move(sc);
 	return true;
+}
+
+std::string resolve_name(std::string_view name, const std::vector<std::string> &captures)
+{
+	if (name.find('$') == std::string_view::npos)
+		return std::string(name);
+	std::string out;
+	for (size_t i = 0; i < name.size(); i++) {
+		if (name[i] == '$' && i + 1 < name.size() && name[i + 1] >= '1' && name[i + 1] <= '9') {
+			size_t n = static_cast<size_t>(name[i + 1] - '1');
+			if (n < captures.size())
+				out += captures[n];
+			i++;
+		} else {
+			out += name[i];
+		}
+	}
+	return out;
 }
 
 bool match_pattern(std::string_view pattern, std::string_view text, std::vector<std::string> *captures)
@@ -473,11 +727,13 @@ bool expand_text(std::string_view text, const std::vector<std::string> &captures
 			}
 		} else if (c == '{') {
 			size_t end = text.find('}', i);
-			if (end == std::string_view::npos || !valid_var_name(text.substr(i + 1, end - i - 1))) {
+			std::string_view name = end == std::string_view::npos ? std::string_view()
+										: text.substr(i + 1, end - i - 1);
+			if (!valid_var_name(name, true)) {
 				*bad = "bad {variable} reference";
 				return false;
 			}
-			*out += lookup(text.substr(i + 1, end - i - 1));
+			*out += lookup(resolve_name(name, captures));
 			i = end;
 		} else if (c == '$' && i + 1 < text.size() && text[i + 1] >= '1' && text[i + 1] <= '9') {
 			size_t n = static_cast<size_t>(text[i + 1] - '1');

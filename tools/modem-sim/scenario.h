@@ -5,6 +5,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -30,21 +31,40 @@ enum class Op {
 	fota,      // enter firmware update (runs the fota block)
 	powerdown, // power down (runs the powerdown block)
 	hang,      // stop answering
+	if_,       // run one of two indented blocks, by a condition
+	after,     // run an indented block later (a timer, optionally named)
+	cancel,    // drop the pending timer of that name
+	do_,       // run a named action, with arguments as $1..$9
+	stop,      // end the rule or action here
+};
+
+// How a condition compares a variable with a value.
+enum class Cmp {
+	eq, ne,         // text equality
+	lt, le, gt, ge, // whole numbers
+	match,          // the value is a pattern, as in 'on' lines
+};
+
+// "<var> <cmp> <value>". The variable's name may contain $1..$9 (replaced by
+// the captures first); the value is a text, expanded when it is compared.
+struct Condition {
+	std::string var;
+	Cmp cmp = Cmp::eq;
+	std::string value;
 };
 
 struct Stmt {
 	Op op = Op::ok;
-	std::string text;  // text of line/urc/result/raw, variable of set/add, ESC answer of prompt
-	std::string value; // value of set
-	long num = 0;      // code of cme/cms, ms of delay, byte offset of split, amount of add
+	std::string text;  // text of line/urc/result/raw, variable of set/add, ESC answer of prompt,
+			   // timer name of after/cancel, action name of do
+	std::string value; // value of set, arguments of do
+	long num = 0;      // code of cme/cms, ms of delay/after, byte offset of split, amount of add
 	long num2 = 0;     // ms of split, modulus of add (0: none)
 	int line_no = 0;
-};
-
-struct Condition {
-	std::string var;
-	bool equal = true;
-	std::string value;
+	Condition cond;              // of if
+	std::vector<Stmt> block;     // of if (when it holds) and after
+	std::vector<Stmt> otherwise; // of if, after 'else'
+	bool has_else = false;
 };
 
 struct Rule {
@@ -70,18 +90,27 @@ struct Scenario {
 	std::vector<Periodic> periodic;
 	std::vector<std::string> next_urcs; // sent one after another by "next"/SIGUSR1
 	long latency_ms = 0;                // delay before every answer
+	// Named blocks run by 'do' in a rule or block, or by the operator's "do".
+	std::map<std::string, std::vector<Stmt>, std::less<>> actions;
+	std::vector<std::string> keep; // variables that keep their value across boots
 };
 
 struct ParseError {
+	std::string file; // the included file the error is in; empty: the main text
 	int line = 0;
 	std::string message;
 };
 
-// Parses scenario text. On failure returns false and fills *err.
+// Parses scenario text. On failure returns false and fills *err. 'include'
+// needs a file and is refused here.
 [[nodiscard]] bool parse_scenario(std::string_view text, Scenario *out, ParseError *err);
 
-// Reads and parses a scenario file; *err gets "path:line: message" on failure.
+// Reads and parses a scenario file, with the files it includes (relative to
+// its own directory); *err gets "path:line: message" on failure.
 [[nodiscard]] bool load_scenario(const std::string &path, Scenario *out, std::string *err);
+
+// Replaces $1..$9 in a variable name by the captures ("pdp$1_apn" -> "pdp2_apn").
+[[nodiscard]] std::string resolve_name(std::string_view name, const std::vector<std::string> &captures);
 
 // "250", "250ms" or "3s"; a plain number is milliseconds.
 [[nodiscard]] bool parse_duration(std::string_view s, long *ms);
@@ -93,8 +122,9 @@ struct ParseError {
 				 std::vector<std::string> *captures);
 
 // Expands a text of the scenario: escapes (\r \n \t \e \z \\ \{ \$ \" \xHH),
-// variables ({name}) and captures ($1..$9). Returns false on a bad escape or an
-// unterminated {name}; *bad gets a description.
+// variables ({name}, where the name may hold $1..$9) and captures ($1..$9).
+// Returns false on a bad escape or an unterminated {name}; *bad gets a
+// description.
 using VarLookup = std::function<std::string(std::string_view name)>;
 [[nodiscard]] bool expand_text(std::string_view text, const std::vector<std::string> &captures,
 			       const VarLookup &lookup, std::string *out, std::string *bad);

@@ -325,6 +325,21 @@ TEST_F(SimProcess, UrcThroughTheControlSocket)
 	EXPECT_EQ(control("bogus"), "ERROR unknown command 'bogus' (try help)\n");
 }
 
+// An operator action starts a timer; the process wakes up for it on its own.
+TEST_F(SimProcess, ActionThroughTheControlSocketAndItsTimer)
+{
+	start();
+	open_tty();
+	ask("ATE0\r");
+	EXPECT_EQ(ask("AT+CLIP=1\r"), "\r\nOK\r\n");
+	EXPECT_EQ(control("do call_in +491701234567"), "OK\n");
+	const std::string ring = "\r\nRING\r\n\r\n+CLIP: \"+491701234567\",145,,,,0\r\n";
+	EXPECT_EQ(read_until(tty_, ring, 1000), ring);
+	EXPECT_EQ(read_until(tty_, ring, 4000), ring); // three seconds later
+	EXPECT_EQ(ask("ATA\r"), "\r\nOK\r\n");
+	EXPECT_EQ(control("do nothing"), "ERROR the scenario has no action 'nothing' (try actions)\n");
+}
+
 TEST_F(SimProcess, Sigusr1SendsTheNextUrc)
 {
 	start();
