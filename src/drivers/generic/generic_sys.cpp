@@ -9,6 +9,7 @@
 #include "core/modem_info.h"
 #include "core/sim_config.h"
 #include "drivers/generic/generic_helpers.h"
+#include "drivers/generic/generic_net.h"
 #include "ubus/vocab.h"
 #include "util/log.h"
 #include "util/ujson.h"
@@ -530,5 +531,7 @@ int generic_sys_probe(modem_driver *driver)
     for (const auto &a : actions)
         modem_driver_override(driver, a.action, a.func);
     modem_driver_urc_override(driver, "+CUSD", urc_cusd);
+    // Registration reports, operator selection and scan, and their URCs.
+    generic_net_install(driver);
     return 0;
 }
