@@ -150,7 +150,8 @@ int scan(std::string_view text, const char *fmt, ...)
     std::string large;
     const char *src;
     if (text.size() < sizeof(small)) {
-        std::memcpy(small, text.data(), text.size());
+        if (!text.empty()) // an absent line is a view without data
+            std::memcpy(small, text.data(), text.size());
         small[text.size()] = '\0';
         src = small;
     } else {
@@ -188,6 +189,28 @@ std::string_view first_line(std::string_view text)
     if (line == "OK" || line == "ERROR" || line.starts_with("+CME ERROR") || line.starts_with("+CMS ERROR"))
         return {};
     return line;
+}
+
+std::string_view unquote(std::string_view text)
+{
+    if (text.starts_with('"'))
+        text.remove_prefix(1);
+    if (text.ends_with('"'))
+        text.remove_suffix(1);
+    return text;
+}
+
+size_t split_fields(std::string_view line, std::string_view *fields, size_t max)
+{
+    size_t n = 0;
+    while (n < max) {
+        size_t comma = n + 1 < max ? line.find(',') : std::string_view::npos;
+        fields[n++] = unquote(line.substr(0, comma));
+        if (comma == std::string_view::npos)
+            break;
+        line.remove_prefix(comma + 1);
+    }
+    return n;
 }
 
 // --- replies and cache ----------------------------------------------------------------
