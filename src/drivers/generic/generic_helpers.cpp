@@ -203,6 +203,28 @@ std::string_view line_value(std::string_view text, std::string_view prefix)
     return value;
 }
 
+std::string_view unquote(std::string_view text)
+{
+    if (text.starts_with('"'))
+        text.remove_prefix(1);
+    if (text.ends_with('"'))
+        text.remove_suffix(1);
+    return text;
+}
+
+size_t split_fields(std::string_view line, std::string_view *fields, size_t max)
+{
+    size_t n = 0;
+    while (n < max) {
+        size_t comma = n + 1 < max ? line.find(',') : std::string_view::npos;
+        fields[n++] = unquote(line.substr(0, comma));
+        if (comma == std::string_view::npos)
+            break;
+        line.remove_prefix(comma + 1);
+    }
+    return n;
+}
+
 // --- replies and cache ----------------------------------------------------------------
 
 void reply_enum(ujson *json, const char *key, uint32_t id, vocab_str_fn str)

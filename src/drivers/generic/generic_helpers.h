@@ -90,6 +90,28 @@ std::string_view first_line(std::string_view text);
 // anywhere: with ATV0 a second command's answer follows the first's "0\r".
 std::string_view line_value(std::string_view text, std::string_view prefix);
 
+// The text without its enclosing double quotes; either may be missing
+// (a "%63[^,\r]" capture after a literal quote keeps only the closing one).
+std::string_view unquote(std::string_view text);
+// Calls fn(line) for every line of text that begins with prefix; the line
+// runs from the prefix up to its "\r\n" (or the end of the text).
+template <class F> void for_each_line(std::string_view text, std::string_view prefix, F &&fn)
+{
+    while (!text.empty()) {
+        size_t end = text.find("\r\n");
+        std::string_view line = text.substr(0, end);
+        if (line.starts_with(prefix))
+            fn(line);
+        if (end == std::string_view::npos)
+            break;
+        text.remove_prefix(end + 2);
+    }
+}
+// The comma-separated fields of a line (after its "+XXX: " prefix), each
+// unquoted; at most max, the last one keeping the rest of the line. The
+// number of fields stored.
+size_t split_fields(std::string_view line, std::string_view *fields, size_t max);
+
 // --- replies and cache ----------------------------------------------------------------
 
 // An enumerated value twice: the number under "<key>_id", its text under key.

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -98,10 +99,36 @@ TEST(Scan, PatternsOverUnterminatedAndLongTexts)
     EXPECT_EQ(scan("\r\nERROR\r\n", "\r\n+CRC: %d", &value), 0);
     EXPECT_EQ(scan("", "\r\n+CRC: %d", &value), 0);
     EXPECT_EQ(scan(std::string_view(), "%d", &value), 0);
+    EXPECT_EQ(scan(from_line(text, "+CGACT: "), "\r\n+CGACT: %d", &value), 0); // no such line
     std::string long_answer = "\r\n+COPS: " + std::string(600, '(') + "\r\n";
     char first[4] = {};
     EXPECT_EQ(scan(long_answer, "\r\n+COPS: %3s", first), 1);
     EXPECT_STREQ(first, "(((");
+}
+
+// 3GPP TS 27.007 +CLIP, +CGCONTRDP and +CGACT forms.
+TEST(Scan, FieldsQuotesAndLines)
+{
+    struct {
+        std::string_view line;
+        size_t max;
+        std::vector<std::string_view> fields;
+    } rows[] = {
+        {"\"+4917612345678\",145,,,,0", 6, {"+4917612345678", "145", "", "", "", "0"}},
+        {"1,5,internet,10.1.2.3.255.0.0.0", 4, {"1", "5", "internet", "10.1.2.3.255.0.0.0"}},
+        {"1,5,\"a\",\"b\"", 3, {"1", "5", "a\",\"b"}}, // the last keeps the rest
+        {"internet\",\"", 2, {"internet", ""}},       // a quote alone, either one missing
+        {"1,2", 0, {}},
+    };
+    for (const auto &row : rows) {
+        std::string_view got[8];
+        size_t n = split_fields(row.line, got, row.max);
+        EXPECT_EQ(std::vector<std::string_view>(got, got + n), row.fields) << row.line;
+    }
+    std::vector<std::string_view> lines;
+    for_each_line("+CGACT: 1,1\r\nX+CGACT: 2,0\r\n\r\nOK\r\n\r\n+CGACT: 3,1", "+CGACT: ",
+                  [&](std::string_view line) { lines.push_back(line); });
+    EXPECT_EQ(lines, (std::vector<std::string_view>{"+CGACT: 1,1", "+CGACT: 3,1"}));
 }
 
 TEST(Scan, LinesInsideAnAnswer)

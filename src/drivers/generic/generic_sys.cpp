@@ -10,6 +10,7 @@
 #include "core/sim_config.h"
 #include "drivers/generic/generic_helpers.h"
 #include "drivers/generic/generic_net.h"
+#include "drivers/generic/generic_pdp.h"
 #include "ubus/vocab.h"
 #include "util/log.h"
 #include "util/ujson.h"
@@ -533,5 +534,7 @@ int generic_sys_probe(modem_driver *driver)
     modem_driver_urc_override(driver, "+CUSD", urc_cusd);
     // Registration reports, operator selection and scan, and their URCs.
     generic_net_install(driver);
+    // Packet data contexts, addresses and attach.
+    generic_pdp_install(driver);
     return 0;
 }

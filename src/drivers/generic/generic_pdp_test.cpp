@@ -1,0 +1,61 @@
+#include "drivers/generic/generic_pdp.h"
+
+#include <algorithm>
+
+#include <gtest/gtest.h>
+
+#include "comm/request.h"
+#include "drivers/generic/testdata_answers.h"
+
+namespace
+{
+
+class GenericPdpTest : public driver_case_test
+{
+  protected:
+    static constexpr named_fn fns[] = {
+        {"set_pdp_ctx", set_pdp_ctx, nullptr},
+        {"get_pdp_ctx", get_pdp_ctx, nullptr},
+        {"get_pdp_addr", get_pdp_addr, nullptr},
+        {"get_pdp_addr_list", get_pdp_addr_list, nullptr},
+        {"set_ps_att_state", set_ps_att_state, nullptr},
+        {"get_ps_att_state", get_ps_att_state, nullptr},
+        {"get_act_pdp_ctx_list", get_act_pdp_ctx_list, nullptr},
+        {"get_dns_addr", get_dns_addr, nullptr},
+    };
+};
+
+TEST_F(GenericPdpTest, CommandsFromArguments)
+{
+    run_cases("pdp_commands.txt", fns);
+}
+
+TEST_F(GenericPdpTest, AnswersIntoReplies)
+{
+    run_cases("ec25_pdp.txt", fns);
+    run_cases("ts27007_pdp.txt", fns);
+}
+
+// The activation query leaves its line end to the request, which adds it
+// (and the NUL byte it writes after an added one).
+TEST_F(GenericPdpTest, ActivationQueryReachesTheModemTerminated)
+{
+    ASSERT_EQ(build(get_act_pdp_ctx_list), ACT_STATUS_OK);
+    request_ptr sent(create_request(ACT_GET_ACT_PDP_CTX_LIST, nullptr, nullptr, req.command, req.length, 10, nullptr));
+    ASSERT_TRUE(sent);
+    EXPECT_EQ(std::string(sent->command, sent->length), std::string("AT+CGACT?\r\0", 11));
+}
+
+TEST_F(GenericPdpTest, InstallSetsTheEightActions)
+{
+    const uint32_t actions[] = {ACT_SET_PDP_CTX,          ACT_GET_PDP_CTX,      ACT_GET_PDP_ADDR,
+                                ACT_GET_PDP_ADDR_LIST,    ACT_SET_PS_ATT_STATE, ACT_GET_PS_ATT_STATE,
+                                ACT_GET_ACT_PDP_CTX_LIST, ACT_GET_DNS_ADDR};
+    modem_driver drv = {"Test AT", "test", nullptr, nullptr};
+    generic_pdp_install(&drv);
+    for (size_t i = 0; i < std::size(actions); i++)
+        EXPECT_EQ(drv.funcs[actions[i]], fns[i].act) << fns[i].name;
+    EXPECT_EQ(std::count_if(std::begin(drv.funcs), std::end(drv.funcs), [](act_func f) { return f; }), 8);
+}
+
+} // namespace
