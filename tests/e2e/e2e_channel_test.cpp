@@ -68,22 +68,6 @@ class socket_client
     std::string in_;
 };
 
-// A number from the simulator's `stats` ("executed 2").
-int64_t sim_stat(modem_sim &sim, const std::string &name)
-{
-    std::istringstream in(sim.control("stats"));
-    std::string key;
-    int64_t value = -1;
-    while (in >> key) {
-        if (key == name) {
-            in >> value;
-            return value;
-        }
-        in.ignore(1 << 20, '\n');
-    }
-    return -1;
-}
-
 class Channel : public DaemonTest
 {
   protected:

@@ -1,5 +1,7 @@
 #include "tests/e2e/e2e_harness.h"
 
+#include <sstream>
+
 #include <libubox/uloop.h>
 
 #include <signal.h>
@@ -56,6 +58,21 @@ bool wait_idle(bus_client &bus, const std::string &path, int timeout_ms)
         call_result r = bus.call(path, "info", "{}", 5000);
         return r.status == 0 && r.reply.number("request_count") == 0;
     });
+}
+
+int64_t sim_stat(modem_sim &sim, const std::string &name)
+{
+    std::istringstream in(sim.control("stats"));
+    std::string key;
+    int64_t value = -1;
+    while (in >> key) {
+        if (key == name) {
+            in >> value;
+            return value;
+        }
+        in.ignore(1 << 20, '\n');
+    }
+    return -1;
 }
 
 std::string modem_func_text(int64_t func)

@@ -30,6 +30,9 @@ void expect_timeout_reply(const call_result &r, const std::string &command);
 // Waits until the modem's queue is empty ("request_count" of its info).
 bool wait_idle(bus_client &bus, const std::string &path, int timeout_ms = call_ms);
 
+// A number from the simulator's `stats` ("executed 2"); -1 when absent.
+int64_t sim_stat(modem_sim &sim, const std::string &name);
+
 // The text of a modem function number, as get_default_modem_func reports it.
 std::string modem_func_text(int64_t func);
 
