@@ -96,8 +96,9 @@ TEST_F(Discovery, BuiltinPrimaryModemBecomesModem0AndAnswers)
 
     {
         SCOPED_TRACE("statuses of the bus interface");
-        // An LTE module has no 5G registration: not supported, no reply body.
-        call_result unsupported = bus->call("gsm.modem0", "get_net_5greg_stat");
+        // An action no driver of the EC25 implements yet: not supported, no
+        // reply body.
+        call_result unsupported = bus->call("gsm.modem0", "get_temperature");
         EXPECT_EQ(unsupported.status, UBUS_STATUS_NOT_SUPPORTED);
         EXPECT_EQ(unsupported.replies, 0) << unsupported.reply.json();
 
