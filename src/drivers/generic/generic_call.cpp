@@ -61,7 +61,7 @@ void raise_ring(modem *mdm, uint32_t ring)
 int send_voice_call(modem *mdm, int type, ujson *json, request *req)
 {
     if (type != 0)
-        return answer_ok(mdm) ? ACT_STATUS_OK : ACT_STATUS_INVALID_RESPONSE;
+        return result_status(mdm);
     act_args args(json);
     std::string_view number = args.text("number", number_max);
     if (!args.ok() || number.empty() || number.find_first_not_of("0123456789+*#") != std::string_view::npos)

@@ -143,6 +143,11 @@ bool answer_ok(const modem *mdm)
     return !text.empty() && is_response_valid(text.data(), text.size());
 }
 
+int result_status(const modem *mdm)
+{
+    return answer_ok(mdm) ? ACT_STATUS_OK : ACT_STATUS_INVALID_RESPONSE;
+}
+
 int scan(std::string_view text, const char *fmt, ...)
 {
     // Answers are short; a terminated copy keeps sscanf inside the text.
@@ -291,14 +296,14 @@ int simple_command(modem *mdm, int type, request *req, const char *command)
 {
     if (type == 0)
         return set_command(req, command);
-    return answer_ok(mdm) ? ACT_STATUS_OK : ACT_STATUS_INVALID_RESPONSE;
+    return result_status(mdm);
 }
 
 int set_keyword(modem *mdm, int type, ujson *json, request *req, const char *fmt, const char *arg,
                 vocab_enum_fn arg_enum)
 {
     if (type != 0)
-        return answer_ok(mdm) ? ACT_STATUS_OK : ACT_STATUS_INVALID_RESPONSE;
+        return result_status(mdm);
     act_args args(json);
     uint32_t id = args.keyword(arg, arg_enum);
     if (!args.ok())

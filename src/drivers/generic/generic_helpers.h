@@ -75,6 +75,8 @@ int set_commandf(request *req, const char *fmt, ...) __attribute__((format(print
 std::string_view answer(const modem *mdm);
 // The answer ends in a final OK ("\r\nOK\r\n" or the numeric "0\r").
 bool answer_ok(const modem *mdm);
+// The parse status of an answer that is only its result: 0 on OK, else 5.
+int result_status(const modem *mdm);
 // sscanf over a text that need not be terminated; the count of fields read
 // (0 when nothing matched, also for EOF).
 int scan(std::string_view text, const char *fmt, ...) __attribute__((format(scanf, 2, 3)));

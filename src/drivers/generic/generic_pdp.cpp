@@ -50,7 +50,7 @@ bool add_address(ujson *json, std::string_view line, bool drop_zero_v6)
 int set_pdp_ctx(modem *mdm, int type, ujson *json, request *req)
 {
     if (type != 0)
-        return answer_ok(mdm) ? ACT_STATUS_OK : ACT_STATUS_INVALID_RESPONSE;
+        return result_status(mdm);
 
     act_args args(json);
     int32_t cid = args.number("cid", cid_min, cid_max);

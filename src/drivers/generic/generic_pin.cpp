@@ -100,7 +100,7 @@ int get_imsi(modem *mdm, int type, ujson *json, request *req)
 int set_pin_code(modem *mdm, int type, ujson *json, request *req)
 {
     if (type != 0)
-        return answer_ok(mdm) ? ACT_STATUS_OK : ACT_STATUS_INVALID_RESPONSE;
+        return result_status(mdm);
     act_args args(json);
     const char *code = args.text("code", pin_max);
     if (!args.ok() || !all_digits(code, pin_min, pin_max))
@@ -111,7 +111,7 @@ int set_pin_code(modem *mdm, int type, ujson *json, request *req)
 int set_puk_code(modem *mdm, int type, ujson *json, request *req)
 {
     if (type != 0)
-        return answer_ok(mdm) ? ACT_STATUS_OK : ACT_STATUS_INVALID_RESPONSE;
+        return result_status(mdm);
     act_args args(json);
     const char *puk = args.text("puk", puk_len);
     const char *pin = args.text("pin", pin_max);

@@ -141,7 +141,7 @@ int get_capabilities(modem *mdm, int type, ujson *json, request *req)
 int set_func(modem *mdm, int type, ujson *json, request *req)
 {
     if (type != 0)
-        return answer_ok(mdm) ? ACT_STATUS_OK : ACT_STATUS_INVALID_RESPONSE;
+        return result_status(mdm);
     act_args args(json);
     uint32_t func = args.keyword("func", phone_func_arg_enum);
     bool reset = args.flag("reset");
@@ -211,7 +211,7 @@ int get_mod_status(modem *mdm, int type, ujson *json, request *req)
 int set_fac_lock(modem *mdm, int type, ujson *json, request *req)
 {
     if (type != 0)
-        return answer_ok(mdm) ? ACT_STATUS_OK : ACT_STATUS_INVALID_RESPONSE;
+        return result_status(mdm);
     act_args args(json);
     uint32_t facility = args.keyword("facility", facility_id);
     uint32_t state = args.keyword("state", fac_lock_state_id);
@@ -240,7 +240,7 @@ int get_fac_lock(modem *mdm, int type, ujson *json, request *req)
 int set_new_pass(modem *mdm, int type, ujson *json, request *req)
 {
     if (type != 0)
-        return answer_ok(mdm) ? ACT_STATUS_OK : ACT_STATUS_INVALID_RESPONSE;
+        return result_status(mdm);
     act_args args(json);
     uint32_t facility = args.keyword("facility", facility_id);
     const char *old_pass = args.text("old_pass", password_max);
