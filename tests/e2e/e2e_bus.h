@@ -90,6 +90,8 @@ class bus_client
     bus_client &operator=(const bus_client &) = delete;
 
     bool connected() const { return ctx_ != nullptr; }
+    // The connection, for objects a test serves itself.
+    ubus_context *context() const { return ctx_; }
 
     // Runs the event loop until pred holds or timeout_ms passed; pred's value.
     bool wait_until(int timeout_ms, const std::function<bool()> &pred);
