@@ -253,6 +253,8 @@ TEST(PduDecode, Messages)
         {"one message of ambiguous parts", xy, 2, false, 0, {"x1x2@1,2"}},
         {"one part by itself", xy, 2, true, 0, {"x2@2"}},
         {"no such index", xy, 9, false, 0, {}},
+        {"the part asked for repeats another: not told apart", {xy[0], xy[1], xy[2], xy[3], part(7, 2, 1, 0, "x1", 5)},
+         5, false, 0, {"y1y2@3,4"}, 1},
         {"four separations, then building stops", six, -1, false, 0, {"5152@11,12", "4142@9,10", "3132@7,8", "2122@5,6"}},
         {"broken records dropped, newest first", {rec_of("0001", 1), part(0, 1, 1, 5, "old", 2, false,
          "0B919471615243F9"), part(0, 1, 1, 9, "new", 3)}, -1, false, 0, {"new@3", "old@2"}},
