@@ -77,6 +77,37 @@ uint16_t be_unit(const uint8_t *p)
     return static_cast<uint16_t>((p[0] << 8) | p[1]);
 }
 
+constexpr uint8_t gsm7_escape = 0x1B;
+
+// Characters reached through the escape in the default extension table, with
+// the septet that follows the escape.
+constexpr struct {
+    uint16_t ucs;
+    uint8_t code;
+} ext_alpha[] = {{0x000C, 0x0A}, {'^', 0x14}, {'{', 0x28}, {'}', 0x29}, {'\\', 0x2F},
+                 {'[', 0x3C},    {'~', 0x3D}, {']', 0x3E}, {'|', 0x40}, {0x20AC, 0x65}};
+
+// Septet of a code point in the default alphabet, or -1. The escape position
+// holds no character: U+001B has no code.
+int default_septet(uint32_t cp)
+{
+    if (cp == gsm7_escape)
+        return -1;
+    const uint16_t *def_alpha = LUT_GSM7_LS16[0];
+    for (int i = 0; i < 128; i++)
+        if (def_alpha[i] == cp)
+            return i;
+    return -1;
+}
+
+int extension_septet(uint32_t cp)
+{
+    for (const auto &e : ext_alpha)
+        if (e.ucs == cp)
+            return e.code;
+    return -1;
+}
+
 } // namespace
 
 int utf8_char_len(const char *s)
@@ -205,4 +236,44 @@ int gsm_7bit_to_ucs2(const uint8_t *src, size_t nibbles, uint8_t *dst, size_t ds
             return -1;
     }
     return static_cast<int>(n);
+}
+
+char code_to_digit(uint8_t code)
+{
+    static constexpr char digits[] = "0123456789*#ABC";
+    return code < 15 ? digits[code] : '\0';
+}
+
+size_t utf8_to_unpacked_gsm7(const char *src, size_t src_len, uint8_t *dst, size_t dst_size, size_t *unmapped)
+{
+    size_t missing = 0;
+    size_t n = 0;
+    if (src) {
+        const auto *s = reinterpret_cast<const uint8_t *>(src);
+        size_t pos = 0;
+        while (pos < src_len) {
+            const uint32_t cp = decode_utf8(s, src_len, &pos);
+            uint8_t septets[2];
+            size_t len = 1;
+            if (const int d = default_septet(cp); d >= 0) {
+                septets[0] = static_cast<uint8_t>(d);
+            } else if (const int e = extension_septet(cp); e >= 0) {
+                septets[0] = gsm7_escape;
+                septets[1] = static_cast<uint8_t>(e);
+                len = 2;
+            } else {
+                septets[0] = '?';
+                missing++;
+            }
+            if (!dst) {
+                n += len;
+            } else if (dst_size - n >= len) {
+                for (size_t k = 0; k < len; k++)
+                    dst[n++] = septets[k];
+            }
+        }
+    }
+    if (unmapped)
+        *unmapped = missing;
+    return n;
 }

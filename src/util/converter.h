@@ -32,3 +32,16 @@ size_t utf16be_to_utf8(const uint8_t *src, size_t src_units, char *dst, size_t d
 // Returns the units written, or -1 when dst fills up before the input ends.
 int gsm_7bit_to_ucs2(const uint8_t *src, size_t nibbles, uint8_t *dst, size_t dst_units, unsigned fill_bits,
                      unsigned locking_lang, unsigned single_lang);
+
+// Character of a semi-octet address digit: '0'..'9', then '*', '#', 'A',
+// 'B', 'C' for 10..14; '\0' for the filler 0xF and anything larger.
+char code_to_digit(uint8_t code);
+
+// Converts src_len bytes of UTF-8 into unpacked GSM 7-bit septets, one per
+// byte: a character of the default alphabet as its code, one of the default
+// extension table as the escape 0x1B followed by its code, anything else
+// (invalid sequences included) as '?'. With dst null only counts the septets
+// the text needs; with dst writes at most dst_size of them, never half an
+// escape pair. Returns the septets counted or written; *unmapped (when not
+// null) receives the number of characters that had no code.
+size_t utf8_to_unpacked_gsm7(const char *src, size_t src_len, uint8_t *dst, size_t dst_size, size_t *unmapped);
