@@ -12,7 +12,11 @@
 #include <vector>
 
 constexpr size_t pdu_hex_max = 1024;   // longest hexadecimal PDU accepted
-constexpr size_t pdu_text_size = 341;  // text area: the PDU's hex on input, its UTF-8 text after decoding
+// Text area: the PDU's hex on input, its UTF-8 text after decoding. It holds
+// the longest SMS-DELIVER (a 12-octet SMSC field and 163 TPDU octets: 350
+// hex characters) and the longest text (160 septets of a national table, 3
+// UTF-8 bytes each), so no message the network can send is cut or refused.
+constexpr size_t pdu_text_size = 481;
 constexpr size_t pdu_sender_size = 25; // sender: at most 24 bytes and the NUL
 
 // One PDU as the modem listed it. The decoder rewrites it in place.

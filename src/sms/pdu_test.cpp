@@ -79,6 +79,29 @@ std::string to_deliver(const std::string &submit)
                    submit.substr(da_end + 8), submit.substr(2, 2) == "51", submit.substr(6, da_end - 6));
 }
 
+// The longest PDU the network sends (a full SMSC field, a 20-digit sender,
+// 160 septets) and the longest text (Bengali through the locking-shift
+// header: 155 letters of 3 UTF-8 bytes) are decoded whole.
+TEST(PduDecodeDeliver, LongestPduAndText)
+{
+    const std::string sca = "0B91" + std::string(20, '9');
+    const std::string oa = "1491" + std::string(20, '1');
+    pdu_raw longest = rec_of(sca + deliver("00", 160, std::string(280, '0'), false, oa).substr(2));
+    ASSERT_EQ(longest.length, 350);
+    ASSERT_EQ(pdu_decode_sms_deliver(longest), PDU_OK);
+    EXPECT_EQ(std::string(longest.text), std::string(160, '@'));
+    EXPECT_EQ(std::string(longest.sender), "+" + std::string(20, '1'));
+
+    const std::vector<uint8_t> letters(155, 0x02);
+    pdu_raw bengali = rec_of(deliver("00", 160, "03250104" + pack7(letters, 3), true));
+    ASSERT_EQ(pdu_decode_sms_deliver(bengali), PDU_OK);
+    std::string expected;
+    for (int i = 0; i < 155; i++)
+        expected += utf8_of(LUT_GSM7_LS16[4][0x02]);
+    EXPECT_EQ(expected.size(), 465u);
+    EXPECT_EQ(std::string(bengali.text), expected);
+}
+
 TEST(PduDecodeDeliver, Examples)
 {
     struct row {
@@ -144,7 +167,7 @@ TEST(PduDecodeDeliver, BadInputIsRefused)
         {"", PDU_ERR_HEX_LENGTH},
         {"000", PDU_ERR_HEX_LENGTH},
         {"00", PDU_ERR_HEX_LENGTH, 1026},
-        {"00", PDU_ERR_HEX_SHORT, 400}, // more than the text area holds
+        {"00", PDU_ERR_HEX_SHORT, 482}, // more than the text area holds
         {"0G", PDU_ERR_HEX_DIGIT},
         {"0004", PDU_ERR_HEX_DIGIT, 6}, // the NUL after the text
         {"07", PDU_ERR_SCA_SHORT},

@@ -6,45 +6,9 @@
 namespace e2e {
 namespace {
 
-const char *const board_1_1 = R"({"modems":[{"usb_id":"1-1","builtin":true,"primary":true}]})";
 const char *const rm520n_description = R"({"desc":"RM520N","boudrate":115200,"control":2,"gps":1,"gps_optional":true})";
-const std::string modem0 = "gsm.modem0";
 
-class Actions : public DaemonTest
-{
-  protected:
-    // One modem on the bus, idle, with the test subscribed to its object.
-    modem_sim &serve(const usb_device &dev = usb_device{}, const char *description = nullptr,
-                     const std::string &scenario = "ec25")
-    {
-        modem_sim &sim = description ? plug(dev, description, scenario) : plug_ec25(dev);
-        write_board(*root, board_1_1);
-        start_daemon();
-        EXPECT_NE(wait_modem(modem0), 0u);
-        EXPECT_TRUE(wait_idle(*bus, modem0));
-        EXPECT_TRUE(bus->subscribe(modem0));
-        return sim;
-    }
-    // A call the modem answers without an error.
-    bus_message ok(const std::string &method, const std::string &json = "{}")
-    {
-        call_result r = bus->call(modem0, method, json);
-        EXPECT_TRUE(r.done) << method;
-        EXPECT_EQ(r.status, 0) << method;
-        EXPECT_FALSE(r.reply.has("errno")) << method << " " << json << ": " << r.reply.json();
-        return r.reply;
-    }
-    // The first notification name carrying a value accepted by pred.
-    bool notified(const std::string &name, const std::function<bool(const bus_message &)> &pred)
-    {
-        return bus->wait_until(call_ms, [&] {
-            for (const bus_event &e : bus->notifications_of(name))
-                if (pred(e.data))
-                    return true;
-            return false;
-        });
-    }
-};
+using Actions = ServedModemTest;
 
 TEST_F(Actions, SystemGroup)
 {

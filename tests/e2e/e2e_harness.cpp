@@ -229,4 +229,41 @@ std::vector<std::string> DaemonTest::modem_forms(const std::string &before, cons
     return out;
 }
 
+modem_sim &ServedModemTest::serve(const usb_device &dev, const char *description, const std::string &scenario)
+{
+    modem_sim &sim = description ? plug(dev, description, scenario) : plug_ec25(dev);
+    write_board(*root, R"({"modems":[{"usb_id":"1-1","builtin":true,"primary":true}]})");
+    start_daemon();
+    EXPECT_NE(wait_modem(modem0), 0u);
+    EXPECT_TRUE(wait_idle(*bus, modem0));
+    EXPECT_TRUE(bus->subscribe(modem0));
+    return sim;
+}
+
+bus_message ServedModemTest::ok(const std::string &method, const std::string &json)
+{
+    call_result r = bus->call(modem0, method, json);
+    EXPECT_TRUE(r.done) << method;
+    EXPECT_EQ(r.status, 0) << method;
+    EXPECT_FALSE(r.reply.has("errno")) << method << " " << json << ": " << r.reply.json();
+    return r.reply;
+}
+
+int64_t ServedModemTest::call_errno(const std::string &method, const std::string &json)
+{
+    call_result r = bus->call(modem0, method, json);
+    EXPECT_TRUE(r.done) << method;
+    return r.reply.number("errno").value_or(0);
+}
+
+bool ServedModemTest::notified(const std::string &name, const std::function<bool(const bus_message &)> &pred)
+{
+    return bus->wait_until(call_ms, [&] {
+        for (const bus_event &e : bus->notifications_of(name))
+            if (pred(e.data))
+                return true;
+        return false;
+    });
+}
+
 } // namespace e2e

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -82,6 +83,24 @@ class DaemonTest : public ::testing::Test
     std::unique_ptr<daemon_log> log;
     std::vector<std::unique_ptr<modem_sim>> sims;
     bool exit_checked = false;
+};
+
+// One modem served on the bus, with the test subscribed to its object.
+class ServedModemTest : public DaemonTest
+{
+  protected:
+    static constexpr const char *modem0 = "gsm.modem0";
+
+    // Plugs the modem (an EC25 unless description names another) at USB
+    // 1-1, starts the daemon and waits until gsm.modem0 is idle.
+    modem_sim &serve(const usb_device &dev = usb_device{}, const char *description = nullptr,
+                     const std::string &scenario = "ec25");
+    // A call the modem answers without an error.
+    bus_message ok(const std::string &method, const std::string &json = "{}");
+    // The errno a call answers with (0 when it answers without one).
+    int64_t call_errno(const std::string &method, const std::string &json);
+    // Waits for a notification `name` whose value pred accepts.
+    bool notified(const std::string &name, const std::function<bool(const bus_message &)> &pred);
 };
 
 } // namespace e2e
