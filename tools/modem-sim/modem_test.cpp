@@ -1042,7 +1042,8 @@ TEST_F(Ec25Test, CtrlZEndsTheTextAndSends)
 {
 	EXPECT_EQ(ask("AT+CMGS=23\r"), "\r\n> ");
 	EXPECT_EQ(ask("AT+CFUN=0\r"), "\r\n> ");
-	EXPECT_EQ(ask("0011\x1a"), "\r\n+CMGS: 41\r\n\r\nOK\r\n");
+	// The line became part of the PDU, which is then no PDU at all.
+	EXPECT_EQ(ask("0011\x1a"), "\r\n+CMS ERROR: 304\r\n");
 	EXPECT_EQ(modem_->var("text"), "AT+CFUN=0\r0011");
 	EXPECT_EQ(modem_->var("cfun"), "1");
 	EXPECT_STREQ(modem_->state_name(), "normal");
