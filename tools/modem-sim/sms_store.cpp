@@ -16,7 +16,6 @@ constexpr int cms_bad_text_param = 305; // text mode: bad <stat>, number or text
 constexpr int cms_bad_index = 321;    // index outside the storage
 constexpr int max_capacity = 1000;    // whatever a variable says
 constexpr int max_tpdu = 164;         // longest SMS-SUBMIT TPDU: 27.005 AT+CMGS <length>
-constexpr int min_tpdu = 7;           // first octet, MR, empty DA, TOA, PID, DCS, UDL
 
 const char *const storage_names[] = {"SM", "ME"};
 const char *const stat_names[] = {"REC UNREAD", "REC READ", "STO UNSENT", "STO SENT"};
@@ -218,10 +217,12 @@ SmsAnswer SmsStore::command(std::string_view cmd, Vars &vars)
 	if (name == "+CMGS") {
 		if (test)
 			return final_ok();
+		// A <length> too short for any SUBMIT still gets the prompt: the
+		// PDU that follows is refused.
 		std::vector<Arg> a = split_args(args);
 		int n = 0;
 		if (!text_mode(vars))
-			return a.size() == 1 && number_of(a[0], &n) && n >= min_tpdu && n <= max_tpdu
+			return a.size() == 1 && number_of(a[0], &n) && n >= 1 && n <= max_tpdu
 				       ? SmsAnswer()
 				       : cms(cms_bad_pdu_param);
 		std::string_view da = a[0].text;

@@ -81,7 +81,8 @@ TEST_F(SmsStoreTest, StoragesListingReadingAndErrorCodes)
 		{"AT+CNMI?", "+CNMI: 1,1,2,0,0\nOK"},
 		{"AT+CNMI=3", "+CMS ERROR: 302"},
 		{"AT+CNMI=0,0,1", "+CMS ERROR: 302"},
-		{"AT+CMGS=6", "+CMS ERROR: 304"},
+		{"AT+CMGS=0", "+CMS ERROR: 304"},
+		{"AT+CMGS=5", "(prompt)"},
 		{"AT+CMGS=165", "+CMS ERROR: 304"},
 	});
 	vars_["cmgf"] = "1";
