@@ -13,6 +13,8 @@ namespace {
 constexpr int cms_not_allowed = 302;  // a value this module does not take; the other mode's form of a command
 constexpr int cms_bad_pdu_param = 304; // PDU mode: bad <stat>, <length>, or a PDU that is not a fitting SUBMIT
 constexpr int cms_bad_text_param = 305; // text mode: bad <stat>, number or text
+constexpr int cms_not_supported = 303; // writing in text mode
+constexpr int cms_memory_full = 322;  // writing into a full storage
 constexpr int cms_bad_index = 321;    // index outside the storage
 constexpr int max_capacity = 1000;    // whatever a variable says
 constexpr int max_tpdu = 164;         // longest SMS-SUBMIT TPDU: 27.005 AT+CMGS <length>
@@ -235,6 +237,19 @@ SmsAnswer SmsStore::command(std::string_view cmd, Vars &vars)
 			return cms(cms_bad_text_param);
 		return SmsAnswer(); // the prompt follows
 	}
+	if (name == "+CMGW") {
+		// AT+CMGW=<length>[,<stat>] in PDU mode; the PDU follows the prompt.
+		std::vector<Arg> a = split_args(args);
+		int n = 0, stat = sto_unsent;
+		if (test)
+			return final_ok();
+		if (text_mode(vars))
+			return cms(cms_not_supported);
+		if (a.size() > 2 || !number_of(a[0], &n) || n < 1 || n > max_tpdu ||
+		    (a.size() == 2 && (!number_of(a[1], &stat) || stat > sto_sent)))
+			return cms(cms_bad_pdu_param);
+		return SmsAnswer();
+	}
 	return final_error();
 }
 
@@ -402,17 +417,26 @@ SmsAnswer SmsStore::cmgd(std::string_view args, bool test, const Vars &vars)
 
 SmsAnswer SmsStore::send(std::string_view cmd, std::string_view text, Vars &vars)
 {
+	bool write = upper(cmd.substr(0, 7)) == "AT+CMGW";
 	std::vector<Arg> a = split_args(cmd.substr(std::min(cmd.size(), cmd.find('=') + 1)));
 	Tpdu t;
 	if (!text_mode(vars)) {
-		// The hex PDU: SMSC field, then the SUBMIT of <length> octets.
+		// The hex PDU: SMSC field, then a TPDU of <length> octets: a SUBMIT
+		// to send, a SUBMIT or DELIVER to write.
 		std::string bytes, why;
 		int length = 0;
 		size_t smsc = 0;
 		if (!number_of(a[0], &length) || !from_hex(text, &bytes) || (smsc = smsc_field_size(bytes)) == 0 ||
 		    bytes.size() - smsc != static_cast<size_t>(length) ||
-		    !parse_tpdu(std::string_view(bytes).substr(smsc), &t, &why) || !t.submit)
+		    !parse_tpdu(std::string_view(bytes).substr(smsc), &t, &why) || (!t.submit && !write))
 			return cms(cms_bad_pdu_param);
+		if (write) {
+			int stat = sto_unsent;
+			if (a.size() == 2)
+				(void)number_of(a[1], &stat);
+			int index = store(var_of(vars, "sms_mem2"), stat, to_hex(bytes), vars);
+			return index < 0 ? cms(cms_memory_full) : final_ok({"+CMGW: " + std::to_string(index)});
+		}
 	} else {
 		t.submit = true;
 		t.address = a[0].text;

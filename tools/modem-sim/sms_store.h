@@ -56,10 +56,11 @@ struct SentSms {
 
 class SmsStore {
 public:
-	// Answers AT+CPMS, AT+CNMI, AT+CMGL, AT+CMGR, AT+CMGD, and AT+CMGS before
-	// its prompt (Final::none when the text may follow).
+	// Answers AT+CPMS, AT+CNMI, AT+CMGL, AT+CMGR, AT+CMGD, and AT+CMGS or
+	// AT+CMGW before their prompt (Final::none when the text may follow).
 	SmsAnswer command(std::string_view cmd, Vars &vars);
-	// The text entered after AT+CMGS's prompt: checks and sends it.
+	// The text entered after the prompt of AT+CMGS (checked and sent) or
+	// AT+CMGW (checked and stored in <mem2>).
 	SmsAnswer send(std::string_view cmd, std::string_view text, Vars &vars);
 
 	// Stores a PDU (hex, SMSC field first) at the lowest free index of mem;

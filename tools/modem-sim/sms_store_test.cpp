@@ -200,6 +200,7 @@ TEST_F(SmsStoreTest, FullStorageRefusesDeliveriesWhole)
 	vars_["sms_me_total"] = "3";
 	EXPECT_EQ(store_.fill("ME", vars_), 3);
 	EXPECT_EQ(shown(store_.command("AT+CPMS?", vars_)), "+CPMS: \"ME\",3,3,\"ME\",3,3,\"ME\",3,3\nOK");
+	EXPECT_EQ(send("AT+CMGW=23", submit_pdu), "+CMS ERROR: 322");
 	EXPECT_EQ(shown(store_.command("AT+CMGD=1", vars_)), "OK");
 	// One free index, a text of two parts: nothing is stored.
 	std::vector<std::string> urcs;
@@ -209,6 +210,13 @@ TEST_F(SmsStoreTest, FullStorageRefusesDeliveriesWhole)
 	EXPECT_EQ(store_.messages("ME").size(), 2u);
 	ASSERT_TRUE(store_.deliver_text("+4917", "x", {}, vars_, &urcs, &why)) << why;
 	EXPECT_EQ(urcs, std::vector<std::string>{"+CMTI: \"ME\",1"}); // the lowest free index
+	// Written into <mem2> with the status given (default 2, STO UNSENT).
+	EXPECT_EQ(shown(store_.command("AT+CMGD=0", vars_)), "OK");
+	EXPECT_EQ(send("AT+CMGW=23,3", submit_pdu), "+CMGW: 0\nOK");
+	EXPECT_EQ(shown(store_.command("AT+CMGL=3", vars_)), "+CMGL: 0,3,,23\n" + submit_pdu + "\nOK");
+	EXPECT_EQ(send("AT+CMGW=23,4", submit_pdu), "+CMS ERROR: 304");
+	vars_["cmgf"] = "1";
+	EXPECT_EQ(send("AT+CMGW=\"+4917\"", "x"), "+CMS ERROR: 303");
 }
 
 } // namespace
