@@ -1,5 +1,7 @@
 #include "control.h"
 
+#include <ctime>
+
 namespace modem_sim {
 
 namespace {
@@ -24,6 +26,10 @@ const char help_text[] =
 	"vars               show all variables\n"
 	"mode               show the modem's mode\n"
 	"stats              show what the modem has read\n"
+	"sms deliver <sender> <text>  the network delivers a text (\\n \\t \\\\ \\xHH \\u{HEX} escapes)\n"
+	"sms pdu <hex>      the network delivers an SMS-DELIVER PDU (SMSC field first), as is\n"
+	"sms list | sent    the stored messages / the messages the host sent\n"
+	"sms fill <SM|ME>   fill a storage up; sms clear: empty them all, forget the sent\n"
 	"quit               stop the simulator\n";
 
 std::string_view trim(std::string_view s)
@@ -64,6 +70,97 @@ std::string quoted(std::string_view bytes)
 			out += ch;
 	}
 	return out + "\"";
+}
+
+// The operator's text of "sms deliver": \n \r \t \\ \xHH (a byte) and
+// \u{HEX} (a character, as UTF-8) stand for what they name.
+bool unescape(std::string_view in, std::string *out, std::string *bad)
+{
+	auto hex_value = [](std::string_view digits, unsigned long *v) {
+		if (digits.empty() || digits.size() > 6 || digits.find_first_not_of("0123456789abcdefABCDEF") !=
+								   std::string_view::npos)
+			return false;
+		*v = std::stoul(std::string(digits), nullptr, 16);
+		return true;
+	};
+	for (size_t i = 0; i < in.size(); i++) {
+		if (in[i] != '\\' || i + 1 == in.size()) {
+			*out += in[i];
+			continue;
+		}
+		char c = in[++i];
+		unsigned long v = 0;
+		size_t close = c == 'u' && i + 1 < in.size() && in[i + 1] == '{' ? in.find('}', i) : std::string_view::npos;
+		if (c == 'n' || c == 'r' || c == 't' || c == '\\') {
+			*out += c == 'n' ? '\n' : c == 'r' ? '\r' : c == 't' ? '\t' : '\\';
+		} else if (c == 'x' && in.substr(i + 1, 2).size() == 2 && hex_value(in.substr(i + 1, 2), &v)) {
+			*out += static_cast<char>(v);
+			i += 2;
+		} else if (close != std::string_view::npos && hex_value(in.substr(i + 2, close - i - 2), &v) &&
+			   v <= 0x10FFFF && (v < 0xD800 || v > 0xDFFF)) {
+			int extra = v < 0x80 ? 0 : v < 0x800 ? 1 : v < 0x10000 ? 2 : 3;
+			static const unsigned lead[] = {0x00, 0xC0, 0xE0, 0xF0};
+			*out += static_cast<char>(lead[extra] | v >> (6 * extra));
+			for (int k = extra - 1; k >= 0; k--)
+				*out += static_cast<char>(0x80 | (v >> (6 * k) & 0x3F));
+			i = close;
+		} else {
+			*bad = std::string("bad escape \\") + c;
+			return false;
+		}
+	}
+	return true;
+}
+
+// sms deliver|pdu|list|sent|fill|clear.
+ControlReply sms_command(Modem &modem, std::string_view arg, Ms now)
+{
+	size_t sp = arg.find(' ');
+	std::string_view sub = arg.substr(0, sp);
+	std::string_view rest = sp == std::string_view::npos ? std::string_view() : trim(arg.substr(sp + 1));
+	SmsStore &store = modem.sms();
+	const Vars &vars = modem.vars();
+	std::vector<std::string> urcs;
+	std::string why;
+	if (sub == "list")
+		return ok(store.list_text(vars));
+	if (sub == "sent")
+		return ok(store.sent_text());
+	if (sub == "clear") {
+		store.clear();
+		return ok();
+	}
+	if (sub == "fill") {
+		if (store.capacity(rest, vars) == 0)
+			return fail("sms fill SM|ME (a storage of the scenario)");
+		return ok("stored " + std::to_string(store.fill(rest, vars)) + "\n");
+	}
+	if (sub == "deliver") {
+		size_t s2 = rest.find(' ');
+		std::string text;
+		if (rest.empty() || s2 == std::string_view::npos)
+			return fail("sms deliver <sender> <text>");
+		if (!unescape(trim(rest.substr(s2 + 1)), &text, &why))
+			return fail(why);
+		Scts t = scts_of(std::time(nullptr));
+		if (!modem.var("sms_time").empty() && !parse_scts(modem.var("sms_time"), &t))
+			return fail("sms_time is not yy/MM/dd,hh:mm:ss+zz");
+		if (!store.deliver_text(rest.substr(0, s2), text, t, vars, &urcs, &why))
+			return fail(why);
+	} else if (sub == "pdu") {
+		std::string bytes;
+		if (!from_hex(rest, &bytes) || smsc_field_size(bytes) == 0)
+			return fail("sms pdu <hex>, the SMSC field first");
+		if (!store.deliver({std::string(rest)}, vars, &urcs, &why))
+			return fail(why);
+	} else {
+		return fail("sms deliver|pdu|list|sent|fill|clear");
+	}
+	// The module tells the host only while it is up.
+	if (modem.mode() == Mode::normal || modem.mode() == Mode::held)
+		for (const std::string &u : urcs)
+			modem.inject_urc(u, now);
+	return ok();
 }
 
 std::string stats_text(const Modem &modem)
@@ -227,6 +324,8 @@ ControlReply run_control(Modem &modem, std::string_view line, Ms now)
 		return ok(std::string(modem.state_name()) + "\n");
 	if (cmd == "stats")
 		return ok(stats_text(modem));
+	if (cmd == "sms")
+		return sms_command(modem, arg, now);
 	return fail("unknown command '" + std::string(cmd) + "' (try help)");
 }
 

@@ -147,6 +147,8 @@ const char *Modem::state_name() const
 Modem::Modem(Scenario sc) : sc_(std::move(sc))
 {
 	reset_vars();
+	for (const SeedSms &m : sc_.messages)
+		sms_.store(m.mem, m.stat, m.pdu, vars_); // one that does not fit is left out
 }
 
 void Modem::reset_vars()
@@ -384,6 +386,7 @@ void Modem::handle_text_byte(char c)
 		add_answer_delay(&r);
 		Continuation k = std::move(cont_);
 		cont_ = Continuation();
+		command_ = k.command;
 		if (run(*k.body, k.next, k.captures, &r) == Outcome::prompt)
 			text_entry_ = true;
 		render(r);
@@ -482,6 +485,7 @@ void Modem::execute_line(const std::string &line)
 	for (size_t i = 0; i < cmds.size(); i++) {
 		std::vector<std::string> caps;
 		const Rule *rule = find_rule(cmds[i], &caps);
+		command_ = cmds[i];
 		Response part;
 		Outcome o = run(rule ? rule->body : sc_.unknown_block, 0, caps, &part);
 		if (o == Outcome::prompt) {
@@ -575,12 +579,29 @@ Modem::Outcome Modem::run(const std::vector<Stmt> &body, size_t from, const std:
 		}
 		case Op::stop:
 			return Outcome::stop;
+		case Op::sms: {
+			SmsAnswer a = s.text == "send" ? sms_.send(command_, var("text"), vars_)
+						       : sms_.command(command_, vars_);
+			for (std::string &line : a.lines)
+				r->items.push_back(Item::of(ItemKind::info, std::move(line)));
+			if (a.final == SmsAnswer::Final::ok)
+				r->items.push_back(Item::result(Final::ok));
+			else if (a.final == SmsAnswer::Final::error)
+				r->items.push_back(Item::result(Final::error));
+			else if (a.final == SmsAnswer::Final::cms)
+				r->items.push_back(Item::result(Final::cms, a.code));
+			// Once the store has answered, the rule is done.
+			if (a.final != SmsAnswer::Final::none)
+				return Outcome::stop;
+			break;
+		}
 		case Op::prompt:
 			r->items.push_back(Item::of(ItemKind::prompt));
 			cont_.body = &body;
 			cont_.next = i + 1;
 			cont_.captures = caps;
 			cont_.esc_answer = s.text;
+			cont_.command = command_;
 			entry_.clear();
 			return Outcome::prompt;
 		case Op::boot:

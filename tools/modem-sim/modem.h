@@ -4,6 +4,7 @@
 #pragma once
 
 #include "scenario.h"
+#include "sms_store.h"
 
 #include <cstdint>
 #include <deque>
@@ -79,6 +80,7 @@ public:
 	const std::string &partial_line() const { return line_; }
 	Ms slowness() const { return slow_ms_; }
 	const Scenario &scenario() const { return sc_; }
+	SmsStore &sms() { return sms_; }
 
 	// Operator actions. The mode changes take effect at once and drop any
 	// output still waiting, as a reset or a crash of a real modem would.
@@ -156,6 +158,7 @@ private:
 		size_t next = 0;
 		std::vector<std::string> captures;
 		std::string esc_answer;
+		std::string command;
 	};
 
 	struct Piece {
@@ -215,6 +218,9 @@ private:
 
 	Ms slow_ms_ = 0;
 	LineStats stats_;
+
+	SmsStore sms_;
+	std::string command_; // the command being answered, for the message store
 };
 
 } // namespace modem_sim

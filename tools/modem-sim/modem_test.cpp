@@ -1,5 +1,7 @@
 #include "modem.h"
 
+#include "control.h"
+
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -1006,6 +1008,7 @@ TEST_F(Ec25Test, SimRemovedByTheOperator)
 	EXPECT_EQ(ask("AT+CPIN?\r"), "\r\n+CME ERROR: 10\r\n");
 	EXPECT_EQ(ask("AT+CIMI\r"), "\r\n+CME ERROR: 10\r\n");
 	EXPECT_EQ(ask("AT+CMGS=23\r"), "\r\n+CMS ERROR: 310\r\n");
+	EXPECT_EQ(ask("AT+CMGL=4\r"), "\r\n+CMS ERROR: 310\r\n");
 }
 
 TEST_F(Ec25Test, OperatorScanArrivesInPieces)
@@ -1042,7 +1045,8 @@ TEST_F(Ec25Test, CtrlZEndsTheTextAndSends)
 {
 	EXPECT_EQ(ask("AT+CMGS=23\r"), "\r\n> ");
 	EXPECT_EQ(ask("AT+CFUN=0\r"), "\r\n> ");
-	EXPECT_EQ(ask("0011\x1a"), "\r\n+CMGS: 41\r\n\r\nOK\r\n");
+	// The line became part of the PDU, which is then no PDU at all.
+	EXPECT_EQ(ask("0011\x1a"), "\r\n+CMS ERROR: 304\r\n");
 	EXPECT_EQ(modem_->var("text"), "AT+CFUN=0\r0011");
 	EXPECT_EQ(modem_->var("cfun"), "1");
 	EXPECT_STREQ(modem_->state_name(), "normal");
@@ -1083,7 +1087,11 @@ protected:
 			SCOPED_TRACE(st.input);
 			std::string in = st.input;
 			std::string out;
-			if (in.rfind("do ", 0) == 0) {
+			if (in.rfind("ctl ", 0) == 0) {
+				std::string reply = run_control(*modem_, in.substr(4), now_).text;
+				ASSERT_EQ(reply.substr(reply.size() - 3), "OK\n") << reply;
+				out = modem_->take_output();
+			} else if (in.rfind("do ", 0) == 0) {
 				std::string rest = in.substr(3);
 				size_t sp = rest.find(' ');
 				ASSERT_TRUE(modem_->run_action(rest.substr(0, sp),
@@ -1298,6 +1306,40 @@ TEST_F(Ec25StateTest, SimpleSettings)
 
 
 // ------------------------------------------ the shipped RM520N scenario
+
+TEST_F(Ec25StateTest, MessageStore)
+{
+	// The scenario's messages: two read, two parts from "Telekom", an unread UCS-2 one.
+	std::string list = ask("AT+CMGL=4\r");
+	for (const char *head : {"\r\n+CMGL: 0,1,,45\r\n", "\r\n+CMGL: 1,1,,37\r\n", "\r\n+CMGL: 2,1,,160\r\n",
+				 "\r\n+CMGL: 3,1,,75\r\n", "\r\n+CMGL: 4,0,,122\r\n"})
+		EXPECT_NE(list.find(head), std::string::npos) << head;
+	play({
+		{"ctl sms deliver Shop a\\u{1F600}\\n", 100, "\r\n+CMTI: \"ME\",5\r\n"},
+		{"AT+CNMI=2,0", 100, "\r\nOK\r\n"},
+		{"ctl sms pdu 00040B917238880900F10000993092516195800AE8329BFD4697D9EC37", 100, ""},
+		{"AT+CPMS?", 100, "\r\n+CPMS: \"ME\",7,255,\"ME\",7,255,\"ME\",7,255\r\n\r\nOK\r\n"},
+		{"AT+CMGR=6", 100, "\r\n+CMGR: 0,,28\r\n00040B917238880900F10000993092516195800AE8329BFD4697D9EC37\r\n\r\nOK\r\n"},
+		{"AT+CMGS=23", 100, "\r\n> "},
+		{"0011000B916407281553F80000AA0AE8329BFD4697D9EC37\x1a", 500, "\r\n+CMGS: 41\r\n\r\nOK\r\n"},
+		{"AT+CPMS=\"SM\",\"SM\",\"SM\"", 100, "\r\n+CPMS: 0,50,0,50,0,50\r\n\r\nOK\r\n"},
+		{"AT+CNMI=2,1", 100, "\r\nOK\r\n"},
+		{"ctl sms fill SM", 100, ""},
+		{"AT+CMGD=49", 100, "\r\nOK\r\n"},
+		{"ctl sms deliver +4917 x", 100, "\r\n+CMTI: \"SM\",49\r\n"},
+	});
+	EXPECT_EQ(run_control(*modem_, "sms deliver +4917 x", now_).text, "ERROR storage SM is full\n");
+	std::string stored = run_control(*modem_, "sms list", now_).text;
+	EXPECT_NE(stored.find("\nME 7/255\n"), std::string::npos) << stored;
+	EXPECT_NE(stored.find(" Shop \"a\xF0\x9F\x98\x80\\n\"\n"), std::string::npos) << stored;
+	EXPECT_NE(stored.find(" Telekom \"Lieber Kunde,"), std::string::npos) << stored;
+	EXPECT_EQ(run_control(*modem_, "sms sent", now_).text, "+46708251358 1/1 GSM7 \"hellohello\"\nOK\n");
+	// Messages outlive a boot; the settings do not.
+	modem_->reboot(now_);
+	all_until(now_ + 3000);
+	ask("ATE0\r");
+	EXPECT_EQ(ask("AT+CPMS?\r"), "\r\n+CPMS: \"ME\",7,255,\"ME\",7,255,\"ME\",7,255\r\n\r\nOK\r\n");
+}
 
 class Rm520nTest : public Ec25StateTest {
 protected:

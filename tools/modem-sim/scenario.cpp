@@ -1,5 +1,7 @@
 #include "scenario.h"
 
+#include "sms_pdu.h"
+
 #include <cctype>
 #include <fstream>
 #include <sstream>
@@ -313,6 +315,19 @@ private:
 		}
 		if (word == "include")
 			return include(rest, line_no);
+		if (word == "message") {
+			SeedSms m;
+			m.mem = std::string(next_word(&rest));
+			long stat = 0;
+			std::string bytes;
+			if ((m.mem != "SM" && m.mem != "ME") || !parse_number(next_word(&rest), &stat) || stat > 3 ||
+			    !from_hex(rest, &bytes) || smsc_field_size(bytes) == 0)
+				return fail(line_no, "'message' needs SM or ME, a status 0-3 and a PDU in hex");
+			m.stat = static_cast<int>(stat);
+			m.pdu = std::string(rest);
+			sc_->messages.push_back(std::move(m));
+			return true;
+		}
 		if (word == "model") {
 			sc_->model = std::string(rest);
 			return true;
@@ -543,6 +558,11 @@ private:
 			s.op = Op::cancel;
 			if (!valid_var_name(rest))
 				return fail(line_no, "'cancel' needs a timer name");
+			s.text = std::string(rest);
+		} else if (word == "sms") {
+			s.op = Op::sms;
+			if (!rest.empty() && rest != "send")
+				return fail(line_no, "'sms' takes 'send' or nothing");
 			s.text = std::string(rest);
 		} else if (word == "do") {
 			s.op = Op::do_;

@@ -36,6 +36,7 @@ enum class Op {
 	cancel,    // drop the pending timer of that name
 	do_,       // run a named action, with arguments as $1..$9
 	stop,      // end the rule or action here
+	sms,       // the message store answers the command ("send": the text after the prompt)
 };
 
 // How a condition compares a variable with a value.
@@ -79,6 +80,13 @@ struct Periodic {
 	std::string text;
 };
 
+// A message in the store when the modem is created.
+struct SeedSms {
+	std::string mem;
+	int stat = 0;
+	std::string pdu; // hex, SMSC field first
+};
+
 struct Scenario {
 	std::string model;
 	std::vector<std::pair<std::string, std::string>> initial; // in file order
@@ -93,6 +101,7 @@ struct Scenario {
 	// Named blocks run by 'do' in a rule or block, or by the operator's "do".
 	std::map<std::string, std::vector<Stmt>, std::less<>> actions;
 	std::vector<std::string> keep; // variables that keep their value across boots
+	std::vector<SeedSms> messages; // stored messages at start, in order
 };
 
 struct ParseError {

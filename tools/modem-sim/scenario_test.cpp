@@ -178,6 +178,11 @@ TEST(ScenarioParse, ErrorsNameTheLine)
 		{"keep\n", 1},
 		{"keep ok bad*name\n", 1},
 		{"include other.scn\n", 1}, // plain text has no directory to include from
+		{"on AT\n  sms later\n", 2},
+		{"message XX 1 00040000\n", 1},  // no such storage
+		{"message ME 4 00040000\n", 1},  // no such status
+		{"message ME 1 0004000\n", 1},   // odd hex
+		{"message ME 1 07040000\n", 1},  // shorter than its SMSC field
 	};
 	for (const Case &c : cases) {
 		SCOPED_TRACE(c.text);
