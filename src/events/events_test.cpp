@@ -1,14 +1,19 @@
 #include "events/events.h"
 
+#include <libubox/uloop.h>
+
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "events/async.h"
 #include "ubus/modem_api.h"
+#include "util/async_handler.h"
 #include "util/cache_manager.h"
 #include "util/event_handler.h"
+#include "util/services_test_support.h"
 #include "util/ujson.h"
 
 namespace
@@ -263,6 +268,101 @@ TEST_F(EventsTest, RegistrationChangeAsksWhetherVoiceOverLteIsReady)
     fire(EVT_NETWORK_STATE_PS, 5);
     std::vector<std::pair<uint32_t, std::string>> want = {{ACT_GET_VOLTE_READY, ""}, {ACT_GET_VOLTE_READY, ""}};
     EXPECT_EQ(mdm.refreshed, want);
+}
+
+// ---- asynchronous calls -------------------------------------------------------------
+
+// A modem whose driver records each build and queues each request; the
+// request's completion is left to the test.
+class async_test_modem final : public async_modem
+{
+  public:
+    const char *id() const override { return "1-1.2"; }
+    const char *vid_pid() const override { return "2C7C:0125"; }
+    bool check_func(uint32_t action) const override { return action == ACT_SEND_SMS; }
+    int invoke_func(uint32_t action, ujson *args, async_command &cmd) override
+    {
+        built.push_back(services_test::json_text(*args));
+        cmd.text = "AT+CMGS=" + std::to_string(action) + "\r";
+        return ACT_STATUS_OK;
+    }
+    int new_internal_request(uint32_t action, async_request_cb cb, void *ctx, const char *, uint32_t,
+                             uint32_t timeout, void *) override
+    {
+        queued.push_back({action, timeout, cb, ctx});
+        return 0;
+    }
+
+    struct request {
+        uint32_t action;
+        uint32_t timeout;
+        async_request_cb cb;
+        void *ctx;
+    };
+    std::vector<std::string> built;
+    std::vector<request> queued;
+};
+
+class AsyncCallsTest : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(uloop_init(), 0);
+        ASSERT_EQ(async_init(), 0);
+        mgr = asyncmgr::create();
+        ASSERT_TRUE(mgr);
+        ASSERT_EQ(mgr->init(mdm), 0);
+    }
+    void TearDown() override
+    {
+        mgr.reset();
+        uloop_done();
+    }
+
+    async_test_modem mdm;
+    std::unique_ptr<asyncmgr> mgr;
+};
+
+TEST_F(AsyncCallsTest, SmsSendIsCallZeroCarryingItsArguments)
+{
+    const async_call *call = async_find(0);
+    ASSERT_NE(call, nullptr);
+    EXPECT_STREQ(call->name, "Sending SMS");
+    EXPECT_EQ(call->type, static_cast<uint32_t>(CACHE_DATA_UJSON));
+    EXPECT_EQ(call->prepare, &async_send_sms_cb);
+}
+
+// What a bus caller sent with "async" becomes the send's build and its
+// request carries the call's time-out; a call without a recipient or a text
+// is dropped before the driver sees it.
+TEST_F(AsyncCallsTest, SendNeedsANumberOrAText)
+{
+    struct {
+        const char *args;
+        bool sent;
+    } rows[] = {
+        {R"({"number":"+37060000000","text":"hi","async":true})", true},
+        {R"({"number":"+37060000000"})", true},
+        {R"({"text":"hi"})", true},
+        {R"({"validate":true,"async":true})", false},
+        {"{}", false},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.args);
+        mdm.built.clear();
+        mdm.queued.clear();
+        auto args = services_test::from_json(r.args);
+        ASSERT_EQ(mgr->push(mdm, 0, args.get(), 160, ACT_SEND_SMS), 0);
+        services_test::run_loop();
+        ASSERT_EQ(mdm.built, r.sent ? std::vector<std::string>{r.args} : std::vector<std::string>{});
+        ASSERT_EQ(mdm.queued.size(), r.sent ? 1u : 0u);
+        if (r.sent) {
+            EXPECT_EQ(mdm.queued[0].action, static_cast<uint32_t>(ACT_SEND_SMS));
+            EXPECT_EQ(mdm.queued[0].timeout, 160000u);
+            mdm.queued[0].cb(nullptr, ACT_SEND_SMS, nullptr, mdm.queued[0].ctx);
+        }
+    }
 }
 
 } // namespace
