@@ -24,9 +24,6 @@
 #include "comm/cmm_test_support.h"
 #include "core/modem_driver.h"
 #include "core/modem_info.h"
-#include "drivers/generic/sms_limit.h"
-#include "events/async.h"
-#include "events/events.h"
 #include "ubus/modem_api.h"
 #include "ubus/ubus.h"
 #include "util/cache_manager.h"
@@ -626,56 +623,6 @@ TEST_F(ModemInstance, DestroyAnnouncesTheModemGone)
                           std::to_string(static_cast<int32_t>(modem_id)) + ",\"modem_id\":\"1-1.2\"}"));
     uint32_t id = 0;
     EXPECT_NE(ubus_lookup_id(client, "gsm.modem0", &id), 0);
-}
-
-// A send handed over with "async": the caller is answered at once; the send
-// is built (the limit asked), written after the modem's prompt, parsed, and
-// counted, and the "snd_sms" notification is what tells of it.
-TEST_F(ModemInstance, AsyncSendRunsThroughTheModemAndIsNotified)
-{
-    static std::vector<std::string> limit_calls;
-    limit_calls.clear();
-    sms_lim_set_transport([](ubus_context *, const char *method, uint32_t sim, const char *modem, uint32_t,
-                             ujson &answer) {
-        limit_calls.push_back(std::string(method) + " " + std::to_string(sim) + " " + modem);
-        answer.add_int("max", 5);
-        answer.add_int("current", 0);
-        return 0;
-    });
-    // The registrations are process-wide; the other tests here run without them.
-    struct registrations {
-        ~registrations()
-        {
-            sms_lim_set_transport(nullptr);
-            async_unregister(0);
-            for (uint32_t id = 1; id <= 31; id++)
-                event_unregister(id);
-        }
-    } undo;
-    ASSERT_EQ(events_init(), 0);
-    ASSERT_EQ(async_init(), 0);
-    ASSERT_NO_FATAL_FAILURE(go_live());
-    ASSERT_EQ(ubus_subscribe(client, &notes.sub, modem_id), 0);
-    ASSERT_TRUE(run_until(2000, [&] { return mdm->bus_object().obj.has_subscribers; }));
-    ASSERT_EQ(call("set_sms_mode", R"({"mode":"pdu"})").status, 0);
-
-    call_result r = call("send_sms", R"({"number":"+12345","text":"hello","async":true})");
-    ASSERT_TRUE(r.done);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.reply, "");
-    auto sent = [&] {
-        for (const auto &n : notes.seen)
-            if (n.starts_with("snd_sms "))
-                return true;
-        return false;
-    };
-    ASSERT_TRUE(run_until(5000, sent));
-    EXPECT_EQ(count(sim->transcript(), "AT+CMGS=16"), 1u);
-    EXPECT_EQ(limit_calls, (std::vector<std::string>{"check 1 gsm.modem0", "inc 1 gsm.modem0"}));
-    bool payload = false;
-    for (const auto &n : notes.seen)
-        payload |= n == R"(snd_sms {"sms_used":1,"number":"+12345","modem_id":"1-1.2"})";
-    EXPECT_TRUE(payload) << ::testing::PrintToString(notes.seen);
 }
 
 // --- without a modem behind it ----------------------------------------------------

@@ -243,6 +243,16 @@ struct read_ctx {
     uint8_t strip;
 };
 
+// djb2 over the PDU's hexadecimal text, kept to 16 bits: a cheap identity
+// of the PDU stored with its record.
+uint16_t pdu_hash(std::string_view hex)
+{
+    uint16_t hash = 5381;
+    for (unsigned char c : hex)
+        hash = static_cast<uint16_t>(hash * 33 + c);
+    return hash;
+}
+
 bool is_hex(std::string_view text)
 {
     for (char c : text) {
@@ -286,7 +296,7 @@ std::vector<pdu_raw> read_listing(std::string_view text, int32_t index)
             r.status = stat;
             r.length = static_cast<uint16_t>(line.size());
             std::memcpy(r.text, line.data(), line.size());
-            r.hash = sms_pdu_hash(line);
+            r.hash = pdu_hash(line);
         }
     };
 
@@ -378,14 +388,6 @@ int parse_read(modem *mdm, ujson *json, request *req)
 }
 
 } // namespace
-
-uint16_t sms_pdu_hash(std::string_view hex)
-{
-    uint16_t hash = 5381;
-    for (unsigned char c : hex)
-        hash = static_cast<uint16_t>(hash * 33 + c);
-    return hash;
-}
 
 // "pdu" sends 0, "text" 1. The format is taken as set once the command is
 // built: sending and reading follow it from then on.

@@ -3,9 +3,6 @@
 // the new-message report.
 #pragma once
 
-#include <cstdint>
-#include <string_view>
-
 #include "core/modem_driver.h"
 
 int generic_sms_probe(modem_driver *driver);
@@ -23,7 +20,3 @@ int delete_sms(modem *mdm, int type, ujson *json, request *req);
 int delete_pdus(modem *mdm, int type, ujson *json, request *req);
 
 int urc_cmti(modem *mdm, ujson *json);
-
-// The 16-bit djb2 hash of a PDU's hexadecimal text, by which a listing tells
-// repeated PDUs apart.
-uint16_t sms_pdu_hash(std::string_view hex);
