@@ -261,9 +261,10 @@ void take_header(sms_message &m, const pdu_raw &r)
     m.sender[pdu_sender_size - 1] = '\0';
 }
 
-// Joins a run sorted by sequence number into m. Repeats of a part already
-// taken are flagged duplicate (same text) or ambiguous (other text); returns
-// whether any was ambiguous.
+// Joins a run sorted by sequence number into m. A record repeating a part
+// already taken is compared with the record before it (duplicates aside, so
+// one copy always stays): the same text makes it a duplicate, another text
+// makes both ambiguous. Returns whether any was.
 bool walk_run(pdu_raw *run, size_t n, std::string_view placeholder, sms_message &m)
 {
     std::vector<std::string_view> pieces;
@@ -281,13 +282,14 @@ bool walk_run(pdu_raw *run, size_t n, std::string_view placeholder, sms_message 
         if (r.seq < expected && prev) {
             if (text_of(*prev) == text_of(r)) {
                 r.duplicate = 1;
-            } else {
-                r.ambiguous = 1;
-                prev->ambiguous = 1;
-                ambiguous = true;
+                continue;
             }
+            r.ambiguous = prev->ambiguous = 1;
+            ambiguous = true;
+            prev = &r;
             continue;
         }
+        prev = &r;
         for (; expected < r.seq; expected++) {
             pieces.push_back(placeholder);
             m.missing = true;
@@ -296,7 +298,6 @@ bool walk_run(pdu_raw *run, size_t n, std::string_view placeholder, sms_message 
         m.parts.push_back(r.seq);
         m.pdus.push_back(r.index);
         expected = r.seq + 1u;
-        prev = &r;
     }
     for (; expected <= run[0].total; expected++) {
         pieces.push_back(placeholder);

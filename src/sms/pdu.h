@@ -38,7 +38,7 @@ struct pdu_raw {
 
 // One whole message built from its parts.
 struct sms_message {
-    uint16_t index = 0;  // storage index of the first part
+    uint16_t index = 0; // storage index of the first part
     uint16_t status = 0;
     uint8_t ref = 0;
     uint8_t total = 1;
@@ -94,12 +94,12 @@ int pdu_decode(std::vector<sms_message> &out, std::vector<pdu_raw> &raw, int ind
 
 // One SMS-SUBMIT ready for AT+CMGS.
 struct pdu_submit {
-    std::string hex;        // the whole PDU in upper-case hex, starting with "00" (no SMSC)
-    uint32_t chars = 0;     // characters this part carries, counted in septets (an extension character
-                            // takes two) or in UTF-16 units (a surrogate pair takes two)
-    uint32_t capacity = 0;  // the same a part of this message can carry (160/153 or 70/67)
-    uint8_t udl = 0;        // TP-User-Data-Length
-    uint32_t tpdu_len = 0;  // octets after the SMSC field: the number given to AT+CMGS
+    std::string hex;       // the whole PDU in upper-case hex, starting with "00" (no SMSC)
+    uint32_t chars = 0;    // characters this part carries, counted in septets (an extension character
+                           // takes two) or in UTF-16 units (a surrogate pair takes two)
+    uint32_t capacity = 0; // the same a part of this message can carry (160/153 or 70/67)
+    uint8_t udl = 0;       // TP-User-Data-Length
+    uint32_t tpdu_len = 0; // octets after the SMSC field: the number given to AT+CMGS
 };
 
 // Encodes text for number ("+" then digits, or digits) as SMS-SUBMIT PDUs in
