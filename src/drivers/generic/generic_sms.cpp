@@ -276,7 +276,7 @@ std::vector<pdu_raw> read_listing(std::string_view text, int32_t index)
     auto take = [&](std::string_view line) {
         if (line.size() <= 3)
             return;
-        unsigned short a, s;
+        unsigned short a = 0, s = 0;
         if (line.starts_with("+CMGL: ")) {
             have_header = scan(line, "+CMGL: %hu,%hu", &a, &s) == 2;
             at = a;
