@@ -427,9 +427,12 @@ int modem_instance::invoke_func(uint32_t action, ujson *args, async_command &cmd
 {
     request scratch;
     int status = modem_driver_invoke_func(driver_, this, action, 0, args, &scratch);
+    // A failed build queues nothing: what it left behind goes here.
     if (status == ACT_STATUS_OK && scratch.command)
         cmd.text.assign(scratch.command, scratch.length);
-    cmd.extra = scratch.extra;
+    cmd.extra = status == ACT_STATUS_OK ? scratch.extra : nullptr;
+    if (status != ACT_STATUS_OK)
+        std::free(scratch.extra);
     std::free(scratch.command);
     return status;
 }

@@ -54,6 +54,8 @@ class modem
     // no bus connection and no SIM slots, and refuses what it cannot do.
     virtual void power_down() {}
     virtual ubus_context *bus() { return nullptr; }
+    // The modem's bus object name ("gsm.modem0"); empty before it is on the bus.
+    virtual const char *object_name() const { return ""; }
     // Raises a state change (an event id and its value; the value is copied
     // before the call returns). The forced form notifies even when the value
     // did not change.

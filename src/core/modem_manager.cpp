@@ -10,6 +10,7 @@
 #include "comm/parser_manager.h"
 #include "comm/request.h"
 #include "core/modem_instance.h"
+#include "events/async.h"
 #include "events/events.h"
 #include "ubus/modem_api.h"
 #include "ubus/ubus.h"
@@ -143,6 +144,11 @@ int modem_manager::start(bool compress)
     // the first modem exists.
     if (events_init()) {
         LOG_ERROR("[MODEM_MANAGER] Failed to register modem events!\n");
+        return fail();
+    }
+    // The calls a bus caller can hand to a modem's async manager (the SMS send).
+    if (async_init()) {
+        LOG_ERROR("[MODEM_MANAGER] Failed to register async calls!\n");
         return fail();
     }
     if (scan() < 0) {

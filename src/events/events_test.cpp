@@ -1,14 +1,19 @@
 #include "events/events.h"
 
+#include <libubox/uloop.h>
+
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "events/async.h"
 #include "ubus/modem_api.h"
+#include "util/async_handler.h"
 #include "util/cache_manager.h"
 #include "util/event_handler.h"
+#include "util/services_test_support.h"
 #include "util/ujson.h"
 
 namespace
@@ -263,6 +268,47 @@ TEST_F(EventsTest, RegistrationChangeAsksWhetherVoiceOverLteIsReady)
     fire(EVT_NETWORK_STATE_PS, 5);
     std::vector<std::pair<uint32_t, std::string>> want = {{ACT_GET_VOLTE_READY, ""}, {ACT_GET_VOLTE_READY, ""}};
     EXPECT_EQ(mdm.refreshed, want);
+}
+
+// ---- asynchronous calls -------------------------------------------------------------
+
+// A modem that records which pushed calls reached the driver's build.
+struct async_test_modem final : async_modem {
+    const char *id() const override { return "1-1.2"; }
+    const char *vid_pid() const override { return "2C7C:0125"; }
+    bool check_func(uint32_t) const override { return true; }
+    int invoke_func(uint32_t, ujson *args, async_command &) override
+    {
+        built.push_back(services_test::json_text(*args));
+        return ACT_STATUS_NOT_SUPPORTED; // nothing to queue
+    }
+    int new_internal_request(uint32_t, async_request_cb, void *, const char *, uint32_t, uint32_t, void *) override
+    {
+        return 1;
+    }
+    std::vector<std::string> built;
+};
+
+// The SMS send is call 0; a call without a recipient or a text never reaches
+// the driver.
+TEST(AsyncCalls, SmsSendNeedsANumberOrAText)
+{
+    ASSERT_EQ(uloop_init() | async_init(), 0);
+    ASSERT_NE(async_find(0), nullptr);
+    EXPECT_STREQ(async_find(0)->name, "Sending SMS");
+    EXPECT_EQ(async_find(0)->type, static_cast<uint32_t>(CACHE_DATA_UJSON));
+    async_test_modem mdm;
+    auto mgr = asyncmgr::create();
+    ASSERT_EQ(mgr->init(mdm), 0);
+    const char *args[] = {R"({"number":"1","async":true})", R"({"text":"hi"})", R"({"validate":true})"};
+    for (const char *a : args)
+        ASSERT_EQ(mgr->push(mdm, 0, services_test::from_json(a).get(), 160, ACT_SEND_SMS), 0);
+    testing::internal::CaptureStdout();
+    services_test::run_loop();
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(mdm.built, (std::vector<std::string>{args[0], args[1]}));
+    mgr.reset();
+    uloop_done();
 }
 
 } // namespace

@@ -361,6 +361,8 @@ int ubus_handle_generic_request(ubus_object *obj, ubus_request_data *req, const 
     int status = modem_driver_invoke_func(mdm.driver(), mdm.driver_modem(), action, 0, args, &scratch);
     int ret = UBUS_STATUS_OK;
     if (status != ACT_STATUS_OK) {
+        // Nothing is queued: the build's extra data has no other owner.
+        std::free(scratch.extra);
         auto reply = ujson::create();
         if (reply)
             mdm.notify_error(req, status, *reply);
@@ -369,6 +371,7 @@ int ubus_handle_generic_request(ubus_object *obj, ubus_request_data *req, const 
     } else if (mdm.new_request(action, req, scratch.command, scratch.length, (timeout + 1) * 1000,
                                scratch.extra)) {
         LOG_ERROR("[MODEM_UBUS] Failed to create new request for `%s [%s]` modem!\n", mdm.id(), mdm.vid_pid());
+        std::free(scratch.extra);
         ret = UBUS_STATUS_NO_DATA;
     }
     std::free(scratch.command);

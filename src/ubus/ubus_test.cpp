@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <poll.h>
 #include <string>
 #include <sys/prctl.h>
@@ -57,14 +58,16 @@ bool run_until(int timeout_ms, const std::function<bool()> &pred)
 
 // What the driver's functions saw, in call order: "<action>/<type>".
 std::vector<std::string> g_invocations;
-int g_extra_word;
+// The extra data the last build made (malloc'd, as drivers make it).
+void *g_extra;
 uint32_t g_id_status = ACT_STATUS_OK;
 
 void set_command(request *req, const std::string &text)
 {
     req->command = strdup(text.c_str());
     req->length = static_cast<uint32_t>(text.size());
-    req->extra = &g_extra_word;
+    g_extra = std::malloc(1);
+    req->extra = g_extra;
 }
 
 void record(uint32_t action, int type)
@@ -164,6 +167,8 @@ class test_modem : public ubus_modem
         if (fail_queue)
             return 1;
         queue.push_back({action, std::string(command, length), timeout_ms, extra});
+        // A queued request owns its extra data.
+        extras.emplace_back(extra, &std::free);
         return 0;
     }
     void notify_error(ubus_request_data *req, int status, ujson &reply) override
@@ -190,6 +195,7 @@ class test_modem : public ubus_modem
     uint32_t func = 0;
     std::vector<queued> queue;
     std::vector<pushed> pushes;
+    std::vector<std::unique_ptr<void, decltype(&std::free)>> extras;
 };
 
 class test_manager : public ubus_manager
@@ -448,7 +454,7 @@ TEST_F(BusApi, BuiltCommandIsQueuedWithOneSecondMore)
     EXPECT_EQ(mdm.queue[0].action, ACT_GET_FIRMWARE);
     EXPECT_EQ(mdm.queue[0].command, "AT+CGMR");
     EXPECT_EQ(mdm.queue[0].timeout_ms, 11000u);
-    EXPECT_EQ(mdm.queue[0].extra, &g_extra_word);
+    EXPECT_EQ(mdm.queue[0].extra, g_extra);
     EXPECT_EQ(g_invocations, std::vector<std::string>{"ACT_GET_FIRMWARE/0"});
 
     // Methods without arguments get no argument object, whatever is sent.

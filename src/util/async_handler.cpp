@@ -6,6 +6,7 @@
 #include "util/ujson.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
@@ -246,6 +247,7 @@ void asyncmgr::call_async(std::unique_ptr<async_item> item, ujson *args)
                                  static_cast<uint32_t>(cmd.text.size()), item->timeout_ * 1000, cmd.extra) != 0) {
         LOG_ERROR("[MODEM] Failed to create new internal request for `%s [%s]` modem!\n", mdm.id(), mdm.vid_pid());
         pending.unlink(item.get());
+        std::free(cmd.extra);
         return;
     }
     item.release(); // the request's completion frees it

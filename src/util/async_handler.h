@@ -18,7 +18,7 @@ class async_item;
 class asyncmgr;
 
 // What a driver's build phase composes: the command bytes and the driver's
-// extra word for the request.
+// extra data for the request (malloc'd; the request owns it once queued).
 struct async_command {
     std::string text;
     void *extra = nullptr;
@@ -40,11 +40,13 @@ class async_modem
     // Whether the modem's driver implements the action.
     virtual bool check_func(uint32_t action) const = 0;
     // Runs the driver's build phase for the action (under the crash guard):
-    // ACT_STATUS_OK with the command in cmd, or the action status.
+    // ACT_STATUS_OK with the command in cmd, or the action status (and
+    // nothing in cmd to release).
     virtual int invoke_func(uint32_t action, ujson *args, async_command &cmd) = 0;
     // Queues the command as the modem's own request; cb(..., ctx) is called
     // once, when it completes or times out. The async manager gives the
-    // call's time-out in milliseconds. 0, or 1 when it cannot be queued.
+    // call's time-out in milliseconds. 0, or 1 when it cannot be queued
+    // (extra then stays the caller's).
     virtual int new_internal_request(uint32_t action, async_request_cb cb, void *ctx, const char *command,
                                      uint32_t length, uint32_t timeout, void *extra) = 0;
 };

@@ -48,20 +48,25 @@ class test_modem final : public async_modem
         if (status != ACT_STATUS_OK)
             return status;
         cmd.text = "AT+T=" + std::to_string(action) + "\r";
-        cmd.extra = &extra_word;
+        cmd.extra = std::malloc(1);
+        extras.push_back(cmd.extra);
         return ACT_STATUS_OK;
     }
     int new_internal_request(uint32_t action, async_request_cb cb, void *ctx, const char *command, uint32_t length,
                              uint32_t timeout, void *extra) override
     {
         requests.push_back({action, cb, ctx, std::string(command, length), length, timeout, extra});
+        // A queued request owns its extra data; one refused leaves it to the caller.
+        if (queue_result == 0)
+            queued_extras.emplace_back(extra, &std::free);
         return queue_result;
     }
 
     std::set<uint32_t> supported = {ACT_SEND_SMS, ACT_GET_IMEI, ACT_GET_ICCID};
     int status = ACT_STATUS_OK;
     int queue_result = 0;
-    int extra_word = 0;
+    std::vector<void *> extras;
+    std::vector<std::unique_ptr<void, decltype(&std::free)>> queued_extras;
     std::vector<std::string> invoked;
     std::vector<queued_request> requests;
 };
@@ -137,7 +142,7 @@ TEST_F(AsyncManager, CallsBecomeRequestsOnTheLoopInPushOrder)
     EXPECT_EQ(req.command, "AT+T=" + std::to_string(ACT_SEND_SMS) + "\r");
     EXPECT_EQ(req.length, req.command.size());
     EXPECT_EQ(req.timeout, 160000u) << "seconds become milliseconds";
-    EXPECT_EQ(req.extra, &mdm.extra_word);
+    EXPECT_EQ(req.extra, mdm.extras[0]);
     EXPECT_EQ(req.cb, &complete_async_call);
     EXPECT_EQ(mdm.requests[1].action, static_cast<uint32_t>(ACT_GET_IMEI));
     EXPECT_EQ(mdm.requests[1].timeout, 10000u);

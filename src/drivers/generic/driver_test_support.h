@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <libubox/blobmsg_json.h>
 
 #include "comm/request.h"
 #include "core/modem.h"
@@ -32,10 +33,13 @@ class recording_modem : public modem
     void new_event(uint32_t id, const void *data) override { record(id, data, false); }
     void force_event(uint32_t id, const void *data) override { record(id, data, true); }
     void set_last_active_urc(const char *name) override { awaited = name ? name : ""; }
-    int refresh(uint32_t action, const ujson *) override
+    int refresh(uint32_t action, const ujson *args) override
     {
         refreshed.push_back(action);
-        return 0;
+        char *text = args ? blobmsg_format_json(args->get_blobmsg(), true) : nullptr;
+        refresh_args.emplace_back(text ? text : "");
+        std::free(text);
+        return refresh_result;
     }
     int interface_action(int action) override
     {
@@ -43,6 +47,7 @@ class recording_modem : public modem
         return iface_result;
     }
     bool paused() const override { return is_paused; }
+    const char *object_name() const override { return bus_name.c_str(); }
 
     // Events whose value is a table, as they are registered.
     std::vector<uint32_t> data_events = {EVT_SERVICE_DATA, EVT_CLIP,          EVT_SND_SMS,      EVT_RING,
@@ -50,10 +55,13 @@ class recording_modem : public modem
                                          EVT_ESM_ERROR,    EVT_BAND_CHANGE};
     std::vector<event> events;
     std::vector<uint32_t> refreshed;
+    std::vector<std::string> refresh_args; // each refresh's arguments as JSON ("" for none)
+    int refresh_result = 0;
     std::vector<int> iface_actions;
     int iface_result = 0;
     std::string awaited;
     bool is_paused = false;
+    std::string bus_name = "gsm.modem0";
 
   private:
     void record(uint32_t id, const void *data, bool forced)

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include "drivers/generic/generic_sms.h"
 #include "drivers/generic/testdata_answers.h"
 
 namespace
@@ -22,7 +21,6 @@ class GenericCallTest : public driver_case_test
         {"urc_cring", nullptr, urc_cring},
         {"urc_ring", nullptr, urc_ring},
         {"urc_no_carrier", nullptr, urc_no_carrier},
-        {"urc_cmti", nullptr, urc_cmti},
     };
 };
 
@@ -43,9 +41,9 @@ TEST_F(GenericCallTest, ProbesInstallActionsAndReports)
 {
     const uint32_t actions[] = {ACT_SEND_VCALL, ACT_ACCEPT_VCALL, ACT_REJECT_VCALL, ACT_GET_INC_VCALLS};
     const char *lines[] = {"\r\n+CLIP: \"5551234\",129\r\n", "\r\n+CRING: VOICE\r\n", "\r\nRING\r\n",
-                           "\r\nNO CARRIER\r\n", "\r\n+CMTI: \"ME\",2\r\n"};
+                           "\r\nNO CARRIER\r\n"};
     modem_driver drv = {"Test AT", "test", nullptr, nullptr};
-    EXPECT_EQ(generic_call_probe(&drv) | generic_sms_probe(&drv), 0);
+    EXPECT_EQ(generic_call_probe(&drv), 0);
     for (size_t i = 0; i < std::size(actions); i++)
         EXPECT_EQ(drv.funcs[actions[i]], fns[i].act) << fns[i].name;
     for (size_t i = 0; i < std::size(lines); i++)

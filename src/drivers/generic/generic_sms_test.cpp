@@ -1,0 +1,215 @@
+#include "drivers/generic/generic_sms.h"
+
+#include <libubus.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+
+#include <gtest/gtest.h>
+
+#include "drivers/generic/sms_limit.h"
+#include "drivers/generic/testdata_answers.h"
+
+namespace
+{
+
+// The sending-limit service: "check" answers check_answer with check_status;
+// "inc" answers inc_status, and that the limit is reached at call reached_at
+// (from 1). Every call is recorded as "<method> <sim> <modem> <timeout>".
+struct {
+    int check_status;
+    const char *check_answer;
+    int inc_status;
+    size_t reached_at;
+    std::vector<std::string> calls;
+} g_service;
+
+int fake_transport(ubus_context *, const char *method, uint32_t sim, const char *modem, uint32_t ms, ujson &answer)
+{
+    g_service.calls.push_back(std::string(method) + " " + std::to_string(sim) + " " + modem + " " + std::to_string(ms));
+    if (std::string(method) == "check") {
+        blobmsg_add_json_from_string(answer.buffer(), g_service.check_answer);
+        return g_service.check_status;
+    }
+    if (g_service.calls.size() == g_service.reached_at)
+        answer.add_string("limit", "reached");
+    return g_service.inc_status;
+}
+
+std::unique_ptr<ujson> json_of(const std::string &text)
+{
+    auto json = ujson::create();
+    EXPECT_TRUE(blobmsg_add_json_from_string(json->buffer(), text.c_str())) << text;
+    return json;
+}
+
+// A text of n default-alphabet characters: 161 take two PDUs, 307 three.
+std::string text_of(size_t n)
+{
+    return R"({"number":"+12345","text":")" + std::string(n, 'a') + "\"";
+}
+
+constexpr char ctrl_z = 0x1A;
+
+class GenericSmsTest : public driver_case_test
+{
+  protected:
+    static constexpr named_fn fns[] = {
+        {"set_sms_mode", set_sms_mode, nullptr},       {"get_sms_mode", get_sms_mode, nullptr},
+        {"set_msg_storage", set_msg_storage, nullptr}, {"get_msg_storage", get_msg_storage, nullptr},
+        {"get_full_msg_storage", get_full_msg_storage, nullptr},
+        {"set_sms_evt_rep_cfg", set_sms_evt_rep_cfg, nullptr},
+        {"get_sms_evt_rep_cfg", get_sms_evt_rep_cfg, nullptr},
+        {"send_sms", send_sms, nullptr},               {"read_sms", read_sms, nullptr},
+        {"delete_sms", delete_sms, nullptr},           {"delete_pdus", delete_pdus, nullptr},
+        {"urc_cmti", nullptr, urc_cmti},
+    };
+
+    void SetUp() override
+    {
+        driver_case_test::SetUp();
+        setenv("TZ", "UTC", 1); // message times are shown in local time
+        tzset();
+        sms_lim_set_transport(fake_transport);
+    }
+    void TearDown() override
+    {
+        sms_lim_set_transport(nullptr);
+        driver_case_test::TearDown();
+    }
+    void set_mode(int32_t mode) { cache->update_item("sms_mode", CACHE_DATA_INT32, &mode, sizeof(mode)); }
+    int build_send(int32_t mode, int check_status, const char *check_answer, const std::string &args)
+    {
+        set_mode(mode);
+        g_service = {check_status, check_answer, 0, 0, {}};
+        std::free(req.extra);
+        req.extra = nullptr;
+        return build(send_sms, json_of(args).get());
+    }
+};
+
+TEST_F(GenericSmsTest, CommandsAndAnswers)
+{
+    run_cases("sms_commands.txt", fns);
+    EXPECT_EQ(cached("sms_mode_str"), "PDU") << "a built set is the format from then on";
+    run_cases("ec25_sms.txt", fns);
+}
+
+// The listing's repeated part is deleted from the modem, once, by its index.
+TEST_F(GenericSmsTest, ListingsIntoMessages)
+{
+    set_mode(1);
+    run_cases("sms_listing.txt", fns);
+    EXPECT_EQ(mdm.refresh_args, std::vector<std::string>{R"({"index":2,"single":true})"});
+    EXPECT_EQ(mdm.refreshed, std::vector<uint32_t>{ACT_DELETE_SMS});
+    set_mode(2);
+    EXPECT_EQ(build(read_sms, json_of(R"({"index":-1})").get()), ACT_STATUS_NOT_SUPPORTED);
+}
+
+TEST_F(GenericSmsTest, SendIsBuiltOnlyWithinTheLimit)
+{
+    const char *room = R"({"max":2,"current":0})";
+    const std::string n23 = "+3706000000000000000001";
+    struct {
+        int32_t mode; // cached "sms_mode"
+        int check_status;
+        const char *check_answer;
+        std::string args;
+        int status;
+        std::string command; // "" when nothing may be built
+    } rows[] = {
+        // "hello" as one SMS-SUBMIT with the fields the encoder writes; E8329BFD06
+        // is the well-known GSM 7-bit packing of "hello"
+        {1, 0, room, R"({"number":"+12345","text":"hello"})", 0,
+         std::string("AT+CMGS=16\r00110005912143F50000FF05E8329BFD06") + ctrl_z + "\r"},
+        {2, 0, room, R"({"number":")" + n23 + R"(","text":"a\r\"b\""})", 0,
+         "AT+CMGS=\"" + n23 + "\"\ra\r\"b\"" + ctrl_z},
+        {2, 0, room, R"({"number":")" + n23 + R"(1","text":"x"})", 2, ""},
+        {2, 0, room, R"({"number":"1\";ATD2","text":"x"})", 2, ""},
+        {1, 0, room, R"({"number":"12+45","text":"x"})", 2, ""},
+        {2, 0, room, R"({"number":"1","text":"a\u001aAT+CFUN=0"})", 2, ""},
+        {1, 0, room, R"({"number":"1","text":"\u001a","validate":true})", 0, "AT\r"},
+        {0, 0, room, R"({"number":"1","text":"x"})", 7, ""},
+        // The limit fails closed: no service, a failed check, an answer without its numbers
+        {1, sms_lim_no_service, "{}", R"({"number":"1","text":"x"})", 9, ""},
+        {1, UBUS_STATUS_TIMEOUT, "{}", R"({"number":"1","text":"x"})", 9, ""},
+        {2, 0, R"({"max":5})", R"({"number":"1","text":"x"})", 9, ""},
+        {2, 0, R"({"max":5,"current":6})", R"({"number":"1","text":"x"})", 9, ""},
+        {1, 0, room, text_of(307) + R"(,"validate":true})", 9, ""},
+        {1, 0, room, text_of(161) + R"(,"validate":true})", 0, "AT\r"},
+        {2, UBUS_STATUS_NOT_SUPPORTED, "{}", R"({"number":"1","text":"x"})", 0,
+         std::string("AT+CMGS=\"1\"\rx") + ctrl_z},
+    };
+    for (const auto &r : rows) {
+        EXPECT_EQ(build_send(r.mode, r.check_status, r.check_answer, r.args), r.status) << r.args;
+        EXPECT_EQ(command(), r.command) << r.args;
+        EXPECT_EQ(req.extra != nullptr, r.status == 0) << r.args;
+    }
+    // The limit is asked for the current SIM (1 while none is known) and modem.
+    EXPECT_EQ(g_service.calls, std::vector<std::string>{"check 1 gsm.modem0 1000"});
+    int32_t sim = 2;
+    cache->update_item("sim", CACHE_DATA_INT32, &sim, sizeof(sim));
+    build_send(2, 0, room, R"({"number":"1","text":"x"})");
+    EXPECT_EQ(g_service.calls, std::vector<std::string>{"check 2 gsm.modem0 1000"});
+    sms_lim_set_transport(nullptr); // the bus itself: without one there is no service
+    EXPECT_TRUE(sms_lim_budget(nullptr, 1, "gsm.modem0").enforced);
+}
+
+TEST_F(GenericSmsTest, SendIsCountedAndReported)
+{
+    const std::string sent = "\r\n> \r\n+CMGS: 12\r\n\r\nOK\r\n"; // 27.005 3.5.1, as an EC25 answers
+    struct {
+        int check_status;
+        std::string args;
+        size_t reached_at;
+        std::string answer;
+        int status;
+        std::string reply;
+        size_t incs; // "inc" calls made
+    } rows[] = {
+        {0, text_of(161) + "}", 0, sent, 0, R"({"sms_used":2})", 2},
+        {0, text_of(161) + "}", 1, sent, 0, R"({"sms_used":2})", 1},
+        {UBUS_STATUS_NOT_SUPPORTED, text_of(161) + "}", 0, sent, 0, R"({"sms_used":2})", 0},
+        {0, text_of(161) + R"(,"validate":true})", 0, "\r\nOK\r\n", 0,
+         R"({"valid":true,"sms_used":2,"cur_chars":8,"max_chars":153})", 0},
+        {0, text_of(161) + "}", 0, "\r\n> \r\n+CMS ERROR: 330\r\n", 5, "{}", 0}, // 27.005 3.2.5
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.reply + " " + std::to_string(r.incs));
+        mdm.events.clear();
+        ASSERT_EQ(build_send(1, r.check_status, R"({"max":5,"current":0})", r.args), ACT_STATUS_OK);
+        g_service.calls.clear();
+        g_service.reached_at = r.reached_at;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(parse(send_sms, r.answer), r.status);
+        std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(g_service.calls, std::vector<std::string>(r.incs, "inc 1 gsm.modem0 5000"));
+        EXPECT_EQ(as_json(*reply), r.reply);
+        bool told = r.status == 0 && r.reply.find("valid") == std::string::npos;
+        EXPECT_EQ(out == "SMS was sent to: +12345\n", told) << out;
+        ASSERT_EQ(mdm.events.size(), told ? 1u : 0u);
+        if (told) {
+            EXPECT_TRUE(mdm.events[0].id == EVT_SND_SMS && mdm.events[0].forced);
+            EXPECT_EQ(as_json(*mdm.events[0].data), R"({"sms_used":2,"number":"+12345"})");
+        }
+    }
+}
+
+TEST_F(GenericSmsTest, ProbeInstallsTheActionsAndTheReport)
+{
+    const uint32_t actions[] = {ACT_SET_SMS_MODE,        ACT_GET_SMS_MODE,        ACT_SET_MSG_STORAGE_LOC,
+                                ACT_GET_MSG_STORAGE_LOC, ACT_GET_FULL_MSG_STORAGE_LOC, ACT_SET_SMS_EVT_REP_CFG,
+                                ACT_GET_SMS_EVT_REP_CFG, ACT_SEND_SMS,            ACT_READ_SMS,
+                                ACT_DELETE_SMS,          ACT_DELETE_PDUS}; // in the order of fns
+    modem_driver drv = {"Test AT", "test", nullptr, nullptr};
+    EXPECT_EQ(generic_sms_probe(&drv), 0);
+    for (size_t i = 0; i < std::size(actions); i++)
+        EXPECT_EQ(drv.funcs[actions[i]], fns[i].act) << fns[i].name;
+    EXPECT_EQ(std::count_if(std::begin(drv.funcs), std::end(drv.funcs), [](act_func f) { return f; }), 11);
+    const char cmti[] = "\r\n+CMTI: \"SM\",3\r\n";
+    EXPECT_EQ(modem_driver_urc_method(&drv, cmti, sizeof(cmti) - 1), &urc_cmti);
+    delete drv.urcs;
+}
+
+} // namespace

@@ -1,0 +1,112 @@
+#include "drivers/generic/sms_limit.h"
+
+#include <libubox/blobmsg.h>
+#include <libubus.h>
+
+#include <cstring>
+
+#include "util/log.h"
+#include "util/ujson.h"
+
+namespace
+{
+
+constexpr uint32_t check_timeout_ms = 1000;
+constexpr uint32_t inc_timeout_ms = 5000;
+
+// Copies the members of the service's answer.
+void copy_answer(ubus_request *req, int, blob_attr *msg)
+{
+    auto *answer = static_cast<ujson *>(req->priv);
+    if (!msg || !answer)
+        return;
+    blob_attr *cur;
+    size_t rem;
+    blobmsg_for_each_attr(cur, msg, rem) answer->add_blobmsg(cur);
+}
+
+int bus_transport(ubus_context *ctx, const char *method, uint32_t sim, const char *modem, uint32_t timeout_ms,
+                  ujson &answer)
+{
+    uint32_t id;
+    if (!ctx || ubus_lookup_id(ctx, "sms_limit", &id) != 0)
+        return sms_lim_no_service;
+    blob_buf b = {};
+    blob_buf_init(&b, 0);
+    blobmsg_add_u32(&b, "sim", sim);
+    blobmsg_add_string(&b, "modem", modem ? modem : "");
+    int status = ubus_invoke(ctx, id, method, b.head, copy_answer, &answer, static_cast<int>(timeout_ms));
+    blob_buf_free(&b);
+    return status;
+}
+
+sms_lim_transport g_transport = bus_transport;
+
+// A number member of whatever integer width the service used.
+bool read_number(const ujson &answer, const char *name, int64_t &out)
+{
+    blob_attr *root = answer.get_blobmsg();
+    blob_attr *cur;
+    size_t rem;
+    blobmsg_for_each_attr(cur, root, rem)
+    {
+        if (std::strcmp(blobmsg_name(cur), name) != 0)
+            continue;
+        switch (blobmsg_type(cur)) {
+        case BLOBMSG_TYPE_INT64:
+            out = static_cast<int64_t>(blobmsg_get_u64(cur));
+            return true;
+        case BLOBMSG_TYPE_INT32:
+            out = static_cast<int32_t>(blobmsg_get_u32(cur));
+            return true;
+        case BLOBMSG_TYPE_INT16:
+            out = static_cast<int16_t>(blobmsg_get_u16(cur));
+            return true;
+        default:
+            return false;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+void sms_lim_set_transport(sms_lim_transport transport)
+{
+    g_transport = transport ? transport : bus_transport;
+}
+
+sms_lim_state sms_lim_decide(int status, const ujson &answer)
+{
+    // A service that does not meter this modem lifts the limit; every other
+    // failure, and an answer without its numbers, leaves nothing to send.
+    if (status == UBUS_STATUS_NOT_SUPPORTED)
+        return {-1, false};
+    int64_t max, current;
+    if (status != 0 || !read_number(answer, "max", max) || !read_number(answer, "current", current))
+        return {-1, true};
+    int64_t budget = max - current;
+    budget = budget > INT32_MAX ? INT32_MAX : budget < INT32_MIN ? INT32_MIN : budget;
+    return {static_cast<int32_t>(budget), true};
+}
+
+sms_lim_state sms_lim_budget(ubus_context *ctx, uint32_t sim, const char *modem)
+{
+    auto answer = ujson::create();
+    if (!answer)
+        return {-1, true};
+    return sms_lim_decide(g_transport(ctx, "check", sim, modem, check_timeout_ms, *answer), *answer);
+}
+
+int sms_lim_inc(ubus_context *ctx, uint32_t sim, const char *modem, uint32_t count)
+{
+    for (uint32_t i = 0; i < count; i++) {
+        auto answer = ujson::create();
+        if (!answer || g_transport(ctx, "inc", sim, modem, inc_timeout_ms, *answer) != 0)
+            return 1;
+        const char *limit = answer->exists("limit") ? answer->get_string("limit") : nullptr;
+        if (limit && std::strcmp(limit, "reached") == 0)
+            break;
+    }
+    return 0;
+}

@@ -1,0 +1,6 @@
+#include "events/async.h"
+
+int async_init()
+{
+    return async_sms_init();
+}
