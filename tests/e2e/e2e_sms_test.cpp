@@ -19,12 +19,12 @@ const char *const telekom_part1 =
     "B5C37817C84603ADC569FA6B0EBA97D3F4B2DC056A96D17210327D46CFE1E532B9657DB3EBEDB21B24AE8FD16537689A2E83EA6E7A590E"
     "8287E7";
 
-// 161 characters outside the default alphabet: three UCS-2 parts.
+// 160 characters outside the default alphabet: three UCS-2 parts.
 std::string long_unicode()
 {
-    std::string text;
-    for (int i = 0; i < 7; i++)
-        text += "Grüße aus dem Router ☕ ";
+    std::string text = "Grüße aus dem Router ☕";
+    for (int i = 0; i < 6; i++)
+        text += " Grüße aus dem Router ☕";
     return text;
 }
 
@@ -68,7 +68,7 @@ TEST_F(Sms, StoredMessagesAreReadWholeAndDeletedByTheirParts)
     bus_message stripped = ok("read_sms", R"({"index":2,"strip":true})");
     EXPECT_EQ(stripped.json().find("part_missing"), std::string::npos) << stripped.json();
 
-    ok("delete_pdus", R"({"n_ind":1,"pdus":[2]})");
+    ok("delete_sms", R"({"index":2,"single":true})");
     ok("delete_sms", R"({"index":0})"); // everything
     EXPECT_NE(ok("read_sms", R"({"index":-1})").json().find("\"messages\":[]"), std::string::npos);
     EXPECT_NE(sim.control("sms list").find("ME 0/255"), std::string::npos) << sim.control("sms list");
@@ -176,19 +176,20 @@ TEST_F(Sms, StoragesAndReporting)
     modem_sim &sim = serve();
     ASSERT_FALSE(HasFatalFailure());
     bus_message me = ok("get_msg_storage");
-    EXPECT_EQ(me.table("mem1")->text("storage"), "ME") << me.json();
+    EXPECT_EQ(me.table("mem1")->text("storage"), "Mobile equipment") << me.json();
     EXPECT_EQ(me.table("mem3")->number("used"), 5);
     EXPECT_EQ(me.table("mem3")->number("total"), 255);
 
     ok("set_msg_storage", R"({"mem1":"SM","mem2":"SM","mem3":"SM"})");
     bus_message sm = ok("get_msg_storage");
-    EXPECT_EQ(sm.table("mem3")->text("storage"), "SM") << sm.json();
+    EXPECT_EQ(sm.table("mem3")->text("storage"), "SIM") << sm.json();
     EXPECT_EQ(sm.table("mem3")->number("total"), 50);
     EXPECT_EQ(call_errno("set_msg_storage", R"({"mem1":"XX","mem2":"SM","mem3":"SM"})"), 2);
 
     sim.control("sms fill SM");
     bus_message full = ok("get_msg_storage", R"({"full":true})");
-    EXPECT_EQ(full.table("mem3")->number("used"), 50) << full.json();
+    EXPECT_EQ(full.table("mem1")->number("used"), 50) << full.json();
+    EXPECT_EQ(full.table("mem3")->text("storage"), "Mobile equipment");
 
     ok("set_sms_evt_rep_cfg", R"({"mode":2,"mt":1,"bm":0,"ds":0,"bfr":0})");
     bus_message cnmi = ok("get_sms_evt_rep_cfg");
@@ -209,18 +210,14 @@ TEST_F(Sms, RefusedNumbersAndTexts)
     modem_sim &sim = serve();
     ASSERT_FALSE(HasFatalFailure());
     sms_limit_service limit(*bus, 100, 0);
+    // As JSON string contents.
     const char *const numbers[] = {
-        "+49170\r\nAT+CFUN=0", "+49170\u001a", "+49170\u001b", "+49\"170", "123456789012345678901234", "", "+49 170",
+        R"(+49170\r\nAT+CFUN=0)", R"(+49170\u001a)", R"(+49170\u001b)", R"(+49\"170)", "123456789012345678901234", "",
+        "+49 170",
     };
     int64_t received = sim_stat(sim, "received");
     for (const char *number : numbers) {
-        std::string args = std::string(R"({"number":")") + number + R"(","text":"x"})";
-        // JSON escapes for the control characters.
-        std::string json;
-        for (char c : args)
-            json += (static_cast<unsigned char>(c) < 0x20) ? "\\u00" + std::string(1, "0123456789abcdef"[c >> 4]) +
-                                                                 "0123456789abcdef"[c & 15]
-                                                           : std::string(1, c);
+        std::string json = std::string(R"({"number":")") + number + R"(","text":"x"})";
         EXPECT_EQ(call_errno("send_sms", json), 2) << json;
     }
     EXPECT_EQ(sim_stat(sim, "received"), received) << sim.control("stats");

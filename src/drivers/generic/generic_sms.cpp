@@ -78,13 +78,13 @@ void reply_storages(ujson *json, const storage_use (&mem)[3])
     json->add_bool("full", mem[2].total > 0 && mem[2].used >= mem[2].total);
 }
 
-// The SIM alone, then everything the modem can store ("MT": SIM and its own
-// memory), which stays selected so that every stored message can be read and
-// new ones go wherever there is room.
-constexpr const char *full_storage_command = "AT+CPMS=\"SM\",\"SM\",\"SM\"\rAT+CPMS=\"MT\",\"MT\",\"MT\"\r";
+// The SIM's storage, then the module's own, which stays selected: it is where
+// modules keep messages by default, and not every module knows the combined
+// "MT" storage.
+constexpr const char *full_storage_command = "AT+CPMS=\"SM\",\"SM\",\"SM\"\rAT+CPMS=\"ME\",\"ME\",\"ME\"\r";
 
-// The answers of the two selections: the SIM's use and the whole store's;
-// the modem's own memory is what the SIM does not hold.
+// The answers of the two selections: the SIM's use, then the module's, which
+// also receives new messages from now on.
 int parse_full_storage(modem *mdm, ujson *json)
 {
     int sim[6], all[6];
@@ -94,8 +94,8 @@ int parse_full_storage(modem *mdm, ujson *json)
         return ACT_STATUS_INVALID_RESPONSE;
     const storage_use mem[3] = {
         {msg_storage_arg_enum("SM"), sim[0], sim[1]},
-        {msg_storage_arg_enum("ME"), all[0] - sim[0], all[1] - sim[1]},
-        {msg_storage_arg_enum("MT"), all[0], all[1]},
+        {msg_storage_arg_enum("ME"), all[0], all[1]},
+        {msg_storage_arg_enum("ME"), all[4], all[5]},
     };
     reply_storages(json, mem);
     return ACT_STATUS_OK;
