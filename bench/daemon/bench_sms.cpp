@@ -37,7 +37,7 @@ struct watcher {
 int on_notify(ubus_context *, ubus_object *obj, ubus_request_data *, const char *method, blob_attr *)
 {
     if (!std::strcmp(method, "sms_index")) {
-        auto *w = reinterpret_cast<watcher *>(reinterpret_cast<char *>(obj) - offsetof(watcher, sub));
+        auto *w = reinterpret_cast<watcher *>(container_of(obj, ubus_subscriber, obj));
         w->seen++;
         uloop_end();
     }
