@@ -54,6 +54,13 @@ class modem
     // no bus connection and no SIM slots, and refuses what it cannot do.
     virtual void power_down() {}
     virtual ubus_context *bus() { return nullptr; }
+    // Calls method of the bus object named object with args and waits up to
+    // timeout_ms; the answer's members are added to answer. 0, the bus
+    // status, or no_service when the object is not on the bus (or there is
+    // no bus).
+    static constexpr int no_service = -1;
+    virtual int call_service(const char *object, const char *method, const ujson &args, ujson &answer,
+                             uint32_t timeout_ms);
     // The modem's bus object name ("gsm.modem0"); empty before it is on the bus.
     virtual const char *object_name() const { return ""; }
     // Raises a state change (an event id and its value; the value is copied

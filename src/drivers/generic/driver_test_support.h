@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -48,6 +49,11 @@ class recording_modem : public modem
     }
     bool paused() const override { return is_paused; }
     const char *object_name() const override { return bus_name.c_str(); }
+    int call_service(const char *object, const char *method, const ujson &args, ujson &answer,
+                     uint32_t timeout_ms) override
+    {
+        return service ? service(object, method, args, answer, timeout_ms) : no_service;
+    }
 
     // Events whose value is a table, as they are registered.
     std::vector<uint32_t> data_events = {EVT_SERVICE_DATA, EVT_CLIP,          EVT_SND_SMS,      EVT_RING,
@@ -62,6 +68,9 @@ class recording_modem : public modem
     std::string awaited;
     bool is_paused = false;
     std::string bus_name = "gsm.modem0";
+    // Stands in for the services on the bus; none when empty.
+    std::function<int(const char *object, const char *method, const ujson &args, ujson &answer, uint32_t timeout_ms)>
+        service;
 
   private:
     void record(uint32_t id, const void *data, bool forced)

@@ -192,7 +192,7 @@ int build_send(modem *mdm, ujson *json, request *req)
         LOG_DEBUG("Failed to get current SIM. Defaulting to 1\n");
         sim = 1;
     }
-    sms_lim_state lim = sms_lim_budget(mdm->bus(), static_cast<uint32_t>(sim), mdm->object_name());
+    sms_lim_state lim = sms_lim_budget(mdm, static_cast<uint32_t>(sim));
     if (lim.enforced && lim.budget < 1)
         return ACT_STATUS_SMS_LIMIT;
 
@@ -221,7 +221,7 @@ int parse_send(modem *mdm, ujson *json, request *req)
         json->add_int("max_chars", static_cast<int32_t>(ctx->max_chars));
         return ACT_STATUS_OK;
     }
-    if (ctx->enforced && sms_lim_inc(mdm->bus(), ctx->sim, mdm->object_name(), ctx->used))
+    if (ctx->enforced && sms_lim_inc(mdm, ctx->sim, ctx->used))
         LOG_DEBUG("Failed to increase sms limit counter\n");
     json->add_int("sms_used", static_cast<int32_t>(ctx->used));
 

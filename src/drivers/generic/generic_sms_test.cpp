@@ -25,9 +25,12 @@ struct {
     std::vector<std::string> calls;
 } g_service;
 
-int fake_transport(ubus_context *, const char *method, uint32_t sim, const char *modem, uint32_t ms, ujson &answer)
+int fake_service(const char *object, const char *method, const ujson &args, ujson &answer, uint32_t ms)
 {
-    g_service.calls.push_back(std::string(method) + " " + std::to_string(sim) + " " + modem + " " + std::to_string(ms));
+    if (std::string(object) != "sms_limit")
+        return modem::no_service;
+    g_service.calls.push_back(std::string(method) + " " + std::to_string(args.get_int("sim")) + " " +
+                              args.get_string("modem") + " " + std::to_string(ms));
     if (std::string(method) == "check") {
         blobmsg_add_json_from_string(answer.buffer(), g_service.check_answer);
         return g_service.check_status;
@@ -71,12 +74,7 @@ class GenericSmsTest : public driver_case_test
         driver_case_test::SetUp();
         setenv("TZ", "UTC", 1); // message times are shown in local time
         tzset();
-        sms_lim_set_transport(fake_transport);
-    }
-    void TearDown() override
-    {
-        sms_lim_set_transport(nullptr);
-        driver_case_test::TearDown();
+        mdm.service = fake_service;
     }
     void set_mode(int32_t mode) { cache->update_item("sms_mode", CACHE_DATA_INT32, &mode, sizeof(mode)); }
     int build_send(int32_t mode, int check_status, const char *check_answer, const std::string &args)
@@ -132,7 +130,7 @@ TEST_F(GenericSmsTest, SendIsBuiltOnlyWithinTheLimit)
         {1, 0, room, R"({"number":"1","text":"\u001a","validate":true})", 0, "AT\r"},
         {0, 0, room, R"({"number":"1","text":"x"})", 7, ""},
         // The limit fails closed: no service, a failed check, an answer without its numbers
-        {1, sms_lim_no_service, "{}", R"({"number":"1","text":"x"})", 9, ""},
+        {1, modem::no_service, "{}", R"({"number":"1","text":"x"})", 9, ""},
         {1, UBUS_STATUS_TIMEOUT, "{}", R"({"number":"1","text":"x"})", 9, ""},
         {2, 0, R"({"max":5})", R"({"number":"1","text":"x"})", 9, ""},
         {2, 0, R"({"max":5,"current":6})", R"({"number":"1","text":"x"})", 9, ""},
@@ -152,8 +150,8 @@ TEST_F(GenericSmsTest, SendIsBuiltOnlyWithinTheLimit)
     cache->update_item("sim", CACHE_DATA_INT32, &sim, sizeof(sim));
     build_send(2, 0, room, R"({"number":"1","text":"x"})");
     EXPECT_EQ(g_service.calls, std::vector<std::string>{"check 2 gsm.modem0 1000"});
-    sms_lim_set_transport(nullptr); // the bus itself: without one there is no service
-    EXPECT_TRUE(sms_lim_budget(nullptr, 1, "gsm.modem0").enforced);
+    modem bare; // no bus: no service, and the limit holds
+    EXPECT_TRUE(sms_lim_budget(&bare, 1).enforced);
 }
 
 TEST_F(GenericSmsTest, SendIsCountedAndReported)

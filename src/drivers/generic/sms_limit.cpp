@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "util/log.h"
+#include "core/modem.h"
 #include "util/ujson.h"
 
 namespace
@@ -14,33 +14,15 @@ namespace
 constexpr uint32_t check_timeout_ms = 1000;
 constexpr uint32_t inc_timeout_ms = 5000;
 
-// Copies the members of the service's answer.
-void copy_answer(ubus_request *req, int, blob_attr *msg)
+// One call of the service with "sim" and "modem" (the modem's bus object).
+int call(modem *mdm, const char *method, uint32_t sim, uint32_t timeout_ms, ujson &answer)
 {
-    auto *answer = static_cast<ujson *>(req->priv);
-    if (!msg || !answer)
-        return;
-    blob_attr *cur;
-    size_t rem;
-    blobmsg_for_each_attr(cur, msg, rem) answer->add_blobmsg(cur);
+    auto args = ujson::create();
+    if (!args || args->add_int("sim", static_cast<int32_t>(sim)) != 0)
+        return UBUS_STATUS_UNKNOWN_ERROR;
+    args->add_string("modem", mdm->object_name());
+    return mdm->call_service("sms_limit", method, *args, answer, timeout_ms);
 }
-
-int bus_transport(ubus_context *ctx, const char *method, uint32_t sim, const char *modem, uint32_t timeout_ms,
-                  ujson &answer)
-{
-    uint32_t id;
-    if (!ctx || ubus_lookup_id(ctx, "sms_limit", &id) != 0)
-        return sms_lim_no_service;
-    blob_buf b = {};
-    blob_buf_init(&b, 0);
-    blobmsg_add_u32(&b, "sim", sim);
-    blobmsg_add_string(&b, "modem", modem ? modem : "");
-    int status = ubus_invoke(ctx, id, method, b.head, copy_answer, &answer, static_cast<int>(timeout_ms));
-    blob_buf_free(&b);
-    return status;
-}
-
-sms_lim_transport g_transport = bus_transport;
 
 // A number member of whatever integer width the service used.
 bool read_number(const ujson &answer, const char *name, int64_t &out)
@@ -71,11 +53,6 @@ bool read_number(const ujson &answer, const char *name, int64_t &out)
 
 } // namespace
 
-void sms_lim_set_transport(sms_lim_transport transport)
-{
-    g_transport = transport ? transport : bus_transport;
-}
-
 sms_lim_state sms_lim_decide(int status, const ujson &answer)
 {
     // A service that does not meter this modem lifts the limit; every other
@@ -90,19 +67,19 @@ sms_lim_state sms_lim_decide(int status, const ujson &answer)
     return {static_cast<int32_t>(budget), true};
 }
 
-sms_lim_state sms_lim_budget(ubus_context *ctx, uint32_t sim, const char *modem)
+sms_lim_state sms_lim_budget(modem *mdm, uint32_t sim)
 {
     auto answer = ujson::create();
     if (!answer)
         return {-1, true};
-    return sms_lim_decide(g_transport(ctx, "check", sim, modem, check_timeout_ms, *answer), *answer);
+    return sms_lim_decide(call(mdm, "check", sim, check_timeout_ms, *answer), *answer);
 }
 
-int sms_lim_inc(ubus_context *ctx, uint32_t sim, const char *modem, uint32_t count)
+int sms_lim_inc(modem *mdm, uint32_t sim, uint32_t count)
 {
     for (uint32_t i = 0; i < count; i++) {
         auto answer = ujson::create();
-        if (!answer || g_transport(ctx, "inc", sim, modem, inc_timeout_ms, *answer) != 0)
+        if (!answer || call(mdm, "inc", sim, inc_timeout_ms, *answer) != 0)
             return 1;
         const char *limit = answer->exists("limit") ? answer->get_string("limit") : nullptr;
         if (limit && std::strcmp(limit, "reached") == 0)

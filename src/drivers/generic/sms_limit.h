@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-struct ubus_context;
+class modem;
 class ujson;
 
 // What the send action works with: how many PDUs may still go, and whether
@@ -16,24 +16,13 @@ struct sms_lim_state {
     bool enforced;
 };
 
-// One synchronous call to the service's method with "sim" and "modem":
-// 0 with the service's answer copied into answer, sms_lim_no_service when
-// there is no such object on the bus (or no bus), else the bus status.
-constexpr int sms_lim_no_service = -1;
-using sms_lim_transport = int (*)(ubus_context *ctx, const char *method, uint32_t sim, const char *modem,
-                                  uint32_t timeout_ms, ujson &answer);
-
-// The bus transport is used unless another is set (the unit tests' service);
-// null sets the bus transport again.
-void sms_lim_set_transport(sms_lim_transport transport);
-
 // The budget as the "check" answer gives it: the call's status and its
 // answer (only read on success: "max" - "current", both required).
 sms_lim_state sms_lim_decide(int status, const ujson &answer);
 
-// Asks the service (1000 ms) for the budget of sim on the modem named modem.
-sms_lim_state sms_lim_budget(ubus_context *ctx, uint32_t sim, const char *modem);
+// Asks the service (1000 ms) for the budget of sim on the modem.
+sms_lim_state sms_lim_budget(modem *mdm, uint32_t sim);
 
 // Counts sent PDUs, one "inc" call (5000 ms) each, stopping early when the
 // service answers that the limit is reached. 0, or 1 when a call failed.
-int sms_lim_inc(ubus_context *ctx, uint32_t sim, const char *modem, uint32_t count);
+int sms_lim_inc(modem *mdm, uint32_t sim, uint32_t count);
