@@ -51,27 +51,6 @@ ControlReply fail(const std::string &why)
 	return {"ERROR " + why + "\n"};
 }
 
-// Bytes as a C string literal, in double quotes.
-std::string quoted(std::string_view bytes)
-{
-	static const char hex[] = "0123456789abcdef";
-	std::string out = "\"";
-	for (char ch : bytes) {
-		unsigned char c = static_cast<unsigned char>(ch);
-		if (c == '\r')
-			out += "\\r";
-		else if (c == '\n')
-			out += "\\n";
-		else if (c == '"' || c == '\\')
-			out += {'\\', ch};
-		else if (c < 0x20 || c >= 0x7f)
-			out += {'\\', 'x', hex[c >> 4], hex[c & 15]};
-		else
-			out += ch;
-	}
-	return out + "\"";
-}
-
 // The operator's text of "sms deliver": \n \r \t \\ \xHH (a byte) and
 // \u{HEX} (a character, as UTF-8) stand for what they name.
 bool unescape(std::string_view in, std::string *out, std::string *bad)

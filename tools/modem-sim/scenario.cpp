@@ -767,4 +767,24 @@ bool expand_text(std::string_view text, const std::vector<std::string> &captures
 	return true;
 }
 
+std::string quoted(std::string_view bytes, bool utf8)
+{
+	static const char hex[] = "0123456789abcdef";
+	std::string out = "\"";
+	for (char ch : bytes) {
+		unsigned char c = static_cast<unsigned char>(ch);
+		if (c == '\r')
+			out += "\\r";
+		else if (c == '\n')
+			out += "\\n";
+		else if (c == '"' || c == '\\')
+			out += {'\\', ch};
+		else if (c < 0x20 || c == 0x7f || (c > 0x7f && !utf8))
+			out += {'\\', 'x', hex[c >> 4], hex[c & 15]};
+		else
+			out += ch;
+	}
+	return out + "\"";
+}
+
 } // namespace modem_sim

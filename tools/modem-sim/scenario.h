@@ -138,4 +138,9 @@ using VarLookup = std::function<std::string(std::string_view name)>;
 [[nodiscard]] bool expand_text(std::string_view text, const std::vector<std::string> &captures,
 			       const VarLookup &lookup, std::string *out, std::string *bad);
 
+// Bytes as one quoted line for the operator: CR, LF, quote and backslash
+// escaped, other control bytes as \xHH; bytes from 0x80 kept (UTF-8 text)
+// or, for raw bytes, also as \xHH.
+[[nodiscard]] std::string quoted(std::string_view bytes, bool utf8 = false);
+
 } // namespace modem_sim

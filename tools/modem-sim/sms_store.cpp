@@ -1,5 +1,6 @@
 #include "sms_store.h"
 
+#include "scenario.h"
 #include "util/converter.h"
 
 #include <algorithm>
@@ -125,25 +126,10 @@ size_t tpdu_length(const std::string &hex)
 	return bytes.size() - smsc_field_size(bytes);
 }
 
-// Text shown to the operator: one line, quoted, control characters escaped.
+// Text shown to the operator: one quoted line.
 std::string shown(std::string_view text)
 {
-	static const char hex[] = "0123456789abcdef";
-	std::string out = "\"";
-	for (char ch : text) {
-		unsigned char c = static_cast<unsigned char>(ch);
-		if (c == '\n')
-			out += "\\n";
-		else if (c == '\r')
-			out += "\\r";
-		else if (c == '"' || c == '\\')
-			out += {'\\', ch};
-		else if (c < 0x20 || c == 0x7f)
-			out += {'\\', 'x', hex[c >> 4], hex[c & 15]};
-		else
-			out += ch;
-	}
-	return out + "\"";
+	return quoted(text, true);
 }
 
 // "+CMGL: " / "+CMGR: " header and text of a message in text mode.
