@@ -63,6 +63,9 @@ class modem
                              uint32_t timeout_ms);
     // The modem's bus object name ("gsm.modem0"); empty before it is on the bus.
     virtual const char *object_name() const { return ""; }
+    // Sends the bus event named event with payload to every listener. 0, or
+    // 1 when it could not go out (no bus, no memory).
+    virtual int broadcast(const char *, const ujson &) { return 1; }
     // Raises a state change (an event id and its value; the value is copied
     // before the call returns). The forced form notifies even when the value
     // did not change.

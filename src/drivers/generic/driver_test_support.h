@@ -49,6 +49,13 @@ class recording_modem : public modem
     }
     bool paused() const override { return is_paused; }
     const char *object_name() const override { return bus_name.c_str(); }
+    int broadcast(const char *name, const ujson &payload) override
+    {
+        char *text = blobmsg_format_json(payload.get_blobmsg(), true);
+        broadcasts.emplace_back(name, text ? text : "");
+        std::free(text);
+        return broadcast_result;
+    }
     int call_service(const char *object, const char *method, const ujson &args, ujson &answer,
                      uint32_t timeout_ms) override
     {
@@ -66,6 +73,9 @@ class recording_modem : public modem
     std::vector<int> iface_actions;
     int iface_result = 0;
     std::string awaited;
+    // Each bus event sent: its name and its payload as JSON.
+    std::vector<std::pair<std::string, std::string>> broadcasts;
+    int broadcast_result = 0;
     bool is_paused = false;
     std::string bus_name = "gsm.modem0";
     // Stands in for the services on the bus; none when empty.
