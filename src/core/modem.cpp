@@ -359,13 +359,6 @@ int modem_instance::refresh(uint32_t action, const ujson *args)
     return query(action, nullptr, args);
 }
 
-int modem_instance::broadcast(const char *event, const ujson &payload)
-{
-    if (!bus_)
-        return 1;
-    return ubus_broadcast_event(*this, event, &payload, false);
-}
-
 // One list per modem: a second scan queued behind the first keeps the list
 // of the first, so whatever the first took down comes back up.
 int modem_instance::interface_action(int action)

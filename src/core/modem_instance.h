@@ -145,7 +145,6 @@ class modem_instance final : public modem, public cmm_modem, public evt_modem, p
     // secondary 2), others a single-slot placeholder. 0, or 1.
     int sim_config_init(bool builtin, bool primary);
     void power_down() override;
-    int broadcast(const char *event, const ujson &payload) override;
     int notify_new_modem();
 
     uint32_t ping_state() const { return ping_state_; }
@@ -180,6 +179,7 @@ class modem_instance final : public modem, public cmm_modem, public evt_modem, p
     // evt_modem
     cache_manager *cache() override { return cache_.get(); }
     int notify_event(const char *name, ujson &payload, bool hotplug) override;
+    // Also the modem's broadcast for its driver.
     int broadcast(const char *name, const ujson &payload) override;
 
     // async_modem

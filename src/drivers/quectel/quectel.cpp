@@ -82,8 +82,8 @@ int qind_fota(modem *mdm, std::string_view line, ujson *json)
         if (n < 2)
             return ACT_STATUS_INVALID_URC;
         json->add_int("error", value);
-        LOG_DEBUG("[QUECTEL_DRIVER] Modem `%s [%s]` URC Event: FOTA State => %s %d\n", mdm->id(), mdm->vid_pid(),
-                  state, value);
+        LOG_DEBUG("[QUECTEL_DRIVER] Modem `%s [%s]` URC Event: FOTA State => %s %d\n", mdm->id(), mdm->vid_pid(), state,
+                  value);
         break;
     }
     json->add_int("state_id", static_cast<int32_t>(id));

@@ -95,13 +95,19 @@ TEST_F(QuectelUrcTest, SignalReportsRaiseOneEventPerValue)
         {urc_qind, "\r\n+QIND: \"act\",\"LTE\"\r\n", ACT_STATUS_INVALID_URC, {}},
         {urc_qind, "\r\n+QIND\r\n", ACT_STATUS_INVALID_URC, {}},
         // LTE: RSSI, RSRP, SINR in 1/5 dB from -20 dB, RSRQ.
-        {urc_qcsq, "\r\n+QCSQ: \"LTE\",-60,-90,100,-10\r\n", 0,
+        {urc_qcsq,
+         "\r\n+QCSQ: \"LTE\",-60,-90,100,-10\r\n",
+         0,
          {{EVT_RSSI, -60}, {EVT_RSRP, -90}, {EVT_SINR, 0}, {EVT_RSRQ, -10}}},
         // EG06 answer to AT+QCSQ, SINR 150 = 10 dB (public forum log).
-        {urc_qcsq, "\r\n+QCSQ: \"LTE\",-69,-102,150,-12\r\n", 0,
+        {urc_qcsq,
+         "\r\n+QCSQ: \"LTE\",-69,-102,150,-12\r\n",
+         0,
          {{EVT_RSSI, -69}, {EVT_RSRP, -102}, {EVT_SINR, 10}, {EVT_RSRQ, -12}}},
         // BG96 on CAT-M1 (public BG96 examples).
-        {urc_qcsq, "\r\n+QCSQ: \"CAT-M1\",-52,-81,195,-10\r\n", 0,
+        {urc_qcsq,
+         "\r\n+QCSQ: \"CAT-M1\",-52,-81,195,-10\r\n",
+         0,
          {{EVT_RSSI, -52}, {EVT_RSRP, -81}, {EVT_SINR, 19}, {EVT_RSRQ, -10}}},
         // Levels as magnitudes are made negative; a zero is no value.
         {urc_qcsq, "\r\n+QCSQ: \"wcdma\",67,72,5\r\n", 0, {{EVT_RSSI, -67}, {EVT_RSCP, -72}, {EVT_ECIO, -5}}},
@@ -207,11 +213,13 @@ TEST(QuectelDriver, ProbeWithdrawsActionsAndInstallsHandlers)
         EXPECT_EQ(drv.funcs[act], gone ? nullptr : any) << act;
     }
 
-    const std::pair<std::string, urc_func> handlers[] = {
-        {"\r\n+QCSQ: \"LTE\",-60,-90,100,-10\r\n", urc_qcsq}, {"\r\n+QIND: \"csq\",20,99\r\n", urc_qind},
-        {"\r\n+QFUPL: 683,3950\r\n", urc_qfupl},             {"\r\n+EMM ERROR: 0,15\r\n", urc_emm},
-        {"\r\n+ESM ERROR: 1,27\r\n", urc_esm},                {"\r\n+EGMR: \"MPY21\"\r\n", urc_egmr},
-        {"\r\nPOWERED DOWN\r\n", urc_power}};
+    const std::pair<std::string, urc_func> handlers[] = {{"\r\n+QCSQ: \"LTE\",-60,-90,100,-10\r\n", urc_qcsq},
+                                                         {"\r\n+QIND: \"csq\",20,99\r\n", urc_qind},
+                                                         {"\r\n+QFUPL: 683,3950\r\n", urc_qfupl},
+                                                         {"\r\n+EMM ERROR: 0,15\r\n", urc_emm},
+                                                         {"\r\n+ESM ERROR: 1,27\r\n", urc_esm},
+                                                         {"\r\n+EGMR: \"MPY21\"\r\n", urc_egmr},
+                                                         {"\r\nPOWERED DOWN\r\n", urc_power}};
     for (const auto &[line, fn] : handlers)
         EXPECT_EQ(modem_driver_urc_method(&drv, line.data(), line.size()), fn) << line;
     while (urc_entry *e = drv.urcs) {
