@@ -104,16 +104,21 @@ int qind_fota(modem *mdm, std::string_view line, ujson *json)
 }
 
 // +QIND: "csq",<rssi>,<ber>: the +CSQ coding, the level as 2 * index - 113 dBm.
+// Index 99 (or anything past 31) means the level is not known: no level is
+// reported rather than a made-up one.
 int qind_csq(modem *mdm, std::string_view line, ujson *json)
 {
     int index = 0;
     int32_t ber = 0;
     if (scan(line, "\r\n+QIND: \"csq\",%d,%d\r\n", &index, &ber) != 2)
         return ACT_STATUS_INVALID_URC;
-    int32_t rssi = index * 2 - 113;
-    json->add_int("rssi", rssi);
-    LOG_DEBUG("[QUECTEL_DRIVER] Modem `%s [%s]` URC Event: RSSI Signal  => %d dBm\n", mdm->id(), mdm->vid_pid(), rssi);
-    mdm->new_event(EVT_RSSI, &rssi);
+    if (index >= 0 && index <= 31) {
+        int32_t rssi = index * 2 - 113;
+        json->add_int("rssi", rssi);
+        LOG_DEBUG("[QUECTEL_DRIVER] Modem `%s [%s]` URC Event: RSSI Signal  => %d dBm\n", mdm->id(), mdm->vid_pid(),
+                  rssi);
+        mdm->new_event(EVT_RSSI, &rssi);
+    }
     json->add_int("ber", ber);
     LOG_DEBUG("[QUECTEL_DRIVER] Modem `%s [%s]` URC Event: BER Signal  => %d\n", mdm->id(), mdm->vid_pid(), ber);
     mdm->new_event(EVT_BER, &ber);

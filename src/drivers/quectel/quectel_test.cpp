@@ -55,6 +55,7 @@ TEST_F(QuectelUrcTest, ReportsBecomeEventsOrAreRefused)
          R"(16={"error":552,"state_id":7,"state":"FILEEND"} gsm.fota_state={"error":552,"state_id":7,"state":"FILEEND","modem_id":"1-1.2"})"},
         // Signal indication of an EC25 (AT+QINDCFG="csq",1), +CSQ coding.
         {urc_qind, "+QIND: \"csq\",20,99", 0, "7=-73 13=99"},
+        {urc_qind, "+QIND: \"csq\",99,99", 0, "13=99"}, // level not known: none reported
         // An EC25 start-up indication: not followed.
         {urc_qind, "+QIND: SMS DONE", ACT_STATUS_INVALID_URC, ""},
         // +QCSQ: LTE is RSSI, RSRP, SINR (1/5 dB from -20 dB), RSRQ.
