@@ -106,6 +106,24 @@ int set_command(request *req, std::string_view command)
     return ACT_STATUS_OK;
 }
 
+int set_extra_bytes(request *req, const void *data, size_t size)
+{
+    if (!req)
+        return ACT_STATUS_INVALID_ARGS;
+    void *copy = std::malloc(size);
+    if (!copy)
+        return ACT_STATUS_NO_MEMORY;
+    std::memcpy(copy, data, size);
+    std::free(req->extra);
+    req->extra = copy;
+    return ACT_STATUS_OK;
+}
+
+const void *extra_bytes(const request *req)
+{
+    return req ? req->extra : nullptr;
+}
+
 int set_commandf(request *req, const char *fmt, ...)
 {
     if (!req)

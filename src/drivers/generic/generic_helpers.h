@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "core/modem_driver.h"
 
@@ -68,6 +69,22 @@ int set_command(request *req, std::string_view command);
 // The same for a formatted command: measured first, then written into an
 // exactly sized buffer.
 int set_commandf(request *req, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// What the parse phase needs from the build travels as the request's extra
+// data, a copy of a plain record (freed by the request's owner; a previous
+// one goes). 0, 2 without a request, 3 without memory.
+int set_extra_bytes(request *req, const void *data, size_t size);
+template <class T> int set_extra(request *req, const T &value)
+{
+    static_assert(std::is_trivially_copyable_v<T>);
+    return set_extra_bytes(req, &value, sizeof(T));
+}
+// The record the build phase handed over, or null.
+const void *extra_bytes(const request *req);
+template <class T> const T *get_extra(const request *req)
+{
+    return static_cast<const T *>(extra_bytes(req));
+}
 
 // --- parse phase ------------------------------------------------------------------
 

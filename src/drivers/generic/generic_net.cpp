@@ -274,17 +274,6 @@ uint32_t cops_id(int value, int highest)
     return value >= 0 && value <= highest ? static_cast<uint32_t>(value) + 1 : 0;
 }
 
-template <typename T> int keep_extra(request *req, const T &state)
-{
-    T *copy = static_cast<T *>(std::malloc(sizeof(T)));
-    if (!copy)
-        return ACT_STATUS_NO_MEMORY;
-    *copy = state;
-    std::free(req->extra);
-    req->extra = copy;
-    return ACT_STATUS_OK;
-}
-
 int scan_build(modem *mdm, ujson *json, request *req)
 {
     if (!req)
@@ -302,7 +291,7 @@ int scan_build(modem *mdm, ujson *json, request *req)
     }
     int status = set_command(req, "AT+COPS=?\r");
     if (status == ACT_STATUS_OK)
-        status = keep_extra(req, state);
+        status = set_extra(req, state);
     if (status != ACT_STATUS_OK && state.iface_down)
         mdm->interface_action(1);
     return status;
@@ -535,7 +524,7 @@ int generic_scan_op(modem *mdm, int type, ujson *json, request *req, act_map_fn 
     if (type == 0)
         return scan_build(mdm, json, req);
     int status = scan_parse(mdm, json, act_map);
-    const auto *state = static_cast<const scan_state *>(req ? req->extra : nullptr);
+    const auto *state = get_extra<scan_state>(req);
     if (state && state->iface_down)
         mdm->interface_action(1);
     return status;
@@ -626,12 +615,12 @@ int set_op_slc(modem *mdm, int type, ujson *json, request *req)
         } else {
             return ACT_STATUS_INVALID_ARGS;
         }
-        return status == ACT_STATUS_OK ? keep_extra(req, state) : status;
+        return status == ACT_STATUS_OK ? set_extra(req, state) : status;
     }
 
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
-    const auto *state = static_cast<const slc_state *>(req ? req->extra : nullptr);
+    const auto *state = get_extra<slc_state>(req);
     if (!state)
         return ACT_STATUS_OK;
     if (state->format_id)

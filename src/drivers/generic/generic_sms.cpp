@@ -43,19 +43,6 @@ void cache_mode(modem *mdm, int32_t mode)
     cache_text(mdm, "sms_mode_str", sms_mode_str(static_cast<uint32_t>(mode)));
 }
 
-// Hands a block to the request as its extra data (freed by the request's
-// owner); a previous one goes.
-template <class T> int set_extra(request *req, const T &value)
-{
-    auto *copy = static_cast<T *>(std::malloc(sizeof(T)));
-    if (!copy)
-        return ACT_STATUS_NO_MEMORY;
-    std::memcpy(copy, &value, sizeof(T));
-    std::free(req->extra);
-    req->extra = copy;
-    return ACT_STATUS_OK;
-}
-
 // ---- storage ----------------------------------------------------------------------
 
 struct storage_use {
@@ -211,7 +198,7 @@ int parse_send(modem *mdm, ujson *json, request *req)
 {
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
-    const auto *ctx = static_cast<const send_ctx *>(req ? req->extra : nullptr);
+    const auto *ctx = get_extra<send_ctx>(req);
     if (!ctx)
         return 1;
     if (ctx->validate) {
@@ -351,7 +338,7 @@ int parse_read(modem *mdm, ujson *json, request *req)
 {
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
-    const auto *ctx = static_cast<const read_ctx *>(req ? req->extra : nullptr);
+    const auto *ctx = get_extra<read_ctx>(req);
     if (!ctx)
         return 1;
 

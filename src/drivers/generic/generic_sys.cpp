@@ -318,18 +318,8 @@ bool select_slot(const sim_config &cfg, uint32_t slot)
 // Turns the radio off; the parse phase switches to slot, kept in extra.
 int start_slot_switch(request *req, uint32_t slot)
 {
-    auto *target = static_cast<uint32_t *>(std::malloc(sizeof(uint32_t)));
-    if (!target)
-        return ACT_STATUS_NO_MEMORY;
-    *target = slot;
     int status = set_command(req, "AT+CFUN=0\r");
-    if (status != ACT_STATUS_OK) {
-        std::free(target);
-        return status;
-    }
-    std::free(req->extra);
-    req->extra = target;
-    return ACT_STATUS_OK;
+    return status == ACT_STATUS_OK ? set_extra(req, slot) : status;
 }
 
 void radio_on(modem *mdm)
@@ -348,9 +338,10 @@ void radio_on(modem *mdm)
 // the new slot is announced.
 int finish_slot_switch(modem *mdm, ujson *json, request *req)
 {
-    if (!req || !req->extra)
+    const uint32_t *target = get_extra<uint32_t>(req);
+    if (!target)
         return ACT_STATUS_INVALID_RESPONSE;
-    uint32_t slot = *static_cast<const uint32_t *>(req->extra);
+    uint32_t slot = *target;
     // The radio did not go off: nothing was switched.
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
@@ -429,8 +420,8 @@ int set_ussd(modem *mdm, int type, ujson *json, request *req)
     if (type != 0) {
         if (!answer_ok(mdm))
             return ACT_STATUS_INVALID_RESPONSE;
-        if (req && req->extra) {
-            bool await = *static_cast<const ussd_wait *>(req->extra) == ussd_wait::await;
+        if (const ussd_wait *wait = get_extra<ussd_wait>(req)) {
+            bool await = *wait == ussd_wait::await;
             mdm->set_last_active_urc(await ? "+CUSD" : nullptr);
         }
         return ACT_STATUS_OK;
@@ -464,13 +455,7 @@ int set_ussd(modem *mdm, int type, ujson *json, request *req)
     // cancelling ends any wait. Plain enabling leaves it as it is.
     if (mode == enable && !has_request)
         return ACT_STATUS_OK;
-    auto *wait = static_cast<ussd_wait *>(std::malloc(sizeof(ussd_wait)));
-    if (!wait)
-        return ACT_STATUS_NO_MEMORY;
-    *wait = mode == enable ? ussd_wait::await : ussd_wait::release;
-    std::free(req->extra);
-    req->extra = wait;
-    return ACT_STATUS_OK;
+    return set_extra(req, mode == enable ? ussd_wait::await : ussd_wait::release);
 }
 
 // "+CUSD: <m>[,<str>[,<dcs>]]", or the error the network's answer turned
