@@ -43,21 +43,8 @@ dirty_kb()
 
 start_root()
 {
-    local modems=$1 i
     simroot_init "$build"
-    local board='{"usb_id":"1-1","builtin":true,"primary":true}'
-    ((modems < 2)) || board+=',{"usb_id":"1-2","builtin":true}'
-    simroot_board "{\"modems\":[$board]}"
-    sim_scenario=$scenario
-    if [[ -z $sim_scenario ]]; then
-        sim_scenario=$WWANCTL_ROOT/ec25-immediate.scn
-        sed '/^latency /d' "$repo/tools/modem-sim/scenarios/ec25.scn" >"$sim_scenario"
-    fi
-    simroot_start_broker
-    for ((i = 0; i < modems; i++)); do
-        simroot_add_modem "1-$((i + 1))" "ttyUSB$((4 * i + 2))"
-        simroot_start_sim "sim$i" "ttyUSB$((4 * i + 2))" "$sim_scenario"
-    done
+    simroot_start_ec25s "$1" "$scenario"
 }
 
 startup=()

@@ -122,7 +122,7 @@ if [[ -n $scenario ]]; then
 else
     run_once ec25 "EC25 scenario, 5 ms per answer" || failed=1
     immediate=$(mktemp "${TMPDIR:-/tmp}/ec25-immediate.XXXXXX.scn")
-    sed '/^latency /d' "$repo/tools/modem-sim/scenarios/ec25.scn" >"$immediate"
+    sed '/^latency /d' "$SIMROOT_SRC/tools/modem-sim/scenarios/ec25.scn" >"$immediate"
     run_once "$immediate" "EC25 scenario without its answer delay" || failed=1
     rm -f "$immediate"
 fi

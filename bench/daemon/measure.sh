@@ -99,19 +99,7 @@ start_root()
     local modems=$1 i
     simroot_init "$build"
     # Built-in modems: the first is primary (gsm.modem0), the second secondary (gsm.modem1).
-    local board='{"usb_id":"1-1","builtin":true,"primary":true}'
-    ((modems < 2)) || board+=',{"usb_id":"1-2","builtin":true}'
-    simroot_board "{\"modems\":[$board],\"blocked_modems\":[\"3-1\"]}"
-    sim_scenario=$scenario
-    if [[ -z $sim_scenario ]]; then
-        sim_scenario=$WWANCTL_ROOT/ec25-immediate.scn
-        sed '/^latency /d' "$repo/tools/modem-sim/scenarios/ec25.scn" >"$sim_scenario"
-    fi
-    simroot_start_broker
-    for ((i = 0; i < modems; i++)); do
-        simroot_add_modem "1-$((i + 1))" "ttyUSB$((4 * i + 2))"
-        simroot_start_sim "sim$i" "ttyUSB$((4 * i + 2))" "$sim_scenario"
-    done
+    simroot_start_ec25s "$modems" "$scenario" ',"blocked_modems":["3-1"]'
     simroot_start_daemon "${daemon_args[@]}"
     for ((i = 0; i < modems; i++)); do
         simroot_wait_object "gsm.modem$i" 30
@@ -132,7 +120,7 @@ start_root 1
 pid=$(simroot_pid daemon)
 read_memory "$pid"
 rss1=$mem_rss hwm1=$mem_hwm dirty1=$mem_dirty threads1=$threads
-simroot_start_sim bench ttyBENCH "$sim_scenario"
+simroot_start_sim bench ttyBENCH "${scenario:-$(simroot_quick_scenario)}"
 latency_out=$("$bench_exec" -n "$calls" -t "$WWANCTL_ROOT/dev/ttyBENCH") || {
     echo "measure.sh: bench_exec failed:" >&2
     echo "$latency_out" >&2

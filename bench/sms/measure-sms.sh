@@ -33,12 +33,7 @@ done
 list=$("$build/bench/sms/bench_sms_list" -r 200)
 
 simroot_init "$build"
-simroot_board '{"modems":[{"usb_id":"1-1","builtin":true,"primary":true}]}'
-scenario=$WWANCTL_ROOT/ec25-immediate.scn
-sed '/^latency /d' "$repo/tools/modem-sim/scenarios/ec25.scn" >"$scenario"
-simroot_start_broker
-simroot_add_modem 1-1 ttyUSB2
-simroot_start_sim sim0 ttyUSB2 "$scenario"
+simroot_start_ec25s 1
 simroot_start_daemon
 simroot_wait_object gsm.modem0 30
 "$build/bench/daemon/bench_actions" ready -T "$EPOCHREALTIME" -l 60 >/dev/null

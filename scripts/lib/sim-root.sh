@@ -11,6 +11,13 @@
 #   simroot_start_sim NAME TTY [SCN] wwan-modem-sim (scenario SCN, default ec25) linked at
 #                                    $ROOT/dev/TTY, control socket $ROOT/NAME.sock (with
 #                                    SIMROOT_TRANSCRIPTS=1 a transcript $ROOT/NAME.log)
+#   simroot_quick_scenario           print the path of the EC25 scenario without its answer
+#                                    delay, written into the root on first use
+#   simroot_start_ec25s N [SCN] [BOARD_EXTRA]
+#                                    board of N built-in modems (1-1 primary, 1-2), the broker
+#                                    and N simulators sim0.. on ttyUSB2, ttyUSB6 (scenario SCN,
+#                                    default the quick one); BOARD_EXTRA adds board members
+#                                    (',"blocked_modems":["3-1"]')
 #   simroot_start_daemon [ARGS...]   wwanctl ARGS (e.g. -D), output in $ROOT/wwanctl.log
 #   simroot_wait_object OBJ [SECS]   wait until OBJ is on the bus (fails early if the
 #                                    daemon dies)
@@ -26,6 +33,7 @@
 # Every process is started by these functions and stopped by its pid only. Set
 # SIMROOT_KEEP=1 to keep the root (logs, transcripts) after the run.
 
+SIMROOT_SRC=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 SIMROOT_ROOT=""
 SIMROOT_BUILD=""
 SIMROOT_DESC='{"desc":"EC25","boudrate":115200,"control":2,"gps":1,"gps_optional":true}'
@@ -164,6 +172,27 @@ simroot_sim_cmd()
 {
     local sock=$SIMROOT_ROOT/${1:?name}.sock
     printf '%s\n' "${2:?command}" | timeout 5 socat -t 2 - "UNIX-CONNECT:$sock"
+}
+
+simroot_quick_scenario()
+{
+    local scn=$SIMROOT_ROOT/ec25-immediate.scn
+    [[ -f $scn ]] || sed '/^latency /d' "$SIMROOT_SRC/tools/modem-sim/scenarios/ec25.scn" >"$scn"
+    echo "$scn"
+}
+
+simroot_start_ec25s()
+{
+    local modems=${1:?count} scenario=${2:-} extra=${3:-} i
+    local board='{"usb_id":"1-1","builtin":true,"primary":true}'
+    ((modems < 2)) || board+=',{"usb_id":"1-2","builtin":true}'
+    simroot_board "{\"modems\":[$board]$extra}"
+    [[ -n $scenario ]] || scenario=$(simroot_quick_scenario)
+    simroot_start_broker || return 1
+    for ((i = 0; i < modems; i++)); do
+        simroot_add_modem "1-$((i + 1))" "ttyUSB$((4 * i + 2))" || return 1
+        simroot_start_sim "sim$i" "ttyUSB$((4 * i + 2))" "$scenario" || return 1
+    done
 }
 
 simroot_start_daemon()
