@@ -1304,9 +1304,6 @@ TEST_F(Ec25StateTest, SimpleSettings)
 	});
 }
 
-
-// ------------------------------------------ the shipped RM520N scenario
-
 TEST_F(Ec25StateTest, MessageStore)
 {
 	// The scenario's messages: two read, two parts from "Telekom", an unread UCS-2 one.
@@ -1340,6 +1337,8 @@ TEST_F(Ec25StateTest, MessageStore)
 	ask("ATE0\r");
 	EXPECT_EQ(ask("AT+CPMS?\r"), "\r\n+CPMS: \"ME\",7,255,\"ME\",7,255,\"ME\",7,255\r\n\r\nOK\r\n");
 }
+
+// ------------------------------------------ the shipped RM520N scenario
 
 class Rm520nTest : public Ec25StateTest {
 protected:
