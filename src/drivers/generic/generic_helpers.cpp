@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <libubox/blobmsg.h>
+
 #include "comm/at_command.h"
 #include "comm/request.h"
 #include "core/modem.h"
@@ -41,6 +43,40 @@ const char *act_args::text(const char *name, size_t max_len)
 const char *act_args::opt_text(const char *name, size_t max_len)
 {
     return checked(name, max_len, false);
+}
+
+std::vector<std::string_view> act_args::texts(const char *name, size_t max_items, size_t max_len, bool optional)
+{
+    std::vector<std::string_view> out;
+    blob_attr *array = nullptr;
+    if (json_) {
+        blob_attr *cur;
+        size_t rem;
+        blobmsg_for_each_attr(cur, json_->get_blobmsg(), rem)
+        {
+            if (blobmsg_type(cur) == BLOBMSG_TYPE_ARRAY && strcmp(blobmsg_name(cur), name) == 0) {
+                array = cur;
+                break;
+            }
+        }
+    }
+    if (!array) {
+        ok_ = ok_ && optional && !has(name);
+        return out;
+    }
+    blob_attr *item;
+    size_t rem;
+    blobmsg_for_each_attr(item, array, rem)
+    {
+        const char *value = blobmsg_type(item) == BLOBMSG_TYPE_STRING ? blobmsg_get_string(item) : nullptr;
+        if (!value || out.size() == max_items || !at_check_arg(value, max_len)) {
+            ok_ = false;
+            out.clear();
+            return out;
+        }
+        out.emplace_back(value);
+    }
+    return out;
 }
 
 int32_t act_args::number(const char *name, int32_t lo, int32_t hi)

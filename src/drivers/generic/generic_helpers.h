@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 #include <type_traits>
 
 #include "core/modem_driver.h"
@@ -51,6 +52,11 @@ class act_args
     uint32_t keyword(const char *name, vocab_enum_fn arg_enum);
     // An optional keyword; 0 when absent.
     uint32_t opt_keyword(const char *name, vocab_enum_fn arg_enum);
+    // The texts of an array argument, each checked like text(); at most
+    // max_items of them. Empty, and bad, when the array is missing (unless
+    // optional), holds anything but texts, or is too long. The views point
+    // into the caller's arguments.
+    std::vector<std::string_view> texts(const char *name, size_t max_items, size_t max_len, bool optional = false);
 
     bool ok() const { return ok_; }
     // ACT_STATUS_OK, or ACT_STATUS_INVALID_ARGS after a failed read.

@@ -89,6 +89,53 @@ TEST(ActArgs, RequiredOptionalAndRanges)
     }
 }
 
+// Array arguments (band lists, sentence types): every element is a checked
+// text; one bad element refuses the whole list.
+TEST(ActArgs, ArraysOfTexts)
+{
+    auto make = [](std::vector<const char *> items, bool with_number = false) {
+        auto json = ujson::create();
+        void *a = json->open_array("bands");
+        for (const char *item : items)
+            json->add_string(nullptr, item);
+        if (with_number)
+            json->add_int(nullptr, 3);
+        json->close_array(a);
+        return json;
+    };
+    struct {
+        const char *what;
+        std::unique_ptr<ujson> json;
+        bool optional;
+        bool ok;
+        size_t count;
+    } rows[] = {
+        {"two names", make({"LTE_B3", "LTE_B20"}), false, true, 2},
+        {"empty array", make({}), false, true, 0},
+        {"at the item limit", make({"a", "b", "c", "d"}), false, true, 4},
+        {"above the item limit", make({"a", "b", "c", "d", "e"}), false, false, 0},
+        {"a quote in one element", make({"LTE_B3", "x\"y"}), false, false, 0},
+        {"a line end in one element", make({"LTE_B3\r"}), false, false, 0},
+        {"an element too long", make({"0123456789abcdefg"}), false, false, 0},
+        {"a number among the texts", make({"LTE_B3"}, true), false, false, 0},
+        {"missing, required", ujson::create(), false, false, 0},
+        {"missing, optional", ujson::create(), true, true, 0},
+        {"a text in place of the array", args_with("bands", "LTE_B3"), true, false, 0},
+    };
+    for (auto &row : rows) {
+        act_args args(row.json.get());
+        auto got = args.texts("bands", 4, 16, row.optional);
+        EXPECT_EQ(args.ok(), row.ok) << row.what;
+        EXPECT_EQ(got.size(), row.count) << row.what;
+    }
+    auto json = make({"LTE_B3", "LTE_B20"});
+    act_args args(json.get());
+    auto got = args.texts("bands", 4, 16);
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0], "LTE_B3");
+    EXPECT_EQ(got[1], "LTE_B20");
+}
+
 TEST(Scan, PatternsOverUnterminatedAndLongTexts)
 {
     std::string text = "\r\n+CRC: 1\r\n\r\nOK\r\n";
