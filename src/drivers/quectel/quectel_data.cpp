@@ -163,8 +163,11 @@ void split_parts(std::string_view text, std::string_view *first, std::string_vie
     while (pos < text.size()) {
         size_t end = text.find("\r\n", pos);
         std::string_view line = text.substr(pos, end == std::string_view::npos ? end : end - pos);
-        if (line == "OK" || line == "ERROR" || line.starts_with("+CME ERROR:") || line.starts_with("+CMS ERROR:")) {
-            size_t cut = end == std::string_view::npos ? text.size() : end + 2;
+        // With ATV0 a numeric result ("0\r", "4\r") runs into the next answer.
+        bool numeric = line.size() >= 2 && (line[0] == '0' || line[0] == '4') && line[1] == '\r';
+        if (numeric || line == "OK" || line == "ERROR" || line.starts_with("+CME ERROR:") ||
+            line.starts_with("+CMS ERROR:")) {
+            size_t cut = numeric ? pos + 2 : end == std::string_view::npos ? text.size() : end + 2;
             *first = text.substr(0, cut);
             *second = text.substr(cut);
             return;
@@ -599,7 +602,7 @@ int get_nmea(modem *mdm, int type, ujson *json, request *req)
 
     std::string_view cfg, loc;
     split_parts(answer(mdm), &cfg, &loc);
-    if (!cfg.ends_with("\r\nOK\r\n") && cfg != "OK\r\n")
+    if (!cfg.ends_with("\r\nOK\r\n") && cfg != "OK\r\n" && !cfg.ends_with("\n0\r"))
         return ACT_STATUS_INVALID_RESPONSE;
     std::vector<field> f = fields_of(first_tagged(cfg, "+QGPSCFG"));
     int mask;

@@ -142,8 +142,7 @@ TEST_F(QuectelDataTest, AnswersIntoReplies)
         {get_attached_pdp_ctx_list, nullptr, "\r\nOK\r\n", R"(0 {"list":[]})"},
         // Constructed: an IPv6 context without its address, blanks around
         // fields, a line the list cannot read is skipped.
-        {get_attached_pdp_ctx_list, nullptr,
-         "\r\n+QIACT:2, 1 ,2,\"\"\r\n+QIACT: x,1\r\n+QIACT: 3,0,1\r\n\r\nOK\r\n",
+        {get_attached_pdp_ctx_list, nullptr, "\r\n+QIACT:2, 1 ,2,\"\"\r\n+QIACT: x,1\r\n+QIACT: 3,0,1\r\n\r\nOK\r\n",
          R"(0 {"list":[{"cid":2,"state_id":2,"state":"Activated","type_id":2,"type":"IPV6"},{"cid":3,"state_id":1,"state":"Deactivated","type_id":1,"type":"IP"}]})"},
         {get_attached_pdp_ctx_list, nullptr, "\r\nERROR\r\n", "5 {}"},
         // GNSS error codes of a BG96 table: 504 already on, 505 not on.
@@ -163,12 +162,17 @@ TEST_F(QuectelDataTest, AnswersIntoReplies)
         {get_nmea, R"({"satellite":"glonass"})",
          "\r\n+QGPSCFG: \"glonassnmeatype\",6\r\n\r\nOK\r\n\r\n+CME ERROR: 516\r\n",
          R"(0 {"types":["GSA","GNS"],"position":{"running":true,"fix_id":1,"fix":"No fix"}})"},
-        {get_nmea, R"({"satellite":"galileo"})", "\r\n+QGPSCFG:\"galileonmeatype\",0\r\n\r\nOK\r\n\r\n+CME ERROR: 505\r\n",
+        {get_nmea, R"({"satellite":"galileo"})",
+         "\r\n+QGPSCFG:\"galileonmeatype\",0\r\n\r\nOK\r\n\r\n+CME ERROR: 505\r\n",
          R"(0 {"types":[],"position":{"running":false,"fix_id":1,"fix":"No fix"}})"},
         // A modem without GNSS: no position at all.
         {get_nmea, R"({"satellite":"beidou"})", "\r\n+QGPSCFG: \"beidounmeatype\",2\r\n\r\nOK\r\n\r\nERROR\r\n",
          R"(0 {"types":["GSV"]})"},
         {get_nmea, R"({"satellite":"gps"})", "\r\nERROR\r\n\r\n+CME ERROR: 505\r\n", "5 {}"},
+        // The same with numeric results (ATV0): "0\r" ends each part.
+        {get_nmea, R"({"satellite":"beidou"})", "+QGPSCFG: \"beidounmeatype\",3\r\n0\r+CME ERROR: 516\r\n",
+         R"(0 {"types":["GSA","GSV"],"position":{"running":true,"fix_id":1,"fix":"No fix"}})"},
+        {get_nmea, R"({"satellite":"beidou"})", "4\r+CME ERROR: 516\r\n", "5 {}"},
         {get_nmea, R"({"satellite":"gps"})", "\r\n+QGPSCFG: \"gpsnmeatype\",32\r\n\r\nOK\r\n\r\nERROR\r\n", "5 {}"},
         {get_nmea, R"({"satellite":"gps"})", "\r\n+QGPSCFG: \"beidounmeatype\",1\r\n\r\nOK\r\n\r\nERROR\r\n", "5 {}"},
         {get_nmea, R"({"satellite":"gps"})", "\r\n+QGPSCFG: \"gpsnmeatype\",-\r\n\r\nOK\r\n\r\nERROR\r\n", "5 {}"},
@@ -190,7 +194,7 @@ std::string describe(const gnss_position &p)
     };
     const char *status = p.status == gnss_position::result::fixed    ? "fixed"
                          : p.status == gnss_position::result::no_fix ? "no_fix"
-                                                                      : "invalid";
+                                                                     : "invalid";
     if (p.status != gnss_position::result::fixed)
         return status;
     return std::string(status) + " lat=" + num(p.latitude) + " lon=" + num(p.longitude) + " alt=" + num(p.altitude) +
