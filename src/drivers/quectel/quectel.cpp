@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "core/modem.h"
+#include "drivers/quectel/quectel_data.h"
 #include "drivers/generic/generic_helpers.h"
 #include "ubus/vocab.h"
 #include "util/log.h"
@@ -298,6 +299,8 @@ int urc_power(modem *mdm, ujson *)
 
 int quectel_driver_probe(modem_driver *driver)
 {
+    quectel_data_probe(driver);
+
     for (uint32_t action : withdrawn)
         modem_driver_override(driver, action, nullptr);
 
