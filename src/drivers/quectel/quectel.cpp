@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "core/modem.h"
+#include "drivers/quectel/quectel_band.h"
 #include "drivers/quectel/quectel_data.h"
 #include "drivers/generic/generic_helpers.h"
 #include "ubus/vocab.h"
@@ -299,6 +300,7 @@ int urc_power(modem *mdm, ujson *)
 
 int quectel_driver_probe(modem_driver *driver)
 {
+    quectel_band_probe(driver);
     quectel_data_probe(driver);
 
     for (uint32_t action : withdrawn)

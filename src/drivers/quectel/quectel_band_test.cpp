@@ -1,0 +1,461 @@
+#include "drivers/quectel/quectel_band.h"
+
+#include <cstring>
+#include <string_view>
+
+#include "core/modem_info.h"
+#include "drivers/generic/driver_test_support.h"
+
+namespace
+{
+
+const modem_info *row_of(std::string_view model, std::string_view variant)
+{
+    for (const modem_info &row : g_midata)
+        if (model == row.model && variant == row.variant)
+            return &row;
+    return nullptr;
+}
+
+class QuectelBandTest : public driver_test
+{
+  protected:
+    // The modem as a model row; remembered AT+QCFG="band" fields when given.
+    void as(const char *model, const char *variant, const char *remembered = nullptr)
+    {
+        mdm.set_info(model ? row_of(model, variant) : nullptr);
+        ASSERT_TRUE(!model || mdm.info()) << model << "-" << variant;
+        cache->remove_item_name("qcfg_band");
+        if (remembered) {
+            ASSERT_EQ(cache->update_item("qcfg_band", CACHE_DATA_STRING, remembered, std::strlen(remembered) + 1),
+                      CACHE_ITEM_CHANGED);
+        }
+    }
+    static std::unique_ptr<ujson> list(const char *key, std::initializer_list<const char *> items)
+    {
+        auto json = ujson::create();
+        void *a = json->open_array(key);
+        for (const char *item : items)
+            json->add_string(nullptr, item);
+        json->close_array(a);
+        return json;
+    }
+    std::string reply_json() const
+    {
+        char *text = blobmsg_format_json(reply->get_blobmsg(), true);
+        std::string out = text ? text : "";
+        std::free(text);
+        return out;
+    }
+};
+
+// Setters: the command each family's variant writes for the bands asked.
+TEST_F(QuectelBandTest, SettersWriteTheFamilyFieldAndKeepTheOthers)
+{
+    const struct {
+        const char *what;
+        act_func fn;
+        const char *model, *variant, *remembered;
+        std::initializer_list<const char *> bands;
+        const char *command;
+    } rows[] = {
+        // EC2x: LTE bit n-1 = band n; GSM/WCDMA and TD-SCDMA fields untouched
+        // (0 keeps a field; nothing remembered for TD-SCDMA writes 0).
+        {"lte, ec2x", lte_band_set, "EC25", "EU", nullptr, {"LTE_B3", "LTE_B20"}, "AT+QCFG=\"band\",0,0x80004,0\r"},
+        {"names in any case", lte_band_set, "EC25", "EU", nullptr, {"lte_b1"}, "AT+QCFG=\"band\",0,0x1,0\r"},
+        {"B66 and B71 beyond 64 bits",
+         lte_band_set,
+         "EC25",
+         "AF",
+         nullptr,
+         {"LTE_B66", "LTE_B71"},
+         "AT+QCFG=\"band\",0,0x420000000000000000,0\r"},
+        {"lte, remembered TD-SCDMA field",
+         lte_band_set,
+         "EG25",
+         "G",
+         "0xbff,0x1e00b0e18df,0x20",
+         {"LTE_B28"},
+         "AT+QCFG=\"band\",0,0x8000000,0x20\r"},
+        // GSM and WCDMA share one field: the other half comes from what was
+        // read last, unknown bits (0x800) included, else from the model row.
+        {"gsm, remembered",
+         gsm_band_set,
+         "EG25",
+         "G",
+         "0xbff,0x1e00b0e18df,0x0",
+         {"GSM_1800"},
+         "AT+QCFG=\"band\",0xbf2,0,0x0\r"},
+        {"gsm, nothing remembered", gsm_band_set, "EC25", "EU", nullptr, {"GSM_900"}, "AT+QCFG=\"band\",0x91,0,0\r"},
+        {"wcdma, remembered",
+         wcdma_band_set,
+         "EG25",
+         "G",
+         "0xbff,0x1e00b0e18df,0x0",
+         {"WCDMA_2100"},
+         "AT+QCFG=\"band\",0x81f,0,0x0\r"},
+        {"wcdma any: the model's bands",
+         wcdma_band_set,
+         "EC25",
+         "EU",
+         nullptr,
+         {"WCDMA_ANY"},
+         "AT+QCFG=\"band\",0x93,0,0\r"},
+        // Cat-1: two fields, no "no change" value: the other field as remembered
+        // (the forum's EC200T read), else as the model row has it.
+        {"lte, cat1, remembered",
+         lte_band_set_cat1,
+         "EC200A",
+         "EU",
+         "0x93,0x1a0080800c5",
+         {"LTE_B3"},
+         "AT+QCFG=\"band\",0x93,0x4\r"},
+        {"lte, cat1, nothing remembered",
+         lte_band_set_cat1,
+         "EC200A",
+         "EU",
+         nullptr,
+         {"LTE_B1"},
+         "AT+QCFG=\"band\",0xd3,0x1\r"},
+        {"gsm, cat1",
+         gsm_band_set_cat1,
+         "EC200A",
+         "EU",
+         "0x93,0x1a0080800c5",
+         {"GSM_1800"},
+         "AT+QCFG=\"band\",0x92,0x1a0080800c5\r"},
+        // LPWA: GSM, Cat-M1 ("lte") and NB-IoT ("lte_nb") fields.
+        {"cat-m1",
+         lte_band_set_lpwa,
+         "BG96",
+         "",
+         "0xf,0x8000000,0x80000",
+         {"LTE_B3"},
+         "AT+QCFG=\"band\",0xf,0x4,0x80000\r"},
+        {"nb-iot",
+         lte_nb_band_set_lpwa,
+         "BG96",
+         "",
+         "0xf,0x8000000,0x80000",
+         {"LTE_NB20", "LTE_NB28"},
+         "AT+QCFG=\"band\",0xf,0x8000000,0x8080000\r"},
+        {"nb-iot B85 beyond 64 bits",
+         lte_nb_band_set_lpwa,
+         "BG95",
+         "M4",
+         "0x0,0x1,0x1",
+         {"LTE_NB85"},
+         "AT+QCFG=\"band\",0x0,0x1,0x1000000000000000000000\r"},
+        {"gsm, lpwa",
+         gsm_band_set_lpwa,
+         "BG96",
+         "",
+         "0xf,0x8000000,0x80000",
+         {"GSM_850", "GSM_1900"},
+         "AT+QCFG=\"band\",0xc,0x8000000,0x80000\r"},
+        // 5G: decimal band numbers in ascending order, one list per family.
+        {"lte, nr",
+         lte_band_set_nr,
+         "RM520N",
+         "GL",
+         nullptr,
+         {"LTE_B20", "LTE_B1", "LTE_B7", "LTE_B3"},
+         "AT+QNWPREFCFG=\"lte_band\",1:3:7:20\r"},
+        {"wcdma, nr",
+         wcdma_band_set_nr,
+         "RM520N",
+         "GL",
+         nullptr,
+         {"WCDMA_900", "WCDMA_2100", "WCDMA_J850"},
+         "AT+QNWPREFCFG=\"gw_band\",1:8:19\r"},
+        {"nsa, nr",
+         nsa_5g_band_set_nr,
+         "RM520N",
+         "GL",
+         nullptr,
+         {"NSA_5G_N78"},
+         "AT+QNWPREFCFG=\"nsa_nr5g_band\",78\r"},
+        {"sa, nr",
+         sa_5g_band_set_nr,
+         "RG520N",
+         "EU",
+         nullptr,
+         {"5G_N78", "5G_N41", "5G_N78"},
+         "AT+QNWPREFCFG=\"nr5g_band\",41:78\r"},
+        // UNISOC: one NR list, written by either setter.
+        {"nsa, unisoc",
+         nsa_5g_band_set_unisoc_nr,
+         "RG500U",
+         "EA",
+         nullptr,
+         {"NSA_5G_N78"},
+         "AT+QNWPREFCFG=\"nr5g_band\",78\r"},
+        {"sa, unisoc",
+         sa_5g_band_set_unisoc_nr,
+         "RG500U",
+         "EA",
+         nullptr,
+         {"5G_N41", "5G_N1"},
+         "AT+QNWPREFCFG=\"nr5g_band\",1:41\r"},
+    };
+    for (const auto &row : rows) {
+        as(row.model, row.variant, row.remembered);
+        auto args = list("bands", row.bands);
+        EXPECT_EQ(build(row.fn, args.get()), 0) << row.what;
+        EXPECT_EQ(command(), row.command) << row.what;
+    }
+}
+
+// Refused band lists: status 2 and no command.
+TEST_F(QuectelBandTest, BadBandListsBuildNothing)
+{
+    const struct {
+        const char *what;
+        act_func fn;
+        const char *model, *variant;
+        std::unique_ptr<ujson> args;
+    } rows[] = {
+        {"empty list", lte_band_set, "EC25", "EU", list("bands", {})},
+        {"empty list on 5G", lte_band_set_nr, "RM520N", "GL", list("bands", {})},
+        {"no list", lte_band_set, "EC25", "EU", ujson::create()},
+        {"a text for the list", lte_band_set, "EC25", "EU", args({{"bands", "LTE_B3"}})},
+        {"another family's band", gsm_band_set, "EC25", "EU", list("bands", {"LTE_B3"})},
+        {"NSA name for SA", sa_5g_band_set_nr, "RM520N", "GL", list("bands", {"NSA_5G_N78"})},
+        {"unknown name", lte_band_set, "EC25", "EU", list("bands", {"LTE_B3", "LTE_B99"})},
+        {"the family's none", gsm_band_set, "EC25", "EU", list("bands", {"GSM_NONE"})},
+        {"the family's unknown", lte_band_set, "EC25", "EU", list("bands", {"LTE_UNKNOWN"})},
+        {"band the model lacks", lte_band_set, "EC25", "EU", list("bands", {"LTE_B3", "LTE_B66"})},
+        {"GSM on a model without", gsm_band_set_lpwa, "BG95", "M4", list("bands", {"GSM_900"})},
+        {"any on a model without", gsm_band_set_lpwa, "BG95", "M4", list("bands", {"GSM_ANY"})},
+        {"mmWave on a sub-6 module", nsa_5g_band_set_nr, "RM520N", "GL", list("bands", {"NSA_5G_N257"})},
+        // EG25-G lists WCDMA B19, which the GSM/WCDMA field has no bit for.
+        {"band the field cannot hold", wcdma_band_set, "EG25", "G", list("bands", {"WCDMA_J850"})},
+        {"a quote in a name", lte_band_set, "EC25", "EU", list("bands", {"LTE_B3\""})},
+        {"a line end in a name", lte_band_set_nr, "RM520N", "GL", list("bands", {"LTE_B3\r"})},
+        {"no model row", lte_band_set, nullptr, nullptr, list("bands", {"LTE_B3"})},
+        {"the unknown model", lte_band_set, "", "", list("bands", {"LTE_ANY"})},
+    };
+    for (const auto &row : rows) {
+        as(row.model, row.variant);
+        EXPECT_EQ(build(row.fn, row.args.get()), ACT_STATUS_INVALID_ARGS) << row.what;
+        EXPECT_EQ(command(), "") << row.what;
+    }
+}
+
+TEST_F(QuectelBandTest, DefaultBandsAreTheModelsBandsOfEveryFamilyNotSkipped)
+{
+    const struct {
+        const char *what;
+        act_func fn;
+        const char *model, *variant, *remembered;
+        std::unique_ptr<ujson> args;
+        int status;
+        const char *command;
+    } rows[] = {
+        {"ec2x, all", set_default_bands, "EC25", "EU", nullptr, ujson::create(), 0,
+         "AT+QCFG=\"band\",0x93,0x1a0080800c5,0\r"},
+        {"ec2x, LTE only", set_default_bands, "EC25", "EU", nullptr, list("skip", {"gsm", "WCDMA"}), 0,
+         "AT+QCFG=\"band\",0,0x1a0080800c5,0\r"},
+        {"ec2x, LTE skipped, unknown bit kept", set_default_bands, "EG25", "G", "0x801,0x1e00b0e18df,0x0",
+         list("skip", {"lte"}), 0, "AT+QCFG=\"band\",0xbff,0,0x0\r"},
+        {"ec2x, GSM only, WCDMA as remembered", set_default_bands, "EC25", "EU", "0x10,0x1,0x0",
+         list("skip", {"wcdma", "lte"}), 0, "AT+QCFG=\"band\",0x13,0,0x0\r"},
+        {"cat1, GSM/WCDMA only", set_default_bands_cat1, "EC200A", "EU", "0x1,0x4", list("skip", {"lte"}), 0,
+         "AT+QCFG=\"band\",0xd3,0x4\r"},
+        {"lpwa, GSM only", set_default_bands_lpwa, "BG96", "", "0x1,0x4,0x8", list("skip", {"lte", "lte_nb"}), 0,
+         "AT+QCFG=\"band\",0xf,0x4,0x8\r"},
+        {"unisoc, NSA and SA share one list", set_default_bands_unisoc_nr, "RG500U", "EA", nullptr, ujson::create(), 0,
+         "AT+QNWPREFCFG=\"gw_band\",1:5:8;+QNWPREFCFG=\"lte_band\",1:3:5:7:8:20:28:34:38:39:40:41;"
+         "+QNWPREFCFG=\"nr5g_band\",1:3:5:8:28:41:77:78\r"},
+        {"nr, NR only", set_default_bands_nr, "RG520N", "EU", nullptr, list("skip", {"wcdma", "lte"}), 0,
+         "AT+QNWPREFCFG=\"nsa_nr5g_band\",1:3:5:7:8:20:28:38:40:41:75:76:77:78;"
+         "+QNWPREFCFG=\"nr5g_band\",1:3:5:7:8:20:28:38:40:41:75:76:77:78\r"},
+        {"nr, SA skipped by its report key", set_default_bands_nr, "RG520N", "EU", nullptr,
+         list("skip", {"wcdma", "lte", "5g"}), 0,
+         "AT+QNWPREFCFG=\"nsa_nr5g_band\",1:3:5:7:8:20:28:38:40:41:75:76:77:78\r"},
+        // A family the model lacks is left out instead of written empty.
+        {"nr, no WCDMA on the model", set_default_bands_nr, "RG255C", "GL", nullptr, list("skip", {"lte", "sa_5g"}),
+         ACT_STATUS_INVALID_ARGS, ""},
+        {"everything skipped", set_default_bands, "EC25", "EU", nullptr, list("skip", {"gsm", "wcdma", "lte"}),
+         ACT_STATUS_INVALID_ARGS, ""},
+        {"unknown family", set_default_bands, "EC25", "EU", nullptr, list("skip", {"cdma"}), ACT_STATUS_INVALID_ARGS,
+         ""},
+        {"no model row", set_default_bands, nullptr, nullptr, nullptr, ujson::create(), ACT_STATUS_INVALID_ARGS, ""},
+    };
+    for (const auto &row : rows) {
+        as(row.model, row.variant, row.remembered);
+        EXPECT_EQ(build(row.fn, row.args.get()), row.status) << row.what;
+        EXPECT_EQ(command(), row.command) << row.what;
+    }
+}
+
+// After a write the modem's answer decides; a QCFG write makes the
+// remembered fields stale, so they are read again (not when a restart follows).
+TEST_F(QuectelBandTest, WriteResultsRereadOrRestart)
+{
+    const struct {
+        const char *what;
+        act_func fn;
+        std::unique_ptr<ujson> args;
+        const char *answer;
+        int status;
+        size_t rereads;
+        const char *reply;
+        bool remembered_kept;
+    } rows[] = {
+        {"qcfg write accepted", lte_band_set, list("bands", {"LTE_B3"}), "\r\nOK\r\n", 0, 1, "{}", false},
+        {"qcfg write refused", lte_band_set, list("bands", {"LTE_B3"}), "\r\nERROR\r\n", 5, 0, "{}", true},
+        {"qcfg write, numeric OK", gsm_band_set, list("bands", {"GSM_900"}), "0\r", 0, 1, "{}", false},
+        {"5G write accepted", lte_band_set_nr, list("bands", {"LTE_B3"}), "\r\nOK\r\n", 0, 0, "{}", true},
+        {"5G write refused", lte_band_set_nr, list("bands", {"LTE_B3"}), "\r\n+CME ERROR: 3\r\n", 5, 0, "{}", true},
+        {"defaults accepted", set_default_bands, ujson::create(), "\r\nOK\r\n", 0, 1, "{}", false},
+    };
+    for (const auto &row : rows) {
+        as("EC25", "EU", "0x93,0x1,0x0");
+        mdm.set_info(row.fn == lte_band_set_nr ? row_of("RM520N", "GL") : row_of("EC25", "EU"));
+        mdm.refreshed.clear();
+        ASSERT_EQ(build(row.fn, row.args.get()), 0) << row.what;
+        EXPECT_EQ(parse(row.fn, row.answer), row.status) << row.what;
+        EXPECT_EQ(mdm.refreshed.size(), row.rereads) << row.what;
+        for (uint32_t action : mdm.refreshed)
+            EXPECT_EQ(action, static_cast<uint32_t>(ACT_GET_BANDS)) << row.what;
+        EXPECT_EQ(cached("qcfg_band") != "<none>", row.remembered_kept) << row.what;
+    }
+
+    // The test modem has no bus, so the restart request cannot go out.
+    as("EC25", "EU");
+    auto with_reboot = ujson::create();
+    with_reboot->add_bool("reboot", true);
+    mdm.refreshed.clear();
+    ASSERT_EQ(build(set_default_bands, with_reboot.get()), 0);
+    EXPECT_EQ(parse(set_default_bands, "\r\nOK\r\n"), 0);
+    EXPECT_EQ(reply_json(), R"({"reboot":false})");
+    EXPECT_TRUE(mdm.refreshed.empty());
+}
+
+TEST_F(QuectelBandTest, ReadCommands)
+{
+    const struct {
+        act_func fn;
+        const char *command;
+    } rows[] = {
+        {get_bands, "AT+QCFG=\"band\"\r"},
+        {get_bands_cat1, "AT+QCFG=\"band\"\r"},
+        {get_bands_lpwa, "AT+QCFG=\"band\"\r"},
+        {get_bands_nr, "AT+QNWPREFCFG=\"gw_band\";+QNWPREFCFG=\"lte_band\";+QNWPREFCFG=\"nsa_nr5g_band\";"
+                       "+QNWPREFCFG=\"nr5g_band\"\r"},
+        {get_bands_unisoc_nr, "AT+QNWPREFCFG=\"gw_band\";+QNWPREFCFG=\"lte_band\";+QNWPREFCFG=\"nr5g_band\"\r"},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(build(row.fn), 0);
+        EXPECT_EQ(command(), row.command);
+    }
+}
+
+// Band reports: names per family decoded from each field, the fields as the
+// modem printed them, and (QCFG) the fields remembered for the next set.
+TEST_F(QuectelBandTest, ReportsDecodeEveryFamily)
+{
+    const struct {
+        const char *what;
+        act_func fn;
+        const char *answer;
+        int status;
+        const char *reply;
+        const char *remembered;
+    } rows[] = {
+        // EG25-G EG25GGBR07A08M2G
+        {"ec2x", get_bands, "\r\n+QCFG: \"band\",0xbff,0x1e00b0e18df,0x0\r\n\r\nOK\r\n", 0,
+         R"({"bandval":"0xbff","gsm":["GSM_850","GSM_900","GSM_1800","GSM_1900"],)"
+         R"("wcdma":["WCDMA_800","WCDMA_850","WCDMA_900","WCDMA_1700","WCDMA_1900","WCDMA_2100"],)"
+         R"("ltebandval":"0x1e00b0e18df","lte":["LTE_B1","LTE_B2","LTE_B3","LTE_B4","LTE_B5","LTE_B7","LTE_B8",)"
+         R"("LTE_B12","LTE_B13","LTE_B18","LTE_B19","LTE_B20","LTE_B25","LTE_B26","LTE_B28","LTE_B38","LTE_B39",)"
+         R"("LTE_B40","LTE_B41"],"tdsbandval":"0x0"})",
+         "0xbff,0x1e00b0e18df,0x0"},
+        // EG25-G answer above in the RM5xx print style: lower-case tag, no
+        // blank after the colon, blanks around fields.
+        {"ec2x, other print style", get_bands, "\r\n+qcfg:\"BAND\", 0x3 ,0x4,0x0\r\n\r\nOK\r\n", 0,
+         R"({"bandval":"0x3","gsm":["GSM_900","GSM_1800"],"wcdma":[],"ltebandval":"0x4","lte":["LTE_B3"],)"
+         R"("tdsbandval":"0x0"})",
+         "0x3,0x4,0x0"},
+        // Built by the EC25 manual's rule B66 = bit 65, B71 = bit 70 (an
+        // EC25-AF style mask).
+        {"ec2x, beyond 64 bits", get_bands, "\r\n+QCFG: \"band\",0x0,0x420000000000000008,0x0\r\n\r\nOK\r\n", 0,
+         R"({"bandval":"0x0","gsm":[],"wcdma":[],"ltebandval":"0x420000000000000008",)"
+         R"("lte":["LTE_B4","LTE_B66","LTE_B71"],"tdsbandval":"0x0"})",
+         "0x0,0x420000000000000008,0x0"},
+        // "-" is no value: its keys are left out, never read as 0.
+        {"ec2x, no LTE value", get_bands, "\r\n+QCFG: \"band\",0x1,-,0x0\r\n\r\nOK\r\n", 0,
+         R"({"bandval":"0x1","gsm":["GSM_900"],"wcdma":[],"tdsbandval":"0x0"})", "0x1,,0x0"},
+        // EC200T, Quectel forum thread on AT+QCFG="band"
+        {"cat1", get_bands_cat1, "\r\n+QCFG: \"band\",0x93,0x1a0080800c5\r\n\r\nOK\r\n", 0,
+         R"({"bandval":"0x93","gsm":["GSM_900","GSM_1800"],"wcdma":["WCDMA_900","WCDMA_2100"],)"
+         R"("ltebandval":"0x1a0080800c5","lte":["LTE_B1","LTE_B3","LTE_B7","LTE_B8","LTE_B20","LTE_B28",)"
+         R"("LTE_B38","LTE_B40","LTE_B41"]})",
+         "0x93,0x1a0080800c5"},
+        // BG96 field layout from peer driver notes (GSM, Cat-M1, NB-IoT).
+        {"lpwa", get_bands_lpwa, "\r\n+QCFG: \"band\",0xf,0x80084,0x80084\r\n\r\nOK\r\n", 0,
+         R"({"gsmbandval":"0xf","gsm":["GSM_850","GSM_900","GSM_1800","GSM_1900"],"catm1bandval":"0x80084",)"
+         R"("lte":["LTE_B3","LTE_B8","LTE_B20"],"catnb1bandval":"0x80084",)"
+         R"("lte_nb":["LTE_NB3","LTE_NB8","LTE_NB20"]})",
+         "0xf,0x80084,0x80084"},
+        {"qcfg error", get_bands, "\r\n+CME ERROR: 4\r\n", 5, "{}", "<none>"},
+        {"another qcfg item only", get_bands, "\r\n+QCFG: \"nwscanmode\",0\r\n\r\nOK\r\n", 5, "{}", "<none>"},
+        {"not hexadecimal", get_bands, "\r\n+QCFG: \"band\",0xbff,0xZZ,0x0\r\n\r\nOK\r\n", 5, "{}", "<none>"},
+        {"no field at all", get_bands, "\r\n+QCFG: \"band\"\r\n\r\nOK\r\n", 5, "{}", "<none>"},
+        // RG520N/RM520N AT manual example of the four lists.
+        {"nr", get_bands_nr,
+         "\r\n+QNWPREFCFG: \"gw_band\",1:8\r\n+QNWPREFCFG: \"lte_band\",1:3:8\r\n"
+         "+QNWPREFCFG: \"nsa_nr5g_band\",78\r\n+QNWPREFCFG: \"nr5g_band\",78\r\n\r\nOK\r\n",
+         0,
+         R"({"gw_band":"1:8","wcdma":["WCDMA_900","WCDMA_2100"],"lte_band":"1:3:8","lte":["LTE_B1","LTE_B3","LTE_B8"],)"
+         R"("nsa_nr5g_band":"78","nsa_5g":["NSA_5G_N78"],"nr5g_band":"78","5g":["5G_N78"]})",
+         "<none>"},
+        // RM520N-GL reads of two lists, with a band number no family lists
+        // added and the blank the manual's own examples print after the comma.
+        {"nr, partial", get_bands_nr,
+         "\r\n+QNWPREFCFG: \"lte_band\",1:3:7:20:250\r\n+QNWPREFCFG:\"nsa_nr5g_band\", 78\r\n\r\nOK\r\n", 0,
+         R"({"lte_band":"1:3:7:20:250","lte":["LTE_B1","LTE_B3","LTE_B7","LTE_B20"],)"
+         R"("nsa_nr5g_band":"78","nsa_5g":["NSA_5G_N78"]})",
+         "<none>"},
+        {"nr, no list", get_bands_nr, "\r\nOK\r\n", 5, "{}", "<none>"},
+        // RG500U/RM500U layout: one NR list (test form from a user's band
+        // tool report; the values are made up), shown for both NR families.
+        {"unisoc", get_bands_unisoc_nr, "\r\n+QNWPREFCFG: \"nr5g_band\",1:28:41:78\r\n\r\nOK\r\n", 0,
+         R"({"nr5g_band":"1:28:41:78","5g":["5G_N1","5G_N28","5G_N41","5G_N78"],)"
+         R"("nsa_5g":["NSA_5G_N1","NSA_5G_N28","NSA_5G_N41","NSA_5G_N78"]})",
+         "<none>"},
+    };
+    for (const auto &row : rows) {
+        as("EC25", "EU");
+        EXPECT_EQ(parse(row.fn, row.answer), row.status) << row.what;
+        if (row.status == 0) {
+            EXPECT_EQ(reply_json(), row.reply) << row.what;
+        }
+        EXPECT_EQ(cached("qcfg_band"), row.remembered) << row.what;
+    }
+}
+
+// What get_bands remembers is what the next set of one family keeps.
+TEST_F(QuectelBandTest, ReadThenSetKeepsTheOtherFamily)
+{
+    as("EG25", "G");
+    ASSERT_EQ(parse(get_bands, "\r\n+QCFG: \"band\",0x3f0,0x1,0x0\r\n\r\nOK\r\n"), 0);
+    auto args = list("bands", {"GSM_ANY"});
+    ASSERT_EQ(build(gsm_band_set, args.get()), 0);
+    EXPECT_EQ(command(), "AT+QCFG=\"band\",0x3ff,0,0x0\r");
+}
+
+TEST_F(QuectelBandTest, ProbeInstallsTheBaseActions)
+{
+    modem_driver driver = {"test", "test", nullptr, nullptr};
+    ASSERT_EQ(quectel_band_probe(&driver), 0);
+    EXPECT_EQ(driver.funcs[ACT_SET_GSM_BAND], gsm_band_set);
+    EXPECT_EQ(driver.funcs[ACT_SET_WCDMA_BAND], wcdma_band_set);
+    EXPECT_EQ(driver.funcs[ACT_SET_LTE_BAND], lte_band_set);
+    EXPECT_EQ(driver.funcs[ACT_SET_DEFAULT_BANDS], set_default_bands);
+    EXPECT_EQ(driver.funcs[ACT_GET_BANDS], get_bands);
+    EXPECT_EQ(driver.funcs[ACT_SET_5G_SA_BAND], nullptr);
+}
+
+} // namespace
