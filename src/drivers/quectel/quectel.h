@@ -6,7 +6,14 @@
 #include "core/modem_driver.h"
 
 int quectel_driver_probe(modem_driver *driver);
-// Shared by the RG500Q and RG501Q drivers.
+
+// Family probes: what a family does differently from the base driver.
+int quectel_ltea_probe(modem_driver *driver);      // EG06, EG12, EG060K
+int quectel_cat1_probe(modem_driver *driver);      // EC200A, EG915Q
+int quectel_lpwa_probe(modem_driver *driver);      // BG95, BG96
+int quectel_nr_probe(modem_driver *driver);        // RG500Q, RG501Q, RG520N, RM520N
+int quectel_unisoc_nr_probe(modem_driver *driver); // RG500U
+// The RG500Q's probe, which the RG501Q driver shares.
 int quectel_rg500q_probe(modem_driver *driver);
 
 // Unsolicited reports of every Quectel modem. Each returns an action status:

@@ -1,4 +1,4 @@
 #include "drivers/quectel/quectel.h"
 
 MODEM_DRIVER(quectel_eg060k_driver, MODEM_DRIVER_PRIO_MODEL, "Quectel EG060k AT", "quectel,eg060k", "quectel",
-             modem_driver_probe_none)
+             quectel_ltea_probe)

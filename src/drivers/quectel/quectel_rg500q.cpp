@@ -1,8 +1,8 @@
 #include "drivers/quectel/quectel.h"
 
-int quectel_rg500q_probe(modem_driver *)
+int quectel_rg500q_probe(modem_driver *driver)
 {
-    return 0;
+    return quectel_nr_probe(driver);
 }
 
 MODEM_DRIVER(quectel_rg500q_driver, MODEM_DRIVER_PRIO_MODEL, "Quectel RG500Q AT", "quectel,rg500q", "quectel",

@@ -1,4 +1,4 @@
 #include "drivers/quectel/quectel.h"
 
 MODEM_DRIVER(quectel_rg500u_driver, MODEM_DRIVER_PRIO_MODEL, "Quectel RG500U AT", "quectel,rg500u", "quectel",
-             modem_driver_probe_none)
+             quectel_unisoc_nr_probe)
