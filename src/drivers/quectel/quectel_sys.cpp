@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -79,7 +80,8 @@ bool field_int(std::string_view field, int &value)
     field.copy(text, field.size());
     char *end = nullptr;
     long v = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || !(text[0] == '-' || text[0] == '+' || (text[0] >= '0' && text[0] <= '9')))
+    if (end == text || *end != '\0' || !(text[0] == '-' || text[0] == '+' || (text[0] >= '0' && text[0] <= '9')) ||
+        v < INT32_MIN || v > INT32_MAX)
         return false;
     value = static_cast<int>(v);
     return true;
