@@ -5,6 +5,7 @@
 #include "drivers/quectel/quectel.h"
 
 #include "drivers/quectel/quectel_band.h"
+#include "drivers/quectel/quectel_sys.h"
 
 namespace
 {
@@ -50,6 +51,9 @@ constexpr action_override nr[] = {
     {ACT_SET_5G_SA_BAND, sa_5g_band_set_nr},
     {ACT_SET_DEFAULT_BANDS, set_default_bands_nr},
     {ACT_GET_BANDS, get_bands_nr},
+    {ACT_SET_SIM_SLOT, quectel::quectel_set_sim_slot_nr},
+    {ACT_GET_SIM_SLOT, quectel::quectel_get_sim_slot_nr},
+    {ACT_GET_NAT_CFG, quectel::get_nat_cfg_nr},
 };
 
 // 5G on UNISOC UDX710 (RG500U): AT+QNWPREFCFG with one NR band list.
@@ -58,6 +62,7 @@ constexpr action_override unisoc_nr[] = {
     {ACT_SET_5G_SA_BAND, sa_5g_band_set_unisoc_nr},
     {ACT_SET_DEFAULT_BANDS, set_default_bands_unisoc_nr},
     {ACT_GET_BANDS, get_bands_unisoc_nr},
+    {ACT_GET_NAT_CFG, nullptr}, // known on the Qualcomm modules only
 };
 
 } // namespace

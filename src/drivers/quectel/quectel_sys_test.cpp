@@ -1,0 +1,297 @@
+#include "drivers/quectel/quectel_sys.h"
+
+#include <filesystem>
+#include <fstream>
+
+#include "core/sim_config.h"
+#include "drivers/generic/testdata_answers.h"
+
+namespace
+{
+
+using namespace quectel;
+
+class QuectelSysTest : public driver_case_test
+{
+};
+
+TEST_F(QuectelSysTest, CommandsAndAnswers)
+{
+    const named_fn fns[] = {
+        {"get_firmware", get_firmware, nullptr},
+        {"get_sn", get_sn, nullptr},
+        {"get_iccid", get_iccid, nullptr},
+        {"get_pin_count", get_pin_count, nullptr},
+        {"set_urc_cfg", set_urc_cfg, nullptr},
+        {"get_urc_cfg", get_urc_cfg, nullptr},
+        {"set_urc_ind_cfg", set_urc_ind_cfg, nullptr},
+        {"get_urc_ind_cfg", get_urc_ind_cfg, nullptr},
+        {"set_dhcp_pkt_fltr", set_dhcp_pkt_fltr, nullptr},
+        {"get_dhcp_pkt_fltr", get_dhcp_pkt_fltr, nullptr},
+        {"set_usbnet_cfg", set_usbnet_cfg, nullptr},
+        {"get_usbnet_cfg", get_usbnet_cfg, nullptr},
+        {"get_nat_cfg_nr", get_nat_cfg_nr, nullptr},
+        {"set_ims_state", set_ims_state, nullptr},
+        {"get_ims_state", get_ims_state, nullptr},
+        {"set_volte_state", set_volte_state, nullptr},
+        {"get_volte_state", get_volte_state, nullptr},
+        {"get_volte_ready", get_volte_ready, nullptr},
+        {"get_qsimdet", get_qsimdet, nullptr},
+        {"set_qsimdet", set_qsimdet, nullptr},
+        {"set_sim_soft_hotplug", set_sim_soft_hotplug, nullptr},
+        {"get_sim_soft_hotplug", get_sim_soft_hotplug, nullptr},
+        {"get_temperature", get_temperature, nullptr},
+        {"get_flash_state", get_flash_state, nullptr},
+        {"get_mbn_list", get_mbn_list, nullptr},
+        {"mbn_deactivate", mbn_deactivate, nullptr},
+        {"set_mbn_select", set_mbn_select, nullptr},
+        {"set_mbn_auto_sel", set_mbn_auto_sel, nullptr},
+        {"get_mbn_auto_sel", get_mbn_auto_sel, nullptr},
+    };
+    // The case reader looks in the generic driver's directory.
+    run_cases("../../quectel/testdata/sys.txt", fns);
+}
+
+TEST_F(QuectelSysTest, IdentityIsCachedOnlyWhenRead)
+{
+    const struct {
+        act_func fn;
+        const char *answer;
+        const char *key;
+        const char *cached; // "<none>": nothing cached
+    } rows[] = {
+        // EG25-G capture.
+        {get_firmware, "\r\nEG25GGBR07A08M2G_30.203.30.203\r\n\r\nOK\r\n", "firmware",
+         "EG25GGBR07A08M2G_30.203.30.203"},
+        // EM05-G still starting (peer driver notes): retried later, not cached.
+        {get_firmware, "\r\nEM05GFAR07A07M1G_01.016.00.000\r\n\r\nOK\r\n", "firmware", "<none>"},
+        {get_sn, "\r\n+EGMR: \"MPY21ABC3456789\"\r\n\r\nOK\r\n", "serial_num", "MPY21ABC3456789"},
+        {get_sn, "\r\nERROR\r\n", "serial_num", "<none>"},
+        // EC25 AT manual example, and a SIM with the filler F.
+        {get_iccid, "\r\n+QCCID: 89860025128306012474\r\n\r\nOK\r\n", "iccid", "89860025128306012474"},
+        {get_iccid, "\r\n+QCCID: 8944110068256270054F\r\n\r\nOK\r\n", "iccid", "8944110068256270054"},
+        {get_iccid, "\r\n+CME ERROR: 10\r\n", "iccid", "<none>"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.answer);
+        cache = cache_manager::create();
+        mdm.set_cache(cache.get());
+        parse(row.fn, row.answer);
+        EXPECT_EQ(cached(row.key), row.cached);
+    }
+}
+
+TEST_F(QuectelSysTest, ImsChangeRestartsTheModemOnlyWhenAsked)
+{
+    const struct {
+        const char *args;
+        const char *answer;
+        int status;
+        const char *reply;
+    } rows[] = {
+        // No bus in the test: the restart request cannot go out and says so.
+        {R"({"state":"enable","apply":true})", "\r\nOK\r\n", 0, R"({"restart":true,"rebooting":false})"},
+        {R"({"state":"enable","apply":false})", "\r\nOK\r\n", 0, R"({"restart":true})"},
+        {R"({"state":"disable"})", "\r\nOK\r\n", 0, R"({"restart":true})"},
+        // The modem refused the setting: no restart is asked for.
+        {R"({"state":"enable","apply":true})", "\r\nERROR\r\n", ACT_STATUS_INVALID_RESPONSE, "{}"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.args);
+        auto json = ujson::create();
+        ASSERT_TRUE(blobmsg_add_json_from_string(json->buffer(), row.args));
+        ASSERT_EQ(build(set_ims_state, json.get()), 0);
+        EXPECT_EQ(parse(set_ims_state, row.answer), row.status);
+        EXPECT_EQ(as_json(*reply), row.reply);
+    }
+}
+
+TEST_F(QuectelSysTest, OneSimDetectionValueKeepsTheOther)
+{
+    const struct {
+        const char *args;
+        const char *answer; // the modem's current setting (manual form)
+        int status;
+        const char *written; // arguments of the queued write, "" none
+        const char *write;   // the command that write sends
+    } rows[] = {
+        {R"({"enabled":true})", "\r\n+QSIMDET: 0,1\r\n\r\nOK\r\n", 0, R"({"enabled":true,"insert_level":1})",
+         "AT+QSIMDET=1,1\r"},
+        {R"({"enabled":false})", "\r\n+QSIMDET: 1,0\r\n\r\nOK\r\n", 0, R"({"enabled":false,"insert_level":0})",
+         "AT+QSIMDET=0,0\r"},
+        {R"({"insert_level":0})", "\r\n+QSIMDET: 1,1\r\n\r\nOK\r\n", 0, R"({"enabled":true,"insert_level":0})",
+         "AT+QSIMDET=1,0\r"},
+        {R"({"insert_level":1})", "\r\n+QSIMDET:0,0\r\n\r\nOK\r\n", 0, R"({"enabled":false,"insert_level":1})",
+         "AT+QSIMDET=0,1\r"},
+        // The current setting cannot be read: nothing is written.
+        {R"({"enabled":true})", "\r\nERROR\r\n", ACT_STATUS_INVALID_RESPONSE, "", ""},
+        {R"({"enabled":true})", "\r\n+QSIMDET: 1\r\n\r\nOK\r\n", ACT_STATUS_INVALID_RESPONSE, "", ""},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.args);
+        mdm.refreshed.clear();
+        mdm.refresh_args.clear();
+        auto json = ujson::create();
+        ASSERT_TRUE(blobmsg_add_json_from_string(json->buffer(), row.args));
+        ASSERT_EQ(build(set_qsimdet, json.get()), 0);
+        EXPECT_EQ(command(), "AT+QSIMDET?\r");
+        EXPECT_EQ(parse(set_qsimdet, row.answer), row.status);
+        if (*row.written) {
+            ASSERT_EQ(mdm.refreshed, std::vector<uint32_t>{ACT_SET_QSIMDET});
+            EXPECT_EQ(mdm.refresh_args[0], row.written);
+            // The queued write comes back with both values and is sent as such.
+            auto again = ujson::create();
+            ASSERT_TRUE(blobmsg_add_json_from_string(again->buffer(), row.written));
+            ASSERT_EQ(build(set_qsimdet, again.get()), 0);
+            EXPECT_EQ(command(), row.write);
+            EXPECT_EQ(parse(set_qsimdet, "\r\nOK\r\n"), 0);
+            EXPECT_EQ(as_json(*reply), R"({"restart":true})");
+        } else {
+            EXPECT_TRUE(mdm.refreshed.empty());
+        }
+    }
+}
+
+// --- SIM slots ------------------------------------------------------------------------
+
+namespace fs = std::filesystem;
+
+struct wired_modem : recording_modem {
+    const sim_config *sim_cfg() const override { return cfg.get(); }
+    uint32_t sim_slot_count() const override { return count; }
+    std::unique_ptr<sim_config> cfg;
+    uint32_t count = 0;
+};
+
+class QuectelSimSlotTest : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/wwan-qslot-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        root = tmpl;
+        setenv("WWANCTL_ROOT", root.c_str(), 1);
+        fs::create_directories(root + "/sys/class/gpio/sim_sel");
+        fs::create_directories(root + "/etc/mnfinfo");
+    }
+    void TearDown() override
+    {
+        unsetenv("WWANCTL_ROOT");
+        fs::remove_all(root);
+    }
+    std::string sw1() const
+    {
+        std::ifstream in(root + "/sys/class/gpio/sim_sel/value");
+        char c = '-';
+        in >> c;
+        return std::string(1, c);
+    }
+    std::string root;
+};
+
+TEST_F(QuectelSimSlotTest, TheBoardOrTheModemSwitches)
+{
+    // Factory slot texts: control type, modem, type, switch 1, switch 2, presence.
+    const std::string gpio = "211101\n211201\n", internal = "111001\n111001\n", single = "011001\n";
+    const struct {
+        const char *what;
+        std::string factory;
+        act_func fn;
+        int index; // "index" argument, -1 none
+        int build_status;
+        const char *command; // "" none
+        const char *answer;
+        int parse_status;
+        int slot;         // reply "index", -1 none
+        int event;        // EVT_SIM_CHANGE value, -1 none
+        const char *line; // switch 1 after the action
+    } rows[] = {
+        // Selector lines on the board: the radio goes off and the line is switched.
+        {"gpio select", gpio, quectel_set_sim_slot, 2, 0, "AT+CFUN=0\r", "\r\nOK\r\n", 0, 2, 2, "1"},
+        {"gpio read", gpio, quectel_get_sim_slot, -1, 0, "AT\r", "\r\nOK\r\n", 0, 1, -1, "0"},
+        {"gpio on nr", gpio, quectel_set_sim_slot_nr, 2, 0, "AT+CFUN=0\r", "\r\nOK\r\n", 0, 2, 2, "1"},
+        // Two slots and no line: the modem's own interfaces, 0-based on EC2x.
+        {"qdsim select 2", internal, quectel_set_sim_slot, 2, 0, "AT+QDSIM=1\r", "\r\nOK\r\n", 0, 2, 2, "0"},
+        {"qdsim select 1", internal, quectel_set_sim_slot, 1, 0, "AT+QDSIM=0\r", "\r\nOK\r\n", 0, 1, 1, "0"},
+        {"qdsim refused", internal, quectel_set_sim_slot, 2, 0, "AT+QDSIM=1\r", "\r\nERROR\r\n", 5, -1, -1, "0"},
+        {"qdsim beyond the slots", internal, quectel_set_sim_slot, 3, 2, "", "", 0, -1, -1, "0"},
+        {"qdsim index missing", internal, quectel_set_sim_slot, -1, 2, "", "", 0, -1, -1, "0"},
+        // EC2x manual form of the read.
+        {"qdsim read", internal, quectel_get_sim_slot, -1, 0, "AT+QDSIM?\r", "\r\n+QDSIM: 1\r\n\r\nOK\r\n", 0, 2, -1,
+         "0"},
+        {"qdsim read dash", internal, quectel_get_sim_slot, -1, 0, "AT+QDSIM?\r", "\r\n+QDSIM: -\r\n\r\nOK\r\n", 5, -1,
+         -1, "0"},
+        // RM5xx: 1-based slot numbers.
+        {"quimslot select", internal, quectel_set_sim_slot_nr, 2, 0, "AT+QUIMSLOT=2\r", "\r\nOK\r\n", 0, 2, 2, "0"},
+        {"quimslot read", internal, quectel_get_sim_slot_nr, -1, 0, "AT+QUIMSLOT?\r", "\r\n+QUIMSLOT:1\r\n\r\nOK\r\n",
+         0, 1, -1, "0"},
+        {"quimslot read 0", internal, quectel_get_sim_slot_nr, -1, 0, "AT+QUIMSLOT?\r",
+         "\r\n+QUIMSLOT: 0\r\n\r\nOK\r\n", 5, -1, -1, "0"},
+        // One slot is no dual-SIM: the board path, which has only slot 1.
+        {"single slot", single, quectel_get_sim_slot, -1, 0, "AT\r", "\r\nOK\r\n", 0, 1, -1, "0"},
+        {"single slot select 2", single, quectel_set_sim_slot, 2, 2, "", "", 0, -1, -1, "0"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        std::ofstream(root + "/sys/class/gpio/sim_sel/value") << '0';
+        std::ofstream(root + "/etc/mnfinfo/sim_cfg") << row.factory;
+        wired_modem mdm;
+        mdm.cfg = sim_config_create(1, mdm.count);
+        auto args = ujson::create();
+        if (row.index >= 0)
+            args->add_int("index", row.index);
+        request req;
+        ASSERT_EQ(row.fn(&mdm, 0, args.get(), &req), row.build_status);
+        EXPECT_EQ(req.command ? std::string(req.command, req.length) : "", row.command);
+        auto reply = ujson::create();
+        if (req.command) {
+            std::string answer = row.answer;
+            mdm.set_response(answer.data(), answer.size());
+            EXPECT_EQ(row.fn(&mdm, 1, reply.get(), &req), row.parse_status);
+        }
+        std::free(req.command);
+        std::free(req.extra);
+        EXPECT_EQ(reply->exists("index") ? reply->get_int("index") : -1, row.slot);
+        int event = -1;
+        for (const auto &e : mdm.events)
+            event = e.id == EVT_SIM_CHANGE ? e.number : event;
+        EXPECT_EQ(event, row.event);
+        EXPECT_EQ(sw1(), row.line);
+    }
+}
+
+// --- installation --------------------------------------------------------------------------
+
+TEST(QuectelSysProbe, InstallsAndWithdraws)
+{
+    act_func any = [](modem *, int, ujson *, request *) { return 0; };
+    modem_driver drv = {"Test AT", "test", nullptr, nullptr};
+    std::fill(std::begin(drv.funcs), std::end(drv.funcs), any);
+    EXPECT_EQ(quectel_sys_probe(&drv), 0);
+    const std::pair<uint32_t, act_func> installed[] = {
+        {ACT_GET_FIRMWARE, get_firmware},
+        {ACT_GET_SN, get_sn},
+        {ACT_GET_ICCID, get_iccid},
+        {ACT_GET_PIN_COUNT, get_pin_count},
+        {ACT_SET_URC_IND_CFG, set_urc_ind_cfg},
+        {ACT_SET_SIM_SLOT, quectel_set_sim_slot},
+        {ACT_GET_SIM_SLOT, quectel_get_sim_slot},
+        {ACT_GET_TEMPERATURE, get_temperature},
+        {ACT_MBN_SELECT, set_mbn_select},
+        {ACT_GET_MBN_AUTO_SEL, get_mbn_auto_sel},
+        {ACT_SET_IMS_STATE, set_ims_state},
+        {ACT_GET_VOLTE_READY, get_volte_ready},
+    };
+    for (const auto &[action, fn] : installed)
+        EXPECT_EQ(drv.funcs[action], fn) << action;
+    for (uint32_t action :
+         {ACT_SET_NAT_CFG, ACT_GET_NAT_CFG, ACT_SET_USBCFG, ACT_GET_USBCFG, ACT_SET_CEFS_RESTORE, ACT_GET_EFS_VERSION,
+          ACT_GET_LTE_SMS_FORMAT, ACT_SET_LTE_SMS_FORMAT, ACT_GET_PDP_PROFILE_REGISTRY})
+        EXPECT_EQ(drv.funcs[action], nullptr) << action;
+    // Actions of other areas are left as the parent has them.
+    EXPECT_EQ(drv.funcs[ACT_GET_BANDS], any);
+    EXPECT_EQ(drv.funcs[ACT_CHANGE_SIM_SLOT], any);
+}
+
+} // namespace
