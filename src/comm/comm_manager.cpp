@@ -255,6 +255,11 @@ void comm_manager::arm_dispatcher()
 int comm_manager::common_write_handle(request *req)
 {
     uint32_t len = req->ext_len ? req->ext_len : req->length;
+    // A modem switching to data mode would take the counted zero byte after
+    // the command line for the first byte of the data.
+    if (req->source.active() && !req->ext_len && len >= 2 && req->command[len - 1] == '\0' &&
+        req->command[len - 2] == '\r')
+        len--;
     LOG_DEBUG("[CMM] Modem `%s [%s]` cmd len: %zu\n", modem_->id(), modem_->vid_pid(),
               static_cast<size_t>(req->length));
     dbg_print_at_ex(req->command, req->length, 0);
@@ -417,9 +422,17 @@ comm_manager::write_result comm_manager::start_write(const char *bytes, size_t n
 
 comm_manager::write_result comm_manager::pump_write()
 {
-    while (out_.pos < out_.bytes.size()) {
+    for (;;) {
+        if (out_.pos >= out_.bytes.size()) {
+            if (!out_.data || out_.req->source.read >= out_.req->source.size)
+                break;
+            if (!refill_data())
+                return write_result::failed;
+        }
         ssize_t w = write_some(out_.bytes.data() + out_.pos, out_.bytes.size() - out_.pos);
         if (w > 0) {
+            if (out_.data)
+                out_.req->source.sent(out_.bytes.data() + out_.pos, static_cast<size_t>(w));
             out_.pos += static_cast<size_t>(w);
             continue;
         }
@@ -441,10 +454,16 @@ void comm_manager::written()
     pending_write done = std::move(out_);
     out_ = {};
     watch_tty(false);
-    log_traffic(1, done.bytes.data(), done.bytes.size());
+    if (!done.data)
+        log_traffic(1, done.bytes.data(), done.bytes.size());
     request *req = done.req;
     if (!req)
         return;
+    if (done.data) {
+        LOG_DEBUG("[CMM] Modem `%s [%s]` took %llu data bytes, checksum %04x\n", modem_->id(), modem_->vid_pid(),
+                  static_cast<unsigned long long>(req->source.written), req->source.checksum);
+        return;
+    }
     if (done.next_part) {
         set_extended_next(req, done.status);
         // Ctrl-Z ends the text the modem was prompting for.
@@ -590,6 +609,16 @@ void comm_manager::enter_resync(std::string stale_token, bool at_prompt, size_t 
         resync_.preamble.append(std::min(fragment, at_command_max), '\b');
     // The parser keeps nothing of the dropped command.
     modem_->response_parser().flush();
+    // A modem cut off in the middle of raw data takes whatever comes next as
+    // more data until its own time-out: nothing is written before that.
+    if (data_mode_) {
+        data_mode_ = false;
+        LOG_DEBUG("[CMM] Modem `%s [%s]` left in data mode, waiting %u ms\n", modem_->id(), modem_->vid_pid(),
+                  data_quiet_ms_);
+        resync_timer_.timeout.cb = resync_cb;
+        uloop_timeout_set(&resync_timer_.timeout, static_cast<int>(data_quiet_ms_ + timing_.resync_quiet_ms));
+        return;
+    }
     if (!resync_timer_.timeout.pending)
         send_probe();
 }
@@ -801,6 +830,13 @@ void comm_manager::process_response(bool drain_only)
                   modem_->vid_pid(), p.get_req_token());
         return;
     }
+    // "CONNECT" to a command with data: the data goes out, the answer after
+    // it is the command's.
+    if ((status & PARSER_STATUS_COMPLETE) && p.result_id() == ATS_CONNECT && req->source.active() &&
+        !req->source.started) {
+        start_data(req, p);
+        return;
+    }
     if (req->ext_len && (status & (PARSER_STATUS_COMPLETE | PARSER_STATUS_PROMPT))) {
         write_next_part(req, status);
         return;
@@ -938,6 +974,51 @@ void comm_manager::write_next_part(request *req, uint32_t status)
         write_failed();
 }
 
+// The modem said "CONNECT" and now takes exactly the source's bytes, raw.
+void comm_manager::start_data(request *req, parser &p)
+{
+    LOG_DEBUG("[CMM] Modem `%s [%s]` takes %llu data bytes\n", modem_->id(), modem_->vid_pid(),
+              static_cast<unsigned long long>(req->source.size));
+    p.flush();
+    req->source.started = true;
+    data_mode_ = true;
+    data_quiet_ms_ = req->source.quiet_ms;
+    out_ = {};
+    out_.active = true;
+    out_.req = req;
+    out_.seq = req->channel_seq;
+    out_.next_part = true;
+    out_.data = true;
+    if (pump_write() == write_result::failed)
+        write_failed();
+}
+
+// Reads the next chunk of the data into the pending output. A file that ends
+// early or cannot be read fails the command like a failed write.
+bool comm_manager::refill_data()
+{
+    request_source &src = out_.req->source;
+    size_t want = static_cast<size_t>(std::min<uint64_t>(data_chunk, src.size - src.read));
+    out_.bytes.resize(want);
+    out_.pos = 0;
+    size_t got = 0;
+    while (got < want) {
+        ssize_t r = ::read(src.fd, out_.bytes.data() + got, want - got);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0) {
+            LOG_ERROR("[CMM] Data for `%s [%s]` modem ended after %llu of %llu bytes (errno %d)\n", modem_->id(),
+                      modem_->vid_pid(), static_cast<unsigned long long>(src.read + got),
+                      static_cast<unsigned long long>(src.size), r < 0 ? errno : 0);
+            out_.bytes.resize(got);
+            return false;
+        }
+        got += static_cast<size_t>(r);
+    }
+    src.read += got;
+    return true;
+}
+
 void comm_manager::complete_request(request *req, parser &p)
 {
     auto reply = ujson::create();
@@ -1035,6 +1116,8 @@ void comm_manager::handle_external(request *req, ujson &reply, int status, parse
 void comm_manager::finish(request *req, int failed, parser &p)
 {
     p.flush();
+    if (req->channel_seq && req->channel_seq == in_flight_seq_)
+        data_mode_ = false;
     if (req->channel_seq && req->channel_seq == in_flight_seq_) {
         in_flight_seq_ = 0;
         in_flight_token_.clear();

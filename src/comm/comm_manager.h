@@ -66,6 +66,8 @@ class comm_manager
     static constexpr uint32_t hang_write_failures = 31;
     static constexpr size_t read_size = 8192;
     static constexpr uint32_t accept_retry_ms = 1000;
+    // Raw data after "CONNECT" goes out in chunks of this size.
+    static constexpr size_t data_chunk = 4096;
     // Answer to a local AT client whose line was refused or whose command
     // expired before the modem answered it.
     static constexpr std::string_view avp_error = "\r\nERROR\r\n";
@@ -172,6 +174,8 @@ class comm_manager
     void handle_unowned(parser &p);
     bool deliver_error_urc(parser &p);
     void write_next_part(request *req, uint32_t status);
+    void start_data(request *req, parser &p);
+    bool refill_data();
     void complete_request(request *req, parser &p);
     void handle_external(request *req, ujson &reply, int status, parser &p);
     void finish(request *req, int failed, parser &p);
@@ -205,6 +209,7 @@ class comm_manager
         uint64_t seq = 0;       // the request's channel_seq while it is written
         bool next_part = false; // a later part of a multi-part command
         uint32_t status = 0;    // parser status that asked for that part
+        bool data = false;      // raw data of req->source, refilled chunk by chunk
     };
 
     struct resync_state {
@@ -226,6 +231,8 @@ class comm_manager
     std::string in_flight_token_;  // its parser token
     bool at_prompt_ = false;       // the modem waits for the text of the command in flight
     bool hung_up_ = false;         // the port reported a hang-up and is no longer watched
+    bool data_mode_ = false;       // the modem takes raw data for the command in flight
+    uint32_t data_quiet_ms_ = 0;   // and leaves that mode after this much silence
     resync_state resync_;
     owned_timeout<comm_manager> resync_timer_;
     bool echo_off_sent_ = false; // "ATE0" written, its answer still to come

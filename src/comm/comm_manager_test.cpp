@@ -84,6 +84,23 @@ int always_invalid(modem *, int, ujson *, request *)
     return 5;
 }
 
+// What the channel counted for the last upload when its answer came.
+struct upload_record {
+    uint64_t written = 0;
+    uint16_t checksum = 0;
+    int calls = 0;
+} g_upload;
+
+int record_upload(modem *, int type, ujson *, request *req)
+{
+    if (type) {
+        g_upload.written = req->source.written;
+        g_upload.checksum = req->source.checksum;
+        g_upload.calls++;
+    }
+    return 0;
+}
+
 modem_driver g_driver = {"Test AT", "test", nullptr, nullptr};
 
 class CommManager : public ::testing::Test
@@ -97,6 +114,7 @@ class CommManager : public ::testing::Test
         modem_driver_override(&g_driver, ACT_GET_IMEI, get_imei);
         modem_driver_override(&g_driver, ACT_GET_FUNC, silent_ok);
         modem_driver_override(&g_driver, ACT_GET_IMSI, always_invalid);
+        modem_driver_override(&g_driver, ACT_UPLOAD_FILE, record_upload);
     }
 
     static void TearDownTestSuite()
@@ -114,6 +132,7 @@ class CommManager : public ::testing::Test
             GTEST_SKIP() << "wwan-modem-sim is not built";
         ASSERT_EQ(uloop_init(), 0);
         g_urcs.clear();
+        g_upload = {};
         // CMM_TEST_DEBUG=1 shows the channel's debug log of every exchange.
         if (const char *d = getenv("CMM_TEST_DEBUG"))
             log_level(static_cast<uint32_t>(atoi(d)));
@@ -995,4 +1014,196 @@ TEST_F(CommManagerAvp, ClientsArrivingWhileOutOfDescriptorsAreRefusedWithTheErro
         later.poll();
         return later.received() == "\r\n+CSQ: 22,99\r\n\r\nOK\r\n";
     })) << later.received();
+}
+
+// ---- raw data after CONNECT (file upload) -------------------------------------
+
+namespace
+{
+
+const char *const ufs_rules = "set ufs_total 1000000\nset ufs_ram_total 1000\n"
+                              "on AT+QFUPL=*\n  ufs\n";
+
+// A file of n bytes under the root, every byte value in turn (CR, LF,
+// Ctrl-Z, NUL, ESC, "+++" included); its descriptor, open for reading.
+int data_file(const temp_root &root, const std::string &name, size_t n, std::string *bytes)
+{
+    bytes->clear();
+    for (size_t i = 0; i < n; i++)
+        bytes->push_back(static_cast<char>((i * 7 + i / 256) & 0xff));
+    std::string path = root.path() + "/" + name;
+    std::ofstream(path, std::ios::binary) << *bytes;
+    return open(path.c_str(), O_RDONLY | O_CLOEXEC);
+}
+
+// The module's checksum, written out independently of the channel's.
+uint16_t module_checksum(const std::string &b)
+{
+    uint32_t sum = 0;
+    for (size_t i = 0; i < b.size(); i += 2)
+        sum ^= (static_cast<uint8_t>(b[i]) * 256u) + (i + 1 < b.size() ? static_cast<uint8_t>(b[i + 1]) : 0u);
+    return static_cast<uint16_t>(sum);
+}
+
+std::string hex16(uint16_t v)
+{
+    char buf[8];
+    snprintf(buf, sizeof(buf), "%x", v);
+    return buf;
+}
+
+bool fd_open(int fd)
+{
+    return fcntl(fd, F_GETFD) != -1;
+}
+
+} // namespace
+
+TEST(XorChecksum, BigEndianWordsAcrossChunkBoundaries)
+{
+    const struct {
+        std::string data;
+        uint16_t sum;
+    } rows[] = {
+        {"", 0},
+        {"\x01", 0x0100},
+        {"\x01\x02", 0x0102},
+        {"\x01\x02\x03", 0x0202},
+        {std::string("\xff\xff\xff\xff", 4), 0},
+        {std::string("\0\x1a\r\n", 4), 0x0d10},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(testing::PrintToString(r.data));
+        EXPECT_EQ(xor16_checksum(0, 0, r.data.data(), r.data.size()), r.sum);
+        // Split at every point: the offset carries which half comes next.
+        for (size_t cut = 0; cut <= r.data.size(); cut++) {
+            uint16_t s = xor16_checksum(0, 0, r.data.data(), cut);
+            s = xor16_checksum(s, cut, r.data.data() + cut, r.data.size() - cut);
+            EXPECT_EQ(s, r.sum) << "cut at " << cut;
+        }
+    }
+}
+
+TEST(RequestSource, ClosedWithTheRequestWhateverHappened)
+{
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    request *req = create_request(ACT_UPLOAD_FILE, nullptr, nullptr, "AT+QFUPL=\"a\",1,5", 16, 1000, nullptr);
+    ASSERT_TRUE(req);
+    req->source = request_source(p[0], 1, 5000);
+    request_source moved = std::move(req->source);
+    EXPECT_FALSE(req->source.active());
+    req->source = std::move(moved);
+    EXPECT_TRUE(fd_open(p[0]));
+    clean_request(req, 1);
+    EXPECT_FALSE(fd_open(p[0]));
+    close(p[1]);
+}
+
+// Every byte goes out raw after CONNECT, in pieces; the answer after it is
+// the command's, counted and checked against what the modem reports.
+TEST_F(CommManager, UploadStreamsTheFileAfterConnectAndTheReportIsTheAnswer)
+{
+    const size_t sizes[] = {1, 4097, 100 * 1024 + 1};
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario(ufs_rules)));
+    for (size_t i = 0; i < std::size(sizes); i++) {
+        size_t n = sizes[i];
+        SCOPED_TRACE(n);
+        std::string bytes, name = "f" + std::to_string(i);
+        int fd = data_file(root, name, n, &bytes);
+        ASSERT_GE(fd, 0);
+        request *req = mdm->queue("AT+QFUPL=\"" + name + "\"," + std::to_string(n) + ",5", ACT_UPLOAD_FILE, 10000);
+        req->source = request_source(fd, n, 5000);
+        ASSERT_TRUE(wait_finished(i + 1, 10000));
+        EXPECT_EQ(mdm->finished.back().failed, 0);
+        EXPECT_FALSE(fd_open(fd));
+        std::string sum = hex16(module_checksum(bytes));
+        EXPECT_EQ(mdm->last_response, "\r\n+QFUPL: " + std::to_string(n) + "," + sum + "\r\n\r\nOK\r\n");
+        EXPECT_EQ(g_upload.calls, static_cast<int>(i + 1));
+        EXPECT_EQ(g_upload.written, n);
+        EXPECT_EQ(hex16(g_upload.checksum), sum);
+        EXPECT_NE(sim->control("ufs list").find("UFS " + name + " " + std::to_string(n) + " " + sum + "\n"),
+                  std::string::npos);
+    }
+    EXPECT_TRUE(g_urcs.empty());
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(std::size(sizes) + 1));
+    EXPECT_EQ(mdm->replies.back().response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+}
+
+// An error instead of CONNECT ends the command: no data is written, and
+// the file is closed all the same.
+TEST_F(CommManager, ErrorInsteadOfConnectWritesNoData)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario(ufs_rules)));
+    const struct {
+        const char *cmd;
+        const char *answer;
+    } rows[] = {
+        {"AT+QFUPL=\"RAM:big\",5000,5", "\r\n+CME ERROR: 420\r\n"}, // larger than the RAM storage
+        {"AT+QFUPL=\"a/b\",5000,5", "\r\n+CME ERROR: 406\r\n"},
+    };
+    for (size_t i = 0; i < std::size(rows); i++) {
+        std::string bytes;
+        int fd = data_file(root, "d", 5000, &bytes);
+        request *req = mdm->queue(rows[i].cmd, ACT_UPLOAD_FILE, 10000);
+        req->source = request_source(fd, 5000, 5000);
+        ASSERT_TRUE(wait_finished(i + 1));
+        EXPECT_EQ(mdm->last_response, rows[i].answer);
+        EXPECT_FALSE(fd_open(fd));
+    }
+    EXPECT_EQ(sim->control("stats").find("bytes_received: 5"), std::string::npos);
+    EXPECT_EQ(modem_input(sim->transcript()).find("\\x00"), std::string::npos) << "data went out";
+    mdm->queue("AT+CSQ");
+    ASSERT_TRUE(wait_finished(3));
+    EXPECT_EQ(mdm->replies.back().response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+}
+
+// Data that stops half-way (the file is shorter than announced, or the
+// command expires while the modem does not read): the command fails, the
+// channel writes nothing more until the modem has left data mode on its own
+// time-out, and the next command gets its own answer.
+TEST_F(CommManager, DataCutShortIsWaitedOutThenTheChannelResynchronises)
+{
+    const struct {
+        const char *what;
+        size_t file_size;
+        bool stall; // the modem stops reading; the command expires
+    } rows[] = {
+        {"file shorter than announced", 3000, false},
+        {"expired while the modem does not read", 200 * 1024, true},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.what);
+        ASSERT_NO_FATAL_FAILURE(open_channel(scenario(ufs_rules)));
+        std::string bytes;
+        int fd = data_file(root, "cut", r.file_size, &bytes);
+        request *req = mdm->queue("AT+QFUPL=\"cut\",204800,1", ACT_UPLOAD_FILE, 10000);
+        req->source = request_source(fd, 204800, 1000);
+        if (r.stall) {
+            ASSERT_TRUE(run_until(3000, [&] { return req->source.written > 0; }));
+            sim->signal(SIGSTOP);
+            idle(200);
+            EXPECT_TRUE(mdm->cmm->writing());
+            expire(*mdm, req);
+            EXPECT_FALSE(fd_open(fd));
+            sim->signal(SIGCONT);
+        } else {
+            ASSERT_TRUE(wait_finished(1));
+            EXPECT_EQ(mdm->finished.at(0).failed, 1);
+            EXPECT_FALSE(fd_open(fd));
+        }
+        EXPECT_TRUE(mdm->cmm->resyncing());
+        mdm->queue("AT+CSQ");
+        idle(600);
+        // Still in data mode: nothing was written to be taken for data.
+        EXPECT_EQ(count(modem_input(sim->transcript()), "AT+CMEE?"), 0u);
+        size_t done = mdm->finished.size();
+        ASSERT_TRUE(wait_finished(done + 1, 10000));
+        EXPECT_EQ(mdm->replies.back().response, "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
+        EXPECT_EQ(sim->control("ufs list"), "OK\n");
+        EXPECT_EQ(g_upload.calls, 0);
+        TearDown();
+        SetUp();
+    }
 }

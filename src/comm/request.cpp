@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <unistd.h>
 
 #include "ubus/modem_api.h"
 #include "util/log.h"
@@ -50,6 +51,43 @@ uint32_t find_ext_len(const char *cmd, uint32_t len)
 }
 
 } // namespace
+
+request_source &request_source::operator=(request_source &&other) noexcept
+{
+    if (this != &other) {
+        close();
+        fd = other.fd;
+        size = other.size;
+        read = other.read;
+        written = other.written;
+        checksum = other.checksum;
+        quiet_ms = other.quiet_ms;
+        started = other.started;
+        other.fd = -1;
+    }
+    return *this;
+}
+
+void request_source::sent(const void *bytes, size_t n)
+{
+    checksum = xor16_checksum(checksum, written, bytes, n);
+    written += n;
+}
+
+void request_source::close()
+{
+    if (fd >= 0)
+        ::close(fd);
+    fd = -1;
+}
+
+uint16_t xor16_checksum(uint16_t sum, uint64_t offset, const void *bytes, size_t n)
+{
+    const auto *b = static_cast<const unsigned char *>(bytes);
+    for (size_t i = 0; i < n; i++, offset++)
+        sum ^= static_cast<uint16_t>((offset & 1) ? b[i] : b[i] << 8);
+    return sum;
+}
 
 int64_t request_clock_ms()
 {

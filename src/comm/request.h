@@ -2,8 +2,10 @@
 // waiting in a modem's queue, with what must happen to its answer.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include <libubox/list.h>
 #include <libubus.h>
@@ -15,6 +17,38 @@ struct avp_client;
 // Called with the modem, the action id, the reply and the context once the
 // answer is parsed.
 using request_cb = void (*)(modem *mdm, uint32_t action, ujson *reply, void *ctx);
+
+// Raw bytes a command sends after the modem's "CONNECT" (a file upload). They
+// may hold any byte, so they bypass the line handling, and they are streamed
+// from the open file in chunks as the port takes them, never held whole. The
+// descriptor is closed with the request, whatever its fate.
+struct request_source {
+    int fd = -1;
+    uint64_t size = 0;       // bytes to send
+    uint64_t read = 0;       // bytes taken from fd so far
+    uint64_t written = 0;    // bytes the port took so far
+    uint16_t checksum = 0;   // XOR of the written bytes as big-endian 16-bit words
+    uint32_t quiet_ms = 0;   // the modem leaves data mode after this much silence
+    bool started = false;    // "CONNECT" came and the data went out (or is going)
+
+    request_source() = default;
+    request_source(int fd, uint64_t size, uint32_t quiet_ms) : fd(fd), size(size), quiet_ms(quiet_ms) {}
+    request_source(const request_source &) = delete;
+    request_source &operator=(const request_source &) = delete;
+    request_source(request_source &&other) noexcept { *this = std::move(other); }
+    request_source &operator=(request_source &&other) noexcept;
+    ~request_source() { close(); }
+
+    bool active() const { return fd >= 0; }
+    // Counts n bytes the port took into written and the checksum.
+    void sent(const void *bytes, size_t n);
+    void close();
+};
+
+// The 16-bit XOR checksum of a modem file transfer, continued over bytes that
+// start at offset (its parity says which half of a word the first byte is):
+// big-endian words, an odd last byte is the high byte of a word.
+uint16_t xor16_checksum(uint16_t sum, uint64_t offset, const void *bytes, size_t n);
 
 struct request {
     char *command = nullptr; // owned; written as is, length bytes
@@ -39,6 +73,7 @@ struct request {
     int sent = 0;
     uint64_t number = 0;
     uint64_t channel_seq = 0; // set by the channel when it writes the command
+    request_source source;    // raw data after "CONNECT"; none for most commands
     struct list_head list = {nullptr, nullptr};
 };
 

@@ -195,7 +195,7 @@ void modem_instance::__new_request(request *req)
 }
 
 int modem_instance::new_request(uint32_t action, ubus_request_data *req, const char *command, uint32_t length,
-                                uint32_t timeout_ms, void *extra)
+                                uint32_t timeout_ms, void *extra, request_source *source)
 {
     request *r = create_request(action, nullptr, nullptr, command, length, timeout_ms, extra);
     if (!r || !req || !bus_) {
@@ -208,6 +208,8 @@ int modem_instance::new_request(uint32_t action, ubus_request_data *req, const c
     // else did.
     ubus_defer_request(bus_, req, &r->req_data);
     r->has_req_data = true;
+    if (source)
+        r->source = std::move(*source);
     __new_request(r);
     LOG_DEBUG("[MODEM] New request (%s) for `%s [%s]` modem (%llu)\n", "Function", id(), vid_pid(),
               static_cast<unsigned long long>(r->number));

@@ -108,7 +108,7 @@ class modem_instance final : public modem, public cmm_modem, public evt_modem, p
 
     // ubus_modem: a request for a bus caller; timeout in ms.
     int new_request(uint32_t action, ubus_request_data *req, const char *command, uint32_t length, uint32_t timeout_ms,
-                    void *extra) override;
+                    void *extra, request_source *source = nullptr) override;
     // async_modem: the daemon's own request; cb(ctx) is called once with the
     // result. timeout in ms.
     int new_internal_request(uint32_t action, async_request_cb cb, void *ctx, const char *command, uint32_t length,

@@ -368,8 +368,8 @@ int ubus_handle_generic_request(ubus_object *obj, ubus_request_data *req, const 
             mdm.notify_error(req, status, *reply);
         else
             ret = no_memory_status;
-    } else if (mdm.new_request(action, req, scratch.command, scratch.length, (timeout + 1) * 1000,
-                               scratch.extra)) {
+    } else if (mdm.new_request(action, req, scratch.command, scratch.length, (timeout + 1) * 1000, scratch.extra,
+                               &scratch.source)) {
         LOG_ERROR("[MODEM_UBUS] Failed to create new request for `%s [%s]` modem!\n", mdm.id(), mdm.vid_pid());
         std::free(scratch.extra);
         ret = UBUS_STATUS_NO_DATA;

@@ -14,6 +14,7 @@ class ujson;
 class ubus_modem;
 class ubus_manager;
 struct modem_driver;
+struct request_source;
 
 // A modem's bus object, held by the modem instance. The object comes first so
 // a handler gets from the ubus_object it is given back to the whole record
@@ -61,10 +62,11 @@ class ubus_modem
 
     // Queues a request for a bus caller: copies command (length bytes; the
     // caller keeps and frees it), defers req and completes it when the answer
-    // comes or timeout_ms passes. extra goes to the request. 0, or 1 when it
-    // cannot be queued.
+    // comes or timeout_ms passes. extra goes to the request, and so does the
+    // raw data source when one is given (left with the caller on failure).
+    // 0, or 1 when it cannot be queued.
     virtual int new_request(uint32_t action, ubus_request_data *req, const char *command, uint32_t length,
-                            uint32_t timeout_ms, void *extra) = 0;
+                            uint32_t timeout_ms, void *extra, request_source *source = nullptr) = 0;
 
     // Answers a bus call with an error: adds "errno" and "error" for status
     // to reply and sends it.

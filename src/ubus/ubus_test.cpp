@@ -162,7 +162,7 @@ class test_modem : public ubus_modem
     // Records the request; the call is not deferred, so the caller sees
     // status 0 without a body.
     int new_request(uint32_t action, ubus_request_data *, const char *command, uint32_t length, uint32_t timeout_ms,
-                    void *extra) override
+                    void *extra, request_source * = nullptr) override
     {
         if (fail_queue)
             return 1;

@@ -30,6 +30,7 @@ const char help_text[] =
 	"sms pdu <hex>      the network delivers an SMS-DELIVER PDU (SMSC field first), as is\n"
 	"sms list | sent    the stored messages / the messages the host sent\n"
 	"sms fill <SM|ME>   fill a storage up; sms clear: empty them all, forget the sent\n"
+	"ufs list           the stored files: storage, name, size, checksum\n"
 	"quit               stop the simulator\n";
 
 std::string_view trim(std::string_view s)
@@ -305,6 +306,14 @@ ControlReply run_control(Modem &modem, std::string_view line, Ms now)
 		return ok(stats_text(modem));
 	if (cmd == "sms")
 		return sms_command(modem, arg, now);
+	if (cmd == "ufs") {
+		if (arg != "list")
+			return fail("ufs list");
+		std::string body;
+		for (const std::string &line : modem.ufs().list())
+			body += line + "\n";
+		return ok(body);
+	}
 	return fail("unknown command '" + std::string(cmd) + "' (try help)");
 }
 

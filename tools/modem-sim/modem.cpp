@@ -245,6 +245,8 @@ Ms Modem::next_deadline() const
 	for (const Timer &t : timers_)
 		if (due < 0 || t.due < due)
 			due = t.due;
+	if (upload_due_ >= 0 && (due < 0 || upload_due_ < due))
+		due = upload_due_;
 	return due;
 }
 
@@ -260,6 +262,15 @@ void Modem::advance(Ms now)
 			if (now >= periodic_due_[i])
 				periodic_due_[i] = now + sc_.periodic[i].interval_ms;
 		return;
+	}
+	// The host went silent in the middle of an upload: the module gives up.
+	if (upload_due_ >= 0 && now >= upload_due_ && mode_ == Mode::normal && pending_input() == 0 && queue_.empty()) {
+		upload_due_ = -1;
+		if (ufs_.uploading()) {
+			Response r;
+			add_ufs_answer(ufs_.abort_upload(), &r);
+			render(r);
+		}
 	}
 	for (;;) {
 		if (!queue_.empty()) {
@@ -304,9 +315,43 @@ void Modem::advance(Ms now)
 	}
 }
 
+void Modem::add_ufs_answer(const UfsAnswer &a, Response *r)
+{
+	for (const std::string &line : a.lines)
+		r->items.push_back(Item::of(ItemKind::info, line));
+	switch (a.final) {
+	case UfsAnswer::Final::none: break;
+	case UfsAnswer::Final::ok: r->items.push_back(Item::result(Final::ok)); break;
+	case UfsAnswer::Final::error: r->items.push_back(Item::result(Final::error)); break;
+	case UfsAnswer::Final::cme: r->items.push_back(Item::result(Final::cme, a.code)); break;
+	case UfsAnswer::Final::connect: r->items.push_back(Item::result(Final::text, 0, "CONNECT")); break;
+	}
+	if (a.fota)
+		r->items.push_back(Item::act(Action::fota));
+}
+
+// Raw bytes of an upload: taken as they come, none echoed, none a line.
+void Modem::take_upload_bytes()
+{
+	size_t n = ufs_.feed(std::string_view(input_).substr(input_pos_));
+	input_pos_ += n;
+	upload_due_ = now_ + ufs_.upload_timeout_ms();
+	if (!ufs_.upload_complete())
+		return;
+	upload_due_ = -1;
+	Response r;
+	add_answer_delay(&r);
+	add_ufs_answer(ufs_.finish_upload(), &r);
+	render(r);
+}
+
 void Modem::consume_input()
 {
 	while (input_pos_ < input_.size() && queue_.empty() && mode_ == Mode::normal) {
+		if (ufs_.uploading()) {
+			take_upload_bytes();
+			continue;
+		}
 		char c = input_[input_pos_++];
 		if (text_entry_)
 			handle_text_byte(c);
@@ -595,6 +640,16 @@ Modem::Outcome Modem::run(const std::vector<Stmt> &body, size_t from, const std:
 				return Outcome::stop;
 			break;
 		}
+		case Op::ufs: {
+			UfsAnswer a = ufs_.command(command_, vars_);
+			add_ufs_answer(a, r);
+			if (a.final == UfsAnswer::Final::connect)
+				upload_due_ = now_ + ufs_.upload_timeout_ms();
+			// Once the store has answered, the rule is done.
+			if (a.final != UfsAnswer::Final::none)
+				return Outcome::stop;
+			break;
+		}
 		case Op::prompt:
 			r->items.push_back(Item::of(ItemKind::prompt));
 			cont_.body = &body;
@@ -805,6 +860,9 @@ void Modem::enter_mode(Mode m)
 {
 	mode_ = m;
 	if (m != Mode::normal && m != Mode::held) {
+		if (ufs_.uploading())
+			ufs_.abort_upload();
+		upload_due_ = -1;
 		input_.clear();
 		input_pos_ = 0;
 		line_.clear();

@@ -5,6 +5,7 @@
 
 #include "scenario.h"
 #include "sms_store.h"
+#include "ufs_store.h"
 
 #include <cstdint>
 #include <deque>
@@ -81,6 +82,7 @@ public:
 	Ms slowness() const { return slow_ms_; }
 	const Scenario &scenario() const { return sc_; }
 	SmsStore &sms() { return sms_; }
+	UfsStore &ufs() { return ufs_; }
 
 	// Operator actions. The mode changes take effect at once and drop any
 	// output still waiting, as a reset or a crash of a real modem would.
@@ -173,6 +175,8 @@ private:
 	std::string expand(const std::string &text, const std::vector<std::string> &caps) const;
 
 	void consume_input();
+	void take_upload_bytes();
+	void add_ufs_answer(const UfsAnswer &a, Response *r);
 	void note_line(const std::string &bytes, size_t length);
 	void add_answer_delay(Response *r) const;
 	void handle_command_byte(char c);
@@ -220,6 +224,8 @@ private:
 	LineStats stats_;
 
 	SmsStore sms_;
+	UfsStore ufs_;
+	Ms upload_due_ = -1; // an upload ends with an error when no byte came by then
 	std::string command_; // the command being answered, for the message store
 };
 

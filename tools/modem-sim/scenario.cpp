@@ -564,6 +564,10 @@ private:
 			if (!rest.empty() && rest != "send")
 				return fail(line_no, "'sms' takes 'send' or nothing");
 			s.text = std::string(rest);
+		} else if (word == "ufs") {
+			s.op = Op::ufs;
+			if (!rest.empty())
+				return fail(line_no, "'ufs' takes nothing");
 		} else if (word == "do") {
 			s.op = Op::do_;
 			s.text = std::string(next_word(&rest));

@@ -37,6 +37,7 @@ enum class Op {
 	do_,       // run a named action, with arguments as $1..$9
 	stop,      // end the rule or action here
 	sms,       // the message store answers the command ("send": the text after the prompt)
+	ufs,       // the file store answers the command
 };
 
 // How a condition compares a variable with a value.

@@ -7,6 +7,7 @@
 #include "core/modem.h"
 #include "drivers/quectel/quectel_band.h"
 #include "drivers/quectel/quectel_data.h"
+#include "drivers/quectel/quectel_file.h"
 #include "drivers/quectel/quectel_sys.h"
 #include "drivers/generic/generic_helpers.h"
 #include "ubus/vocab.h"
@@ -304,6 +305,7 @@ int quectel_driver_probe(modem_driver *driver)
     quectel_band_probe(driver);
     quectel_data_probe(driver);
     quectel_sys_probe(driver);
+    quectel_file_probe(driver);
 
     for (uint32_t action : withdrawn)
         modem_driver_override(driver, action, nullptr);
