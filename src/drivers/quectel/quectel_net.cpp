@@ -827,8 +827,9 @@ void ca_nr(ujson *json, const fields &v)
         json->add_bool("ul_configured", ul != 0);
     put_bandwidth(json, "ul_bandwidth", at(v, 6), true);
     put_int(json, "ul_arfcn", at(v, 7));
-    put_int(json, "rsrp", at(v, 8));
-    put_int(json, "rsrq", at(v, 9));
+    // The unit of the NR RSRP and RSRQ here is not given: kept as printed.
+    put_int(json, "rsrp_raw", at(v, 8));
+    put_int(json, "rsrq_raw", at(v, 9));
     int64_t snr; // in 0.01 dB
     if (number_of(at(v, 10), snr))
         json->add_double("snr", static_cast<double>(snr) / 100);
@@ -989,25 +990,26 @@ struct pref_mode {
     uint32_t mode;
     unsigned rats; // 0: AUTO
 };
+// The first row of a RAT set is how it reads back.
 constexpr pref_mode pref_modes[] = {
     {NET_MODE_AUTO, 0},
-    {NET_MODE_3G, R_WCDMA},
     {NET_MODE_WCDMA, R_WCDMA},
-    {NET_MODE_4G, R_LTE},
+    {NET_MODE_3G, R_WCDMA},
     {NET_MODE_LTE, R_LTE},
-    {NET_MODE_5G, R_NR},
+    {NET_MODE_4G, R_LTE},
     {NET_MODE_NR5G, R_NR},
-    {NET_MODE_3G_4G, R_WCDMA | R_LTE},
+    {NET_MODE_5G, R_NR},
     {NET_MODE_WCDMA_LTE, R_WCDMA | R_LTE},
-    {NET_MODE_3G_5G, R_WCDMA | R_NR},
+    {NET_MODE_3G_4G, R_WCDMA | R_LTE},
     {NET_MODE_WCDMA_NR5G, R_WCDMA | R_NR},
-    {NET_MODE_4G_5G, R_LTE | R_NR},
+    {NET_MODE_3G_5G, R_WCDMA | R_NR},
     {NET_MODE_LTE_NR5G, R_LTE | R_NR},
+    {NET_MODE_4G_5G, R_LTE | R_NR},
     {NET_MODE_5G_SA, R_NR_SA},
     {NET_MODE_5G_NSA, R_NR_NSA},
 };
 
-const char *rat_names[] = {"WCDMA", "LTE", "NR5G", "NR5G-SA", "NR5G-NSA"};
+constexpr const char *rat_names[] = {"WCDMA", "LTE", "NR5G", "NR5G-SA", "NR5G-NSA"};
 
 int get_mode_pref(modem *mdm, int type, ujson *json, request *req, bool unisoc)
 {
