@@ -11,6 +11,7 @@
 
 #include "core/modem.h"
 #include "drivers/generic/generic_helpers.h"
+#include "drivers/quectel/quectel.h"
 #include "ubus/vocab.h"
 #include "util/converter.h"
 #include "util/log.h"
@@ -107,7 +108,10 @@ bool hex_of(std::string_view f, uint64_t &out)
         return false;
     uint64_t v = 0;
     for (char c : f) {
-        int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+        int d = c >= '0' && c <= '9'   ? c - '0'
+                : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                       : -1;
         if (d < 0)
             return false;
         v = v << 4 | static_cast<uint64_t>(d);
@@ -189,27 +193,13 @@ struct mode_name {
 // Access technologies AT+QNWINFO prints (after "FDD "/"TDD "), and the
 // network mode each is.
 constexpr mode_name qnwinfo_acts[] = {
-    {"NONE", NET_MODE_NO_SERVICE},
-    {"GSM", NET_MODE_GSM},
-    {"GPRS", NET_MODE_GPRS},
-    {"EDGE", NET_MODE_EDGE},
-    {"WCDMA", NET_MODE_WCDMA},
-    {"HSDPA", NET_MODE_HSDPA},
-    {"HSUPA", NET_MODE_HSUPA},
-    {"HSPA+", NET_MODE_HSPA_PLUS},
-    {"HSDPA&HSUPA", NET_MODE_HSDPA_HSUPA},
-    {"TDSCDMA", NET_MODE_TDSCDMA},
-    {"TD-SCDMA", NET_MODE_TDSCDMA},
-    {"LTE", NET_MODE_LTE},
-    {"NR5G", NET_MODE_NR5G},
-    {"CAT-M1", NET_MODE_CAT_M1},
-    {"CAT-NB1", NET_MODE_CAT_NB},
-    {"eMTC", NET_MODE_EMTC},
-    {"NBIoT", NET_MODE_NBIOT},
-    {"CDMA", NET_MODE_CDMA},
-    {"EVDO", NET_MODE_EVDO},
-    {"HDR", NET_MODE_HDR},
-    {"EHRPD", NET_MODE_EHRPD},
+    {"NONE", NET_MODE_NO_SERVICE}, {"GSM", NET_MODE_GSM},          {"GPRS", NET_MODE_GPRS},
+    {"EDGE", NET_MODE_EDGE},       {"WCDMA", NET_MODE_WCDMA},      {"HSDPA", NET_MODE_HSDPA},
+    {"HSUPA", NET_MODE_HSUPA},     {"HSPA+", NET_MODE_HSPA_PLUS},  {"HSDPA&HSUPA", NET_MODE_HSDPA_HSUPA},
+    {"TDSCDMA", NET_MODE_TDSCDMA}, {"TD-SCDMA", NET_MODE_TDSCDMA}, {"LTE", NET_MODE_LTE},
+    {"NR5G", NET_MODE_NR5G},       {"CAT-M1", NET_MODE_CAT_M1},    {"CAT-NB1", NET_MODE_CAT_NB},
+    {"eMTC", NET_MODE_EMTC},       {"NBIoT", NET_MODE_NBIOT},      {"CDMA", NET_MODE_CDMA},
+    {"EVDO", NET_MODE_EVDO},       {"HDR", NET_MODE_HDR},          {"EHRPD", NET_MODE_EHRPD},
 };
 
 uint32_t act_mode(std::string_view act)
@@ -948,9 +938,9 @@ struct scan_mode {
 // AT+QCFG="nwscanmode" <scanmode> by network mode; the first row of a value
 // is how it reads back.
 constexpr scan_mode scan_modes[] = {
-    {NET_MODE_AUTO, 0}, {NET_MODE_GSM, 1},  {NET_MODE_2G, 1},    {NET_MODE_WCDMA, 2},     {NET_MODE_LTE, 3},
-    {NET_MODE_4G, 3},   {NET_MODE_TDSCDMA, 4}, {NET_MODE_UMTS, 5}, {NET_MODE_CDMA, 6}, {NET_MODE_HDR, 7},
-    {NET_MODE_CDMA_EVDO, 8},
+    {NET_MODE_AUTO, 0}, {NET_MODE_GSM, 1}, {NET_MODE_2G, 1},        {NET_MODE_WCDMA, 2},
+    {NET_MODE_LTE, 3},  {NET_MODE_4G, 3},  {NET_MODE_TDSCDMA, 4},   {NET_MODE_UMTS, 5},
+    {NET_MODE_CDMA, 6}, {NET_MODE_HDR, 7}, {NET_MODE_CDMA_EVDO, 8},
 };
 // BG95/BG96 take auto, GSM and LTE (eMTC/NB-IoT) only.
 constexpr scan_mode scan_modes_lpwa[] = {
@@ -1211,8 +1201,8 @@ int get_gprs_attach_mode(modem *mdm, int type, ujson *json, request *req)
     if (type == 0)
         return set_command(req, "AT+QCFG=\"gprsattach\"\r");
     int64_t value;
-    if (!answer_ok(mdm) || !number_of(at(item_values(answer(mdm), "+QCFG:", "gprsattach"), 0), value) ||
-        value < 0 || value > 1)
+    if (!answer_ok(mdm) || !number_of(at(item_values(answer(mdm), "+QCFG:", "gprsattach"), 0), value) || value < 0 ||
+        value > 1)
         return ACT_STATUS_INVALID_RESPONSE;
     reply_enum(json, "mode", static_cast<uint32_t>(value) + 1, gprs_attach_str);
     return ACT_STATUS_OK;
@@ -1299,6 +1289,40 @@ int get_urc_cause_support_nr(modem *mdm, int type, ujson *json, request *req)
     return ACT_STATUS_OK;
 }
 
+// +QNETRC: "<kind>_cause",<cause>: a reject cause the network sent, raised
+// as the EMM error (EMM, and 5GMM its 5G counterpart) or the ESM error.
+// Cause 0 is "no cause".
+int urc_qnetrc(modem *mdm, ujson *)
+{
+    fields f;
+    each_line(answer(mdm), "+QNETRC:", [&](const fields &line) {
+        if (f.empty())
+            f = line;
+    });
+    int64_t cause;
+    if (f.size() < 2 || !number_of(f[1], cause) || cause < 0 || cause > 255)
+        return ACT_STATUS_INVALID_URC;
+    uint32_t event = EVT_EMM_ERROR;
+    const char *(*text)(uint32_t) = nullptr;
+    if (same(f[0], "emm_cause"))
+        text = emm_cause_str;
+    else if (same(f[0], "5gmm_cause"))
+        text = mm5g_cause_str;
+    else if (same(f[0], "esm_cause"))
+        event = EVT_ESM_ERROR, text = esm_cause_str;
+    if (!text)
+        return ACT_STATUS_INVALID_URC;
+    if (cause == 0)
+        return ACT_STATUS_OK;
+    auto data = ujson::create();
+    if (!data) {
+        LOG_ERROR("[QUECTEL_COMMON] uJson memory allocation error!\n");
+        return ACT_STATUS_NO_MEMORY;
+    }
+    notify_emm_esm_errors(mdm, event, static_cast<int>(cause), *data, text);
+    return ACT_STATUS_OK;
+}
+
 int set_nr5g_disable_mode_nr(modem *mdm, int type, ujson *json, request *req)
 {
     return set_keyword(mdm, type, json, req, "AT+QNWPREFCFG=\"nr5g_disable_mode\",%u\r", "mode",
@@ -1310,9 +1334,8 @@ int get_nr5g_disable_mode_nr(modem *mdm, int type, ujson *json, request *req)
     if (type == 0)
         return set_command(req, "AT+QNWPREFCFG=\"nr5g_disable_mode\"\r");
     int64_t value;
-    if (!answer_ok(mdm) ||
-        !number_of(at(item_values(answer(mdm), "+QNWPREFCFG:", "nr5g_disable_mode"), 0), value) || value < 0 ||
-        value > 2)
+    if (!answer_ok(mdm) || !number_of(at(item_values(answer(mdm), "+QNWPREFCFG:", "nr5g_disable_mode"), 0), value) ||
+        value < 0 || value > 2)
         return ACT_STATUS_INVALID_RESPONSE;
     reply_enum(json, "mode", static_cast<uint32_t>(value) + 1, disable_nr5g_mode_str);
     return ACT_STATUS_OK;

@@ -75,6 +75,9 @@ int get_time(modem *mdm, int type, ujson *json, request *req);
 // 5G families: AT+QNETRC, the EMM, ESM and 5GMM reject cause reports.
 int set_urc_cause_support_nr(modem *mdm, int type, ujson *json, request *req);
 int get_urc_cause_support_nr(modem *mdm, int type, ujson *json, request *req);
+// The +QNETRC reports these switch on: EMM and 5GMM causes as the EMM error
+// event, ESM causes as the ESM error event.
+int urc_qnetrc(modem *mdm, ujson *json);
 
 // RG50xQ/RM5x0N family: AT+QNWPREFCFG="nr5g_disable_mode".
 int set_nr5g_disable_mode_nr(modem *mdm, int type, ujson *json, request *req);
