@@ -10,6 +10,7 @@
 #include "drivers/quectel/quectel_file.h"
 #include "drivers/quectel/quectel_sys.h"
 #include "drivers/generic/generic_helpers.h"
+#include "drivers/quectel/quectel_net.h"
 #include "ubus/vocab.h"
 #include "util/log.h"
 #include "util/ujson.h"
@@ -23,11 +24,6 @@ constexpr uint32_t withdrawn[] = {
     ACT_SET_UE_USAGE_CFG,   ACT_GET_UE_USAGE_CFG,   ACT_SET_M2M_STATE,      ACT_GET_M2M_STATE,
     ACT_GET_MTU_INFO,       ACT_SET_MTU_INFO,       ACT_GET_RAT_PRIORITY,   ACT_SET_RAT_PRIORITY,
     ACT_GET_FROUTING_STATE, ACT_SET_FROUTING_STATE, ACT_GET_USSD_TEXT_MODE, ACT_SET_USSD_TEXT_MODE,
-};
-
-// System modes a +QCSQ report names, across the families that send it.
-constexpr const char *qcsq_modes[] = {
-    "NOSERVICE", "GSM", "WCDMA", "TDSCDMA", "LTE", "NR5G", "CAT-M1", "CAT-NB1", "eMTC", "NBIoT", "HDR", "CDMA",
 };
 
 // The URC line without the line break in front of it, so that patterns
@@ -129,32 +125,6 @@ int qind_csq(modem *mdm, std::string_view line, ujson *json)
     return ACT_STATUS_OK;
 }
 
-// What a +QCSQ value is, as it is logged: "RSSI Signal  => -60 dBm".
-struct signal_kind {
-    uint32_t event;
-    const char *label;
-    const char *unit;
-};
-constexpr signal_kind rssi{EVT_RSSI, "RSSI Signal  ", "dBm"};
-constexpr signal_kind rscp{EVT_RSCP, "RSCP Signal  ", "dBm"};
-constexpr signal_kind ecio{EVT_ECIO, "EC/IO Signal ", "dB"};
-constexpr signal_kind rsrp{EVT_RSRP, "RSRP Signal  ", "dBm"};
-constexpr signal_kind sinr{EVT_SINR, "SINR Signal  ", "dB"};
-constexpr signal_kind rsrq{EVT_RSRQ, "RSRQ Signal  ", "dB"};
-
-// One value of a +QCSQ report. 0 stands for "none". Levels come as
-// magnitudes on some firmware and are made negative; SINR comes in steps of
-// 1/5 dB from -20 dB.
-void report_signal(modem *mdm, const signal_kind &kind, int value)
-{
-    if (value == 0)
-        return;
-    int32_t reported = kind.event == EVT_SINR ? value / 5 - 20 : (value > 0 ? -value : value);
-    LOG_DEBUG("[QUECTEL_COMMON] Modem `%s [%s]` URC Event: %s=> %d %s\n", mdm->id(), mdm->vid_pid(), kind.label,
-              reported, kind.unit);
-    mdm->new_event(kind.event, &reported);
-}
-
 // +EMM ERROR / +ESM ERROR: the network's reject cause, by number and text.
 int raise_cause(modem *mdm, uint32_t event, int cause, const char *(*text)(uint32_t))
 {
@@ -186,38 +156,10 @@ int urc_qind(modem *mdm, ujson *json)
     return ACT_STATUS_INVALID_URC;
 }
 
+// The system mode and its values, read as AT+QCSQ answers are.
 int urc_qcsq_common(modem *mdm, ujson *)
 {
-    char mode[16] = {};
-    int v[4] = {};
-    int n = scan(urc_line(mdm), "\r\n+QCSQ: \"%15[^,\r\"]\",%d,%d,%d,%d\r\n", mode, &v[0], &v[1], &v[2], &v[3]);
-    if (n < 1)
-        return ACT_STATUS_INVALID_URC;
-    bool known = false;
-    for (const char *m : qcsq_modes)
-        known |= strcasecmp(mode, m) == 0;
-    if (!known)
-        return ACT_STATUS_INVALID_URC;
-    LOG_DEBUG("[QUECTEL_COMMON] Modem `%s [%s]` URC Event: Network Mode => %s\n", mdm->id(), mdm->vid_pid(), mode);
-    switch (n - 1) {
-    case 1: // GSM: RSSI
-        report_signal(mdm, rssi, v[0]);
-        break;
-    case 3: // WCDMA, TD-SCDMA: RSSI, RSCP, Ec/Io
-        report_signal(mdm, rssi, v[0]);
-        report_signal(mdm, rscp, v[1]);
-        report_signal(mdm, ecio, v[2]);
-        break;
-    case 4: // LTE, NR, CAT-M1, NB-IoT: RSSI, RSRP, SINR, RSRQ
-        report_signal(mdm, rssi, v[0]);
-        report_signal(mdm, rsrp, v[1]);
-        report_signal(mdm, sinr, v[2]);
-        report_signal(mdm, rsrq, v[3]);
-        break;
-    default: // no service: no values
-        break;
-    }
-    return ACT_STATUS_OK;
+    return qcsq_report(mdm, urc_line(mdm), nullptr, "URC Event");
 }
 
 int urc_qcsq(modem *mdm, ujson *json)
@@ -302,6 +244,7 @@ int urc_power(modem *mdm, ujson *)
 
 int quectel_driver_probe(modem_driver *driver)
 {
+    quectel_net_probe(driver);
     quectel_band_probe(driver);
     quectel_data_probe(driver);
     quectel_sys_probe(driver);

@@ -247,30 +247,4 @@ TEST(QgpslocParser, CapturedAndEdgeForms)
         EXPECT_EQ(describe(parse_qgpsloc(row.text)), row.result) << row.text;
 }
 
-TEST(QuectelDataProbe, InstallsTheTwelveActions)
-{
-    const struct {
-        uint32_t action;
-        act_func fn;
-    } rows[] = {
-        {ACT_SET_APN_AUTH, set_apn_auth},
-        {ACT_GET_APN_AUTH, get_apn_auth},
-        {ACT_SET_PDP_CTX_STATE, set_pdp_ctx_state},
-        {ACT_GET_ATTACHED_PDP_CTX_LIST, get_attached_pdp_ctx_list},
-        {ACT_SET_DNS_ADDR, set_dns_addr},
-        {ACT_GNSS_START, gnss_start},
-        {ACT_GNSS_STOP, gnss_stop},
-        {ACT_SET_NMEA_OUTPORT, set_nmea_outport},
-        {ACT_SET_NMEA, set_nmea},
-        {ACT_GET_NMEA, get_nmea},
-        {ACT_SET_DPO_MODE, set_dpo_mode},
-        {ACT_GET_DPO_MODE, get_dpo_mode},
-    };
-    modem_driver drv = {"Test AT", "test", nullptr, nullptr};
-    quectel_data_probe(&drv);
-    for (const auto &row : rows)
-        EXPECT_EQ(drv.funcs[row.action], row.fn) << row.action;
-    EXPECT_EQ(std::count_if(std::begin(drv.funcs), std::end(drv.funcs), [](act_func f) { return f; }), 12);
-}
-
 } // namespace

@@ -5,6 +5,7 @@
 #include "drivers/quectel/quectel.h"
 
 #include "drivers/quectel/quectel_band.h"
+#include "drivers/quectel/quectel_net.h"
 #include "drivers/quectel/quectel_sys.h"
 
 namespace
@@ -29,6 +30,7 @@ constexpr action_override cat1[] = {
     {ACT_SET_LTE_BAND, lte_band_set_cat1},
     {ACT_SET_DEFAULT_BANDS, set_default_bands_cat1},
     {ACT_GET_BANDS, get_bands_cat1},
+    {ACT_GET_SIGNAL_QRY, nullptr}, // no AT+QCSQ known on these platforms
 };
 
 // LPWA (BG95, BG96): GSM, eMTC and NB-IoT, no WCDMA.
@@ -39,6 +41,10 @@ constexpr action_override lpwa[] = {
     {ACT_SET_LTE_NB_BAND, lte_nb_band_set_lpwa},
     {ACT_SET_DEFAULT_BANDS, set_default_bands_lpwa},
     {ACT_GET_BANDS, get_bands_lpwa},
+    {ACT_SET_NET_MODE, set_net_mode_lpwa},
+    {ACT_GET_NET_MODE_TECH, get_net_mode_tech_lpwa},
+    {ACT_SET_CFG_SIGNAL_QRY, nullptr}, // the +QIND "csq" report is an EC2x one
+    {ACT_GET_CFG_SIGNAL_QRY, nullptr},
 };
 
 // 5G on Qualcomm SDX55/SDX6x (RG50xQ, RM5xxQ, RG520N, RM520N): AT+QNWPREFCFG
@@ -54,6 +60,18 @@ constexpr action_override nr[] = {
     {ACT_SET_SIM_SLOT, quectel::quectel_set_sim_slot_nr},
     {ACT_GET_SIM_SLOT, quectel::quectel_get_sim_slot_nr},
     {ACT_GET_NAT_CFG, quectel::get_nat_cfg_nr},
+    {ACT_GET_CELL_INFO, get_cell_info_nr},
+    {ACT_GET_CA_INFO, get_ca_info_nr},
+    {ACT_SET_NET_MODE, set_net_mode_nr},
+    {ACT_GET_NET_MODE_TECH, get_net_mode_tech_nr},
+    {ACT_SET_ROAMING_SVC, set_roaming_svc_nr},
+    {ACT_GET_ROAMING_SVC, get_roaming_svc_nr},
+    {ACT_SET_URC_CAUSE_SUPPORT, set_urc_cause_support_nr},
+    {ACT_GET_URC_CAUSE_SUPPORT, get_urc_cause_support_nr},
+    {ACT_SET_NR5G_DISABLE_MODE, set_nr5g_disable_mode_nr},
+    {ACT_GET_NR5G_DISABLE_MODE, get_nr5g_disable_mode_nr},
+    {ACT_SET_CFG_SIGNAL_QRY, nullptr},
+    {ACT_GET_CFG_SIGNAL_QRY, nullptr},
 };
 
 // 5G on UNISOC UDX710 (RG500U): AT+QNWPREFCFG with one NR band list.
@@ -63,6 +81,15 @@ constexpr action_override unisoc_nr[] = {
     {ACT_SET_DEFAULT_BANDS, set_default_bands_unisoc_nr},
     {ACT_GET_BANDS, get_bands_unisoc_nr},
     {ACT_GET_NAT_CFG, nullptr}, // known on the Qualcomm modules only
+    {ACT_GET_CELL_INFO, get_cell_info},
+    {ACT_GET_NET_MODE_TECH, get_net_mode_tech_unisoc_nr},
+    {ACT_SET_ROAMING_SVC, nullptr}, // its roam_pref takes 0-3, meaning not known
+    {ACT_GET_ROAMING_SVC, nullptr},
+    {ACT_GET_SIGNAL_QRY, nullptr},  // no AT+QCSQ known on this platform
+    {ACT_SET_URC_CAUSE_SUPPORT, nullptr},
+    {ACT_GET_URC_CAUSE_SUPPORT, nullptr},
+    {ACT_SET_NR5G_DISABLE_MODE, nullptr},
+    {ACT_GET_NR5G_DISABLE_MODE, nullptr},
 };
 
 } // namespace
@@ -84,6 +111,7 @@ int quectel_lpwa_probe(modem_driver *driver)
 
 int quectel_nr_probe(modem_driver *driver)
 {
+    modem_driver_urc_override(driver, "+QNETRC", urc_qnetrc);
     return install(driver, nr);
 }
 

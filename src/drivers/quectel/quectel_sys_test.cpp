@@ -263,35 +263,4 @@ TEST_F(QuectelSimSlotTest, TheBoardOrTheModemSwitches)
 
 // --- installation --------------------------------------------------------------------------
 
-TEST(QuectelSysProbe, InstallsAndWithdraws)
-{
-    act_func any = [](modem *, int, ujson *, request *) { return 0; };
-    modem_driver drv = {"Test AT", "test", nullptr, nullptr};
-    std::fill(std::begin(drv.funcs), std::end(drv.funcs), any);
-    EXPECT_EQ(quectel_sys_probe(&drv), 0);
-    const std::pair<uint32_t, act_func> installed[] = {
-        {ACT_GET_FIRMWARE, get_firmware},
-        {ACT_GET_SN, get_sn},
-        {ACT_GET_ICCID, get_iccid},
-        {ACT_GET_PIN_COUNT, get_pin_count},
-        {ACT_SET_URC_IND_CFG, set_urc_ind_cfg},
-        {ACT_SET_SIM_SLOT, quectel_set_sim_slot},
-        {ACT_GET_SIM_SLOT, quectel_get_sim_slot},
-        {ACT_GET_TEMPERATURE, get_temperature},
-        {ACT_MBN_SELECT, set_mbn_select},
-        {ACT_GET_MBN_AUTO_SEL, get_mbn_auto_sel},
-        {ACT_SET_IMS_STATE, set_ims_state},
-        {ACT_GET_VOLTE_READY, get_volte_ready},
-    };
-    for (const auto &[action, fn] : installed)
-        EXPECT_EQ(drv.funcs[action], fn) << action;
-    for (uint32_t action :
-         {ACT_SET_NAT_CFG, ACT_GET_NAT_CFG, ACT_SET_USBCFG, ACT_GET_USBCFG, ACT_SET_CEFS_RESTORE, ACT_GET_EFS_VERSION,
-          ACT_GET_LTE_SMS_FORMAT, ACT_SET_LTE_SMS_FORMAT, ACT_GET_PDP_PROFILE_REGISTRY})
-        EXPECT_EQ(drv.funcs[action], nullptr) << action;
-    // Actions of other areas are left as the parent has them.
-    EXPECT_EQ(drv.funcs[ACT_GET_BANDS], any);
-    EXPECT_EQ(drv.funcs[ACT_CHANGE_SIM_SLOT], any);
-}
-
 } // namespace
