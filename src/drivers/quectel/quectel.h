@@ -8,6 +8,7 @@
 int quectel_driver_probe(modem_driver *driver);
 
 // Family probes: what a family does differently from the base driver.
+int quectel_ec2x_probe(modem_driver *driver);      // EC20, EC21, EC25, EG25
 int quectel_ltea_probe(modem_driver *driver);      // EG06, EG12, EG060K
 int quectel_cat1_probe(modem_driver *driver);      // EC200A, EG915Q
 int quectel_lpwa_probe(modem_driver *driver);      // BG95, BG96

@@ -1,9 +1,9 @@
 #include "drivers/quectel/quectel.h"
 
 MODEM_DRIVER(quectel_ec25_driver, MODEM_DRIVER_PRIO_MODEL, "Quectel EC25 AT", "quectel,ec25", "quectel",
-             modem_driver_probe_none)
+             quectel_ec2x_probe)
 MODEM_DRIVER(quectel_ec25_afd_driver, MODEM_DRIVER_PRIO_MODEL, "Quectel EC25 AF(D) AT", "quectel,ec25,af", "quectel",
-             modem_driver_probe_none)
+             quectel_ec2x_probe)
 MODEM_DRIVER(quectel_ec25_a_driver, MODEM_DRIVER_PRIO_VARIANT, "Quectel EC25-A AT", "quectel,ec25,a", "quectel,ec25",
              modem_driver_probe_none)
 MODEM_DRIVER(quectel_ec25_af_driver, MODEM_DRIVER_PRIO_VARIANT, "Quectel EC25-AF AT", "quectel,ec25,af", "quectel,ec25",

@@ -94,8 +94,17 @@ constexpr action_override unisoc_nr[] = {
 
 } // namespace
 
-int quectel_ltea_probe(modem_driver *)
+// The Linux-based Qualcomm modules print the +QFUPL checksum in hexadecimal,
+// as the firmware-update tools for them read it.
+int quectel_ec2x_probe(modem_driver *driver)
 {
+    modem_driver_urc_override(driver, "+QFUPL", urc_qfupl_hex);
+    return 0;
+}
+
+int quectel_ltea_probe(modem_driver *driver)
+{
+    modem_driver_urc_override(driver, "+QFUPL", urc_qfupl_hex);
     return 0;
 }
 
@@ -111,6 +120,7 @@ int quectel_lpwa_probe(modem_driver *driver)
 
 int quectel_nr_probe(modem_driver *driver)
 {
+    modem_driver_urc_override(driver, "+QFUPL", urc_qfupl_hex);
     modem_driver_urc_override(driver, "+QNETRC", urc_qnetrc);
     return install(driver, nr);
 }

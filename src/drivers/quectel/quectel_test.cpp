@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "drivers/generic/driver_test_support.h"
+#include "drivers/quectel/quectel_band.h"
+#include "drivers/quectel/quectel_net.h"
 
 namespace
 {
@@ -148,6 +150,59 @@ TEST(QuectelDriver, ProbeWithdrawsActionsAndInstallsHandlers)
         drv.urcs = e->next;
         delete e;
     }
+}
+
+// The registered model drivers: each takes its family's command set, and a
+// variant keeps its model's. A model given the wrong family reads bands, cells
+// and modes in another family's format.
+TEST(QuectelModels, EachModelRunsItsFamilysCommands)
+{
+    struct {
+        const char *compatible;
+        uint32_t action;
+        act_func expected; // null: not supported on that model
+    } rows[] = {
+        {"quectel,ec25", ACT_GET_BANDS, get_bands},
+        {"quectel,ec25,e", ACT_GET_BANDS, get_bands},
+        {"quectel,eg06,a", ACT_GET_CELL_INFO, get_cell_info},
+        {"quectel,rg255c", ACT_GET_BANDS, get_bands},
+        {"quectel,ec200a", ACT_GET_BANDS, get_bands_cat1},
+        {"quectel,eg915q,na", ACT_SET_LTE_BAND, lte_band_set_cat1},
+        {"quectel,ec200a", ACT_GET_SIGNAL_QRY, nullptr},
+        {"quectel,bg96", ACT_GET_BANDS, get_bands_lpwa},
+        {"quectel,bg95,m4", ACT_SET_LTE_NB_BAND, lte_nb_band_set_lpwa},
+        {"quectel,bg96", ACT_SET_WCDMA_BAND, nullptr},
+        {"quectel,bg96", ACT_SET_NET_MODE, set_net_mode_lpwa},
+        {"quectel,ec25", ACT_SET_LTE_NB_BAND, nullptr},
+        {"quectel,rm520n", ACT_GET_BANDS, get_bands_nr},
+        {"quectel,rg520n", ACT_SET_5G_SA_BAND, sa_5g_band_set_nr},
+        {"quectel,rg501q", ACT_GET_CELL_INFO, get_cell_info_nr},
+        {"quectel,rg500q", ACT_SET_GSM_BAND, nullptr},
+        {"quectel,rm520n", ACT_SET_NET_MODE, set_net_mode_nr},
+        {"quectel,ec25", ACT_SET_5G_NSA_BAND, nullptr},
+        {"quectel,rg500u", ACT_SET_5G_NSA_BAND, nsa_5g_band_set_unisoc_nr},
+        {"quectel,rg500u", ACT_GET_NET_MODE_TECH, get_net_mode_tech_unisoc_nr},
+        {"quectel,rg500u", ACT_GET_CELL_INFO, get_cell_info},
+        {"quectel,rg500u", ACT_GET_NAT_CFG, nullptr},
+    };
+    for (const auto &row : rows) {
+        const modem_driver *drv = modem_driver_by_id(row.compatible);
+        ASSERT_NE(drv, nullptr) << row.compatible;
+        EXPECT_EQ(drv->funcs[row.action], row.expected) << row.compatible << " " << act_type_id_str[row.action];
+    }
+    // The 5G modules report reject causes with +QNETRC; the others do not.
+    const std::string qnetrc = "\r\n+QNETRC: \"emm_cause\",7\r\n";
+    EXPECT_EQ(modem_driver_urc_method(modem_driver_by_id("quectel,rm520n"), qnetrc.data(), qnetrc.size()), urc_qnetrc);
+    EXPECT_EQ(modem_driver_urc_method(modem_driver_by_id("quectel,ec25"), qnetrc.data(), qnetrc.size()), nullptr);
+    // The upload report's checksum: hexadecimal on the Linux-based modules,
+    // decimal on the others (as the base driver reads it).
+    const std::string qfupl = "\r\n+QFUPL: 683,f6e\r\n";
+    const std::pair<const char *, urc_func> checksums[] = {
+        {"quectel,ec25,e", urc_qfupl_hex}, {"quectel,eg06", urc_qfupl_hex}, {"quectel,rm520n", urc_qfupl_hex},
+        {"quectel,bg96", urc_qfupl},       {"quectel,ec200a", urc_qfupl},   {"quectel", urc_qfupl}};
+    for (const auto &[compatible, fn] : checksums)
+        EXPECT_EQ(modem_driver_urc_method(modem_driver_by_id(compatible), qfupl.data(), qfupl.size()), fn)
+            << compatible;
 }
 
 } // namespace
