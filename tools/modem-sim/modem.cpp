@@ -490,6 +490,7 @@ bool Modem::holds(const Condition &c, const std::vector<std::string> &caps) cons
 	case Cmp::gt: return to_long(have) > to_long(want);
 	case Cmp::ge: return to_long(have) >= to_long(want);
 	case Cmp::match: return match_pattern(want, have, nullptr);
+	case Cmp::within: return contained_in(have, want);
 	}
 	return false;
 }

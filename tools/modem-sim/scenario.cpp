@@ -140,6 +140,11 @@ bool parse_condition(std::string_view s, Condition *c, std::string *bad)
 		{"!=", Cmp::ne}, {"<=", Cmp::le}, {">=", Cmp::ge}, {"=", Cmp::eq},
 		{"<", Cmp::lt},  {">", Cmp::gt},  {"~", Cmp::match},
 	};
+	if (s.substr(0, 2) == "in" && (s.size() == 2 || is_blank(s[2]))) {
+		c->cmp = Cmp::within;
+		c->value = std::string(trim(s.substr(2)));
+		return true;
+	}
 	for (const auto &op : ops) {
 		std::string_view t = op.text;
 		if (s.substr(0, t.size()) == t) {
@@ -148,7 +153,7 @@ bool parse_condition(std::string_view s, Condition *c, std::string *bad)
 			return true;
 		}
 	}
-	*bad = "a condition is <var> =, !=, <, <=, >, >= or ~ <value>";
+	*bad = "a condition is <var> =, !=, <, <=, >, >=, ~ or in <value>";
 	return false;
 }
 
@@ -767,6 +772,72 @@ bool expand_text(std::string_view text, const std::vector<std::string> &captures
 		} else {
 			*out += c;
 		}
+	}
+	return true;
+}
+
+namespace {
+
+// The digits of a hex mask, "0x" taken off; false if there are none or a
+// character is no hex digit.
+bool hex_digits(std::string_view s, std::string_view *digits)
+{
+	if (s.size() >= 2 && s[0] == '0' && lower(s[1]) == 'x')
+		s.remove_prefix(2);
+	for (char c : s)
+		if (hex_digit(c) < 0)
+			return false;
+	*digits = s;
+	return !s.empty();
+}
+
+bool same_item(std::string_view a, std::string_view b)
+{
+	if (a.size() != b.size())
+		return false;
+	for (size_t i = 0; i < a.size(); i++)
+		if (lower(a[i]) != lower(b[i]))
+			return false;
+	return true;
+}
+
+} // namespace
+
+bool contained_in(std::string_view part, std::string_view whole)
+{
+	if (whole.size() >= 2 && whole[0] == '0' && lower(whole[1]) == 'x') {
+		std::string_view p, w;
+		if (!hex_digits(part, &p) || !hex_digits(whole, &w))
+			return false;
+		// From the lowest digit up; digits beyond the whole's length must be 0.
+		for (size_t i = 0; i < p.size(); i++) {
+			int pd = hex_digit(p[p.size() - 1 - i]);
+			int wd = i < w.size() ? hex_digit(w[w.size() - 1 - i]) : 0;
+			if (pd & ~wd)
+				return false;
+		}
+		return true;
+	}
+	while (!part.empty()) {
+		size_t colon = part.find(':');
+		std::string_view item = part.substr(0, colon);
+		part = colon == std::string_view::npos ? std::string_view() : part.substr(colon + 1);
+		bool found = false;
+		std::string_view rest = whole;
+		for (;;) {
+			size_t c = rest.find(':');
+			if (same_item(item, rest.substr(0, c))) {
+				found = true;
+				break;
+			}
+			if (c == std::string_view::npos)
+				break;
+			rest.remove_prefix(c + 1);
+		}
+		if (!found || item.empty())
+			return false;
+		if (colon != std::string_view::npos && part.empty())
+			return false; // a trailing ':' leaves an empty item
 	}
 	return true;
 }

@@ -45,6 +45,7 @@ enum class Cmp {
 	eq, ne,         // text equality
 	lt, le, gt, ge, // whole numbers
 	match,          // the value is a pattern, as in 'on' lines
+	within,         // every element of the variable is one of the value's (see contained_in)
 };
 
 // "<var> <cmp> <value>". The variable's name may contain $1..$9 (replaced by
@@ -138,6 +139,12 @@ struct ParseError {
 using VarLookup = std::function<std::string(std::string_view name)>;
 [[nodiscard]] bool expand_text(std::string_view text, const std::vector<std::string> &captures,
 			       const VarLookup &lookup, std::string *out, std::string *bad);
+
+// Whether every element of `part` is one of `whole`'s: hex masks ("0x" in
+// front of `whole`; `part` with or without it, any length) bit by bit, else
+// lists separated by ':' item by item, ignoring case. A mask or item that is
+// not well formed is not contained; an empty list is contained in any list.
+[[nodiscard]] bool contained_in(std::string_view part, std::string_view whole);
 
 // Bytes as one quoted line for the operator: CR, LF, quote and backslash
 // escaped, other control bytes as \xHH; bytes from 0x80 kept (UTF-8 text)

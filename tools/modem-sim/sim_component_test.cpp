@@ -520,6 +520,40 @@ TEST_F(SimProcess, TranscriptRecordsBothDirections)
 	EXPECT_NE(all.find("\\r\\n+CSQ: 22,99\\r\\n\\r\\nOK\\r\\n\""), std::string::npos) << all;
 }
 
+// Each shipped Quectel family, started by its name as the daemon's tests do,
+// tells itself apart by its identity and its band answer.
+TEST_F(SimProcess, ShippedFamiliesStartByName)
+{
+	struct Case {
+		const char *name;
+		const char *ati;
+		const char *band;
+	} cases[] = {
+		{"ec25", "\r\nQuectel\r\nEC25\r\nRevision: EC25EFAR06A06M4G\r\n\r\nOK\r\n",
+		 "\r\n+QCFG: \"band\",0xd3,0x1a0000800d5,0x0\r\n\r\nOK\r\n"},
+		{"rm520n", "\r\nQuectel\r\nRM520N-GL\r\nRevision: RM520NGLAAR01A07M4G\r\n\r\nOK\r\n", "\r\nERROR\r\n"},
+		{"bg96", "\r\nQuectel\r\nBG96\r\nRevision: BG96MAR02A07M1G\r\n\r\nOK\r\n",
+		 "\r\n+QCFG: \"band\",0xf,0x400b0e189f,0xa0e189f\r\n\r\nOK\r\n"},
+	};
+	for (const Case &c : cases) {
+		SCOPED_TRACE(c.name);
+		start({"--no-boot"}, c.name);
+		open_tty();
+		ask("ATE0\r");
+		EXPECT_EQ(ask("ATI\r"), c.ati);
+		std::string band = c.band;
+		EXPECT_EQ(ask("AT+QCFG=\"band\"\r", band.substr(band.rfind("\r\n", band.size() - 3))), band);
+		// Next one: a new process on a new terminal.
+		close(tty_);
+		tty_ = -1;
+		kill(pid_, SIGTERM);
+		waitpid(pid_, nullptr, 0);
+		pid_ = -1;
+		close(out_);
+		out_ = -1;
+	}
+}
+
 TEST_F(SimProcess, BadScenarioIsRefused)
 {
 	std::string scn = dir_ + "/bad.scn";
