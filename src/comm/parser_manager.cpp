@@ -542,9 +542,8 @@ uint32_t parser::work()
     scan_lines(end);
 
     uint32_t ds;
-    // Upload reports are URCs, unless they answer the upload in flight.
-    if (std::string_view(token_) != qfupl.substr(1) && has_qfupl())
-        ds = m.id ? m.pos : line_pos_;
+    if (has_qfupl())
+        ds = m.id ? m.pos : line_pos_; // upload report lines are URCs, never data
     else if (first_token_ != npos)
         ds = line_start(first_token_);
     else if (plain_start_ != npos)

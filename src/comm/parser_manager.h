@@ -93,9 +93,7 @@ class parser {
     //    syntax character, the token and ':'; without such a line, at the
     //    first plain line after the last URC-like line (one opening with an
     //    extended syntax character, or naming RING or +QFUPL). It runs to the
-    //    end of the result code and moves to the content buffer. Upload
-    //    reports (+QFUPL) are URCs in front of the result code, except while
-    //    the token is QFUPL: then they answer the upload in flight.
+    //    end of the result code and moves to the content buffer.
     //  - Complete lines in front of the response that are URC-like move to
     //    the URC buffer, other lines there are dropped. Without a result code
     //    the lines that may still be the response wait in the history.

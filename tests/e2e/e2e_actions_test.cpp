@@ -28,7 +28,8 @@ TEST_F(Actions, SystemGroup)
     EXPECT_EQ(ok("set_auto_tz_update", R"({"enabled":true})").json().find("\"restart\":true") != std::string::npos,
               true);
     EXPECT_NE(ok("get_auto_tz_update").json().find("\"enabled\":true"), std::string::npos);
-    EXPECT_EQ(ok("get_serial").text("serial"), "866758041234564");
+    // Quectel's own serial number (AT+EGMR), not the IMEI.
+    EXPECT_EQ(ok("get_serial").text("serial"), "MPY22GB0A2345");
 }
 
 // A PIN-locked SIM: the state, the unlock, and the report that follows.

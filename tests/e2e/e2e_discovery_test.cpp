@@ -96,9 +96,9 @@ TEST_F(Discovery, BuiltinPrimaryModemBecomesModem0AndAnswers)
 
     {
         SCOPED_TRACE("statuses of the bus interface");
-        // An action no driver of the EC25 implements yet: not supported, no
+        // An action Quectel modems have no command for: not supported, no
         // reply body.
-        call_result unsupported = bus->call("gsm.modem0", "get_temperature");
+        call_result unsupported = bus->call("gsm.modem0", "get_rat_priority");
         EXPECT_EQ(unsupported.status, UBUS_STATUS_NOT_SUPPORTED);
         EXPECT_EQ(unsupported.replies, 0) << unsupported.reply.json();
 

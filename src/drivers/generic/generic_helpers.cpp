@@ -262,6 +262,29 @@ std::string_view line_value(std::string_view text, std::string_view prefix)
     return value;
 }
 
+void split_parts(std::string_view text, std::string_view *first, std::string_view *second)
+{
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t end = text.find("\r\n", pos);
+        std::string_view line = text.substr(pos, end == std::string_view::npos ? end : end - pos);
+        // With ATV0 a numeric result ("0\r", "4\r") runs into the next answer.
+        bool numeric = line.size() >= 2 && (line[0] == '0' || line[0] == '4') && line[1] == '\r';
+        if (numeric || line == "OK" || line == "ERROR" || line.starts_with("+CME ERROR:") ||
+            line.starts_with("+CMS ERROR:")) {
+            size_t cut = numeric ? pos + 2 : end == std::string_view::npos ? text.size() : end + 2;
+            *first = text.substr(0, cut);
+            *second = text.substr(cut);
+            return;
+        }
+        if (end == std::string_view::npos)
+            break;
+        pos = end + 2;
+    }
+    *first = text;
+    *second = {};
+}
+
 std::string_view unquote(std::string_view text)
 {
     if (text.starts_with('"'))

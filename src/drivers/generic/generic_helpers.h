@@ -115,6 +115,11 @@ std::string_view first_line(std::string_view text);
 // anywhere: with ATV0 a second command's answer follows the first's "0\r".
 std::string_view line_value(std::string_view text, std::string_view prefix);
 
+// The answer of the first part of a two-part command ("AT+A\rAT+B\r"), up
+// to and with its final result, and what the second part answered after it.
+// Without a final result the whole text is the first part's.
+void split_parts(std::string_view text, std::string_view *first, std::string_view *second);
+
 // The text without its enclosing double quotes; either may be missing
 // (a "%63[^,\r]" capture after a literal quote keeps only the closing one).
 std::string_view unquote(std::string_view text);

@@ -219,6 +219,29 @@ TEST(Scan, ValueAfterAPrefix)
         EXPECT_EQ(line_value(row.text, row.prefix), row.value) << row.text;
 }
 
+// Two commands sent as two parts of one request answer one after the other;
+// the cut is after the first final result, in verbose and numeric form.
+TEST(Scan, AnswersOfATwoPartCommand)
+{
+    struct {
+        const char *text, *first, *second;
+    } rows[] = {
+        {"\r\nA\r\n\r\nOK\r\n\r\nB\r\n\r\nOK\r\n", "\r\nA\r\n\r\nOK\r\n", "\r\nB\r\n\r\nOK\r\n"},
+        {"\r\nA\r\n\r\nOK\r\n\r\n+CME ERROR: 516\r\n", "\r\nA\r\n\r\nOK\r\n", "\r\n+CME ERROR: 516\r\n"},
+        {"\r\n+CME ERROR: 3\r\n", "\r\n+CME ERROR: 3\r\n", ""},
+        {"\r\nERROR\r\n\r\nB\r\n\r\nOK\r\n", "\r\nERROR\r\n", "\r\nB\r\n\r\nOK\r\n"},
+        {"A\r\n0\rB\r\n0\r", "A\r\n0\r", "B\r\n0\r"},
+        {"A\r\n4\r", "A\r\n4\r", ""},
+        {"\r\nA\r\n", "\r\nA\r\n", ""},
+    };
+    for (const auto &row : rows) {
+        std::string_view first, second;
+        split_parts(row.text, &first, &second);
+        EXPECT_EQ(first, row.first) << row.text;
+        EXPECT_EQ(second, row.second) << row.text;
+    }
+}
+
 TEST(SetCommand, FormattedCommandIsExactlySized)
 {
     request req;

@@ -205,6 +205,10 @@ int qfupl(modem *mdm, ujson *json, const char *fmt)
     int checksum = 0;
     if (scan(urc_line(mdm), fmt, &size, &checksum) != 2)
         return ACT_STATUS_INVALID_RESPONSE;
+    // The report ends an upload: the upload's own answer is only its OK, and
+    // it checks what the modem stored against what was sent with these.
+    cache_int(mdm, qfupl_size_key, size);
+    cache_int(mdm, qfupl_checksum_key, checksum);
     json->add_int("size", size);
     json->add_int("checksum", checksum);
     mdm->new_event(EVT_FILE_UPLOAD, json);

@@ -34,7 +34,10 @@ int urc_esm(modem *mdm, ujson *json);
 void notify_emm_esm_errors(modem *mdm, uint32_t event, int cause, ujson &data, const char *(*text)(uint32_t));
 // +QFUPL: <size>,<checksum> at the end of an upload: a decimal checksum, or
 // a hexadecimal one as the firmware of several models prints it.
+// The last report is also kept in the cache under these keys.
 int urc_qfupl(modem *mdm, ujson *json);
+inline constexpr const char *qfupl_size_key = "upload_size";
+inline constexpr const char *qfupl_checksum_key = "upload_checksum";
 int urc_qfupl_hex(modem *mdm, ujson *json);
 // +EGMR: the serial number, cached as "serial_num".
 int urc_egmr(modem *mdm, ujson *json);

@@ -14,6 +14,7 @@
 #include "comm/request.h"
 #include "core/modem.h"
 #include "drivers/generic/generic_helpers.h"
+#include "drivers/quectel/quectel.h"
 #include "ubus/modem_api.h"
 #include "ubus/vocab.h"
 #include "util/log.h"
@@ -238,6 +239,9 @@ int upload_file(modem *mdm, int type, ujson *json, request *req)
                 close(fd);
             return ACT_STATUS_INVALID_ARGS;
         }
+        // Only a report of this upload counts.
+        cache_drop(mdm, qfupl_size_key);
+        cache_drop(mdm, qfupl_checksum_key);
         // From here the request owns the file and closes it, whatever happens.
         req->source = request_source(fd, static_cast<uint64_t>(size), static_cast<uint32_t>(timeout) * 1000);
         upload_info info{};
@@ -248,35 +252,29 @@ int upload_file(modem *mdm, int type, ujson *json, request *req)
         return set_commandf(req, "AT+QFUPL=\"%.*s\",%d,%d\r", static_cast<int>(base.size()), base.data(), size,
                             timeout);
     }
-    if (!answer_ok(mdm))
-        return ACT_STATUS_INVALID_RESPONSE;
-    std::string_view f[3];
-    uint64_t size = 0, checksum = 0;
-    if (tagged_fields(answer(mdm), "+QFUPL:", f, 3) < 2 || !to_number(f[0], 10, &size) ||
-        !to_number(f[1], 16, &checksum) || checksum > 0xffff)
+    // The modem's report (+QFUPL: <size>,<checksum>) comes as an unsolicited
+    // line in front of the OK; its handler raised the upload event and left
+    // the values in the cache.
+    int32_t size = cached_int(mdm, qfupl_size_key, -1);
+    int32_t checksum = cached_int(mdm, qfupl_checksum_key, -1);
+    cache_drop(mdm, qfupl_size_key);
+    cache_drop(mdm, qfupl_checksum_key);
+    if (!answer_ok(mdm) || size < 0 || checksum < 0)
         return ACT_STATUS_INVALID_RESPONSE;
     // What the modem stored must be what was sent, byte for byte.
     const request_source &src = req->source;
-    if (size != src.size || size != src.written || checksum != src.checksum) {
-        LOG_ERROR("[QUECTEL_DRIVER] Upload mismatch: modem %" PRIu64 " bytes, checksum %04" PRIx64
-                  "; sent %" PRIu64 " bytes, checksum %04x\n",
+    if (static_cast<uint64_t>(size) != src.size || src.written != src.size ||
+        static_cast<uint32_t>(checksum) != src.checksum) {
+        LOG_ERROR("[QUECTEL_DRIVER] Upload mismatch: modem %d bytes, checksum %04x; sent %" PRIu64
+                  " bytes, checksum %04x\n",
                   size, checksum, src.written, src.checksum);
         return ACT_STATUS_INVALID_RESPONSE;
     }
     const upload_info *info = get_extra<upload_info>(req);
     if (info)
         reply_text(json, "name", info->name);
-    json->add_long("size", static_cast<int64_t>(size));
-    json->add_int("checksum", static_cast<int32_t>(checksum));
-
-    auto event = ujson::create();
-    if (!event) {
-        LOG_ERROR("[QUECTEL_DRIVER] uJson memory allocation error!\n");
-        return ACT_STATUS_NO_MEMORY;
-    }
-    event->add_int("size", static_cast<int32_t>(size));
-    event->add_int("checksum", static_cast<int32_t>(checksum));
-    mdm->new_event(EVT_FILE_UPLOAD, event.get());
+    json->add_long("size", size);
+    json->add_int("checksum", checksum);
     return ACT_STATUS_OK;
 }
 

@@ -284,23 +284,36 @@ bool valid_reading(std::string_view name, int value)
 
 // --- identity -------------------------------------------------------------------------
 
+// The revision (AT+GMR, what ATI prints and the modem was identified by) is
+// "firmware", as on every modem; Quectel's full version with its modem and
+// application parts (AT+QGMR, asked in a second part so that a firmware
+// without it still answers the revision) is "firmware_full".
 int get_firmware(modem *mdm, int type, ujson *json, request *req)
 {
     if (type == 0)
-        return set_command(req, "AT+QGMR\r");
-    std::string_view line = first_line(answer(mdm));
+        return set_command(req, "AT+GMR\rAT+QGMR\r");
+    std::string_view gmr, qgmr;
+    split_parts(answer(mdm), &gmr, &qgmr);
+    std::string_view revision = trim(first_line(gmr)).substr(0, 63);
+    bool gmr_ok = gmr.ends_with("\r\nOK\r\n") || gmr.ends_with("0\r");
+    if (!gmr_ok || revision.empty() || revision == "OK")
+        return ACT_STATUS_INVALID_RESPONSE;
+    std::string_view line = first_line(qgmr);
     // The read form some firmware answers with carries the tag.
     if (tag_is(line, "+QGMR"))
         line = line.substr(line.find(':') + 1);
-    std::string_view firmware = trim(line).substr(0, 63);
-    if (!answer_ok(mdm) || firmware.empty())
-        return ACT_STATUS_INVALID_RESPONSE;
-    if (firmware_starting(firmware)) {
+    std::string_view full = trim(line).substr(0, 63);
+    bool qgmr_ok = qgmr.ends_with("\r\nOK\r\n") || qgmr.ends_with("0\r");
+    if (!qgmr_ok || full == "OK")
+        full = {};
+    if (firmware_starting(full)) {
         LOG_DEBUG("[QUECTEL_DRIVER] Modem `%s [%s]` firmware version not ready yet\n", mdm->id(), mdm->vid_pid());
         return ACT_STATUS_INVALID_RESPONSE;
     }
-    reply_text(json, "firmware", firmware);
-    cache_text(mdm, "firmware", firmware);
+    reply_text(json, "firmware", revision);
+    if (!full.empty())
+        reply_text(json, "firmware_full", full);
+    cache_text(mdm, "firmware", revision);
     return ACT_STATUS_OK;
 }
 
