@@ -232,10 +232,12 @@ int net_reg_answer(modem *mdm, ujson *json, int regtype, uint32_t max_mode, act_
     return ACT_STATUS_OK;
 }
 
-int urc_net_reg(modem *mdm, ujson *json, int regtype, uint32_t event)
+} // namespace
+
+int urc_net_reg(modem *mdm, ujson *json, int regtype, uint32_t event, act_map_fn act_map)
 {
     net_reg_report r;
-    if (net_reg_answer(mdm, json, regtype, generic_max_mode, generic_get_act, &r) != ACT_STATUS_OK)
+    if (net_reg_answer(mdm, json, regtype, generic_max_mode, act_map, &r) != ACT_STATUS_OK)
         return ACT_STATUS_INVALID_URC;
     LOG_DEBUG("Modem `%s [%s]` URC Event: NET State: %s (%d)\n", mdm->id(), mdm->vid_pid(), net_reg_stat_str(r.status),
               static_cast<int>(r.status));
@@ -244,6 +246,9 @@ int urc_net_reg(modem *mdm, ujson *json, int regtype, uint32_t event)
     note_report(mdm, regtype, r);
     return ACT_STATUS_OK;
 }
+
+namespace
+{
 
 // --- operators ------------------------------------------------------------------------
 
@@ -502,19 +507,19 @@ int get_net_reg_stat_all(modem *mdm, int type, ujson *json, request *req)
 
 int urc_creg(modem *mdm, ujson *json)
 {
-    return urc_net_reg(mdm, json, NET_REG_CS, EVT_NETWORK_STATE);
+    return urc_net_reg(mdm, json, NET_REG_CS, EVT_NETWORK_STATE, generic_get_act);
 }
 int urc_cgreg(modem *mdm, ujson *json)
 {
-    return urc_net_reg(mdm, json, NET_REG_GPRS, EVT_NETWORK_STATE_PS);
+    return urc_net_reg(mdm, json, NET_REG_GPRS, EVT_NETWORK_STATE_PS, generic_get_act);
 }
 int urc_cereg(modem *mdm, ujson *json)
 {
-    return urc_net_reg(mdm, json, NET_REG_EPS, EVT_NETWORK_STATE_PS);
+    return urc_net_reg(mdm, json, NET_REG_EPS, EVT_NETWORK_STATE_PS, generic_get_act);
 }
 int urc_c5greg(modem *mdm, ujson *json)
 {
-    return urc_net_reg(mdm, json, NET_REG_5GS, EVT_NETWORK_STATE_PS);
+    return urc_net_reg(mdm, json, NET_REG_5GS, EVT_NETWORK_STATE_PS, generic_get_act);
 }
 
 // --- operator scan ----------------------------------------------------------------------
@@ -554,6 +559,11 @@ int scan_op(modem *mdm, int type, ujson *json, request *req)
 // +COPS: <mode>[,<format>,"<oper>"[,<AcT>]]
 int get_op_slc(modem *mdm, int type, ujson *json, request *req)
 {
+    return get_op_slc_common(mdm, type, json, req, generic_get_act);
+}
+
+int get_op_slc_common(modem *mdm, int type, ujson *json, request *req, act_map_fn act_map)
+{
     if (type == 0)
         return set_command(req, "AT+COPS?\r");
     std::string_view text = answer(mdm);
@@ -582,7 +592,7 @@ int get_op_slc(modem *mdm, int type, ujson *json, request *req)
     }
     int act;
     if (scan(text, "\r\n+COPS: %*d, %*d,\"%*[^\"]\",%d", &act) == 1 && act < 14)
-        reply_enum(json, "act", generic_get_act(act), net_reg_act_str);
+        reply_enum(json, "act", act_map(act), net_reg_act_str);
     return ACT_STATUS_OK;
 }
 

@@ -90,6 +90,11 @@ int scan_op(modem *mdm, int type, ujson *json, request *req);
 int get_op_slc(modem *mdm, int type, ujson *json, request *req);
 int set_op_slc(modem *mdm, int type, ujson *json, request *req);
 
+// The operator selection read with a vendor's access-technology map.
+int get_op_slc_common(modem *mdm, int type, ujson *json, request *req, act_map_fn act_map);
+// A registration URC of one type, read with act_map and raised as event.
+int urc_net_reg(modem *mdm, ujson *json, int regtype, uint32_t event, act_map_fn act_map);
+
 int urc_creg(modem *mdm, ujson *json);
 int urc_cgreg(modem *mdm, ujson *json);
 int urc_cereg(modem *mdm, ujson *json);

@@ -45,6 +45,12 @@ constexpr action_override lpwa[] = {
     {ACT_GET_NET_MODE_TECH, get_net_mode_tech_lpwa},
     {ACT_SET_CFG_SIGNAL_QRY, nullptr}, // the +QIND "csq" report is an EC2x one
     {ACT_GET_CFG_SIGNAL_QRY, nullptr},
+    {ACT_GET_NET_REG_STAT, get_net_reg_stat_lpwa},
+    {ACT_GET_NET_GREG_STAT, get_net_greg_stat_lpwa},
+    {ACT_GET_NET_EREG_STAT, get_net_ereg_stat_lpwa},
+    {ACT_GET_NET_REG_STAT_ALL, get_net_reg_stat_all_lpwa},
+    {ACT_GET_OPER_SELECTION, get_op_slc_lpwa},
+    {ACT_OPERATOR_SCAN, scan_op_lpwa},
 };
 
 // 5G on Qualcomm SDX55/SDX6x (RG50xQ, RM5xxQ, RG520N, RM520N): AT+QNWPREFCFG
@@ -115,6 +121,9 @@ int quectel_cat1_probe(modem_driver *driver)
 
 int quectel_lpwa_probe(modem_driver *driver)
 {
+    modem_driver_urc_override(driver, "+CREG", urc_creg_lpwa);
+    modem_driver_urc_override(driver, "+CGREG", urc_cgreg_lpwa);
+    modem_driver_urc_override(driver, "+CEREG", urc_cereg_lpwa);
     return install(driver, lpwa);
 }
 

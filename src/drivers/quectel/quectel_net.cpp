@@ -11,6 +11,7 @@
 
 #include "core/modem.h"
 #include "drivers/generic/generic_helpers.h"
+#include "drivers/generic/generic_net.h"
 #include "drivers/quectel/quectel.h"
 #include "ubus/vocab.h"
 #include "util/converter.h"
@@ -1339,6 +1340,64 @@ int get_nr5g_disable_mode_nr(modem *mdm, int type, ujson *json, request *req)
         return ACT_STATUS_INVALID_RESPONSE;
     reply_enum(json, "mode", static_cast<uint32_t>(value) + 1, disable_nr5g_mode_str);
     return ACT_STATUS_OK;
+}
+
+// --- LPWA access technology ----------------------------------------------------------
+
+uint32_t quectel_lpwa_get_act(int32_t act)
+{
+    constexpr uint32_t eutran = 8; // net_reg_act "E-UTRAN"
+    if (act == 8 || act == 9)
+        return eutran;
+    return act == 0 ? 1 : 0; // GSM; no other radio on these modules
+}
+
+int get_net_reg_stat_lpwa(modem *mdm, int type, ujson *json, request *req)
+{
+    return get_net_reg_stat_common(mdm, type, json, req, NET_REG_CS, 3, quectel_lpwa_get_act);
+}
+
+int get_net_greg_stat_lpwa(modem *mdm, int type, ujson *json, request *req)
+{
+    return get_net_reg_stat_common(mdm, type, json, req, NET_REG_GPRS, 3, quectel_lpwa_get_act);
+}
+
+int get_net_ereg_stat_lpwa(modem *mdm, int type, ujson *json, request *req)
+{
+    return get_net_reg_stat_common(mdm, type, json, req, NET_REG_EPS, 3, quectel_lpwa_get_act);
+}
+
+int get_net_reg_stat_all_lpwa(modem *mdm, int type, ujson *json, request *req)
+{
+    return generic_get_net_reg_stat_all(mdm, type, json, req, quectel_lpwa_get_act);
+}
+
+int get_op_slc_lpwa(modem *mdm, int type, ujson *json, request *req)
+{
+    return get_op_slc_common(mdm, type, json, req, quectel_lpwa_get_act);
+}
+
+int scan_op_lpwa(modem *mdm, int type, ujson *json, request *req)
+{
+    int status = generic_scan_op(mdm, type, json, req, quectel_lpwa_get_act);
+    if (type != 0 && status == ACT_STATUS_OK)
+        generic_cache_operator_scan(mdm, json);
+    return status;
+}
+
+int urc_creg_lpwa(modem *mdm, ujson *json)
+{
+    return urc_net_reg(mdm, json, NET_REG_CS, EVT_NETWORK_STATE, quectel_lpwa_get_act);
+}
+
+int urc_cgreg_lpwa(modem *mdm, ujson *json)
+{
+    return urc_net_reg(mdm, json, NET_REG_GPRS, EVT_NETWORK_STATE_PS, quectel_lpwa_get_act);
+}
+
+int urc_cereg_lpwa(modem *mdm, ujson *json)
+{
+    return urc_net_reg(mdm, json, NET_REG_EPS, EVT_NETWORK_STATE_PS, quectel_lpwa_get_act);
 }
 
 int quectel_net_probe(modem_driver *driver)

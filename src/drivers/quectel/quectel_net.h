@@ -58,6 +58,20 @@ int get_net_mode_tech_unisoc_nr(modem *mdm, int type, ujson *json, request *req)
 int set_net_mode_lpwa(modem *mdm, int type, ujson *json, request *req);
 int get_net_mode_tech_lpwa(modem *mdm, int type, ujson *json, request *req);
 
+// LPWA: the registration and operator reports number the radio their own way
+// (<AcT> 8 LTE Cat-M1, 9 LTE Cat-NB1, where 3GPP has 8 for EC-GSM-IoT): both
+// are E-UTRAN.
+uint32_t quectel_lpwa_get_act(int32_t act);
+int get_net_reg_stat_lpwa(modem *mdm, int type, ujson *json, request *req);
+int get_net_greg_stat_lpwa(modem *mdm, int type, ujson *json, request *req);
+int get_net_ereg_stat_lpwa(modem *mdm, int type, ujson *json, request *req);
+int get_net_reg_stat_all_lpwa(modem *mdm, int type, ujson *json, request *req);
+int get_op_slc_lpwa(modem *mdm, int type, ujson *json, request *req);
+int scan_op_lpwa(modem *mdm, int type, ujson *json, request *req);
+int urc_creg_lpwa(modem *mdm, ujson *json);
+int urc_cgreg_lpwa(modem *mdm, ujson *json);
+int urc_cereg_lpwa(modem *mdm, ujson *json);
+
 // AT+QCFG="roamservice" (roaming_svc vocabulary, optional "effect").
 int set_roaming_svc(modem *mdm, int type, ujson *json, request *req);
 int get_roaming_svc(modem *mdm, int type, ujson *json, request *req);

@@ -10,6 +10,7 @@
 #include <libubox/blobmsg_json.h>
 
 #include "drivers/generic/driver_test_support.h"
+#include "drivers/generic/generic_net.h"
 #include "drivers/quectel/quectel.h"
 
 namespace
@@ -441,6 +442,32 @@ TEST_F(QuectelNetTest, NetworkTime)
         {get_time, "\r\nERROR\r\n", "5 {}"},
     };
     check(rows, std::size(rows));
+}
+
+// BG96/BG95 number their radios 8 (LTE Cat-M1) and 9 (LTE Cat-NB1) where
+// 3GPP has EC-GSM-IoT and NB-S1: both are E-UTRAN, on every report.
+TEST_F(QuectelNetTest, LpwaRadiosAreEutran)
+{
+    int32_t ready = 1;
+    cache->update_item("pin_state", CACHE_DATA_INT32, &ready, sizeof(ready));
+    const struct {
+        act_func fn;
+        const char *answer;
+        int64_t act_id;
+    } rows[] = {
+        // BG96 AT manual forms.
+        {get_net_ereg_stat_lpwa, "\r\n+CEREG: 2,1,\"1A2B\",\"01A2B3C4\",8\r\n\r\nOK\r\n", 8},
+        {get_net_ereg_stat_lpwa, "\r\n+CEREG: 2,5,\"1A2B\",\"01A2B3C4\",9\r\n\r\nOK\r\n", 8},
+        {get_net_reg_stat_lpwa, "\r\n+CREG: 2,1,\"1A2B\",\"0C4D\",0\r\n\r\nOK\r\n", 1},
+        {get_net_greg_stat_lpwa, "\r\n+CGREG: 2,1,\"1A2B\",\"0C4D\",7\r\n\r\nOK\r\n", 0},
+        {get_op_slc_lpwa, "\r\n+COPS: 0,0,\"Telekom.de\",8\r\n\r\nOK\r\n", 8},
+        // The generic reading of the same: EC-GSM-IoT.
+        {get_net_ereg_stat, "\r\n+CEREG: 2,1,\"1A2B\",\"01A2B3C4\",8\r\n\r\nOK\r\n", 9},
+    };
+    for (const auto &row : rows) {
+        ASSERT_EQ(parse(row.fn, row.answer), 0) << row.answer;
+        EXPECT_EQ(number("act_id"), row.act_id) << row.answer;
+    }
 }
 
 } // namespace
