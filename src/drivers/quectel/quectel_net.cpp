@@ -503,7 +503,8 @@ bool serving_cell(ujson *json, const fields &f, lte_sinr scale)
         gsm_cell(json, rest);
     else if (equal_nocase(rat, "WCDMA"))
         wcdma_cell(json, rest);
-    else if (equal_nocase(rat, "LTE") || equal_nocase(rat, "CAT-M") || equal_nocase(rat, "eMTC") || equal_nocase(rat, "CAT-NB"))
+    else if (equal_nocase(rat, "LTE") || equal_nocase(rat, "CAT-M") || equal_nocase(rat, "eMTC") ||
+             equal_nocase(rat, "CAT-NB"))
         lte_cell(json, rest, scale);
     else if (equal_nocase(rat, "NR5G-SA"))
         nr_sa_cell(json, rest);
@@ -1090,8 +1091,8 @@ int get_gprs_attach_mode(modem *mdm, int type, ujson *json, request *req)
     if (type == 0)
         return set_command(req, "AT+QCFG=\"gprsattach\"\r");
     int64_t value;
-    if (!answer_ok(mdm) || !to_number(field_at(item_values(answer(mdm), "+QCFG", "gprsattach"), 0), value) || value < 0 ||
-        value > 1)
+    if (!answer_ok(mdm) || !to_number(field_at(item_values(answer(mdm), "+QCFG", "gprsattach"), 0), value) ||
+        value < 0 || value > 1)
         return ACT_STATUS_INVALID_RESPONSE;
     reply_enum(json, "mode", static_cast<uint32_t>(value) + 1, gprs_attach_str);
     return ACT_STATUS_OK;
@@ -1219,8 +1220,9 @@ int get_nr5g_disable_mode_nr(modem *mdm, int type, ujson *json, request *req)
     if (type == 0)
         return set_command(req, "AT+QNWPREFCFG=\"nr5g_disable_mode\"\r");
     int64_t value;
-    if (!answer_ok(mdm) || !to_number(field_at(item_values(answer(mdm), "+QNWPREFCFG", "nr5g_disable_mode"), 0), value) ||
-        value < 0 || value > 2)
+    if (!answer_ok(mdm) ||
+        !to_number(field_at(item_values(answer(mdm), "+QNWPREFCFG", "nr5g_disable_mode"), 0), value) || value < 0 ||
+        value > 2)
         return ACT_STATUS_INVALID_RESPONSE;
     reply_enum(json, "mode", static_cast<uint32_t>(value) + 1, disable_nr5g_mode_str);
     return ACT_STATUS_OK;

@@ -1,6 +1,5 @@
 #include "drivers/quectel/quectel_sys.h"
 
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
