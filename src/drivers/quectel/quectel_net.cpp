@@ -373,14 +373,32 @@ void put_band(ujson *json, std::string_view f, const char *prefix)
         reply_text(json, "band", prefix + std::to_string(band));
 }
 
-void gsm_cell(ujson *json, const fields &f)
+// The cell's identity where a layout starts with mcc, mnc, LAC, cellID
+// (GSM and WCDMA).
+void put_lac_cell(ujson *json, const fields &f)
 {
-    // mcc, mnc, LAC, cellID, BSIC, arfcn, band, rxlev, txp, rla, drx, c1, c2,
-    // gprs, tch, ts, ta, maio, hsn, rxlevsub, rxlevfull, rxqualsub, rxqualfull
     put_text(json, "mcc", field_at(f, 0));
     put_text(json, "mnc", field_at(f, 1));
     put_hex_number(json, "lac", field_at(f, 2));
     put_hex_id(json, "cell_id", field_at(f, 3));
+}
+
+// The cell's identity where a layout starts with duplex, mcc, mnc, cellID,
+// pcid (LTE and NR SA).
+void put_duplex_cell(ujson *json, const fields &f)
+{
+    put_text(json, "duplex", field_at(f, 0));
+    put_text(json, "mcc", field_at(f, 1));
+    put_text(json, "mnc", field_at(f, 2));
+    put_hex_id(json, "cell_id", field_at(f, 3));
+    put_int(json, "pci", field_at(f, 4));
+}
+
+void gsm_cell(ujson *json, const fields &f)
+{
+    // mcc, mnc, LAC, cellID, BSIC, arfcn, band, rxlev, txp, rla, drx, c1, c2,
+    // gprs, tch, ts, ta, maio, hsn, rxlevsub, rxlevfull, rxqualsub, rxqualfull
+    put_lac_cell(json, f);
     put_int(json, "bsic", field_at(f, 4));
     put_int(json, "arfcn", field_at(f, 5));
     int64_t band;
@@ -399,10 +417,7 @@ void wcdma_cell(ujson *json, const fields &f)
 {
     // mcc, mnc, LAC, cellID, uarfcn, psc, rac, rscp, ecio, phych, SF, slot,
     // speech_code, comMod
-    put_text(json, "mcc", field_at(f, 0));
-    put_text(json, "mnc", field_at(f, 1));
-    put_hex_number(json, "lac", field_at(f, 2));
-    put_hex_id(json, "cell_id", field_at(f, 3));
+    put_lac_cell(json, f);
     put_int(json, "uarfcn", field_at(f, 4));
     put_int(json, "psc", field_at(f, 5));
     put_int(json, "rac", field_at(f, 6));
@@ -427,11 +442,7 @@ void lte_cell(ujson *json, const fields &f, lte_sinr scale)
 {
     // is_tdd, mcc, mnc, cellID, pcid, earfcn, band, ul_bw, dl_bw, tac, rsrp,
     // rsrq, rssi, sinr, then srxlev (15 values) or cqi, tx_power, srxlev (17)
-    put_text(json, "duplex", field_at(f, 0));
-    put_text(json, "mcc", field_at(f, 1));
-    put_text(json, "mnc", field_at(f, 2));
-    put_hex_id(json, "cell_id", field_at(f, 3));
-    put_int(json, "pci", field_at(f, 4));
+    put_duplex_cell(json, f);
     put_int(json, "earfcn", field_at(f, 5));
     put_band(json, field_at(f, 6), "B");
     put_bandwidth(json, "ul_bandwidth", field_at(f, 7), false);
@@ -456,11 +467,7 @@ void nr_sa_cell(ujson *json, const fields &f)
 {
     // duplex, mcc, mnc, cellID, pcid, tac, arfcn, band, dl_bw, rsrp, rsrq,
     // sinr, scs, srxlev
-    put_text(json, "duplex", field_at(f, 0));
-    put_text(json, "mcc", field_at(f, 1));
-    put_text(json, "mnc", field_at(f, 2));
-    put_hex_id(json, "cell_id", field_at(f, 3));
-    put_int(json, "pci", field_at(f, 4));
+    put_duplex_cell(json, f);
     put_hex_number(json, "tac", field_at(f, 5));
     put_int(json, "nrarfcn", field_at(f, 6));
     put_band(json, field_at(f, 7), "n");
@@ -608,10 +615,7 @@ void neighbour(ujson *json, const fields &f, bool lte_serving)
         put_int(json, "srxlev", field_at(v, 7));
     } else if (equal_nocase(rat, "GSM") && v.size() >= 11) {
         // seen from GSM: mcc, mnc, LAC, cellID, BSIC, arfcn, rxlev, c1, c2, c31, c32
-        put_text(json, "mcc", field_at(v, 0));
-        put_text(json, "mnc", field_at(v, 1));
-        put_hex_number(json, "lac", field_at(v, 2));
-        put_hex_id(json, "cell_id", field_at(v, 3));
+        put_lac_cell(json, v);
         put_int(json, "bsic", field_at(v, 4));
         put_int(json, "arfcn", field_at(v, 5));
         put_int(json, "rxlev_raw", field_at(v, 6));
