@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -12,40 +11,11 @@
 #include <libubox/blobmsg_json.h>
 
 #include "drivers/generic/driver_test_support.h"
+#include "drivers/generic/testdata_answers.h"
 #include "ubus/vocab.h"
 
 namespace
 {
-
-// testdata/<file>: "name bytes" lines, bytes with C escapes (testdata/README).
-std::map<std::string, std::string> load(const char *file)
-{
-    std::map<std::string, std::string> out;
-    std::ifstream in(std::string(WWANCTL_SOURCE_DIR) + "/src/drivers/generic/testdata/" + file);
-    for (std::string line; std::getline(in, line);) {
-        size_t sp = line.find(' ');
-        if (line.empty() || line[0] == '#' || sp == std::string::npos)
-            continue;
-        std::string &bytes = out[line.substr(0, sp)];
-        for (size_t i = sp + 1; i < line.size(); i++) {
-            char c = line[i];
-            if (c == '\\' && i + 1 < line.size()) {
-                c = line[++i];
-                c = c == 'r' ? '\r' : c == 'n' ? '\n' : c;
-            }
-            bytes += c;
-        }
-    }
-    return out;
-}
-
-std::string json_text(const ujson &j)
-{
-    char *s = blobmsg_format_json(j.get_blobmsg(), true);
-    std::string out = s ? s : "(null)";
-    std::free(s);
-    return out;
-}
 
 // Reply and cache keys as the tables below name them.
 const std::pair<const char *, const char *> short_keys[] = {
@@ -116,8 +86,8 @@ class NetTest : public driver_test
         return s;
     }
 
-    std::map<std::string, std::string> reg = load("registration.txt");
-    std::map<std::string, std::string> ops = load("operators.txt");
+    std::map<std::string, std::string> reg = load_answers("generic", "registration.txt");
+    std::map<std::string, std::string> ops = load_answers("generic", "operators.txt");
 };
 
 TEST_F(NetTest, RegistrationAnswers)
@@ -160,7 +130,7 @@ TEST_F(NetTest, RegistrationAnswers)
     }
     pin(PIN_STATE_OK);
     ASSERT_EQ(parse(get_net_ereg_stat, reg.at("cereg_ts27007")), 0);
-    EXPECT_EQ(json_text(*reply),
+    EXPECT_EQ(as_json(*reply),
               R"j({"mode_id":3,"mode":"Enabled (with location information)","max_mode_id":3,"max_mode":"Enabled )j"
               R"j((with location information)","status_id":1,"status":"Registered, home","reg_tac":"6699",)j"
               R"j("reg_ci":"27440068","act_id":8,"act":"E-UTRAN"})j");
@@ -298,14 +268,14 @@ TEST_F(NetTest, ScanTakesTheInterfacesDownAroundIt)
     }
     // The last good scan, as replied and as kept.
     ASSERT_EQ(parse(scan_op, ops.at("scan_ec25")), 0);
-    EXPECT_EQ(json_text(*reply),
+    EXPECT_EQ(as_json(*reply),
               R"j({"operators":[{"oper_name":"Telekom.de","short_name":"TDG","oper_num":26201,"state_id":3,)j"
               R"j("state":"Current","act_id":8},{"oper_name":"Vodafone.de","short_name":"Vodafone","oper_num":26202,)j"
               R"j("state_id":2,"state":"Available","act_id":8},{"oper_name":"o2 - de","short_name":"o2 - de",)j"
               R"j("oper_num":26203,"state_id":4,"state":"Forbidden","act_id":8}]})j");
     const cache_item *scan = cache->get_item("operator_scan");
     ASSERT_TRUE(scan && scan->json());
-    EXPECT_EQ(json_text(*scan->json()), json_text(*reply));
+    EXPECT_EQ(as_json(*scan->json()), as_json(*reply));
     EXPECT_NEAR(std::atoll(cached("last_scan").c_str()), static_cast<long long>(std::time(nullptr)), 5);
 }
 

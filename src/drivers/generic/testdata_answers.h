@@ -1,4 +1,5 @@
-// Driver test cases from src/drivers/generic/testdata (format in its README):
+// Driver test data from src/drivers/<driver>/testdata (formats in
+// src/drivers/generic/testdata/README): answer tables, and case files of
 // commands built from arguments, answers and reports with what the driver
 // makes of them.
 #pragma once
@@ -7,6 +8,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +17,44 @@
 
 #include "drivers/generic/driver_test_support.h"
 #include "util/ujson.h"
+
+// The path of a test data file of a driver ("generic", "quectel") in the
+// source tree.
+inline std::string testdata_path(const char *driver, const char *file)
+{
+    return std::string(WWANCTL_SOURCE_DIR) + "/src/drivers/" + driver + "/testdata/" + file;
+}
+
+// text with its escapes \r, \n and \<c> (for \" and \\) replaced.
+inline std::string unescape_capture(std::string_view text)
+{
+    std::string out;
+    for (size_t i = 0; i < text.size(); i++) {
+        char c = text[i];
+        if (c == '\\' && i + 1 < text.size()) {
+            c = text[++i];
+            c = c == 'r' ? '\r' : c == 'n' ? '\n' : c;
+        }
+        out += c;
+    }
+    return out;
+}
+
+// An answer table: the answers by name. Fails the test when the file cannot
+// be read.
+inline std::map<std::string, std::string> load_answers(const char *driver, const char *file)
+{
+    std::map<std::string, std::string> out;
+    std::ifstream in(testdata_path(driver, file));
+    EXPECT_TRUE(in.is_open()) << testdata_path(driver, file);
+    for (std::string line; std::getline(in, line);) {
+        size_t sp = line.find(' ');
+        if (line.empty() || line[0] == '#' || sp == std::string::npos)
+            continue;
+        out[line.substr(0, sp)] += unescape_capture(std::string_view(line).substr(sp + 1));
+    }
+    return out;
+}
 
 inline std::string as_json(const ujson &json)
 {
@@ -33,10 +73,10 @@ class driver_case_test : public driver_test
         urc_func urc; // a report handler
     };
 
-    // Every case of file, run with the function its header names.
-    template <size_t N> void run_cases(const char *file, const named_fn (&fns)[N])
+    // Every case of the driver's file, run with the function its header names.
+    template <size_t N> void run_cases(const char *driver, const char *file, const named_fn (&fns)[N])
     {
-        std::ifstream in(std::string(WWANCTL_SOURCE_DIR) + "/src/drivers/generic/testdata/" + file);
+        std::ifstream in(testdata_path(driver, file));
         const named_fn *fn = nullptr;
         std::string name, header, input;
         int count = 0;
@@ -51,30 +91,19 @@ class driver_case_test : public driver_test
                 ASSERT_TRUE(fn) << file << ": " << line;
                 input = line[0] == '>' ? line.substr(blank + 1) : "";
             } else if (line.starts_with("< ")) {
-                input += unescape(line.substr(2));
+                input += unescape_capture(std::string_view(line).substr(2));
             } else if (fn && line.starts_with("= ")) {
-                EXPECT_EQ(outcome_of(*fn, name[0] == '>', input), unescape(line.substr(2))) << file << ": " << header;
+                EXPECT_EQ(outcome_of(*fn, name[0] == '>', input), unescape_capture(std::string_view(line).substr(2)))
+                    << file << ": " << header;
                 count++;
             }
         }
         EXPECT_GT(count, 0) << file;
     }
+    // A case file of the generic driver.
+    template <size_t N> void run_cases(const char *file, const named_fn (&fns)[N]) { run_cases("generic", file, fns); }
 
   private:
-    static std::string unescape(const std::string &text)
-    {
-        std::string out;
-        for (size_t i = 0; i < text.size(); i++) {
-            char c = text[i];
-            if (c == '\\' && i + 1 < text.size()) {
-                c = text[++i];
-                c = c == 'r' ? '\r' : c == 'n' ? '\n' : c;
-            }
-            out += c;
-        }
-        return out;
-    }
-
     // "<status> <command>" of a build, "<status> <reply>" of a parse,
     // "<status>" and " event <id> [forced] <value>" per event of a report.
     std::string outcome_of(const named_fn &fn, bool build_case, const std::string &input)

@@ -1,10 +1,9 @@
 #include "drivers/quectel/quectel.h"
 
-#include <strings.h>
-
 #include <cstring>
 
 #include "core/modem.h"
+#include "drivers/quectel/quectel_answer.h"
 #include "drivers/quectel/quectel_band.h"
 #include "drivers/quectel/quectel_data.h"
 #include "drivers/quectel/quectel_file.h"
@@ -36,17 +35,12 @@ std::string_view urc_line(const modem *mdm)
     return text;
 }
 
-bool starts_with_nocase(std::string_view text, std::string_view prefix)
-{
-    return text.size() >= prefix.size() && strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
-}
-
 // The firmware update state: the first state whose name begins the reported
 // text, else 0 ("UNKNOWN").
 uint32_t fota_state_of(std::string_view text)
 {
     for (uint32_t id = 1; id <= 10; id++)
-        if (starts_with_nocase(text, fota_state_str(id)))
+        if (quectel::starts_nocase(text, fota_state_str(id)))
             return id;
     return 0;
 }
@@ -149,9 +143,9 @@ int urc_qind(modem *mdm, ujson *json)
     char name[32] = {};
     if (scan(line, "+QIND: %31[^,\r,]", name) != 1)
         return ACT_STATUS_INVALID_URC;
-    if (starts_with_nocase(name, "\"FOTA\""))
+    if (quectel::starts_nocase(name, "\"FOTA\""))
         return qind_fota(mdm, line, json);
-    if (starts_with_nocase(name, "\"csq\""))
+    if (quectel::starts_nocase(name, "\"csq\""))
         return qind_csq(mdm, line, json);
     return ACT_STATUS_INVALID_URC;
 }

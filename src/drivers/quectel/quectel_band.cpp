@@ -1,7 +1,5 @@
 #include "drivers/quectel/quectel_band.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <bit>
 #include <cinttypes>
@@ -14,9 +12,12 @@
 #include "core/modem_info.h"
 #include "drivers/generic/generic_helpers.h"
 #include "drivers/generic/modem_band.h"
+#include "drivers/quectel/quectel_answer.h"
 #include "ubus/modem_api.h"
 #include "util/log.h"
 #include "util/ujson.h"
+
+using namespace quectel;
 
 namespace
 {
@@ -60,11 +61,6 @@ uint64_t row_mask(const modem *mdm, fam f)
 {
     const modem_info *info = mdm->info();
     return info ? info->bands.*fams[f].row : 0;
-}
-
-bool equals_nocase(std::string_view a, std::string_view b)
-{
-    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 // --- masks of more than 64 bits ---------------------------------------------------------
@@ -120,52 +116,6 @@ bool parse_hex(std::string_view text, wide_mask &out)
         out.w[0] = (out.w[0] << 4) | v;
     }
     return true;
-}
-
-// --- answer lines ----------------------------------------------------------------------------
-
-std::string_view trim(std::string_view s)
-{
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r'))
-        s.remove_suffix(1);
-    return s;
-}
-
-// Calls fn(rest) for every line whose tag (before the colon) is tag, in any
-// case; rest is what follows the colon, without leading blanks.
-template <class F> void for_each_info(std::string_view text, std::string_view tag, F &&fn)
-{
-    while (!text.empty()) {
-        size_t end = text.find("\r\n");
-        std::string_view line = trim(text.substr(0, end));
-        size_t colon = line.find(':');
-        if (colon != std::string_view::npos && equals_nocase(trim(line.substr(0, colon)), tag))
-            fn(trim(line.substr(colon + 1)));
-        if (end == std::string_view::npos)
-            break;
-        text.remove_prefix(end + 2);
-    }
-}
-
-// Comma-separated fields, trimmed and unquoted; the last one keeps the rest.
-size_t fields_of(std::string_view line, std::string_view *out, size_t max)
-{
-    size_t n = 0;
-    while (n < max) {
-        size_t comma = n + 1 < max ? line.find(',') : std::string_view::npos;
-        out[n++] = trim(unquote(trim(line.substr(0, comma))));
-        if (comma == std::string_view::npos)
-            break;
-        line.remove_prefix(comma + 1);
-    }
-    return n;
-}
-
-bool no_value(std::string_view field)
-{
-    return field.empty() || field == "-";
 }
 
 void reply_names(ujson *json, fam f, uint64_t mask)
@@ -238,7 +188,7 @@ int default_plan(const modem *mdm, const ujson *json, std::initializer_list<fam>
     bool skipped[F_COUNT] = {};
     for (std::string_view s : skip) {
         size_t f = 0;
-        while (f < F_COUNT && !equals_nocase(s, fams[f].skip) && !equals_nocase(s, fams[f].key))
+        while (f < F_COUNT && !equal_nocase(s, fams[f].skip) && !equal_nocase(s, fams[f].key))
             f++;
         if (f == F_COUNT)
             return ACT_STATUS_INVALID_ARGS;
@@ -410,10 +360,9 @@ qcfg_state remembered(const modem *mdm)
     const char *text = cached_text(mdm, qcfg_cache_key);
     if (!text)
         return st;
-    std::string_view f[3];
-    size_t n = fields_of(text, f, 3);
-    for (size_t i = 0; i < n; i++)
-        st.known[i] = !no_value(f[i]) && parse_hex(f[i], st.field[i]);
+    fields f = fields_of(text);
+    for (size_t i = 0; i < f.size() && i < std::size(st.field); i++)
+        st.known[i] = has_value(f[i]) && parse_hex(f[i], st.field[i]);
     return st;
 }
 
@@ -476,28 +425,15 @@ int qcfg_get(modem *mdm, int type, ujson *json, request *req, const qcfg_layout 
         return set_command(req, "AT+QCFG=\"band\"\r");
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
-    std::string_view f[5];
-    size_t n = 0;
-    bool found = false;
-    for_each_info(answer(mdm), "+QCFG", [&](std::string_view rest) {
-        std::string_view tmp[5];
-        size_t m = fields_of(rest, tmp, 5);
-        if (found || !equals_nocase(tmp[0], "band"))
-            return;
-        found = true;
-        n = m;
-        std::copy(tmp, tmp + 5, f);
-    });
-    if (!found)
-        return ACT_STATUS_INVALID_RESPONSE;
+    fields v = item_values(answer(mdm), "+QCFG", "band");
     // A field beyond the layout's (a later firmware's addition) is ignored;
     // a missing one leaves its keys out.
     wide_mask value[3];
     bool present[3] = {};
     bool any = false;
-    for (size_t i = 0; i < l.count && i + 1 < n; i++) {
-        std::string_view text = f[i + 1];
-        if (no_value(text))
+    for (size_t i = 0; i < l.count && i < v.size(); i++) {
+        std::string_view text = v[i];
+        if (!has_value(text))
             continue;
         if (!parse_hex(text, value[i]))
             return ACT_STATUS_INVALID_RESPONSE;
@@ -511,8 +447,8 @@ int qcfg_get(modem *mdm, int type, ujson *json, request *req, const qcfg_layout 
             remember += ',';
         if (!present[i])
             continue;
-        remember += f[i + 1];
-        reply_text(json, l.fields[i].key, f[i + 1]);
+        remember += v[i];
+        reply_text(json, l.fields[i].key, v[i]);
         for (fam fm : all_fams)
             if (carries(l.fields[i].kind, fm))
                 reply_names(json, fm, decode(l.fields[i].kind, fm, value[i]));
@@ -617,13 +553,12 @@ int nr_get(modem *mdm, int type, ujson *json, request *req, const nr_layout &l)
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
     bool any = false;
-    for_each_info(answer(mdm), "+QNWPREFCFG", [&](std::string_view rest) {
-        std::string_view f[2];
-        if (fields_of(rest, f, 2) < 2 || f[1] == "-")
+    for_each_tagged(answer(mdm), "+QNWPREFCFG", [&](const fields &f) {
+        if (f.size() < 2 || f[1] == "-")
             return;
         const nr_item *it = nullptr;
         for (size_t i = 0; i < l.count && !it; i++)
-            if (equals_nocase(f[0], l.items[i].item))
+            if (equal_nocase(f[0], l.items[i].item))
                 it = &l.items[i];
         if (!it)
             return;
@@ -634,7 +569,7 @@ int nr_get(modem *mdm, int type, ujson *json, request *req, const nr_layout &l)
             size_t colon = list.find(':');
             std::string_view token = trim(list.substr(0, colon));
             unsigned number = 0;
-            if (scan(token, "%u", &number) == 1)
+            if (to_number(token, number))
                 for (int j = 0; j < 2; j++) {
                     fam fm = j ? it->also : it->f;
                     for (size_t k = 1; fm != F_COUNT && k <= fams[fm].bands->n_bands; k++)

@@ -1,7 +1,6 @@
 #include "drivers/quectel/quectel_data.h"
 
 #include <arpa/inet.h>
-#include <strings.h>
 
 #include <cctype>
 #include <climits>
@@ -13,8 +12,11 @@
 
 #include "core/modem.h"
 #include "drivers/generic/generic_helpers.h"
+#include "drivers/quectel/quectel_answer.h"
 #include "ubus/vocab.h"
 #include "util/ujson.h"
+
+using namespace quectel;
 
 namespace
 {
@@ -35,103 +37,6 @@ constexpr int cme_session_ongoing = 504;
 constexpr int cme_session_inactive = 505;
 constexpr int cme_no_fix = 516;
 
-bool equal_nocase(std::string_view a, std::string_view b)
-{
-    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-std::string_view trim(std::string_view s)
-{
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t'))
-        s.remove_suffix(1);
-    return s;
-}
-
-// The value part of the first line tagged tag (e.g. "+QIACT"), tag matched
-// without regard to case, with or without a blank after the colon; empty
-// (and false) when no such line.
-bool tagged(std::string_view line, std::string_view tag, std::string_view *rest)
-{
-    if (line.size() <= tag.size() || !equal_nocase(line.substr(0, tag.size()), tag) || line[tag.size()] != ':')
-        return false;
-    *rest = trim(line.substr(tag.size() + 1));
-    return true;
-}
-
-// Calls fn(rest) for every line tagged tag.
-template <class F> void for_each_tagged(std::string_view text, std::string_view tag, F &&fn)
-{
-    while (!text.empty()) {
-        size_t end = text.find("\r\n");
-        std::string_view rest;
-        if (tagged(text.substr(0, end), tag, &rest))
-            fn(rest);
-        if (end == std::string_view::npos)
-            break;
-        text.remove_prefix(end + 2);
-    }
-}
-
-std::string_view first_tagged(std::string_view text, std::string_view tag)
-{
-    std::string_view found;
-    bool seen = false;
-    for_each_tagged(text, tag, [&](std::string_view rest) {
-        if (!seen)
-            found = rest;
-        seen = true;
-    });
-    return found;
-}
-
-struct field {
-    std::string_view text; // trimmed, without its quotes
-    bool quoted;
-};
-
-// The comma-separated fields of a value part; commas inside quotes belong
-// to the field (a password may hold one).
-std::vector<field> fields_of(std::string_view rest)
-{
-    std::vector<field> out;
-    size_t start = 0;
-    bool in_quotes = false;
-    for (size_t i = 0; i <= rest.size(); i++) {
-        if (i < rest.size() && rest[i] == '"')
-            in_quotes = !in_quotes;
-        if (i < rest.size() && (rest[i] != ',' || in_quotes))
-            continue;
-        std::string_view f = trim(rest.substr(start, i - start));
-        bool quoted = f.size() >= 2 && f.front() == '"' && f.back() == '"';
-        out.push_back({quoted ? f.substr(1, f.size() - 2) : f, quoted});
-        start = i + 1;
-    }
-    return out;
-}
-
-// "" and "-" are no value.
-bool has_value(const field &f)
-{
-    return !f.text.empty() && f.text != "-";
-}
-
-bool to_int(std::string_view text, int *out)
-{
-    char buf[16];
-    if (text.empty() || text.size() >= sizeof(buf))
-        return false;
-    std::memcpy(buf, text.data(), text.size());
-    buf[text.size()] = '\0';
-    char *end;
-    long v = std::strtol(buf, &end, 10);
-    if (*end != '\0' || v < INT32_MIN || v > INT32_MAX)
-        return false;
-    *out = static_cast<int>(v);
-    return true;
-}
-
 bool to_double(std::string_view text, double *out)
 {
     char buf[32];
@@ -145,14 +50,6 @@ bool to_double(std::string_view text, double *out)
         return false;
     *out = v;
     return true;
-}
-
-// The number of a "+CME ERROR: <n>" final result, or -1.
-int cme_error(std::string_view text)
-{
-    int code;
-    std::string_view value = line_value(text, "+CME ERROR:");
-    return scan(value, "%d", &code) == 1 ? code : -1;
 }
 
 // --- NMEA sentence configuration -----------------------------------------------------
@@ -215,10 +112,10 @@ bool from_nmea_angle(std::string_view text, char positive, char negative, double
     return true;
 }
 
-bool read_angle(const field &f, char positive, char negative, double limit, double *out)
+bool read_angle(std::string_view f, char positive, char negative, double limit, double *out)
 {
-    char last = f.text.empty() ? '\0' : f.text.back();
-    bool ok = (last >= '0' && last <= '9') ? to_double(f.text, out) : from_nmea_angle(f.text, positive, negative, out);
+    char last = f.empty() ? '\0' : f.back();
+    bool ok = (last >= '0' && last <= '9') ? to_double(f, out) : from_nmea_angle(f, positive, negative, out);
     return ok && std::fabs(*out) <= limit;
 }
 
@@ -296,42 +193,32 @@ gnss_position parse_qgpsloc(std::string_view text)
         pos.status = gnss_position::result::no_fix;
         return pos;
     }
-    std::string_view rest;
-    bool seen = false;
-    for_each_tagged(text, "+QGPSLOC", [&](std::string_view r) {
-        if (!seen)
-            rest = r;
-        seen = true;
-    });
-    if (!seen)
-        return pos;
-    std::vector<field> f = fields_of(rest);
+    fields f = tagged_fields(text, "+QGPSLOC");
     if (f.size() < 10)
         return pos;
 
     double lat, lon;
     int fix;
-    if (!read_angle(f[1], 'N', 'S', 90, &lat) || !read_angle(f[2], 'E', 'W', 180, &lon) || !to_int(f[5].text, &fix) ||
-        (fix != 2 && fix != 3))
+    if (!read_angle(f[1], 'N', 'S', 90, &lat) || !read_angle(f[2], 'E', 'W', 180, &lon) || !to_number(f[5], fix, 2, 3))
         return pos;
     pos.latitude = lat;
     pos.longitude = lon;
     pos.fix = fix;
 
     double v;
-    if (has_value(f[3]) && to_double(f[3].text, &v) && v >= 0)
+    if (has_value(f[3]) && to_double(f[3], &v) && v >= 0)
         pos.hdop = v;
-    if (has_value(f[4]) && to_double(f[4].text, &v))
+    if (has_value(f[4]) && to_double(f[4], &v))
         pos.altitude = v;
     // Course as the modem prints it.
-    if (has_value(f[6]) && to_double(f[6].text, &v) && v >= 0)
+    if (has_value(f[6]) && to_double(f[6], &v) && v >= 0)
         pos.course = v;
-    if (has_value(f[7]) && to_double(f[7].text, &v) && v >= 0)
+    if (has_value(f[7]) && to_double(f[7], &v) && v >= 0)
         pos.speed = v;
     int n;
-    if (f.size() >= 11 && has_value(f[10]) && to_int(f[10].text, &n) && n >= 0)
+    if (to_number(field_at(f, 10), n, 0, INT_MAX))
         pos.satellites = n;
-    pos.utc = iso_time(f[0].text, f[9].text);
+    pos.utc = iso_time(f[0], f[9]);
     pos.status = gnss_position::result::fixed;
     return pos;
 }
@@ -376,22 +263,20 @@ int get_apn_auth(modem *mdm, int type, ujson *json, request *req)
     }
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
-    std::string_view rest = first_tagged(answer(mdm), "+QICSGP");
-    std::vector<field> f = fields_of(rest);
+    fields f = tagged_fields(answer(mdm), "+QICSGP");
     int ctx_type, auth;
-    if (f.size() < 5 || !to_int(f[0].text, &ctx_type) || !to_int(f[4].text, &auth) || ctx_type < 0 || ctx_type > 3 ||
-        auth < 0 || auth > 3)
+    if (f.size() < 5 || !to_number(f[0], ctx_type, 0, 3) || !to_number(f[4], auth, 0, 3))
         return ACT_STATUS_INVALID_RESPONSE;
 
     if (const int32_t *cid = get_extra<int32_t>(req))
         json->add_int("cid", *cid);
     if (ctx_type > 0)
         reply_enum(json, "type", static_cast<uint32_t>(ctx_type), pdp_type_id_str);
-    if (!f[1].text.empty())
-        reply_text(json, "apn", f[1].text);
-    if (!f[2].text.empty())
-        reply_text(json, "username", f[2].text);
-    json->add_bool("passw_set", !f[3].text.empty());
+    if (!f[1].empty())
+        reply_text(json, "apn", f[1]);
+    if (!f[2].empty())
+        reply_text(json, "username", f[2]);
+    json->add_bool("passw_set", !f[3].empty());
     reply_enum(json, "auth_tp", static_cast<uint32_t>(auth) + 1, apn_auth_str);
     return ACT_STATUS_OK;
 }
@@ -422,18 +307,17 @@ int get_attached_pdp_ctx_list(modem *mdm, int type, ujson *json, request *req)
         return ACT_STATUS_INVALID_RESPONSE;
 
     void *list = json->open_array("list");
-    for_each_tagged(answer(mdm), "+QIACT", [json](std::string_view rest) {
-        std::vector<field> f = fields_of(rest);
+    for_each_tagged(answer(mdm), "+QIACT", [json](const fields &f) {
         int cid, state, ctx_type;
-        if (f.size() < 2 || !to_int(f[0].text, &cid) || !to_int(f[1].text, &state) || state < 0 || state > 1)
+        if (f.size() < 2 || !to_number(f[0], cid) || !to_number(f[1], state, 0, 1))
             return;
         void *row = json->open_table(nullptr);
         json->add_int("cid", cid);
         reply_enum(json, "state", static_cast<uint32_t>(state) + 1, pdp_ctx_state_str);
-        if (f.size() >= 3 && to_int(f[2].text, &ctx_type) && ctx_type >= 1 && ctx_type <= 3)
+        if (to_number(field_at(f, 2), ctx_type, 1, 3))
             reply_enum(json, "type", static_cast<uint32_t>(ctx_type), pdp_type_id_str);
-        if (f.size() >= 4 && has_value(f[3]))
-            reply_text(json, "addr", f[3].text);
+        if (has_value(field_at(f, 3)))
+            reply_text(json, "addr", f[3]);
         json->close_table(row);
     });
     json->close_array(list);
@@ -579,9 +463,8 @@ int get_nmea(modem *mdm, int type, ujson *json, request *req)
     split_parts(answer(mdm), &cfg, &loc);
     if (!cfg.ends_with("\r\nOK\r\n") && cfg != "OK\r\n" && !cfg.ends_with("\n0\r"))
         return ACT_STATUS_INVALID_RESPONSE;
-    std::vector<field> f = fields_of(first_tagged(cfg, "+QGPSCFG"));
     int mask;
-    if (f.size() < 2 || !equal_nocase(f[0].text, sys.item) || !to_int(f[1].text, &mask) || mask < 0 || mask > sys.max)
+    if (!to_number(field_at(item_values(cfg, "+QGPSCFG", sys.item), 0), mask, 0, sys.max))
         return ACT_STATUS_INVALID_RESPONSE;
 
     void *arr = json->open_array("types");

@@ -15,11 +15,14 @@
 #include "core/modem.h"
 #include "drivers/generic/generic_helpers.h"
 #include "drivers/quectel/quectel.h"
+#include "drivers/quectel/quectel_answer.h"
 #include "ubus/modem_api.h"
 #include "ubus/vocab.h"
 #include "util/log.h"
 #include "util/root_path.h"
 #include "util/ujson.h"
+
+using namespace quectel;
 
 namespace
 {
@@ -36,9 +39,9 @@ constexpr std::string_view ufs_dir = "/data/ufs/";
 // The upload's time-out when the caller gives none: the bus call's own.
 constexpr int32_t upload_timeout_default = 10;
 constexpr int32_t upload_timeout_max = 3600;
-// The module's answer for a file it does not have. Its file error codes
+// The module's error for a file it does not have. Its file error codes
 // are not confirmed; 405 ("file not found") is the one matched.
-constexpr std::string_view cme_no_such_file = "+CME ERROR: 405";
+constexpr int cme_no_such_file = 405;
 
 enum class prefix { refused, allowed };
 
@@ -89,51 +92,6 @@ struct upload_info {
     char name[name_max + 1];
 };
 
-// The fields of the first line opening with tag, the tag matched without
-// regard to case and with or without a blank after its colon.
-size_t tagged_fields(std::string_view text, std::string_view tag, std::string_view *fields, size_t max)
-{
-    while (!text.empty()) {
-        size_t end = text.find("\r\n");
-        std::string_view line = text.substr(0, end);
-        if (line.size() > tag.size() && strncasecmp(line.data(), tag.data(), tag.size()) == 0) {
-            line.remove_prefix(tag.size());
-            while (!line.empty() && line.front() == ' ')
-                line.remove_prefix(1);
-            return split_fields(line, fields, max);
-        }
-        if (end == std::string_view::npos)
-            break;
-        text.remove_prefix(end + 2);
-    }
-    return 0;
-}
-
-std::string_view trim(std::string_view s)
-{
-    while (!s.empty() && s.front() == ' ')
-        s.remove_prefix(1);
-    while (!s.empty() && s.back() == ' ')
-        s.remove_suffix(1);
-    return s;
-}
-
-// A whole unsigned number in the given base; false for anything else.
-bool to_number(std::string_view s, int base, uint64_t *out)
-{
-    s = trim(s);
-    if (s.empty() || s.size() > 20)
-        return false;
-    std::string copy(s);
-    char *end = nullptr;
-    errno = 0;
-    unsigned long long v = std::strtoull(copy.c_str(), &end, base);
-    if (errno || *end || copy[0] == '-' || copy[0] == '+')
-        return false;
-    *out = v;
-    return true;
-}
-
 } // namespace
 
 int get_file_list(modem *mdm, int type, ujson *json, request *req)
@@ -149,32 +107,20 @@ int get_file_list(modem *mdm, int type, ujson *json, request *req)
             return ACT_STATUS_INVALID_ARGS;
         return set_commandf(req, "AT+QFLST=\"%s\"\r", pattern);
     }
-    std::string_view text = answer(mdm);
-    bool missing = text.find(cme_no_such_file) != std::string_view::npos;
-    if (!missing && !answer_ok(mdm))
+    if (cme_error(answer(mdm)) != cme_no_such_file && !answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
 
     void *list = json->open_array("files");
-    while (!text.empty()) {
-        size_t end = text.find("\r\n");
-        std::string_view line = text.substr(0, end);
-        std::string_view f[3];
-        if (line.size() > 7 && strncasecmp(line.data(), "+QFLST:", 7) == 0 &&
-            split_fields(trim(line.substr(7)), f, 3) >= 2) {
-            uint64_t size = 0;
-            std::string_view name = trim(f[0]);
-            if (!name.empty() && name != "-") {
-                void *row = json->open_table(nullptr);
-                reply_text(json, "name", name);
-                if (to_number(f[1], 10, &size))
-                    json->add_long("size", static_cast<int64_t>(size));
-                json->close_table(row);
-            }
-        }
-        if (end == std::string_view::npos)
-            break;
-        text.remove_prefix(end + 2);
-    }
+    for_each_tagged(answer(mdm), "+QFLST", [json](const fields &f) {
+        if (f.size() < 2 || !has_value(f[0]))
+            return;
+        void *row = json->open_table(nullptr);
+        reply_text(json, "name", f[0]);
+        int64_t size;
+        if (to_number(f[1], size, 0, INT64_MAX))
+            json->add_long("size", size);
+        json->close_table(row);
+    });
     json->close_array(list);
     return ACT_STATUS_OK;
 }
@@ -206,13 +152,12 @@ int get_storage_space(modem *mdm, int type, ujson *json, request *req)
     }
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
-    std::string_view f[3];
-    uint64_t free_bytes = 0, total = 0;
-    if (tagged_fields(answer(mdm), "+QFLDS:", f, 3) < 2 || !to_number(f[0], 10, &free_bytes) ||
-        !to_number(f[1], 10, &total))
+    fields f = tagged_fields(answer(mdm), "+QFLDS");
+    int64_t free_bytes, total;
+    if (!to_number(field_at(f, 0), free_bytes, 0, INT64_MAX) || !to_number(field_at(f, 1), total, 0, INT64_MAX))
         return ACT_STATUS_INVALID_RESPONSE;
-    json->add_long("free", static_cast<int64_t>(free_bytes));
-    json->add_long("total", static_cast<int64_t>(total));
+    json->add_long("free", free_bytes);
+    json->add_long("total", total);
     return ACT_STATUS_OK;
 }
 

@@ -1,12 +1,11 @@
 // Carrier configuration profiles (MBN files) of Qualcomm-based Quectel
 // modems: AT+QMBNCFG. The verbs are answered in the case the firmware
 // likes (BG95 prints "list", EC2x "List"), so they are compared ignoring case.
-#include <strings.h>
-
 #include <string>
 
 #include "core/modem.h"
 #include "drivers/generic/generic_helpers.h"
+#include "drivers/quectel/quectel_answer.h"
 #include "drivers/quectel/quectel_sys.h"
 #include "ubus/vocab.h"
 #include "util/ujson.h"
@@ -19,11 +18,6 @@ namespace
 
 // MBN names as the modem lists them ("Commercial-TMO_VoLTE").
 constexpr size_t mbn_name_max = 64;
-
-bool verb_is(std::string_view field, std::string_view verb)
-{
-    return field.size() == verb.size() && strncasecmp(field.data(), verb.data(), verb.size()) == 0;
-}
 
 // A name for the modem's file store: no control characters and no path
 // separators (quotes, CR and LF are already refused with every argument).
@@ -49,21 +43,19 @@ int get_mbn_list(modem *mdm, int type, ujson *json, request *req)
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
     void *list = json->open_array("list");
-    for_each_tagged(answer(mdm), "+QMBNCFG", [&](std::string_view line) {
-        std::string_view f[8];
-        size_t n = line_fields(line, f, 8);
+    for_each_tagged(answer(mdm), "+QMBNCFG", [&](const fields &f) {
         int index, selected, activated;
-        if (n < 5 || !verb_is(f[0], "List") || !field_int(f[1], index) || !field_int(f[2], selected) ||
-            !field_int(f[3], activated) || f[4].empty())
+        if (f.size() < 5 || !equal_nocase(f[0], "List") || !to_number(f[1], index) || !to_number(f[2], selected) ||
+            !to_number(f[3], activated) || f[4].empty())
             return;
         void *entry = json->open_table(nullptr);
         json->add_int("index", index);
         json->add_bool("selected", selected != 0);
         json->add_bool("activated", activated != 0);
         reply_text(json, "name", f[4]);
-        if (n > 5 && !f[5].empty() && f[5] != "-")
+        if (has_value(field_at(f, 5)))
             reply_text(json, "version", f[5]);
-        if (n > 6 && !f[6].empty() && f[6] != "-")
+        if (has_value(field_at(f, 6)))
             reply_text(json, "release_date", f[6]);
         json->close_table(entry);
     });
@@ -108,15 +100,8 @@ int get_mbn_auto_sel(modem *mdm, int type, ujson *json, request *req)
         return set_command(req, "AT+QMBNCFG=\"AutoSel\"\r");
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
-    int mode = -1;
-    for_each_tagged(answer(mdm), "+QMBNCFG", [&](std::string_view line) {
-        std::string_view f[2];
-        int value;
-        if (mode < 0 && line_fields(line, f, 2) == 2 && verb_is(f[0], "AutoSel") && field_int(f[1], value) &&
-            (value == 0 || value == 1))
-            mode = value;
-    });
-    if (mode < 0)
+    int mode;
+    if (!to_number(field_at(item_values(answer(mdm), "+QMBNCFG", "AutoSel"), 0), mode, 0, 1))
         return ACT_STATUS_INVALID_RESPONSE;
     reply_enum(json, "mode", static_cast<uint32_t>(mode) + 1, mbn_auto_sel_str);
     return ACT_STATUS_OK;

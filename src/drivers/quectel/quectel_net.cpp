@@ -1,7 +1,5 @@
 #include "drivers/quectel/quectel_net.h"
 
-#include <strings.h>
-
 #include <cstdio>
 #include <cstring>
 #include <iterator>
@@ -12,131 +10,25 @@
 #include "core/modem.h"
 #include "drivers/generic/generic_helpers.h"
 #include "drivers/generic/generic_net.h"
+#include "drivers/quectel/quectel_answer.h"
 #include "drivers/quectel/quectel.h"
 #include "ubus/vocab.h"
 #include "util/converter.h"
 #include "util/log.h"
 #include "util/ujson.h"
 
+using namespace quectel;
+
 namespace
 {
 
-using fields = std::vector<std::string_view>;
-
-// --- reading answer lines ------------------------------------------------------
-
-std::string_view trim(std::string_view s)
-{
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t'))
-        s.remove_suffix(1);
-    return s;
-}
-
-bool same(std::string_view a, std::string_view b)
-{
-    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-bool begins(std::string_view text, std::string_view prefix)
-{
-    return text.size() >= prefix.size() && strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
-}
-
-// The comma-separated fields of a line, blanks trimmed and quotes removed.
-fields split(std::string_view rest)
-{
-    fields out;
-    for (;;) {
-        size_t comma = rest.find(',');
-        out.push_back(unquote(trim(rest.substr(0, comma))));
-        if (comma == std::string_view::npos)
-            return out;
-        rest.remove_prefix(comma + 1);
-    }
-}
-
-// Calls fn(fields) for every line that begins with name (any case, with or
-// without a blank after the colon), e.g. "+QENG:".
-template <class F> void each_line(std::string_view text, std::string_view name, F &&fn)
-{
-    while (!text.empty()) {
-        size_t end = text.find("\r\n");
-        std::string_view line = trim(text.substr(0, end));
-        if (begins(line, name))
-            fn(split(line.substr(name.size())));
-        if (end == std::string_view::npos)
-            break;
-        text.remove_prefix(end + 2);
-    }
-}
-
-// The fields after the item name of a "<name>: "<item>",<values>" read.
-fields item_values(std::string_view text, std::string_view name, std::string_view item)
-{
-    fields out;
-    each_line(text, name, [&](const fields &f) {
-        if (out.empty() && f.size() > 1 && same(f[0], item))
-            out.assign(f.begin() + 1, f.end());
-    });
-    return out;
-}
-
-// A decimal number; "-", "" and anything else that is not one fail.
-bool number_of(std::string_view f, int64_t &out)
-{
-    f = trim(f);
-    bool neg = f.starts_with('-');
-    if (neg || f.starts_with('+'))
-        f.remove_prefix(1);
-    if (f.empty() || f.size() > 18)
-        return false;
-    int64_t v = 0;
-    for (char c : f) {
-        if (c < '0' || c > '9')
-            return false;
-        v = v * 10 + (c - '0');
-    }
-    out = neg ? -v : v;
-    return true;
-}
-
-bool hex_of(std::string_view f, uint64_t &out)
-{
-    f = trim(f);
-    if (f.empty() || f.size() > 16)
-        return false;
-    uint64_t v = 0;
-    for (char c : f) {
-        int d = c >= '0' && c <= '9'   ? c - '0'
-                : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                       : -1;
-        if (d < 0)
-            return false;
-        v = v << 4 | static_cast<uint64_t>(d);
-    }
-    out = v;
-    return true;
-}
-
-// Field i of f, "" past the end: a missing field is no value.
-std::string_view at(const fields &f, size_t i)
-{
-    return i < f.size() ? f[i] : std::string_view();
-}
-
-bool has_value(std::string_view f)
-{
-    return !f.empty() && f != "-";
-}
+// --- reply values ------------------------------------------------------------
 
 void put_int(ujson *json, const char *key, std::string_view f)
 {
-    int64_t v;
-    if (number_of(f, v))
-        json->add_int(key, static_cast<int32_t>(v));
+    int32_t v;
+    if (to_number(f, v))
+        json->add_int(key, v);
 }
 
 void put_text(ujson *json, const char *key, std::string_view f)
@@ -148,27 +40,27 @@ void put_text(ujson *json, const char *key, std::string_view f)
 // A hexadecimal identity (cell id) as printed and as a number.
 void put_hex_id(ujson *json, const char *key, std::string_view f)
 {
-    uint64_t v;
-    if (!hex_of(f, v))
+    int64_t v;
+    if (!to_number(f, v, 16))
         return;
     reply_text(json, key, f);
     std::string dec = std::string(key) + "_dec";
-    json->add_long(dec.c_str(), static_cast<int64_t>(v));
+    json->add_long(dec.c_str(), v);
 }
 
 // A hexadecimal area code (LAC, TAC) as a number.
 void put_hex_number(ujson *json, const char *key, std::string_view f)
 {
-    uint64_t v;
-    if (hex_of(f, v))
-        json->add_long(key, static_cast<int64_t>(v));
+    int64_t v;
+    if (to_number(f, v, 16))
+        json->add_long(key, v);
 }
 
 // A channel bandwidth by the modem's index, through its vocabulary.
 void put_bandwidth(ujson *json, const char *key, std::string_view f, bool nr)
 {
     int64_t idx;
-    if (number_of(f, idx) && idx >= 0 && idx <= (nr ? 16 : 5))
+    if (to_number(f, idx) && idx >= 0 && idx <= (nr ? 16 : 5))
         reply_enum(json, key, static_cast<uint32_t>(idx) + 1, nr ? bandwidth_5G_str : bandwidth_str);
 }
 
@@ -177,9 +69,9 @@ void put_bandwidth(ujson *json, const char *key, std::string_view f, bool nr)
 std::string band_name(std::string_view band)
 {
     band = trim(band);
-    if (begins(band, "LTE BAND"))
+    if (starts_nocase(band, "LTE BAND"))
         return "B" + std::string(trim(band.substr(8)));
-    if (begins(band, "NR5G BAND"))
+    if (starts_nocase(band, "NR5G BAND"))
         return "n" + std::string(trim(band.substr(9)));
     return std::string(band);
 }
@@ -206,10 +98,10 @@ constexpr mode_name qnwinfo_acts[] = {
 uint32_t act_mode(std::string_view act)
 {
     act = trim(act);
-    if (begins(act, "FDD ") || begins(act, "TDD "))
+    if (starts_nocase(act, "FDD ") || starts_nocase(act, "TDD "))
         act.remove_prefix(4);
     for (const auto &m : qnwinfo_acts)
-        if (same(act, m.text))
+        if (equal_nocase(act, m.text))
             return m.mode;
     return NET_MODE_UNKNOWN;
 }
@@ -295,14 +187,10 @@ bool qcsq_value(const qcsq_slot &slot, int64_t printed, int32_t &out)
 
 int qcsq_report(modem *mdm, std::string_view text, ujson *reply, const char *origin)
 {
-    fields f;
-    each_line(text, "+QCSQ:", [&](const fields &line) {
-        if (f.empty())
-            f = line;
-    });
+    fields f = tagged_fields(text, "+QCSQ");
     const qcsq_mode *mode = nullptr;
     for (const auto &m : qcsq_modes)
-        if (!f.empty() && same(f[0], m.text))
+        if (!f.empty() && equal_nocase(f[0], m.text))
             mode = &m;
     if (!mode)
         return ACT_STATUS_INVALID_URC;
@@ -314,7 +202,7 @@ int qcsq_report(modem *mdm, std::string_view text, ujson *reply, const char *ori
     // The values read, up to the first field that is not a number.
     int64_t values[7] = {};
     size_t count = 0;
-    while (count < std::size(values) && count + 1 < f.size() && number_of(f[count + 1], values[count]))
+    while (count < std::size(values) && count + 1 < f.size() && to_number(f[count + 1], values[count]))
         count++;
 
     const qcsq_slot *const *layout = mode->layout;
@@ -378,8 +266,8 @@ int get_signal_query_cfg(modem *mdm, int type, ujson *json, request *req)
     if (type == 0)
         return set_command(req, "AT+QINDCFG=\"csq\"\r");
     int64_t on;
-    fields v = item_values(answer(mdm), "+QINDCFG:", "csq");
-    if (!answer_ok(mdm) || !number_of(at(v, 0), on) || on < 0 || on > 1)
+    fields v = item_values(answer(mdm), "+QINDCFG", "csq");
+    if (!answer_ok(mdm) || !to_number(field_at(v, 0), on) || on < 0 || on > 1)
         return ACT_STATUS_INVALID_RESPONSE;
     reply_enum(json, "mode", static_cast<uint32_t>(on) + 1, signal_query_cfg_str);
     return ACT_STATUS_OK;
@@ -394,8 +282,8 @@ namespace
 bool nw_info_lines(std::string_view text, std::vector<fields> &lines)
 {
     bool service = true;
-    each_line(text, "+QNWINFO:", [&](const fields &f) {
-        if (f.size() == 1 && same(f[0], "No Service"))
+    for_each_tagged(text, "+QNWINFO", [&](const fields &f) {
+        if (f.size() == 1 && equal_nocase(f[0], "No Service"))
             service = false;
         else if (f.size() >= 2)
             lines.push_back(f);
@@ -421,10 +309,10 @@ int get_nw_info(modem *mdm, int type, ujson *json, request *req)
         void *entry = json->open_table(nullptr);
         put_text(json, "act", f[0]);
         reply_enum(json, "mode", act_mode(f[0]), net_mode_str);
-        put_text(json, "oper", at(f, 1));
-        if (has_value(at(f, 2)))
+        put_text(json, "oper", field_at(f, 1));
+        if (has_value(field_at(f, 2)))
             reply_text(json, "band", band_name(f[2]));
-        put_int(json, "channel", at(f, 3));
+        put_int(json, "channel", field_at(f, 3));
         json->close_table(entry);
     }
     json->close_array(list);
@@ -473,7 +361,7 @@ constexpr ue_state_name ue_states[] = {{"SEARCH", 1}, {"LIMSRV", 2}, {"NOCONN", 
 void put_scs(ujson *json, std::string_view f)
 {
     int64_t idx;
-    if (number_of(f, idx) && idx >= 0 && idx <= 4)
+    if (to_number(f, idx) && idx >= 0 && idx <= 4)
         json->add_int("scs", 15 << idx);
 }
 
@@ -481,51 +369,66 @@ void put_scs(ujson *json, std::string_view f)
 void put_band(ujson *json, std::string_view f, const char *prefix)
 {
     int64_t band;
-    if (number_of(f, band))
+    if (to_number(f, band))
         reply_text(json, "band", prefix + std::to_string(band));
+}
+
+// The cell's identity where a layout starts with mcc, mnc, LAC, cellID
+// (GSM and WCDMA).
+void put_lac_cell(ujson *json, const fields &f)
+{
+    put_text(json, "mcc", field_at(f, 0));
+    put_text(json, "mnc", field_at(f, 1));
+    put_hex_number(json, "lac", field_at(f, 2));
+    put_hex_id(json, "cell_id", field_at(f, 3));
+}
+
+// The cell's identity where a layout starts with duplex, mcc, mnc, cellID,
+// pcid (LTE and NR SA).
+void put_duplex_cell(ujson *json, const fields &f)
+{
+    put_text(json, "duplex", field_at(f, 0));
+    put_text(json, "mcc", field_at(f, 1));
+    put_text(json, "mnc", field_at(f, 2));
+    put_hex_id(json, "cell_id", field_at(f, 3));
+    put_int(json, "pci", field_at(f, 4));
 }
 
 void gsm_cell(ujson *json, const fields &f)
 {
     // mcc, mnc, LAC, cellID, BSIC, arfcn, band, rxlev, txp, rla, drx, c1, c2,
     // gprs, tch, ts, ta, maio, hsn, rxlevsub, rxlevfull, rxqualsub, rxqualfull
-    put_text(json, "mcc", at(f, 0));
-    put_text(json, "mnc", at(f, 1));
-    put_hex_number(json, "lac", at(f, 2));
-    put_hex_id(json, "cell_id", at(f, 3));
-    put_int(json, "bsic", at(f, 4));
-    put_int(json, "arfcn", at(f, 5));
+    put_lac_cell(json, f);
+    put_int(json, "bsic", field_at(f, 4));
+    put_int(json, "arfcn", field_at(f, 5));
     int64_t band;
-    if (number_of(at(f, 6), band) && (band == 0 || band == 1))
+    if (to_number(field_at(f, 6), band) && (band == 0 || band == 1))
         reply_text(json, "band", band == 0 ? "DCS1800" : "PCS1900");
     // Described as 0..63, printed in dBm in the examples: kept as printed.
-    put_int(json, "rxlev_raw", at(f, 7));
-    put_int(json, "ta", at(f, 16));
+    put_int(json, "rxlev_raw", field_at(f, 7));
+    put_int(json, "ta", field_at(f, 16));
     int64_t full;
-    if (number_of(at(f, 20), full) && full >= 0 && full <= 63)
+    if (to_number(field_at(f, 20), full) && full >= 0 && full <= 63)
         json->add_int("rxlev_full", static_cast<int32_t>(full - 111));
-    put_int(json, "rxqual_full", at(f, 22));
+    put_int(json, "rxqual_full", field_at(f, 22));
 }
 
 void wcdma_cell(ujson *json, const fields &f)
 {
     // mcc, mnc, LAC, cellID, uarfcn, psc, rac, rscp, ecio, phych, SF, slot,
     // speech_code, comMod
-    put_text(json, "mcc", at(f, 0));
-    put_text(json, "mnc", at(f, 1));
-    put_hex_number(json, "lac", at(f, 2));
-    put_hex_id(json, "cell_id", at(f, 3));
-    put_int(json, "uarfcn", at(f, 4));
-    put_int(json, "psc", at(f, 5));
-    put_int(json, "rac", at(f, 6));
-    put_int(json, "rscp", at(f, 7));
-    put_int(json, "ecio", at(f, 8));
+    put_lac_cell(json, f);
+    put_int(json, "uarfcn", field_at(f, 4));
+    put_int(json, "psc", field_at(f, 5));
+    put_int(json, "rac", field_at(f, 6));
+    put_int(json, "rscp", field_at(f, 7));
+    put_int(json, "ecio", field_at(f, 8));
 }
 
 void lte_sinr_of(ujson *json, std::string_view f, lte_sinr scale)
 {
     int64_t raw;
-    if (!number_of(f, raw))
+    if (!to_number(f, raw))
         return;
     if (scale == lte_sinr::db) {
         json->add_int("sinr", static_cast<int32_t>(raw));
@@ -539,28 +442,24 @@ void lte_cell(ujson *json, const fields &f, lte_sinr scale)
 {
     // is_tdd, mcc, mnc, cellID, pcid, earfcn, band, ul_bw, dl_bw, tac, rsrp,
     // rsrq, rssi, sinr, then srxlev (15 values) or cqi, tx_power, srxlev (17)
-    put_text(json, "duplex", at(f, 0));
-    put_text(json, "mcc", at(f, 1));
-    put_text(json, "mnc", at(f, 2));
-    put_hex_id(json, "cell_id", at(f, 3));
-    put_int(json, "pci", at(f, 4));
-    put_int(json, "earfcn", at(f, 5));
-    put_band(json, at(f, 6), "B");
-    put_bandwidth(json, "ul_bandwidth", at(f, 7), false);
-    put_bandwidth(json, "dl_bandwidth", at(f, 8), false);
-    put_hex_number(json, "tac", at(f, 9));
-    put_int(json, "rsrp", at(f, 10));
-    put_int(json, "rsrq", at(f, 11));
-    put_int(json, "rssi", at(f, 12));
-    lte_sinr_of(json, at(f, 13), scale);
+    put_duplex_cell(json, f);
+    put_int(json, "earfcn", field_at(f, 5));
+    put_band(json, field_at(f, 6), "B");
+    put_bandwidth(json, "ul_bandwidth", field_at(f, 7), false);
+    put_bandwidth(json, "dl_bandwidth", field_at(f, 8), false);
+    put_hex_number(json, "tac", field_at(f, 9));
+    put_int(json, "rsrp", field_at(f, 10));
+    put_int(json, "rsrq", field_at(f, 11));
+    put_int(json, "rssi", field_at(f, 12));
+    lte_sinr_of(json, field_at(f, 13), scale);
     if (f.size() >= 17) {
-        put_int(json, "cqi", at(f, 14));
+        put_int(json, "cqi", field_at(f, 14));
         int64_t tx;
-        if (number_of(at(f, 15), tx))
+        if (to_number(field_at(f, 15), tx))
             json->add_double("tx_power", static_cast<double>(tx) / 10);
-        put_int(json, "srxlev", at(f, 16));
+        put_int(json, "srxlev", field_at(f, 16));
     } else {
-        put_int(json, "srxlev", at(f, 14));
+        put_int(json, "srxlev", field_at(f, 14));
     }
 }
 
@@ -568,38 +467,34 @@ void nr_sa_cell(ujson *json, const fields &f)
 {
     // duplex, mcc, mnc, cellID, pcid, tac, arfcn, band, dl_bw, rsrp, rsrq,
     // sinr, scs, srxlev
-    put_text(json, "duplex", at(f, 0));
-    put_text(json, "mcc", at(f, 1));
-    put_text(json, "mnc", at(f, 2));
-    put_hex_id(json, "cell_id", at(f, 3));
-    put_int(json, "pci", at(f, 4));
-    put_hex_number(json, "tac", at(f, 5));
-    put_int(json, "nrarfcn", at(f, 6));
-    put_band(json, at(f, 7), "n");
-    put_bandwidth(json, "dl_bandwidth", at(f, 8), true);
-    put_int(json, "rsrp", at(f, 9));
-    put_int(json, "rsrq", at(f, 10));
-    put_int(json, "sinr", at(f, 11));
-    put_scs(json, at(f, 12));
-    put_int(json, "srxlev", at(f, 13));
+    put_duplex_cell(json, f);
+    put_hex_number(json, "tac", field_at(f, 5));
+    put_int(json, "nrarfcn", field_at(f, 6));
+    put_band(json, field_at(f, 7), "n");
+    put_bandwidth(json, "dl_bandwidth", field_at(f, 8), true);
+    put_int(json, "rsrp", field_at(f, 9));
+    put_int(json, "rsrq", field_at(f, 10));
+    put_int(json, "sinr", field_at(f, 11));
+    put_scs(json, field_at(f, 12));
+    put_int(json, "srxlev", field_at(f, 13));
 }
 
 void nr_nsa_cell(ujson *json, const fields &f)
 {
     // mcc, mnc, pcid, rsrp, sinr, rsrq, then arfcn, band, dl_bw, scs (absent
     // on early firmware)
-    put_text(json, "mcc", at(f, 0));
-    put_text(json, "mnc", at(f, 1));
-    put_int(json, "pci", at(f, 2));
-    put_int(json, "rsrp", at(f, 3));
+    put_text(json, "mcc", field_at(f, 0));
+    put_text(json, "mnc", field_at(f, 1));
+    put_int(json, "pci", field_at(f, 2));
+    put_int(json, "rsrp", field_at(f, 3));
     // dB on current firmware, 0.1 dB on early RM500Q firmware that the model
     // does not tell apart: kept as printed.
-    put_int(json, "sinr_raw", at(f, 4));
-    put_int(json, "rsrq", at(f, 5));
-    put_int(json, "nrarfcn", at(f, 6));
-    put_band(json, at(f, 7), "n");
-    put_bandwidth(json, "dl_bandwidth", at(f, 8), true);
-    put_scs(json, at(f, 9));
+    put_int(json, "sinr_raw", field_at(f, 4));
+    put_int(json, "rsrq", field_at(f, 5));
+    put_int(json, "nrarfcn", field_at(f, 6));
+    put_band(json, field_at(f, 7), "n");
+    put_bandwidth(json, "dl_bandwidth", field_at(f, 8), true);
+    put_scs(json, field_at(f, 9));
 }
 
 // One RAT's serving cell: f starts at the RAT name. False for a RAT this
@@ -611,15 +506,16 @@ bool serving_cell(ujson *json, const fields &f, lte_sinr scale)
     void *cell = json->open_table(nullptr);
     reply_text(json, "rat", rat);
     bool known = true;
-    if (same(rat, "GSM"))
+    if (equal_nocase(rat, "GSM"))
         gsm_cell(json, rest);
-    else if (same(rat, "WCDMA"))
+    else if (equal_nocase(rat, "WCDMA"))
         wcdma_cell(json, rest);
-    else if (same(rat, "LTE") || same(rat, "CAT-M") || same(rat, "eMTC") || same(rat, "CAT-NB"))
+    else if (equal_nocase(rat, "LTE") || equal_nocase(rat, "CAT-M") || equal_nocase(rat, "eMTC") ||
+             equal_nocase(rat, "CAT-NB"))
         lte_cell(json, rest, scale);
-    else if (same(rat, "NR5G-SA"))
+    else if (equal_nocase(rat, "NR5G-SA"))
         nr_sa_cell(json, rest);
-    else if (same(rat, "NR5G-NSA"))
+    else if (equal_nocase(rat, "NR5G-NSA"))
         nr_nsa_cell(json, rest);
     else
         known = false;
@@ -636,11 +532,11 @@ int cell_info(modem *mdm, int type, ujson *json, request *req, lte_sinr scale)
     bool seen = false;
     uint32_t state = 0;
     std::vector<fields> cells;
-    each_line(answer(mdm), "+QENG:", [&](const fields &f) {
-        if (same(f[0], "servingcell")) {
+    for_each_tagged(answer(mdm), "+QENG", [&](const fields &f) {
+        if (equal_nocase(f[0], "servingcell")) {
             seen = true;
             for (const auto &s : ue_states)
-                if (same(at(f, 1), s.text))
+                if (equal_nocase(field_at(f, 1), s.text))
                     state = s.id;
             if (f.size() > 2)
                 cells.emplace_back(f.begin() + 2, f.end());
@@ -683,61 +579,58 @@ void neighbour(ujson *json, const fields &f, bool lte_serving)
     std::string_view rat = f[1];
     fields v(f.begin() + 2, f.end());
     void *cell = json->open_table(nullptr);
-    if (begins(tag, "neighbourcell "))
+    if (starts_nocase(tag, "neighbourcell "))
         reply_text(json, "type", trim(tag.substr(14)));
     reply_text(json, "rat", rat);
-    if (same(rat, "LTE") && begins(tag, "neighbourcell ")) {
+    if (equal_nocase(rat, "LTE") && starts_nocase(tag, "neighbourcell ")) {
         // earfcn, pcid, rsrq, rsrp, rssi, sinr, srxlev, ...: RSRQ first
-        put_int(json, "earfcn", at(v, 0));
-        put_int(json, "pci", at(v, 1));
-        put_int(json, "rsrq", at(v, 2));
-        put_int(json, "rsrp", at(v, 3));
-        put_int(json, "rssi", at(v, 4));
-        put_int(json, "sinr_raw", at(v, 5));
-        put_int(json, "srxlev", at(v, 6));
-    } else if (same(rat, "LTE")) {
+        put_int(json, "earfcn", field_at(v, 0));
+        put_int(json, "pci", field_at(v, 1));
+        put_int(json, "rsrq", field_at(v, 2));
+        put_int(json, "rsrp", field_at(v, 3));
+        put_int(json, "rssi", field_at(v, 4));
+        put_int(json, "sinr_raw", field_at(v, 5));
+        put_int(json, "srxlev", field_at(v, 6));
+    } else if (equal_nocase(rat, "LTE")) {
         // seen from WCDMA: earfcn, pcid, rsrp, rsrq, s_rxlev
-        put_int(json, "earfcn", at(v, 0));
-        put_int(json, "pci", at(v, 1));
-        put_int(json, "rsrp", at(v, 2));
-        put_int(json, "rsrq", at(v, 3));
-        put_int(json, "srxlev", at(v, 4));
-    } else if (same(rat, "WCDMA") && lte_serving) {
+        put_int(json, "earfcn", field_at(v, 0));
+        put_int(json, "pci", field_at(v, 1));
+        put_int(json, "rsrp", field_at(v, 2));
+        put_int(json, "rsrq", field_at(v, 3));
+        put_int(json, "srxlev", field_at(v, 4));
+    } else if (equal_nocase(rat, "WCDMA") && lte_serving) {
         // uarfcn, cell_resel_priority, thresh_Xhigh, thresh_Xlow, psc,
         // cpich_rscp, cpich_ecno, srxlev
-        put_int(json, "uarfcn", at(v, 0));
-        put_int(json, "psc", at(v, 4));
-        put_int(json, "rscp_raw", at(v, 5));
-        put_int(json, "ecno_raw", at(v, 6));
-        put_int(json, "srxlev", at(v, 7));
-    } else if (same(rat, "WCDMA")) {
+        put_int(json, "uarfcn", field_at(v, 0));
+        put_int(json, "psc", field_at(v, 4));
+        put_int(json, "rscp_raw", field_at(v, 5));
+        put_int(json, "ecno_raw", field_at(v, 6));
+        put_int(json, "srxlev", field_at(v, 7));
+    } else if (equal_nocase(rat, "WCDMA")) {
         // uarfcn, srxqual, psc, rscp, ecno, set, rank, srxlev
-        put_int(json, "uarfcn", at(v, 0));
-        put_int(json, "psc", at(v, 2));
-        put_int(json, "rscp_raw", at(v, 3));
-        put_int(json, "ecno_raw", at(v, 4));
-        put_int(json, "srxlev", at(v, 7));
-    } else if (same(rat, "GSM") && v.size() >= 11) {
+        put_int(json, "uarfcn", field_at(v, 0));
+        put_int(json, "psc", field_at(v, 2));
+        put_int(json, "rscp_raw", field_at(v, 3));
+        put_int(json, "ecno_raw", field_at(v, 4));
+        put_int(json, "srxlev", field_at(v, 7));
+    } else if (equal_nocase(rat, "GSM") && v.size() >= 11) {
         // seen from GSM: mcc, mnc, LAC, cellID, BSIC, arfcn, rxlev, c1, c2, c31, c32
-        put_text(json, "mcc", at(v, 0));
-        put_text(json, "mnc", at(v, 1));
-        put_hex_number(json, "lac", at(v, 2));
-        put_hex_id(json, "cell_id", at(v, 3));
-        put_int(json, "bsic", at(v, 4));
-        put_int(json, "arfcn", at(v, 5));
-        put_int(json, "rxlev_raw", at(v, 6));
-    } else if (same(rat, "GSM") && v.size() >= 9) {
+        put_lac_cell(json, v);
+        put_int(json, "bsic", field_at(v, 4));
+        put_int(json, "arfcn", field_at(v, 5));
+        put_int(json, "rxlev_raw", field_at(v, 6));
+    } else if (equal_nocase(rat, "GSM") && v.size() >= 9) {
         // seen from LTE: arfcn, priority, thresh high, thresh low,
         // ncc_permitted, band, bsic, rssi, srxlev
-        put_int(json, "arfcn", at(v, 0));
-        put_int(json, "bsic", at(v, 6));
-        put_int(json, "rssi", at(v, 7));
-        put_int(json, "srxlev", at(v, 8));
-    } else if (same(rat, "GSM")) {
+        put_int(json, "arfcn", field_at(v, 0));
+        put_int(json, "bsic", field_at(v, 6));
+        put_int(json, "rssi", field_at(v, 7));
+        put_int(json, "srxlev", field_at(v, 8));
+    } else if (equal_nocase(rat, "GSM")) {
         // seen from WCDMA: BSIC, rssi, rxlev, rank
-        put_int(json, "bsic", at(v, 0));
-        put_int(json, "rssi", at(v, 1));
-        put_int(json, "rxlev_raw", at(v, 2));
+        put_int(json, "bsic", field_at(v, 0));
+        put_int(json, "rssi", field_at(v, 1));
+        put_int(json, "rxlev_raw", field_at(v, 2));
     }
     json->close_table(cell);
 }
@@ -752,9 +645,9 @@ int get_neigh_info(modem *mdm, int type, ujson *json, request *req)
         return ACT_STATUS_INVALID_RESPONSE;
     std::vector<fields> lines;
     bool lte_serving = false;
-    each_line(answer(mdm), "+QENG:", [&](const fields &f) {
-        if (f.size() >= 2 && begins(f[0], "neighbourcell")) {
-            lte_serving |= begins(f[0], "neighbourcell ");
+    for_each_tagged(answer(mdm), "+QENG", [&](const fields &f) {
+        if (f.size() >= 2 && starts_nocase(f[0], "neighbourcell")) {
+            lte_serving |= starts_nocase(f[0], "neighbourcell ");
             lines.push_back(f);
         }
     });
@@ -776,7 +669,7 @@ constexpr int64_t lte_rbs[] = {6, 15, 25, 50, 75, 100};
 void ca_state(ujson *json, std::string_view f, bool primary)
 {
     int64_t s;
-    if (!number_of(f, s) || s < 0 || s > (primary ? 5 : 2))
+    if (!to_number(f, s) || s < 0 || s > (primary ? 5 : 2))
         return;
     reply_enum(json, "state", static_cast<uint32_t>(s) + 1, primary ? pcell_state_str : scell_state_str);
 }
@@ -786,43 +679,43 @@ void ca_lte(ujson *json, const fields &v, bool primary, bool rssnr_db)
     // freq, bandwidth (RBs), band, state, pcid, rsrp, rsrq, rssi, rssnr, then
     // on SCC lines ul_configured, ul_bandwidth, ul_earfcn
     int64_t rbs;
-    if (number_of(at(v, 1), rbs))
+    if (to_number(field_at(v, 1), rbs))
         for (size_t i = 0; i < std::size(lte_rbs); i++)
             if (lte_rbs[i] == rbs)
                 reply_enum(json, "bandwidth", static_cast<uint32_t>(i) + 1, bandwidth_str);
-    ca_state(json, at(v, 3), primary);
-    put_int(json, "pci", at(v, 4));
-    put_int(json, "rsrp", at(v, 5));
-    put_int(json, "rsrq", at(v, 6));
-    put_int(json, "rssi", at(v, 7));
-    put_int(json, rssnr_db ? "rssnr" : "rssnr_raw", at(v, 8));
+    ca_state(json, field_at(v, 3), primary);
+    put_int(json, "pci", field_at(v, 4));
+    put_int(json, "rsrp", field_at(v, 5));
+    put_int(json, "rsrq", field_at(v, 6));
+    put_int(json, "rssi", field_at(v, 7));
+    put_int(json, rssnr_db ? "rssnr" : "rssnr_raw", field_at(v, 8));
     int64_t ul;
-    if (!primary && number_of(at(v, 9), ul))
+    if (!primary && to_number(field_at(v, 9), ul))
         json->add_bool("ul_configured", ul != 0);
-    put_int(json, "ul_arfcn", at(v, 11));
+    put_int(json, "ul_arfcn", field_at(v, 11));
 }
 
 void ca_nr(ujson *json, const fields &v)
 {
     // freq, bandwidth index, band, pcid; or freq, bandwidth index, band,
     // state, pcid, ul_configured, ul_bandwidth, ul_arfcn[, rsrp, rsrq, snr]
-    put_bandwidth(json, "bandwidth", at(v, 1), true);
+    put_bandwidth(json, "bandwidth", field_at(v, 1), true);
     if (v.size() <= 4) {
-        put_int(json, "pci", at(v, 3));
+        put_int(json, "pci", field_at(v, 3));
         return;
     }
-    ca_state(json, at(v, 3), false);
-    put_int(json, "pci", at(v, 4));
+    ca_state(json, field_at(v, 3), false);
+    put_int(json, "pci", field_at(v, 4));
     int64_t ul;
-    if (number_of(at(v, 5), ul))
+    if (to_number(field_at(v, 5), ul))
         json->add_bool("ul_configured", ul != 0);
-    put_bandwidth(json, "ul_bandwidth", at(v, 6), true);
-    put_int(json, "ul_arfcn", at(v, 7));
+    put_bandwidth(json, "ul_bandwidth", field_at(v, 6), true);
+    put_int(json, "ul_arfcn", field_at(v, 7));
     // The unit of the NR RSRP and RSRQ here is not given: kept as printed.
-    put_int(json, "rsrp_raw", at(v, 8));
-    put_int(json, "rsrq_raw", at(v, 9));
+    put_int(json, "rsrp_raw", field_at(v, 8));
+    put_int(json, "rsrq_raw", field_at(v, 9));
     int64_t snr; // in 0.01 dB
-    if (number_of(at(v, 10), snr))
+    if (to_number(field_at(v, 10), snr))
         json->add_double("snr", static_cast<double>(snr) / 100);
 }
 
@@ -833,15 +726,15 @@ int ca_info(modem *mdm, int type, ujson *json, request *req, bool rssnr_db)
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
     std::vector<fields> lines;
-    each_line(answer(mdm), "+QCAINFO:", [&](const fields &f) {
-        if (f.size() >= 4 && (same(f[0], "PCC") || same(f[0], "SCC")))
+    for_each_tagged(answer(mdm), "+QCAINFO", [&](const fields &f) {
+        if (f.size() >= 4 && (equal_nocase(f[0], "PCC") || equal_nocase(f[0], "SCC")))
             lines.push_back(f);
     });
     void *list = json->open_array("carriers");
     for (const fields &f : lines) {
         fields v(f.begin() + 1, f.end());
-        bool primary = same(f[0], "PCC");
-        bool nr = begins(trim(v[2]), "NR5G");
+        bool primary = equal_nocase(f[0], "PCC");
+        bool nr = starts_nocase(trim(v[2]), "NR5G");
         void *carrier = json->open_table(nullptr);
         reply_text(json, "role", primary ? "pcc" : "scc");
         reply_text(json, "rat", nr ? "NR5G" : "LTE");
@@ -884,10 +777,10 @@ bool ucs2_name(std::string_view hex, std::string &out)
         return false;
     std::vector<uint8_t> bytes;
     for (size_t i = 0; i < hex.size(); i += 2) {
-        uint64_t b;
-        if (!hex_of(hex.substr(i, 2), b))
+        uint8_t b;
+        if (!to_number(hex.substr(i, 2), b, 16))
             return false;
-        bytes.push_back(static_cast<uint8_t>(b));
+        bytes.push_back(b);
     }
     std::vector<char> text(bytes.size() / 2 * 3 + 1);
     size_t n = utf16be_to_utf8(bytes.data(), bytes.size() / 2, text.data(), text.size());
@@ -906,11 +799,11 @@ int get_srvc_provider(modem *mdm, int type, ujson *json, request *req)
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
     fields f;
-    each_line(answer(mdm), "+QSPN:", [&](const fields &line) { f = line; });
+    for_each_tagged(answer(mdm), "+QSPN", [&](const fields &line) { f = line; });
     if (f.empty()) // not registered
         return ACT_STATUS_OK;
     int64_t alphabet = 0;
-    if (f.size() < 5 || !number_of(f[3], alphabet))
+    if (f.size() < 5 || !to_number(f[3], alphabet))
         return ACT_STATUS_INVALID_RESPONSE;
     const char *keys[] = {"full_name", "short_name", "spn"};
     for (size_t i = 0; i < 3; i++) {
@@ -965,7 +858,7 @@ template <size_t N> int set_scan_mode(modem *mdm, int type, ujson *json, request
 template <size_t N> bool reply_scan_mode(ujson *json, std::string_view text, const scan_mode (&table)[N])
 {
     int64_t value;
-    if (!number_of(at(item_values(text, "+QCFG:", "nwscanmode"), 0), value))
+    if (!to_number(field_at(item_values(text, "+QCFG", "nwscanmode"), 0), value))
         return false;
     uint32_t mode = NET_MODE_UNKNOWN;
     for (const auto &m : table)
@@ -1006,19 +899,19 @@ int get_mode_pref(modem *mdm, int type, ujson *json, request *req, bool unisoc)
 {
     if (type == 0)
         return set_command(req, "AT+QNWPREFCFG=\"mode_pref\"\r");
-    fields v = item_values(answer(mdm), "+QNWPREFCFG:", "mode_pref");
-    if (!answer_ok(mdm) || !has_value(at(v, 0)))
+    fields v = item_values(answer(mdm), "+QNWPREFCFG", "mode_pref");
+    if (!answer_ok(mdm) || !has_value(field_at(v, 0)))
         return ACT_STATUS_INVALID_RESPONSE;
     std::string_view list = v[0];
     unsigned rats = 0;
     bool known = true;
-    if (!same(list, "AUTO")) {
+    if (!equal_nocase(list, "AUTO")) {
         while (!list.empty()) {
             size_t colon = list.find(':');
             std::string_view name = trim(list.substr(0, colon));
             unsigned bit = 0;
             for (size_t i = 0; i < std::size(rat_names); i++)
-                if (same(name, rat_names[i]) && (unisoc || i < 3))
+                if (equal_nocase(name, rat_names[i]) && (unisoc || i < 3))
                     bit = 1u << i;
             known &= bit != 0;
             rats |= bit;
@@ -1099,7 +992,7 @@ int get_net_mode_tech_lpwa(modem *mdm, int type, ujson *json, request *req)
     if (!answer_ok(mdm) || !reply_scan_mode(json, answer(mdm), scan_modes_lpwa))
         return ACT_STATUS_INVALID_RESPONSE;
     // Two-digit codes in priority order; a leading zero may be lost.
-    std::string seq(trim(at(item_values(answer(mdm), "+QCFG:", "nwscanseq"), 0)));
+    std::string seq(trim(field_at(item_values(answer(mdm), "+QCFG", "nwscanseq"), 0)));
     if (seq.empty())
         return ACT_STATUS_OK;
     if (seq.size() % 2)
@@ -1107,7 +1000,7 @@ int get_net_mode_tech_lpwa(modem *mdm, int type, ujson *json, request *req)
     void *list = json->open_array("scan_seq");
     for (size_t i = 0; i < seq.size(); i += 2) {
         int64_t code;
-        if (number_of(std::string_view(seq).substr(i, 2), code) && code >= 0 &&
+        if (to_number(std::string_view(seq).substr(i, 2), code) && code >= 0 &&
             code < static_cast<int64_t>(std::size(lpwa_seq_names)))
             json->add_string(nullptr, lpwa_seq_names[code]);
     }
@@ -1153,7 +1046,7 @@ int get_roaming_svc(modem *mdm, int type, ujson *json, request *req)
     if (type == 0)
         return set_command(req, "AT+QCFG=\"roamservice\"\r");
     int64_t value;
-    if (!answer_ok(mdm) || !number_of(at(item_values(answer(mdm), "+QCFG:", "roamservice"), 0), value))
+    if (!answer_ok(mdm) || !to_number(field_at(item_values(answer(mdm), "+QCFG", "roamservice"), 0), value))
         return ACT_STATUS_INVALID_RESPONSE;
     reply_enum(json, "mode", roam_mode(value, roam_service), roaming_svc_str);
     return ACT_STATUS_OK;
@@ -1178,7 +1071,7 @@ int get_roaming_svc_nr(modem *mdm, int type, ujson *json, request *req)
     if (type == 0)
         return set_command(req, "AT+QNWPREFCFG=\"roam_pref\"\r");
     int64_t value;
-    if (!answer_ok(mdm) || !number_of(at(item_values(answer(mdm), "+QNWPREFCFG:", "roam_pref"), 0), value))
+    if (!answer_ok(mdm) || !to_number(field_at(item_values(answer(mdm), "+QNWPREFCFG", "roam_pref"), 0), value))
         return ACT_STATUS_INVALID_RESPONSE;
     uint32_t mode = roam_mode(value, roam_pref);
     reply_enum(json, "mode", mode, roaming_svc_str);
@@ -1202,8 +1095,8 @@ int get_gprs_attach_mode(modem *mdm, int type, ujson *json, request *req)
     if (type == 0)
         return set_command(req, "AT+QCFG=\"gprsattach\"\r");
     int64_t value;
-    if (!answer_ok(mdm) || !number_of(at(item_values(answer(mdm), "+QCFG:", "gprsattach"), 0), value) || value < 0 ||
-        value > 1)
+    if (!answer_ok(mdm) || !to_number(field_at(item_values(answer(mdm), "+QCFG", "gprsattach"), 0), value) ||
+        value < 0 || value > 1)
         return ACT_STATUS_INVALID_RESPONSE;
     reply_enum(json, "mode", static_cast<uint32_t>(value) + 1, gprs_attach_str);
     return ACT_STATUS_OK;
@@ -1277,9 +1170,9 @@ int get_urc_cause_support_nr(modem *mdm, int type, ujson *json, request *req)
     if (type == 0)
         return set_command(req, "AT+QNETRC\r");
     int64_t mask = -1;
-    each_line(answer(mdm), "+QNETRC:", [&](const fields &f) {
+    for_each_tagged(answer(mdm), "+QNETRC", [&](const fields &f) {
         if (f.size() == 1)
-            number_of(f[0], mask);
+            to_number(f[0], mask);
     });
     if (!answer_ok(mdm) || mask < 0 || mask > 7)
         return ACT_STATUS_INVALID_RESPONSE;
@@ -1295,21 +1188,17 @@ int get_urc_cause_support_nr(modem *mdm, int type, ujson *json, request *req)
 // Cause 0 is "no cause".
 int urc_qnetrc(modem *mdm, ujson *)
 {
-    fields f;
-    each_line(answer(mdm), "+QNETRC:", [&](const fields &line) {
-        if (f.empty())
-            f = line;
-    });
+    fields f = tagged_fields(answer(mdm), "+QNETRC");
     int64_t cause;
-    if (f.size() < 2 || !number_of(f[1], cause) || cause < 0 || cause > 255)
+    if (f.size() < 2 || !to_number(f[1], cause) || cause < 0 || cause > 255)
         return ACT_STATUS_INVALID_URC;
     uint32_t event = EVT_EMM_ERROR;
     const char *(*text)(uint32_t) = nullptr;
-    if (same(f[0], "emm_cause"))
+    if (equal_nocase(f[0], "emm_cause"))
         text = emm_cause_str;
-    else if (same(f[0], "5gmm_cause"))
+    else if (equal_nocase(f[0], "5gmm_cause"))
         text = mm5g_cause_str;
-    else if (same(f[0], "esm_cause"))
+    else if (equal_nocase(f[0], "esm_cause"))
         event = EVT_ESM_ERROR, text = esm_cause_str;
     if (!text)
         return ACT_STATUS_INVALID_URC;
@@ -1335,8 +1224,9 @@ int get_nr5g_disable_mode_nr(modem *mdm, int type, ujson *json, request *req)
     if (type == 0)
         return set_command(req, "AT+QNWPREFCFG=\"nr5g_disable_mode\"\r");
     int64_t value;
-    if (!answer_ok(mdm) || !number_of(at(item_values(answer(mdm), "+QNWPREFCFG:", "nr5g_disable_mode"), 0), value) ||
-        value < 0 || value > 2)
+    if (!answer_ok(mdm) ||
+        !to_number(field_at(item_values(answer(mdm), "+QNWPREFCFG", "nr5g_disable_mode"), 0), value) || value < 0 ||
+        value > 2)
         return ACT_STATUS_INVALID_RESPONSE;
     reply_enum(json, "mode", static_cast<uint32_t>(value) + 1, disable_nr5g_mode_str);
     return ACT_STATUS_OK;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <string>
 
@@ -11,40 +10,11 @@
 
 #include "drivers/generic/driver_test_support.h"
 #include "drivers/generic/generic_net.h"
+#include "drivers/generic/testdata_answers.h"
 #include "drivers/quectel/quectel.h"
 
 namespace
 {
-
-// testdata/net.txt: "name bytes" lines, bytes with C escapes.
-std::map<std::string, std::string> load(const char *file)
-{
-    std::map<std::string, std::string> out;
-    std::ifstream in(std::string(WWANCTL_SOURCE_DIR) + "/src/drivers/quectel/testdata/" + file);
-    for (std::string line; std::getline(in, line);) {
-        size_t sp = line.find(' ');
-        if (line.empty() || line[0] == '#' || sp == std::string::npos)
-            continue;
-        std::string &bytes = out[line.substr(0, sp)];
-        for (size_t i = sp + 1; i < line.size(); i++) {
-            char c = line[i];
-            if (c == '\\' && i + 1 < line.size()) {
-                c = line[++i];
-                c = c == 'r' ? '\r' : c == 'n' ? '\n' : c;
-            }
-            bytes += c;
-        }
-    }
-    return out;
-}
-
-std::string json_of(const ujson &j)
-{
-    char *s = blobmsg_format_json(j.get_blobmsg(), true);
-    std::string out = s ? s : "(null)";
-    std::free(s);
-    return out;
-}
 
 struct parse_row {
     act_func fn;
@@ -73,7 +43,7 @@ class QuectelNetTest : public driver_test
     {
         mdm.events.clear();
         int status = parse(fn, answer_of(capture));
-        std::string out = std::to_string(status) + " " + json_of(*reply);
+        std::string out = std::to_string(status) + " " + as_json(*reply);
         for (const auto &e : mdm.events)
             out += " " + std::to_string(e.id) + "=" + std::to_string(e.number);
         return out;
@@ -93,7 +63,7 @@ class QuectelNetTest : public driver_test
             EXPECT_EQ(parsed(rows[i].fn, rows[i].capture), rows[i].expect) << rows[i].capture;
     }
 
-    std::map<std::string, std::string> captures = load("net.txt");
+    std::map<std::string, std::string> captures = load_answers("quectel", "net.txt");
 };
 
 TEST_F(QuectelNetTest, SignalQueryByServingSystem)
@@ -411,7 +381,7 @@ TEST_F(QuectelNetTest, RejectCauseReports)
         EXPECT_EQ(urc(urc_qnetrc, std::string("\r\n") + row.line + "\r\n"), row.status) << row.line;
         std::string raised;
         for (const auto &e : mdm.events)
-            raised += std::to_string(e.id) + " " + (e.data ? json_of(*e.data) : std::to_string(e.number));
+            raised += std::to_string(e.id) + " " + (e.data ? as_json(*e.data) : std::to_string(e.number));
         EXPECT_EQ(raised, row.raised) << row.line;
     }
 }

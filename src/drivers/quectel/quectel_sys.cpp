@@ -1,7 +1,5 @@
 #include "drivers/quectel/quectel_sys.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -14,6 +12,7 @@
 #include "core/sim_config.h"
 #include "drivers/generic/generic_helpers.h"
 #include "drivers/generic/generic_sys.h"
+#include "drivers/quectel/quectel_answer.h"
 #include "ubus/vocab.h"
 #include "util/log.h"
 #include "util/ujson.h"
@@ -24,116 +23,24 @@ namespace quectel
 namespace
 {
 
-std::string_view trim(std::string_view text)
+// The values of the "+QCFG: "<name>",..." line of an OK answer (the fields
+// after the name); none when the answer is not OK or holds no such line.
+fields qcfg_values(const modem *mdm, std::string_view name)
 {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
-        text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
-        text.remove_suffix(1);
-    return text;
-}
-
-bool ieq(std::string_view a, std::string_view b)
-{
-    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-} // namespace
-
-bool tag_is(std::string_view line, std::string_view tag)
-{
-    return line.size() > tag.size() && line[tag.size()] == ':' && ieq(line.substr(0, tag.size()), tag);
-}
-
-size_t line_fields(std::string_view line, std::string_view *fields, size_t max)
-{
-    size_t colon = line.find(':');
-    std::string_view rest = colon == std::string_view::npos ? line : line.substr(colon + 1);
-    size_t n = 0;
-    while (n < max) {
-        size_t end = std::string_view::npos;
-        if (n + 1 < max) {
-            bool quoted = false;
-            for (size_t i = 0; i < rest.size() && end == std::string_view::npos; i++) {
-                if (rest[i] == '"')
-                    quoted = !quoted;
-                else if (rest[i] == ',' && !quoted)
-                    end = i;
-            }
-        }
-        std::string_view field = trim(rest.substr(0, end));
-        if (field.size() >= 2 && field.front() == '"' && field.back() == '"')
-            field = field.substr(1, field.size() - 2);
-        fields[n++] = field;
-        if (end == std::string_view::npos)
-            break;
-        rest.remove_prefix(end + 1);
-    }
-    return n;
-}
-
-bool field_int(std::string_view field, int &value)
-{
-    if (field.empty() || field.size() > 11)
-        return false;
-    char text[12] = {};
-    field.copy(text, field.size());
-    char *end = nullptr;
-    long v = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || !(text[0] == '-' || text[0] == '+' || (text[0] >= '0' && text[0] <= '9')) ||
-        v < INT32_MIN || v > INT32_MAX)
-        return false;
-    value = static_cast<int>(v);
-    return true;
-}
-
-int restart_result(modem *mdm, ujson *json)
-{
-    if (!answer_ok(mdm))
-        return ACT_STATUS_INVALID_RESPONSE;
-    json->add_bool("restart", true);
-    return ACT_STATUS_OK;
-}
-
-namespace
-{
-
-// The values of the "+QCFG: "<name>",..." line (the fields after the name);
-// their count, 0 when the answer is not OK or holds no such line.
-size_t qcfg_values(const modem *mdm, std::string_view name, std::string_view *values, size_t max)
-{
-    if (!answer_ok(mdm))
-        return 0;
-    size_t n = 0;
-    for_each_tagged(answer(mdm), "+QCFG", [&](std::string_view line) {
-        std::string_view fields[8];
-        size_t k = line_fields(line, fields, std::min<size_t>(max + 1, 8));
-        if (n == 0 && k >= 2 && ieq(fields[0], name)) {
-            std::copy(fields + 1, fields + k, values);
-            n = k - 1;
-        }
-    });
-    return n;
+    return answer_ok(mdm) ? item_values(answer(mdm), "+QCFG", name) : fields();
 }
 
 // The first value of the +QCFG line for name as a number.
 bool qcfg_int(const modem *mdm, std::string_view name, int &value)
 {
-    std::string_view values[1];
-    return qcfg_values(mdm, name, values, 1) == 1 && field_int(values[0], value);
+    fields values = qcfg_values(mdm, name);
+    return !values.empty() && to_number(values[0], value);
 }
 
-// The first fields of the first line tagged tag of an OK answer; their count.
-size_t tagged_fields(const modem *mdm, std::string_view tag, std::string_view *fields, size_t max)
+// The fields of the first line tagged tag of an OK answer.
+fields ok_fields(const modem *mdm, std::string_view tag)
 {
-    if (!answer_ok(mdm))
-        return 0;
-    size_t n = 0;
-    for_each_tagged(answer(mdm), tag, [&](std::string_view line) {
-        if (n == 0)
-            n = line_fields(line, fields, max);
-    });
-    return n;
+    return answer_ok(mdm) ? tagged_fields(answer(mdm), tag) : fields();
 }
 
 // The information text of an answer: without its framing and final OK.
@@ -252,9 +159,9 @@ int get_sim_slot_with(const slot_commands &cmds, modem *mdm, int type, ujson *js
         return get_io_sim_slot(mdm, type, json, req);
     if (type == 0)
         return set_command(req, cmds.query);
-    std::string_view fields[2];
+    fields f = ok_fields(mdm, cmds.tag);
     int value;
-    if (tagged_fields(mdm, cmds.tag, fields, 2) < 1 || !field_int(fields[0], value) || value + cmds.offset < 1)
+    if (f.empty() || !to_number(f[0], value) || value + cmds.offset < 1)
         return ACT_STATUS_INVALID_RESPONSE;
     json->add_int("index", value + cmds.offset);
     return ACT_STATUS_OK;
@@ -300,8 +207,7 @@ int get_firmware(modem *mdm, int type, ujson *json, request *req)
         return ACT_STATUS_INVALID_RESPONSE;
     std::string_view line = first_line(qgmr);
     // The read form some firmware answers with carries the tag.
-    if (tag_is(line, "+QGMR"))
-        line = line.substr(line.find(':') + 1);
+    tagged(line, "+QGMR", &line);
     std::string_view full = trim(line).substr(0, 63);
     bool qgmr_ok = qgmr.ends_with("\r\nOK\r\n") || qgmr.ends_with("0\r");
     if (!qgmr_ok || full == "OK")
@@ -321,11 +227,11 @@ int get_sn(modem *mdm, int type, ujson *json, request *req)
 {
     if (type == 0)
         return set_command(req, "AT+EGMR=0,5\r");
-    std::string_view fields[1];
-    if (tagged_fields(mdm, "+EGMR", fields, 1) != 1 || fields[0].empty() || fields[0].size() > 31)
+    fields f = ok_fields(mdm, "+EGMR");
+    if (f.empty() || f[0].empty() || f[0].size() > 31)
         return ACT_STATUS_INVALID_RESPONSE;
-    reply_text(json, "serial", fields[0]);
-    cache_text(mdm, "serial_num", fields[0]);
+    reply_text(json, "serial", f[0]);
+    cache_text(mdm, "serial_num", f[0]);
     return ACT_STATUS_OK;
 }
 
@@ -333,10 +239,10 @@ int get_iccid(modem *mdm, int type, ujson *json, request *req)
 {
     if (type == 0)
         return set_command(req, "AT+QCCID\r");
-    std::string_view fields[1];
-    if (tagged_fields(mdm, "+QCCID", fields, 1) != 1)
+    fields f = ok_fields(mdm, "+QCCID");
+    if (f.empty())
         return ACT_STATUS_INVALID_RESPONSE;
-    std::string_view iccid = fields[0];
+    std::string_view iccid = f[0];
     // Odd-length ICCIDs are padded with F.
     while (iccid.ends_with('F') || iccid.ends_with('f'))
         iccid.remove_suffix(1);
@@ -356,17 +262,15 @@ int get_pin_count(modem *mdm, int type, ujson *json, request *req)
     if (!answer_ok(mdm))
         return ACT_STATUS_INVALID_RESPONSE;
     bool found = false;
-    for_each_tagged(answer(mdm), "+QPINC", [&](std::string_view line) {
-        std::string_view fields[3];
-        size_t n = line_fields(line, fields, 3);
-        bool sim = ieq(fields[0], "SC"), pin2 = ieq(fields[0], "P2");
+    for_each_tagged(answer(mdm), "+QPINC", [&](const fields &f) {
+        bool sim = equal_nocase(f[0], "SC"), pin2 = equal_nocase(f[0], "P2");
         if (!sim && !pin2)
             return;
         found = true;
         int value;
-        if (n > 1 && field_int(fields[1], value))
+        if (to_number(field_at(f, 1), value))
             json->add_int(sim ? "pin_count" : "pin2_count", value);
-        if (n > 2 && field_int(fields[2], value))
+        if (to_number(field_at(f, 2), value))
             json->add_int(sim ? "puk_count" : "puk2_count", value);
     });
     return found ? ACT_STATUS_OK : ACT_STATUS_INVALID_RESPONSE;
@@ -391,15 +295,15 @@ int get_urc_cfg(modem *mdm, int type, ujson *json, request *req)
 {
     if (type == 0)
         return set_command(req, "AT+QURCCFG=\"urcport\"\r");
-    std::string_view fields[2];
-    if (tagged_fields(mdm, "+QURCCFG", fields, 2) != 2 || !ieq(fields[0], "urcport") || fields[1].empty())
+    fields f = ok_fields(mdm, "+QURCCFG");
+    if (f.size() < 2 || !equal_nocase(f[0], "urcport") || f[1].empty())
         return ACT_STATUS_INVALID_RESPONSE;
     uint32_t id = 0;
     for (uint32_t i = 1; i < std::size(urc_ports); i++)
-        id = ieq(fields[1], urc_ports[i]) ? i : id;
+        id = equal_nocase(f[1], urc_ports[i]) ? i : id;
     json->add_int("port_id", static_cast<int32_t>(id));
     // A port this driver does not know is shown as the modem names it.
-    reply_text(json, "port", id ? std::string_view(urc_port_str(id)) : fields[1]);
+    reply_text(json, "port", id ? std::string_view(urc_port_str(id)) : f[1]);
     return ACT_STATUS_OK;
 }
 
@@ -427,11 +331,11 @@ int get_urc_ind_cfg(modem *mdm, int type, ujson *json, request *req)
             return args.status();
         return set_commandf(req, "AT+QINDCFG=\"%s\"\r", urc_ind_arg_str(urc));
     }
-    std::string_view fields[2];
+    fields f = ok_fields(mdm, "+QINDCFG");
     int enabled;
-    if (tagged_fields(mdm, "+QINDCFG", fields, 2) != 2 || fields[0].empty() || !field_int(fields[1], enabled))
+    if (f.size() < 2 || f[0].empty() || !to_number(f[1], enabled))
         return ACT_STATUS_INVALID_RESPONSE;
-    reply_text(json, "urc", fields[0]);
+    reply_text(json, "urc", f[0]);
     json->add_bool("enabled", enabled != 0);
     return ACT_STATUS_OK;
 }
@@ -520,12 +424,11 @@ struct ims_set {
 // not confirmed, so it is passed on as printed.
 bool read_ims(const modem *mdm, ujson *json, int &setting)
 {
-    std::string_view values[2];
-    size_t n = qcfg_values(mdm, "ims", values, 2);
-    if (n < 1 || !field_int(values[0], setting) || setting < 0 || setting > 2)
+    fields values = qcfg_values(mdm, "ims");
+    if (values.empty() || !to_number(values[0], setting, 0, 2))
         return false;
     int second;
-    if (n > 1 && field_int(values[1], second))
+    if (to_number(field_at(values, 1), second))
         json->add_int("volte_cap_raw", second);
     return true;
 }
@@ -599,12 +502,11 @@ int get_volte_ready(modem *mdm, int type, ujson *json, request *req)
 {
     if (type == 0)
         return set_command(req, "AT+CIREG?\r");
-    std::string_view fields[3];
-    size_t n = tagged_fields(mdm, "+CIREG", fields, 3);
+    fields f = ok_fields(mdm, "+CIREG");
     int reg, ext = 0;
-    if (n < 2 || !field_int(fields[1], reg))
+    if (!to_number(field_at(f, 1), reg))
         return ACT_STATUS_INVALID_RESPONSE;
-    bool has_ext = n > 2 && field_int(fields[2], ext);
+    bool has_ext = to_number(field_at(f, 2), ext);
     json->add_bool("ims_registered", reg == 1);
     if (has_ext)
         json->add_int("ext_info", ext);
@@ -627,9 +529,8 @@ struct qsimdet_set {
 
 bool read_qsimdet(const modem *mdm, int &enabled, int &level)
 {
-    std::string_view fields[2];
-    return tagged_fields(mdm, "+QSIMDET", fields, 2) == 2 && field_int(fields[0], enabled) &&
-           field_int(fields[1], level) && (enabled == 0 || enabled == 1) && (level == 0 || level == 1);
+    fields f = ok_fields(mdm, "+QSIMDET");
+    return to_number(field_at(f, 0), enabled, 0, 1) && to_number(field_at(f, 1), level, 0, 1);
 }
 
 } // namespace
@@ -708,13 +609,12 @@ int get_sim_soft_hotplug(modem *mdm, int type, ujson *json, request *req)
     if (type == 0)
         return set_command(req, "AT+QCFG=\"sim/recovery\"\r");
     static constexpr const char *keys[] = {"recovery_count", "detect_period", "detect_count"};
-    std::string_view values[3];
-    size_t n = qcfg_values(mdm, "sim/recovery", values, 3);
+    fields values = qcfg_values(mdm, "sim/recovery");
     int value;
-    if (n < 1 || !field_int(values[0], value))
+    if (!to_number(field_at(values, 0), value))
         return ACT_STATUS_INVALID_RESPONSE;
-    for (size_t i = 0; i < n; i++)
-        if (field_int(values[i], value))
+    for (size_t i = 0; i < values.size() && i < std::size(keys); i++)
+        if (to_number(values[i], value))
             json->add_int(keys[i], value);
     return ACT_STATUS_OK;
 }
@@ -760,20 +660,18 @@ int get_temperature(modem *mdm, int type, ujson *json, request *req)
     bool found = false;
     auto add = [&readings](std::string_view name, std::string_view field) {
         int value;
-        if (field_int(field, value) && valid_reading(name, value))
+        if (to_number(field, value) && valid_reading(name, value))
             readings.push_back({name, value});
     };
-    for_each_tagged(answer(mdm), "+QTEMP", [&](std::string_view line) {
-        std::string_view fields[8];
-        size_t n = line_fields(line, fields, 8);
+    for_each_tagged(answer(mdm), "+QTEMP", [&](const fields &f) {
         int number;
         found = true;
-        if (n >= 2 && !fields[0].empty() && !field_int(fields[0], number)) {
-            add(fields[0], fields[1]);
+        if (f.size() >= 2 && !f[0].empty() && !to_number(f[0], number)) {
+            add(f[0], f[1]);
             return;
         }
-        for (size_t i = 0; i < n && i < std::size(ec2x_sensors); i++)
-            add(ec2x_sensors[i], fields[i]);
+        for (size_t i = 0; i < f.size() && i < std::size(ec2x_sensors); i++)
+            add(ec2x_sensors[i], f[i]);
     });
     if (!found)
         return ACT_STATUS_INVALID_RESPONSE;

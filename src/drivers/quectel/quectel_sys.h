@@ -5,9 +5,6 @@
 // with the generic driver's (get_firmware, get_sn).
 #pragma once
 
-#include <cstddef>
-#include <string_view>
-
 #include "core/modem_driver.h"
 
 // Installs the EC2x-family implementations below on driver and withdraws
@@ -80,34 +77,5 @@ int mbn_deactivate(modem *mdm, int type, ujson *json, request *req);
 int set_mbn_select(modem *mdm, int type, ujson *json, request *req);
 int set_mbn_auto_sel(modem *mdm, int type, ujson *json, request *req);
 int get_mbn_auto_sel(modem *mdm, int type, ujson *json, request *req);
-
-// --- shared by quectel_sys.cpp and quectel_mbn.cpp ----------------------------------------
-
-// The fields of a "+TAG: a,b,..." line after the tag's colon (a blank after
-// it is optional): split at commas outside double quotes, blanks trimmed,
-// enclosing quotes removed. At most max, the last keeping the rest.
-size_t line_fields(std::string_view line, std::string_view *fields, size_t max);
-// Every line of the answer whose tag (up to its colon) is tag, ignoring
-// case; fn gets the line.
-template <class F> void for_each_tagged(std::string_view text, std::string_view tag, F &&fn);
-bool tag_is(std::string_view line, std::string_view tag);
-// The parse of a setting the modem applies at its next restart: on OK
-// "restart" true and 0, else 5.
-int restart_result(modem *mdm, ujson *json);
-// A decimal integer field, the whole field; false for "-", "" or text.
-bool field_int(std::string_view field, int &value);
-
-template <class F> void for_each_tagged(std::string_view text, std::string_view tag, F &&fn)
-{
-    while (!text.empty()) {
-        size_t end = text.find("\r\n");
-        std::string_view line = text.substr(0, end);
-        if (tag_is(line, tag))
-            fn(line);
-        if (end == std::string_view::npos)
-            break;
-        text.remove_prefix(end + 2);
-    }
-}
 
 } // namespace quectel

@@ -48,8 +48,7 @@ TEST_F(QuectelSysTest, CommandsAndAnswers)
         {"set_mbn_auto_sel", set_mbn_auto_sel, nullptr},
         {"get_mbn_auto_sel", get_mbn_auto_sel, nullptr},
     };
-    // The case reader looks in the generic driver's directory.
-    run_cases("../../quectel/testdata/sys.txt", fns);
+    run_cases("quectel", "sys.txt", fns);
 }
 
 TEST_F(QuectelSysTest, IdentityIsCachedOnlyWhenRead)
