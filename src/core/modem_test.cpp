@@ -463,6 +463,7 @@ struct fake_service {
     ubus_object_type type{};
     ubus_method method{};
     std::vector<std::string> calls; // "<method> <json>"
+    ubus_context *ctx = nullptr;     // where it is registered, until it goes
 
     fake_service(const char *name, const char *method_name)
     {
@@ -479,6 +480,21 @@ struct fake_service {
         obj.methods = &method;
         obj.n_methods = 1;
     }
+    fake_service(const fake_service &) = delete;
+    fake_service &operator=(const fake_service &) = delete;
+    // Leaves the bus with the test, also when an assertion ends it early.
+    ~fake_service()
+    {
+        if (ctx && obj.id)
+            ubus_remove_object(ctx, &obj);
+    }
+    int add_to(ubus_context *c)
+    {
+        int rc = ubus_add_object(c, &obj);
+        if (rc == 0)
+            ctx = c;
+        return rc;
+    }
 };
 
 TEST_F(ModemInstance, RebootIsAskedOfTheModemControlServiceWithoutWaiting)
@@ -488,11 +504,10 @@ TEST_F(ModemInstance, RebootIsAskedOfTheModemControlServiceWithoutWaiting)
     EXPECT_EQ(modem_invoke_mctl_reboot(mdm.get()), 1);
 
     fake_service mctl("mctl", "reboot");
-    ASSERT_EQ(ubus_add_object(client, &mctl.obj), 0);
+    ASSERT_EQ(mctl.add_to(client), 0);
     EXPECT_EQ(modem_invoke_mctl_reboot(mdm.get()), 0);
     ASSERT_TRUE(run_until(3000, [&] { return !mctl.calls.empty(); }));
     EXPECT_EQ(mctl.calls[0], R"(reboot {"id":"1-1.2"})");
-    ubus_remove_object(client, &mctl.obj);
 
     modem bare;
     EXPECT_EQ(modem_invoke_mctl_reboot(&bare), 1);
@@ -503,13 +518,12 @@ TEST_F(ModemInstance, NewModemReachesHotplugScripts)
     // The call waits up to a second for an answer, which this process can only
     // give afterwards: the daemon logs a failed call, the script still runs.
     fake_service hotplug("hotplug.gsm", "call");
-    ASSERT_EQ(ubus_add_object(client, &hotplug.obj), 0);
+    ASSERT_EQ(hotplug.add_to(client), 0);
     ASSERT_NO_FATAL_FAILURE(go_live());
     ASSERT_TRUE(run_until(3000, [&] { return !hotplug.calls.empty(); }));
     EXPECT_EQ(hotplug.calls[0], R"(call {"env":["OBJECT_NAME=gsm.modem0","MODEM_ID=1-1.2","EVENT_NAME=gsm.new_modem",)"
                                 R"("DATA={\"object_name\":\"gsm.modem0\",\"object_id\":)" +
                                     std::to_string(static_cast<int32_t>(modem_id)) + "}\"]}");
-    ubus_remove_object(client, &hotplug.obj);
 }
 
 TEST_F(ModemInstance, PoweredDownLineIsBroadcast)
