@@ -4,8 +4,6 @@
 
 #include <charconv>
 
-#include "drivers/generic/generic_helpers.h"
-#include "util/ujson.h"
 
 namespace quectel
 {
@@ -138,14 +136,6 @@ int cme_error(std::string_view text)
         seen = true;
     });
     return code;
-}
-
-int restart_result(modem *mdm, ujson *json)
-{
-    if (!answer_ok(mdm))
-        return ACT_STATUS_INVALID_RESPONSE;
-    json->add_bool("restart", true);
-    return ACT_STATUS_OK;
 }
 
 } // namespace quectel
