@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # fuzz.sh [seconds]: builds the libFuzzer targets of fuzz/ with clang in
 # build/fuzz and runs each on a scratch copy of its seed corpus, the time
-# (default 20 s) shared between them. Fails when a target finds a crash; the
+# (default 42 s) shared between them. Fails when a target finds a crash; the
 # input that caused it is left in build/fuzz/crashes/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-total=${1:-20}
+total=${1:-42}
 cmake -S . -B build/fuzz -G Ninja -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWWANCTL_FUZZ=ON -DWWANCTL_TESTS=OFF -DWWANCTL_BENCH=OFF >/dev/null
 mapfile -t targets < <(grep -v '^$' build/fuzz/fuzz/targets.txt)

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -302,6 +303,11 @@ void format_element(writer &w, blob_attr *attr, bool without_name)
 		uint64_t bits = blob_load_be64(data);
 		double d;
 		std::memcpy(&d, &bits, sizeof(d));
+		// JSON has no infinity or NaN ("inf" would not read back): null.
+		if (!std::isfinite(d)) {
+			w.put("null");
+			break;
+		}
 		std::snprintf(num, sizeof(num), "%lf", d);
 		w.put(num);
 		break;

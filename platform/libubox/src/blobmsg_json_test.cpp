@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -134,6 +135,10 @@ TEST(BlobmsgFormat, ScalarValues)
 		 "171540458953514382464234321326889464182768467546703537516986049910576551282076245490090389328944075"
 		 "868508455133942304583236903222948165808559332123348274797826204144723168738177180919299881250404026"
 		 "184124858368.000000"},
+		// A number past the double range reads as infinity; JSON has none.
+		{"infinity is null", [](blob_buf *b) { blobmsg_add_double(b, "v", HUGE_VAL); }, "null"},
+		{"negative infinity is null", [](blob_buf *b) { blobmsg_add_double(b, "v", -HUGE_VAL); }, "null"},
+		{"not a number is null", [](blob_buf *b) { blobmsg_add_double(b, "v", std::nan("")); }, "null"},
 		{"string escapes", [](blob_buf *b) {
 			 blobmsg_add_string(b, "v", "a\"b\\c\b\n\t\r\f\x01\x1f/\x7f\xc3\xa9");
 		 }, "\"a\\\"b\\\\c\\b\\n\\t\\r\\u000c\\u0001\\u001f/\x7f\xc3\xa9\""},
@@ -282,6 +287,29 @@ TEST(BlobmsgJson, RoundTripKeepsOrderAndTypes)
 		scoped_buf sb;
 		ASSERT_TRUE(blobmsg_add_json_from_string(&sb.b, doc));
 		EXPECT_EQ(text(blobmsg_format_json(sb.b.head, true)), doc);
+	}
+}
+
+// Numbers beyond the double range parse as infinities; what is printed for
+// them must be JSON that reads back, and prints the same again.
+TEST(BlobmsgJson, NumbersBeyondTheDoubleRangeGiveTextThatReadsBack)
+{
+	const struct {
+		const char *doc, *first;
+	} rows[] = {
+		{R"({"e":1e400})", R"({"e":null})"},
+		{R"({"n":-214741e349,"d":-0.0})", R"({"n":null,"d":-0.000000})"},
+		{R"({"l":[1e999,2]})", R"({"l":[null,2]})"},
+	};
+	for (const auto &r : rows) {
+		SCOPED_TRACE(r.doc);
+		scoped_buf sb;
+		ASSERT_TRUE(blobmsg_add_json_from_string(&sb.b, r.doc));
+		const std::string first = text(blobmsg_format_json(sb.b.head, true));
+		EXPECT_EQ(first, r.first);
+		scoped_buf again;
+		ASSERT_TRUE(blobmsg_add_json_from_string(&again.b, first.c_str()));
+		EXPECT_EQ(text(blobmsg_format_json(again.b.head, true)), first);
 	}
 }
 

@@ -1,11 +1,6 @@
 #include "drivers/quectel/quectel_answer.h"
 
-#include <strings.h>
-
 #include <charconv>
-
-#include "drivers/generic/generic_helpers.h"
-#include "util/ujson.h"
 
 namespace quectel
 {
@@ -16,6 +11,11 @@ namespace
 bool blank(char c)
 {
     return c == ' ' || c == '\t' || c == '\r';
+}
+
+char lower(char c)
+{
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
 } // namespace
@@ -29,9 +29,16 @@ std::string_view trim(std::string_view text)
     return text;
 }
 
+// Every byte counts: a C string comparison would stop at a zero byte and
+// take texts that differ behind it for equal.
 bool equal_nocase(std::string_view a, std::string_view b)
 {
-    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+    if (a.size() != b.size())
+        return false;
+    for (size_t i = 0; i < a.size(); i++)
+        if (lower(a[i]) != lower(b[i]))
+            return false;
+    return true;
 }
 
 bool starts_nocase(std::string_view text, std::string_view prefix)
@@ -138,14 +145,6 @@ int cme_error(std::string_view text)
         seen = true;
     });
     return code;
-}
-
-int restart_result(modem *mdm, ujson *json)
-{
-    if (!answer_ok(mdm))
-        return ACT_STATUS_INVALID_RESPONSE;
-    json->add_bool("restart", true);
-    return ACT_STATUS_OK;
 }
 
 } // namespace quectel

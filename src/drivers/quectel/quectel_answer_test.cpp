@@ -43,6 +43,30 @@ TEST(QuectelAnswer, TagMatchedInAnyCaseWithOrWithoutBlank)
     }
 }
 
+TEST(QuectelAnswer, CaseBlindComparisonsWeighEveryByte)
+{
+    using namespace std::string_literals;
+    const struct {
+        std::string a, b;
+        bool equal;
+    } rows[] = {
+        {"servingcell", "SERVINGCELL", true},
+        {"lte_band", "LTE_BAND", true},
+        {"gw_band", "gw_bandx", false},
+        {"", "", true},
+        // A zero byte ends no text: what follows it still counts.
+        {"band\0x"s, "band\0y"s, false},
+        {"\0\0\0\0\x0b"s, "\0\0\0\0\x05"s, false},
+        {"a\0B"s, "A\0b"s, true},
+        // Only ASCII letters fold.
+        {"\xc9", "\xe9", false},
+    };
+    for (const auto &r : rows) {
+        EXPECT_EQ(equal_nocase(r.a, r.b), r.equal) << testing::PrintToString(r.a);
+        EXPECT_EQ(starts_nocase(r.a + "rest", r.b), r.equal) << testing::PrintToString(r.a);
+    }
+}
+
 TEST(QuectelAnswer, FieldsSplitOutsideQuotesTrimmedAndUnquoted)
 {
     const struct {

@@ -13,6 +13,7 @@
 #include "drivers/generic/generic_helpers.h"
 #include "drivers/generic/modem_band.h"
 #include "drivers/quectel/quectel_answer.h"
+#include "drivers/quectel/quectel_band_text.h"
 #include "ubus/modem_api.h"
 #include "util/log.h"
 #include "util/ujson.h"
@@ -61,61 +62,6 @@ uint64_t row_mask(const modem *mdm, fam f)
 {
     const modem_info *info = mdm->info();
     return info ? info->bands.*fams[f].row : 0;
-}
-
-// --- masks of more than 64 bits ---------------------------------------------------------
-
-// LTE masks of AT+QCFG="band" put band n on bit n - 1, so B66, B71 and B85
-// lie beyond 64 bits.
-struct wide_mask {
-    uint64_t w[2] = {0, 0};
-
-    void set(unsigned bit)
-    {
-        if (bit < 128)
-            w[bit / 64] |= uint64_t{1} << (bit % 64);
-    }
-    bool empty() const { return !w[0] && !w[1]; }
-    wide_mask operator|(const wide_mask &o) const { return {{w[0] | o.w[0], w[1] | o.w[1]}}; }
-    wide_mask operator&(const wide_mask &o) const { return {{w[0] & o.w[0], w[1] & o.w[1]}}; }
-    wide_mask operator~() const { return {{~w[0], ~w[1]}}; }
-    bool operator==(const wide_mask &o) const = default;
-};
-
-std::string hex_text(const wide_mask &m)
-{
-    char buf[40];
-    if (m.w[1])
-        std::snprintf(buf, sizeof(buf), "0x%" PRIx64 "%016" PRIx64, m.w[1], m.w[0]);
-    else
-        std::snprintf(buf, sizeof(buf), "0x%" PRIx64, m.w[0]);
-    return buf;
-}
-
-// Hexadecimal with or without "0x"; false for anything else or more than 128 bits.
-bool parse_hex(std::string_view text, wide_mask &out)
-{
-    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X'))
-        text.remove_prefix(2);
-    while (text.size() > 1 && text.front() == '0')
-        text.remove_prefix(1);
-    if (text.empty() || text.size() > 32)
-        return false;
-    out = {};
-    for (char c : text) {
-        unsigned v;
-        if (c >= '0' && c <= '9')
-            v = static_cast<unsigned>(c - '0');
-        else if (c >= 'a' && c <= 'f')
-            v = static_cast<unsigned>(c - 'a' + 10);
-        else if (c >= 'A' && c <= 'F')
-            v = static_cast<unsigned>(c - 'A' + 10);
-        else
-            return false;
-        out.w[1] = (out.w[1] << 4) | (out.w[0] >> 60);
-        out.w[0] = (out.w[0] << 4) | v;
-    }
-    return true;
 }
 
 void reply_names(ujson *json, fam f, uint64_t mask)
@@ -564,20 +510,13 @@ int nr_get(modem *mdm, int type, ujson *json, request *req, const nr_layout &l)
             return;
         // Band numbers no family lists stay in the raw list only.
         uint64_t mask[2] = {};
-        std::string_view list = f[1];
-        while (!list.empty()) {
-            size_t colon = list.find(':');
-            std::string_view token = trim(list.substr(0, colon));
-            unsigned number = 0;
-            if (to_number(token, number))
-                for (int j = 0; j < 2; j++) {
-                    fam fm = j ? it->also : it->f;
-                    for (size_t k = 1; fm != F_COUNT && k <= fams[fm].bands->n_bands; k++)
-                        if (band_number(fm, k) == number)
-                            mask[j] |= bit_of(k);
-                }
-            list.remove_prefix(colon == std::string_view::npos ? list.size() : colon + 1);
-        }
+        for (unsigned number : band_numbers(f[1]))
+            for (int j = 0; j < 2; j++) {
+                fam fm = j ? it->also : it->f;
+                for (size_t k = 1; fm != F_COUNT && k <= fams[fm].bands->n_bands; k++)
+                    if (band_number(fm, k) == number)
+                        mask[j] |= bit_of(k);
+            }
         reply_text(json, it->item, f[1]);
         reply_names(json, it->f, mask[0]);
         if (it->also != F_COUNT)

@@ -1,7 +1,9 @@
 #include "drivers/quectel/quectel_band.h"
+#include "drivers/quectel/quectel_band_text.h"
 
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 #include "core/modem_info.h"
 #include "drivers/generic/driver_test_support.h"
@@ -459,3 +461,54 @@ TEST_F(QuectelBandTest, ProbeInstallsTheBaseActions)
 }
 
 } // namespace
+
+// The texts of the band settings on their own, as EC25 (AT+QCFG="band") and
+// RM520N-GL (AT+QNWPREFCFG) print them, and the spellings firmware varies in.
+TEST(QuectelBandText, HexMasksReadAndPrintBack)
+{
+    const struct {
+        const char *text;
+        bool ok;
+        uint64_t high, low;
+        const char *printed;
+    } rows[] = {
+        {"0x93", true, 0, 0x93, "0x93"},                                        // EC25 GSM/WCDMA field
+        {"0x2000000000480800D5", true, 0x20, 0x00000000480800D5, "0x2000000000480800d5"}, // EC25EU LTE, B66 above bit 64
+        {"1a", true, 0, 0x1a, "0x1a"},                                          // no "0x"
+        {"0X000f", true, 0, 0xf, "0xf"},                                        // leading zeros, capital X
+        {"0", true, 0, 0, "0x0"},
+        {"0xffffffffffffffffffffffffffffffff", true, ~uint64_t{0}, ~uint64_t{0}, "0xffffffffffffffffffffffffffffffff"},
+        {"0x1ffffffffffffffffffffffffffffffff", false, 0, 0, ""},              // 129 bits
+        {"0x", false, 0, 0, ""},
+        {"", false, 0, 0, ""},
+        {"0x12g", false, 0, 0, ""},
+        {" 0x1", false, 0, 0, ""},
+    };
+    for (const auto &r : rows) {
+        quectel::wide_mask m;
+        ASSERT_EQ(quectel::parse_hex(r.text, m), r.ok) << r.text;
+        if (!r.ok)
+            continue;
+        EXPECT_EQ(m.w[1], r.high) << r.text;
+        EXPECT_EQ(m.w[0], r.low) << r.text;
+        EXPECT_EQ(quectel::hex_text(m), r.printed) << r.text;
+    }
+}
+
+TEST(QuectelBandText, BandNumberListsKeepOrderAndSkipWhatIsNoNumber)
+{
+    const struct {
+        const char *list;
+        std::vector<unsigned> numbers;
+    } rows[] = {
+        {"1:3:7:20:28", {1, 3, 7, 20, 28}},          // RM520N-GL lte_band
+        {"41:78:77", {41, 78, 77}},                  // list order, not sorted
+        {" 1 : 3 ", {1, 3}},                         // blanks around entries
+        {"1::3:x:-2:+4", {1, 3, 4}},                 // empty, text and negative entries
+        {"0", {0}},
+        {"", {}},
+        {"4294967296:5", {5}},                       // beyond unsigned
+    };
+    for (const auto &r : rows)
+        EXPECT_EQ(quectel::band_numbers(r.list), r.numbers) << r.list;
+}

@@ -20,6 +20,14 @@
 namespace quectel
 {
 
+int restart_result(modem *mdm, ujson *json)
+{
+    if (!answer_ok(mdm))
+        return ACT_STATUS_INVALID_RESPONSE;
+    json->add_bool("restart", true);
+    return ACT_STATUS_OK;
+}
+
 namespace
 {
 

@@ -1,0 +1,209 @@
+// JSON text to blobmsg and back, through the ujson accessor.
+// Byte 0: bit 0 set: the rest is a raw blob message as the bus delivers it
+// (any bytes), read through ujson and formatted; clear: the rest is JSON text.
+// Checked for JSON text that parses: the formatted text parses again and
+// formats to the same text (a table member with an empty name prints as a
+// bare value, as the reference formatter does, and only such a document may
+// not read back); a copy rebuilt member by member with ujson's adds
+// and a clone format the same; every getter and the array walk stay inside
+// the message. Raw blobs: reading and formatting never crash.
+#include <libubox/blobmsg.h>
+#include <libubox/blobmsg_json.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fuzz_input.h"
+#include "util/ujson.h"
+
+namespace
+{
+
+struct text_ptr {
+    char *p;
+    explicit text_ptr(char *p) : p(p) {}
+    ~text_ptr() { std::free(p); }
+    text_ptr(const text_ptr &) = delete;
+    text_ptr &operator=(const text_ptr &) = delete;
+};
+
+struct blob_holder {
+    blob_buf b = {};
+    blob_holder() { blob_buf_init(&b, 0); }
+    ~blob_holder() { blob_buf_free(&b); }
+    blob_holder(const blob_holder &) = delete;
+    blob_holder &operator=(const blob_holder &) = delete;
+};
+
+// Adds attr (and what it holds) to out with ujson's typed adds.
+void rebuild(ujson &out, blob_attr *attr, bool in_array)
+{
+    const char *name = in_array ? nullptr : blobmsg_name(attr);
+    switch (blobmsg_type(attr)) {
+    case BLOBMSG_TYPE_STRING:
+        out.add_string(name, blobmsg_get_string(attr));
+        break;
+    case BLOBMSG_TYPE_INT8:
+        out.add_bool(name, blobmsg_get_u8(attr));
+        break;
+    case BLOBMSG_TYPE_INT32:
+        out.add_int(name, static_cast<int32_t>(blobmsg_get_u32(attr)));
+        break;
+    case BLOBMSG_TYPE_INT64:
+        out.add_long(name, static_cast<int64_t>(blobmsg_get_u64(attr)));
+        break;
+    case BLOBMSG_TYPE_DOUBLE:
+        out.add_double(name, blobmsg_get_double(attr));
+        break;
+    case BLOBMSG_TYPE_TABLE:
+    case BLOBMSG_TYPE_ARRAY: {
+        const bool array = blobmsg_type(attr) == BLOBMSG_TYPE_ARRAY;
+        void *c = array ? out.open_array(name) : out.open_table(name);
+        blob_attr *cur;
+        size_t rem;
+        blobmsg_for_each_attr(cur, attr, rem) rebuild(out, cur, array);
+        if (array)
+            out.close_array(c);
+        else
+            out.close_table(c);
+        break;
+    }
+    default:
+        // JSON null: blobmsg keeps it as an empty unspecified attribute.
+        out.add_blobmsg(attr);
+        break;
+    }
+}
+
+// Every reader of ujson on every member of the selected level.
+void read_all(ujson &u, const std::vector<std::string> &names)
+{
+    for (const std::string &n : names) {
+        const char *name = n.c_str();
+        (void)u.exists(name);
+        (void)u.get_int(name);
+        (void)u.get_long(name);
+        (void)u.get_bool(name);
+        (void)u.get_double(name);
+        if (const char *s = u.get_string(name))
+            (void)std::strlen(s);
+        if (u.select_array(name)) {
+            int guard = 0;
+            do {
+                (void)u.get_int();
+                (void)u.get_long();
+                (void)u.get_double();
+                (void)u.exists();
+                FUZZ_CHECK(++guard < 1 << 20);
+            } while (u.next_item());
+            u.select_attr(nullptr);
+        }
+    }
+}
+
+// Whether a table at any depth has a member with an empty name.
+bool empty_member_name(blob_attr *container, bool array)
+{
+    blob_attr *cur;
+    size_t rem;
+    blobmsg_for_each_attr(cur, container, rem)
+    {
+        if (!array && !*blobmsg_name(cur))
+            return true;
+        const int type = blobmsg_type(cur);
+        if ((type == BLOBMSG_TYPE_TABLE || type == BLOBMSG_TYPE_ARRAY) &&
+            empty_member_name(cur, type == BLOBMSG_TYPE_ARRAY))
+            return true;
+    }
+    return false;
+}
+
+std::vector<std::string> member_names(blob_attr *root)
+{
+    std::vector<std::string> names;
+    blob_attr *cur;
+    size_t rem;
+    blobmsg_for_each_attr(cur, root, rem)
+    {
+        if (!blobmsg_check_attr(cur, true))
+            break;
+        names.emplace_back(blobmsg_name(cur));
+    }
+    names.emplace_back("absent");
+    return names;
+}
+
+void raw_blob(const uint8_t *data, size_t size)
+{
+    // A message as received: aligned storage holding the bytes.
+    std::vector<uint32_t> store(size / 4 + 2, 0);
+    std::memcpy(store.data(), data, size);
+    auto *attr = reinterpret_cast<blob_attr *>(store.data());
+    if (size < sizeof(blob_attr) || blob_pad_len(attr) > size)
+        return;
+    auto u = ujson::create_ex(attr);
+    if (u)
+        read_all(*u, member_names(attr));
+    text_ptr text(blobmsg_format_json(attr, true));
+    text_ptr one(blobmsg_format_json_indent(attr, false, 1));
+}
+
+void json_text(const uint8_t *data, size_t size)
+{
+    std::string text(reinterpret_cast<const char *>(data), size);
+    blob_holder in;
+    if (!blobmsg_add_json_from_string(&in.b, text.c_str()))
+        return;
+    text_ptr first(blobmsg_format_json(in.b.head, true));
+    FUZZ_CHECK(first.p != nullptr);
+
+    if (!empty_member_name(in.b.head, false)) {
+        blob_holder again;
+        FUZZ_CHECK(blobmsg_add_json_from_string(&again.b, first.p));
+        text_ptr second(blobmsg_format_json(again.b.head, true));
+        FUZZ_CHECK(second.p != nullptr && std::strcmp(first.p, second.p) == 0);
+
+        // The indented form is the same document.
+        text_ptr pretty(blobmsg_format_json_indent(in.b.head, true, 0));
+        FUZZ_CHECK(pretty.p != nullptr);
+        blob_holder from_pretty;
+        FUZZ_CHECK(blobmsg_add_json_from_string(&from_pretty.b, pretty.p));
+        text_ptr third(blobmsg_format_json(from_pretty.b.head, true));
+        FUZZ_CHECK(third.p != nullptr && std::strcmp(first.p, third.p) == 0);
+    }
+
+    auto reader = ujson::create_ex(in.b.head);
+    FUZZ_CHECK(reader != nullptr);
+    read_all(*reader, member_names(in.b.head));
+
+    auto copy = ujson::create();
+    FUZZ_CHECK(copy != nullptr);
+    blob_attr *cur;
+    size_t rem;
+    blobmsg_for_each_attr(cur, in.b.head, rem) rebuild(*copy, cur, false);
+    text_ptr rebuilt(blobmsg_format_json(copy->get_blobmsg(), true));
+    FUZZ_CHECK(rebuilt.p != nullptr && std::strcmp(first.p, rebuilt.p) == 0);
+
+    auto clone = copy->clone();
+    FUZZ_CHECK(clone != nullptr);
+    text_ptr cloned(blobmsg_format_json(clone->get_blobmsg(), true));
+    FUZZ_CHECK(cloned.p != nullptr && std::strcmp(first.p, cloned.p) == 0);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size < 1)
+        return 0;
+    if (data[0] & 0x01)
+        raw_blob(data + 1, size - 1);
+    else
+        json_text(data + 1, size - 1);
+    return 0;
+}
