@@ -2,7 +2,7 @@
 # Installs the Debian 12 packages the build and the tests need, if missing.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ pkg-config libjson-c-dev libgtest-dev libgmock-dev socat clang libclang-rt-14-dev)
+packages=(cmake ninja-build g++ pkg-config libjson-c-dev libgtest-dev libgmock-dev socat clang libclang-rt-14-dev shellcheck)
 
 missing=()
 for p in "${packages[@]}"; do

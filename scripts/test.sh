@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
 # Builds both configurations and runs every test in each: the sanitizer build
 # catches memory and undefined-behaviour faults, the release build checks
-# what ships; then a short run of every fuzz target.
+# what ships; then a short run of every fuzz target. The package's shell
+# scripts are linted first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/deps.sh
 jobs=$(nproc)
 status=0
+echo "== package scripts"
+shellcheck openwrt/wwanctl/files/wwanctl.init openwrt/wwanctl/files/wwanctl.hotplug || status=1
 for kind in asan release; do
     echo "== $kind build"
     scripts/build.sh "$kind"

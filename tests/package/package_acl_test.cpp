@@ -1,0 +1,124 @@
+// The package's bus access list as the broker reads it: non-root peers in
+// the "wwan" group may watch the modems (events, notifications, the daemon's
+// statistics) and nothing more; the hot-plug events and the modem objects
+// stay root's unless the router's owner adds a file granting them.
+#ifdef WWANCTL_BROKER_ACL
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "broker_acl.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const fs::path acl_file = fs::path(WWANCTL_SOURCE_DIR) / "openwrt/wwanctl/files/wwanctl.acl.json";
+
+const ubusd::credentials watcher{1000, 1000, "status", "wwan"};
+const ubusd::credentials stranger{1001, 1001, "guest", "users"};
+const ubusd::credentials wwan_user_other_group{1002, 1002, "wwan", "users"};
+
+// What the router's owner might add: the wwan group may read one modem
+// method.
+const char *const owner_grant = R"({"group":"wwan","access":{"gsm.modem*":{"methods":["get_signal"]}}})";
+
+struct acl_case {
+    const char *what;
+    const ubusd::credentials *who;
+    ubusd::acl_op op;
+    const char *name;
+    const char *method;
+    bool allowed;
+    bool allowed_with_owner_grant;
+};
+
+using ubusd::acl_op;
+
+const acl_case cases[] = {
+    // Watching.
+    {"daemon events", &watcher, acl_op::listen, "gsm.*", nullptr, true, true},
+    {"one daemon event", &watcher, acl_op::listen, "gsm.modem.hang", nullptr, true, true},
+    {"SIM change", &watcher, acl_op::listen, "sim.changed", nullptr, true, true},
+    {"modem notifications", &watcher, acl_op::subscribe, "gsm.modem0", nullptr, true, true},
+    {"daemon notifications", &watcher, acl_op::subscribe, "gsm", nullptr, true, true},
+    {"daemon statistics", &watcher, acl_op::access, "gsm", "info", true, true},
+    // Root's alone.
+    {"hot-plug events heard", &watcher, acl_op::listen, "hotplug.modem_added", nullptr, false, false},
+    {"every event heard", &watcher, acl_op::listen, "*", nullptr, false, false},
+    {"a modem announced", &watcher, acl_op::send, "hotplug.modem_added", nullptr, false, false},
+    {"a modem withdrawn", &watcher, acl_op::send, "hotplug.modem_removed", nullptr, false, false},
+    {"a daemon event forged", &watcher, acl_op::send, "gsm.new_modem", nullptr, false, false},
+    {"a modem object published", &watcher, acl_op::publish, "gsm.modem0", nullptr, false, false},
+    {"the daemon object published", &watcher, acl_op::publish, "gsm", nullptr, false, false},
+    {"modems attached", &watcher, acl_op::access, "gsm", "attach", false, false},
+    {"modems detached", &watcher, acl_op::access, "gsm", "deattach", false, false},
+    {"raw AT", &watcher, acl_op::access, "gsm.modem0", "exec", false, false},
+    {"modem identity", &watcher, acl_op::access, "gsm.modem0", "info", false, false},
+    {"modem signal", &watcher, acl_op::access, "gsm.modem2", "get_signal", false, true},
+    {"a method of the daemon object through a modem grant", &watcher, acl_op::access, "gsm", "get_signal", false,
+     false},
+    // Outside the group nothing at all.
+    {"stranger: events", &stranger, acl_op::listen, "gsm.*", nullptr, false, false},
+    {"stranger: notifications", &stranger, acl_op::subscribe, "gsm.modem0", nullptr, false, false},
+    {"stranger: statistics", &stranger, acl_op::access, "gsm", "info", false, false},
+    {"stranger: modem signal", &stranger, acl_op::access, "gsm.modem0", "get_signal", false, false},
+    {"a user named like the group", &wwan_user_other_group, acl_op::listen, "gsm.*", nullptr, false, false},
+};
+
+class PackageAcl : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/wwan-acl-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir = tmpl;
+        // Installed as the package installs it: 0644.
+        fs::copy_file(acl_file, dir + "/wwanctl.json");
+        ASSERT_EQ(chmod((dir + "/wwanctl.json").c_str(), 0644), 0);
+    }
+    void TearDown() override { fs::remove_all(dir); }
+    ubusd::acl_table load()
+    {
+        std::vector<std::string> notes;
+        ubusd::acl_table t = ubusd::acl_table::load(dir, getuid(), &notes);
+        for (const std::string &n : notes)
+            ADD_FAILURE() << n;
+        return t;
+    }
+    std::string dir;
+};
+
+TEST_F(PackageAcl, GrantsWatchingOnly)
+{
+    ubusd::acl_table acl = load();
+    ASSERT_EQ(acl.size(), 1u) << "the file is not read as an access list";
+    for (const acl_case &c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(acl.allows(*c.who, c.op, c.name, c.method), c.allowed);
+    }
+}
+
+TEST_F(PackageAcl, OwnersFileGrantsMore)
+{
+    std::ofstream(dir + "/zz-owner.json") << owner_grant;
+    ASSERT_EQ(chmod((dir + "/zz-owner.json").c_str(), 0644), 0);
+    ubusd::acl_table acl = load();
+    ASSERT_EQ(acl.size(), 2u);
+    for (const acl_case &c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(acl.allows(*c.who, c.op, c.name, c.method), c.allowed_with_owner_grant);
+    }
+}
+
+} // namespace
+
+#endif
