@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds both configurations and runs every test in each: the sanitizer build
 # catches memory and undefined-behaviour faults, the release build checks
-# what ships; then a short run of every fuzz target.
+# what ships; then the build against system-style libubox/libubus and a short
+# run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,6 +16,8 @@ for kind in asan release; do
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
         ctest --test-dir "build/$kind" --output-on-failure -j "$jobs" || status=1
 done
+echo "== system libubox/libubus"
+JOBS=$jobs scripts/check-system-ubus.sh || status=1
 echo "== fuzz"
 scripts/fuzz.sh || status=1
 exit $status
