@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds both configurations and runs every test in each: the sanitizer build
 # catches memory and undefined-behaviour faults, the release build checks
-# what ships; then a short run of every fuzz target. The package's shell
-# scripts are linted first.
+# what ships; then the build against system-style libubox/libubus and a short
+# run of every fuzz target. The package's shell scripts are linted first, and
+# the size of the test suite against the code is printed last.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -18,6 +19,10 @@ for kind in asan release; do
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
         ctest --test-dir "build/$kind" --output-on-failure -j "$jobs" || status=1
 done
+echo "== system libubox/libubus"
+JOBS=$jobs scripts/check-system-ubus.sh || status=1
 echo "== fuzz"
 scripts/fuzz.sh || status=1
+echo "== code and tests"
+scripts/ratio.sh
 exit $status

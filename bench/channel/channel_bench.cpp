@@ -12,7 +12,7 @@
 #include <fstream>
 #include <string>
 
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 
 #include "comm/cmm_test_support.h"
 #include "comm/comm_manager.h"

@@ -23,7 +23,7 @@
 #include <string>
 #include <vector>
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include "bench_common.h"
 #include "util/root_path.h"
@@ -167,7 +167,7 @@ int main(int argc, char **argv)
     if (argc < 2)
         usage();
     std::string mode = argv[1];
-    std::string socket = wwan_path(UBUS_UNIX_SOCKET);
+    std::string socket = wwan_path(wwan_ubus_socket);
     std::vector<std::string> objects;
     const char *method = "get_net_reg_stat_all";
     double start_s = 0, limit_s = 60;

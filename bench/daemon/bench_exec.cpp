@@ -339,14 +339,14 @@ void print_row(const char *name, const std::string &what, const latency &l)
 
 std::string default_socket()
 {
-    return wwan_path(UBUS_UNIX_SOCKET);
+    return wwan_path(wwan_ubus_socket);
 }
 
 int usage(const char *prog)
 {
     fprintf(stderr,
             "Usage: %s [-s SOCKET] [-o OBJECT] [-n CALLS] [-w WARMUP] [-c COMMAND] [-t TTY]\n"
-            "  -s SOCKET   bus socket (default $WWANCTL_ROOT" UBUS_UNIX_SOCKET ")\n"
+            "  -s SOCKET   bus socket (default $WWANCTL_ROOT/var/run/ubus/ubus.sock)\n"
             "  -o OBJECT   modem object (default gsm.modem0)\n"
             "  -n CALLS    timed round trips per path (default 1000)\n"
             "  -w WARMUP   untimed rounds before the timed ones (default 20)\n"

@@ -759,7 +759,7 @@ int usage(const char *prog)
     fprintf(stderr,
             "Usage: %s [-s SOCKET] [-a AT_SOCKET] [-o OBJECT] [-n CLIENTS] [-r ROUNDS] [-w SECONDS]\n"
             "          [-c COMMAND] [-p PID] [-B PID]\n"
-            "  -s SOCKET     bus socket (default $WWANCTL_ROOT" UBUS_UNIX_SOCKET ")\n"
+            "  -s SOCKET     bus socket (default $WWANCTL_ROOT/var/run/ubus/ubus.sock)\n"
             "  -a AT_SOCKET  the modem's local AT socket (default $WWANCTL_ROOT/dev/modem0)\n"
             "  -o OBJECT     modem object (default gsm.modem0)\n"
             "  -n CLIENTS    concurrent clients per phase (default 1000)\n"
@@ -774,7 +774,7 @@ int usage(const char *prog)
 
 bool parse_options(int argc, char **argv, options &opt)
 {
-    opt.socket = wwan_path(UBUS_UNIX_SOCKET);
+    opt.socket = wwan_path(wwan_ubus_socket);
     opt.at_socket = wwan_path("/dev/modem0");
     int ch;
     while ((ch = getopt(argc, argv, "s:a:o:n:r:w:c:p:B:h")) != -1) {

@@ -20,8 +20,7 @@
 #include <string>
 #include <vector>
 
-#include <libubox/blobmsg_json.h>
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 
 #include "bench_common.h"
 #include "util/root_path.h"
@@ -130,7 +129,7 @@ int main(int argc, char **argv)
 {
     if (argc < 2 || std::strcmp(argv[1], "notify"))
         usage();
-    std::string socket = wwan_path(UBUS_UNIX_SOCKET);
+    std::string socket = wwan_path(wwan_ubus_socket);
     std::string object = "gsm.modem0";
     std::string ctl;
     int messages = 200;

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include "comm/request.h"
 #include "core/modem.h"

@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <libubox/usock.h>
+#include "wwan/ubox.h"
 
 #include "comm/at_command.h"
 #include "comm/cmm_internal.h"

@@ -10,9 +10,7 @@
 #include <cstdlib>
 #include <string>
 
-#include <libubox/blobmsg_json.h>
-#include <libubox/uloop.h>
-#include <libubox/usock.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include "comm/cmm_test_support.h"

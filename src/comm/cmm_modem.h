@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include <libubox/list.h>
+#include "wwan/ubox.h"
 
 class modem;
 class parser;

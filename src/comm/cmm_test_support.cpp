@@ -17,8 +17,7 @@
 #include <fstream>
 #include <sstream>
 
-#include <libubox/blobmsg_json.h>
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include "ubus/modem_api.h"

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include "comm/at_command.h"

@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 
 class cmm_modem;
 class parser;

@@ -12,8 +12,7 @@
 #include <fstream>
 #include <string>
 
-#include <libubox/blobmsg_json.h>
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 
 #include "comm/cmm_test_support.h"
 #include "core/modem_driver.h"

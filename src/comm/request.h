@@ -7,7 +7,7 @@
 #include <memory>
 #include <utility>
 
-#include <libubox/list.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 class modem;

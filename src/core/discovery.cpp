@@ -1,6 +1,6 @@
 #include "core/discovery.h"
 
-#include <libubox/blobmsg.h>
+#include "wwan/ubox.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <new>
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include "comm/parser_manager.h"
 #include "core/modem_driver.h"

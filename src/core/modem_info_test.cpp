@@ -3,7 +3,7 @@
 #include "drivers/generic/modem_band.h"
 #include "util/ujson.h"
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include <gtest/gtest.h>
 

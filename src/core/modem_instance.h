@@ -12,8 +12,7 @@
 #include <memory>
 #include <string>
 
-#include <libubox/list.h>
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include "comm/cmm_modem.h"

@@ -5,7 +5,7 @@
 #include <ctime>
 #include <new>
 
-#include <libubox/blobmsg.h>
+#include "wwan/ubox.h"
 
 #include "comm/parser_manager.h"
 #include "comm/request.h"
@@ -118,7 +118,7 @@ int modem_manager::start(bool compress)
     // The socket sits under the root like every other path; unset, the
     // library's own default is used.
     if (!wwan_root().empty()) {
-        socket_path_ = wwan_path(UBUS_UNIX_SOCKET);
+        socket_path_ = wwan_path(wwan_ubus_socket);
         conn_.path = socket_path_.c_str();
     }
     ubus_auto_connect(&conn_);

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include "comm/comm_manager.h"

@@ -3,7 +3,7 @@
 // requests that expire.
 #include "core/modem_manager.h"
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include <cstdlib>

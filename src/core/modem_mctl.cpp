@@ -1,5 +1,5 @@
 // Restart requests to the platform's modem-control service.
-#include <libubox/blobmsg.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include <cstdlib>

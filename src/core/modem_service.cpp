@@ -1,5 +1,5 @@
 // Synchronous calls from a driver to another service on the bus.
-#include <libubox/blobmsg.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include "core/modem.h"

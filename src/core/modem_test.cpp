@@ -2,8 +2,7 @@
 // broker; the modem manager is a double.
 #include "core/modem_instance.h"
 
-#include <libubox/blobmsg_json.h>
-#include <libubox/usock.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 #include <signal.h>
 #include <sys/prctl.h>

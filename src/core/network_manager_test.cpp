@@ -1,7 +1,6 @@
 #include "core/network_manager.h"
 
-#include <libubox/blobmsg_json.h>
-#include <libubox/usock.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include <algorithm>

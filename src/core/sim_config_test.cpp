@@ -9,7 +9,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include "util/log.h"
 #include "util/ujson.h"

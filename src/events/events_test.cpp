@@ -1,6 +1,6 @@
 #include "events/events.h"
 
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 
 #include <string>
 #include <utility>

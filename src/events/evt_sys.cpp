@@ -2,7 +2,7 @@
 // calls, SIM status, file upload and band changes.
 #include "events/events.h"
 
-#include <libubox/blobmsg.h>
+#include "wwan/ubox.h"
 
 #include "ubus/modem_api.h"
 #include "ubus/vocab.h"

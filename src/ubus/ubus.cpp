@@ -1,6 +1,7 @@
 #include "ubus/ubus.h"
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/blobmsg_depth.h"
+#include "wwan/ubox.h"
 
 #include <cstddef>
 #include <cstdio>
@@ -75,16 +76,16 @@ const catalogue_entry *find_entry(const char *method)
     return i < 0 ? nullptr : g_slots[i].entry;
 }
 
-// Arguments nested deeper than BLOBMSG_MAX_DEPTH are refused before a
+// Arguments nested deeper than WWAN_BLOBMSG_MAX_DEPTH are refused before a
 // handler, a debug line or a driver reads them. The formatter and the
 // converters are bounded on their own; refusing here keeps every method,
 // present and future, from ever seeing such a message.
 bool args_too_deep(const char *method, blob_attr *msg)
 {
-    if (!msg || blobmsg_check_depth(msg, true))
+    if (!msg || wwan_blobmsg_check_depth(msg, true))
         return false;
     LOG_DEBUG("Ubus call: %s refused: arguments nested deeper than %d levels\n", method ? method : "",
-              BLOBMSG_MAX_DEPTH);
+              WWAN_BLOBMSG_MAX_DEPTH);
     return true;
 }
 

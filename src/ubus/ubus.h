@@ -11,7 +11,7 @@
 // the caller gets as an "errno"/"error" reply; nothing is queued then.
 #pragma once
 
-#include <libubox/blobmsg.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include <cstdint>
@@ -75,7 +75,7 @@ void ubus_cleanup();
 //
 // Every registered method is entered through the registry's one bus handler,
 // which answers UBUS_STATUS_INVALID_ARGUMENT, without running the method, to
-// arguments nested deeper than BLOBMSG_MAX_DEPTH (libubox/blobmsg.h); the
+// arguments nested deeper than WWAN_BLOBMSG_MAX_DEPTH (wwan/blobmsg_depth.h); the
 // `gsm` object's methods are guarded the same way. So no handler, debug line
 // or driver ever reads such a message.
 int ubus_register_method(const char *name, ubus_handler_t handler, const blobmsg_policy *policy, int n_policy);

@@ -2,7 +2,7 @@
 // identification record, the raw AT pass-through and the modem function.
 // They talk to the modem and the driver registry directly, not through the
 // catalogue.
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include <cstdlib>
 #include <cstring>

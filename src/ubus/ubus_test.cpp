@@ -3,8 +3,8 @@
 // of this process calls them as any client would.
 #include "ubus/ubus.h"
 
-#include <libubox/blobmsg_json.h>
-#include <libubox/usock.h>
+#include "wwan/blobmsg_depth.h"
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include <chrono>
@@ -698,11 +698,11 @@ TEST_F(BusApi, ArgumentsNestedBeyondTheLimitAreRefusedBeforeAnyHandler)
         uint32_t obj = r.gsm ? gsm_id : modem_id;
         mdm.queue.clear();
         g_invocations.clear();
-        EXPECT_EQ(call_nested(obj, r.method, r.args, BLOBMSG_MAX_DEPTH + 1).status, UBUS_STATUS_INVALID_ARGUMENT);
+        EXPECT_EQ(call_nested(obj, r.method, r.args, WWAN_BLOBMSG_MAX_DEPTH + 1).status, UBUS_STATUS_INVALID_ARGUMENT);
         EXPECT_TRUE(mdm.queue.empty());
         EXPECT_TRUE(g_invocations.empty());
 
-        call_result at_limit = call_nested(obj, r.method, r.args, BLOBMSG_MAX_DEPTH);
+        call_result at_limit = call_nested(obj, r.method, r.args, WWAN_BLOBMSG_MAX_DEPTH);
         EXPECT_EQ(at_limit.status, 0);
         EXPECT_EQ(mdm.queue.size(), r.queues ? 1u : 0u);
     }
@@ -715,7 +715,7 @@ TEST_F(BusApi, DeepExecIsRefusedWithoutADebugLineOfItsArguments)
     // About 1 MB, as the attack sent it: formatting it for the debug line
     // overflowed the stack.
     call_result deep = call_nested(modem_id, "exec", R"({"command":"AT"})", 120000);
-    call_result at_limit = call_nested(modem_id, "exec", R"({"command":"AT"})", BLOBMSG_MAX_DEPTH);
+    call_result at_limit = call_nested(modem_id, "exec", R"({"command":"AT"})", WWAN_BLOBMSG_MAX_DEPTH);
     log_level(0);
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(deep.status, UBUS_STATUS_INVALID_ARGUMENT);
@@ -724,12 +724,12 @@ TEST_F(BusApi, DeepExecIsRefusedWithoutADebugLineOfItsArguments)
     EXPECT_EQ(mdm.queue[0].command, "AT");
 
     std::string refusal = "debug: Ubus call: exec refused: arguments nested deeper than " +
-                          std::to_string(BLOBMSG_MAX_DEPTH) + " levels\n";
+                          std::to_string(WWAN_BLOBMSG_MAX_DEPTH) + " levels\n";
     EXPECT_NE(out.find(refusal), std::string::npos) << out;
     std::string extra = R"(debug: Ubus call: exec {"command":"AT","extra":{)";
-    for (int i = 1; i < BLOBMSG_MAX_DEPTH; i++)
+    for (int i = 1; i < WWAN_BLOBMSG_MAX_DEPTH; i++)
         extra += R"("n":{)";
-    extra += std::string(BLOBMSG_MAX_DEPTH, '}') + "}\n";
+    extra += std::string(WWAN_BLOBMSG_MAX_DEPTH, '}') + "}\n";
     EXPECT_NE(out.find(extra), std::string::npos) << out;
     // the refusal and the call at the limit, nothing else
     size_t lines = 0;

@@ -6,7 +6,7 @@
 // internal request of the modem, whose completion releases the call.
 #pragma once
 
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 
 #include <cstdint>
 #include <memory>

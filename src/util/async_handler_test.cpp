@@ -6,7 +6,7 @@
 #include "util/services_test_support.h"
 #include "util/ujson.h"
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include <gtest/gtest.h>
 

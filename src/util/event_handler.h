@@ -10,7 +10,7 @@
 // handlers inside response parsing) thus never send bus messages themselves.
 #pragma once
 
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 
 #include <array>
 #include <cstdint>

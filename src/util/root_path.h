@@ -11,6 +11,11 @@ std::string_view wwan_root();
 // path (absolute) placed under the root; unchanged when no root is set.
 std::string wwan_path(std::string_view path);
 
+// The bus socket of the system's broker. The daemon and its tools place it
+// under the root like every other path; the bus library has the same path
+// built in for a null one.
+constexpr std::string_view wwan_ubus_socket = "/var/run/ubus/ubus.sock";
+
 // The longest port path a modem keeps ("/dev/ttyUSB2").
 constexpr size_t wwan_port_path_max = 31;
 

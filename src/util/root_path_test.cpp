@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 
 namespace
@@ -35,6 +36,40 @@ TEST(IsPortPath, OnlyPlainPathsUnderDevPass)
         SCOPED_TRACE(::testing::PrintToString(r.path));
         EXPECT_EQ(is_port_path(r.path), r.ok);
     }
+}
+
+} // namespace
+
+namespace
+{
+
+// The bus socket follows the root like every other path.
+TEST(BusSocket, PlacedUnderTheRoot)
+{
+    struct row {
+        const char *root; // null: unset
+        const char *path;
+    } rows[] = {
+        {nullptr, "/var/run/ubus/ubus.sock"},
+        {"", "/var/run/ubus/ubus.sock"},
+        {"/", "/var/run/ubus/ubus.sock"},
+        {"/tmp/r", "/tmp/r/var/run/ubus/ubus.sock"},
+        {"/tmp/r//", "/tmp/r/var/run/ubus/ubus.sock"},
+    };
+    const char *saved = std::getenv("WWANCTL_ROOT");
+    std::string keep = saved ? saved : "";
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.root ? r.root : "(unset)");
+        if (r.root)
+            setenv("WWANCTL_ROOT", r.root, 1);
+        else
+            unsetenv("WWANCTL_ROOT");
+        EXPECT_EQ(wwan_path(wwan_ubus_socket), r.path);
+    }
+    if (saved)
+        setenv("WWANCTL_ROOT", keep.c_str(), 1);
+    else
+        unsetenv("WWANCTL_ROOT");
 }
 
 } // namespace

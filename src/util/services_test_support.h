@@ -7,8 +7,7 @@
 #include <string>
 
 #include <gtest/gtest.h>
-#include <libubox/blobmsg_json.h>
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 
 #include "util/ujson.h"
 

@@ -1,6 +1,7 @@
 #include "util/ujson.h"
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/blobmsg_depth.h"
+#include "wwan/ubox.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -63,7 +64,7 @@ std::unique_ptr<ujson> ujson::create(blob_buf *buf)
 
 std::unique_ptr<ujson> ujson::create_ex(blob_attr *msg)
 {
-    if (msg && !blobmsg_check_depth(msg, true))
+    if (msg && !wwan_blobmsg_check_depth(msg, true))
         return nullptr;
     std::unique_ptr<ujson> j = create();
     if (j && msg) {
@@ -145,8 +146,8 @@ int ujson::add_int(const char *name, int32_t value)
 
 int32_t ujson::get_int(const char *name) const
 {
-    uint8_t raw[4];
-    return read_value(name, raw, sizeof(raw)) ? static_cast<int32_t>(blob_load_be32(raw)) : 0;
+    uint32_t raw;
+    return read_value(name, &raw, sizeof(raw)) ? static_cast<int32_t>(be32_to_cpu(raw)) : 0;
 }
 
 int ujson::add_long(const char *name, int64_t value)
@@ -156,8 +157,8 @@ int ujson::add_long(const char *name, int64_t value)
 
 int64_t ujson::get_long(const char *name) const
 {
-    uint8_t raw[8];
-    return read_value(name, raw, sizeof(raw)) ? static_cast<int64_t>(blob_load_be64(raw)) : 0;
+    uint64_t raw;
+    return read_value(name, &raw, sizeof(raw)) ? static_cast<int64_t>(be64_to_cpu(raw)) : 0;
 }
 
 int ujson::add_bool(const char *name, bool value)
@@ -178,10 +179,10 @@ int ujson::add_double(const char *name, double value)
 
 double ujson::get_double(const char *name) const
 {
-    uint8_t raw[8];
-    if (!read_value(name, raw, sizeof(raw)))
+    uint64_t raw;
+    if (!read_value(name, &raw, sizeof(raw)))
         return 0.0;
-    uint64_t bits = blob_load_be64(raw);
+    uint64_t bits = be64_to_cpu(raw);
     double d;
     std::memcpy(&d, &bits, sizeof(d));
     return d;

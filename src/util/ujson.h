@@ -11,7 +11,7 @@
 // while the buffer is neither freed nor grown by further adds.
 #pragma once
 
-#include <libubox/blobmsg.h>
+#include "wwan/ubox.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -24,10 +24,10 @@ public:
     static std::unique_ptr<ujson> create(blob_buf *buf = nullptr);
     // Reader for an incoming message: reads look among msg's children, adds
     // go to the object's own empty buffer. Null when msg's members nest
-    // deeper than BLOBMSG_MAX_DEPTH (libubox/blobmsg.h).
+    // deeper than WWAN_BLOBMSG_MAX_DEPTH (wwan/blobmsg_depth.h).
     static std::unique_ptr<ujson> create_ex(blob_attr *msg);
     // The members of a JSON object file; null if the file is missing, is not
-    // a JSON object, nests deeper than BLOBMSG_MAX_DEPTH or cannot be loaded.
+    // a JSON object, nests deeper than WWAN_BLOBMSG_MAX_DEPTH or cannot be loaded.
     static std::unique_ptr<ujson> create_file(const char *path);
 
     ~ujson();

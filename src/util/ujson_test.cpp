@@ -1,6 +1,7 @@
 #include "util/ujson.h"
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/blobmsg_depth.h"
+#include "wwan/ubox.h"
 
 #include <gtest/gtest.h>
 
@@ -111,9 +112,9 @@ std::unique_ptr<ujson> nested_message(int levels)
 TEST(UjsonCreate, MessagesAndFilesNestedBeyondTheLimitAreRefused)
 {
     std::string path = testing::TempDir() + "ujson_test_deep.json";
-    for (int levels : {BLOBMSG_MAX_DEPTH, BLOBMSG_MAX_DEPTH + 1, 100000}) {
+    for (int levels : {WWAN_BLOBMSG_MAX_DEPTH, WWAN_BLOBMSG_MAX_DEPTH + 1, 100000}) {
         SCOPED_TRACE(levels);
-        bool accepted = levels <= BLOBMSG_MAX_DEPTH;
+        bool accepted = levels <= WWAN_BLOBMSG_MAX_DEPTH;
         auto msg = nested_message(levels);
         auto reader = ujson::create_ex(msg->get_blobmsg());
         EXPECT_EQ(reader != nullptr, accepted);
@@ -249,7 +250,7 @@ TEST(UjsonGet, MalformedMessagesAreReadSafely)
     blob_put(b, BLOBMSG_TYPE_INT32, "\x00\x09xy", 4);  // name beyond the payload
     blob_attr *broken = static_cast<blob_attr *>(blob_data(b->head));
     broken = blob_next(blob_next(broken));
-    broken->id_len |= blob_be32(BLOB_ATTR_EXTENDED);
+    broken->id_len |= cpu_to_be32(BLOB_ATTR_EXTENDED);
     msg->add_int("n", 5);
 
     auto reader = ujson::create_ex(msg->get_blobmsg());

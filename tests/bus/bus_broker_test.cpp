@@ -4,7 +4,7 @@
 
 #include "ubus_wire.h"
 
-#include <libubox/usock.h>
+#include "wwan/ubox.h"
 
 #include <errno.h>
 #include <fcntl.h>

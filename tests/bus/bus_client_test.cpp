@@ -1,9 +1,7 @@
 // The bus client library against the real broker and a peer process.
 #include "bus_fixture.h"
 
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
+#include "wwan/ubox.h"
 
 #include <fcntl.h>
 #include <pwd.h>

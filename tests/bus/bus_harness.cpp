@@ -1,9 +1,6 @@
 #include "bus_harness.h"
 
-#include <libubox/usock.h>
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
+#include "wwan/ubox.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -1,7 +1,6 @@
 #include "tests/e2e/e2e_bus.h"
 
-#include <libubox/blobmsg_json.h>
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 
 #include <time.h>
 

@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 
 #include <signal.h>
 #include <unistd.h>

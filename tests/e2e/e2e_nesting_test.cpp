@@ -2,7 +2,8 @@
 // daemon, with its debug log on, refuses them and goes on serving.
 #include "tests/e2e/e2e_harness.h"
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/blobmsg_depth.h"
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include <vector>
@@ -72,13 +73,13 @@ TEST_F(Nesting, DeepExecArgumentIsRefusedAndTheDaemonGoesOn)
         EXPECT_GT(size, 1000000u);
         EXPECT_EQ(count_of(sim.transcript(), "CCLK"), 0u) << "the refused command reached the modem";
         EXPECT_TRUE(log->has("debug: Ubus call: exec refused: arguments nested deeper than " +
-                             std::to_string(BLOBMSG_MAX_DEPTH) + " levels"));
+                             std::to_string(WWAN_BLOBMSG_MAX_DEPTH) + " levels"));
     }
     {
         SCOPED_TRACE("at the limit");
         size_t size = 0;
         size_t sent = count_of(sim.transcript(), "in  \"AT+CSQ");
-        EXPECT_EQ(caller.exec_nested("gsm.modem0", "AT+CSQ", BLOBMSG_MAX_DEPTH, &size), 0);
+        EXPECT_EQ(caller.exec_nested("gsm.modem0", "AT+CSQ", WWAN_BLOBMSG_MAX_DEPTH, &size), 0);
         EXPECT_EQ(count_of(sim.transcript(), "in  \"AT+CSQ"), sent + 1) << sim.transcript();
     }
 

@@ -1,6 +1,6 @@
 #include "tests/e2e/e2e_process.h"
 
-#include <libubox/usock.h>
+#include "wwan/ubox.h"
 
 #include <fcntl.h>
 #include <signal.h>

@@ -1,6 +1,6 @@
 #include "tests/e2e/e2e_sms_limit.h"
 
-#include <libubox/blobmsg.h>
+#include "wwan/ubox.h"
 
 
 namespace e2e {

@@ -3,7 +3,7 @@
 // bus connection (it answers while the test waits on the bus).
 #pragma once
 
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include <string>

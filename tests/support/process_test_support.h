@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <libubox/usock.h>
+#include "wwan/ubox.h"
 
 namespace test_support {
 

@@ -1,9 +1,9 @@
 // wwan-bus: command-line bus client with the verbs, output and exit codes of
 // the stock ubus tool.
 #include <libubus.h>
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
+#include "wwan/ubox.h"
+
+#include "util/root_path.h"
 
 #include <getopt.h>
 #include <stdio.h>
@@ -28,11 +28,7 @@ int verbose;
 
 std::string default_socket()
 {
-	const char *root = getenv("WWANCTL_ROOT");
-	std::string r = root ? root : "";
-	while (!r.empty() && r.back() == '/')
-		r.pop_back();
-	return r + UBUS_UNIX_SOCKET;
+	return wwan_path(wwan_ubus_socket);
 }
 
 const char *type_name(int type)

@@ -2,8 +2,7 @@
 #include "broker_server.h"
 #include "util/root_path.h"
 
-#include <libubox/uloop.h>
-#include <ubus_common.h>
+#include "wwan/ubox.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -88,7 +87,7 @@ int usage(const char *prog)
 int main(int argc, char **argv)
 {
 	// Under $WWANCTL_ROOT, as every other path of the system.
-	std::string path = wwan_path(UBUS_UNIX_SOCKET);
+	std::string path = wwan_path(wwan_ubus_socket);
 	acl_dir = wwan_path(default_acl_dir);
 	int ch;
 	while ((ch = getopt(argc, argv, "s:A:")) != -1) {

@@ -1,4 +1,4 @@
-#include <libubox/blob.h>
+#include "wwan/ubox.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -21,7 +21,7 @@ blob_attr *offset_to_attr(const blob_buf *buf, uintptr_t offset)
 void set_header(blob_attr *attr, unsigned int id, unsigned int raw_len)
 {
 	uint32_t word = ((id << BLOB_ATTR_ID_SHIFT) & BLOB_ATTR_ID_MASK) | (raw_len & BLOB_ATTR_LEN_MASK);
-	attr->id_len = blob_be32(word);
+	attr->id_len = cpu_to_be32(word);
 }
 
 bool default_grow(blob_buf *buf, int minlen)
@@ -95,9 +95,9 @@ void blob_fill_pad(blob_attr *attr)
 
 void blob_set_raw_len(blob_attr *attr, unsigned int len)
 {
-	uint32_t word = blob_be32(attr->id_len);
+	uint32_t word = be32_to_cpu(attr->id_len);
 	word = (word & ~static_cast<uint32_t>(BLOB_ATTR_LEN_MASK)) | (len & BLOB_ATTR_LEN_MASK);
-	attr->id_len = blob_be32(word);
+	attr->id_len = cpu_to_be32(word);
 }
 
 bool blob_attr_equal(const blob_attr *a1, const blob_attr *a2)

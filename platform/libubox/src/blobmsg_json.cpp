@@ -1,4 +1,5 @@
-#include <libubox/blobmsg_json.h>
+#include "wwan/blobmsg_depth.h"
+#include "wwan/ubox.h"
 
 #include <json-c/json.h>
 
@@ -101,8 +102,8 @@ struct level_mark {
 };
 
 // A document is the members of a message: its own braces are one JSON level
-// above BLOBMSG_MAX_DEPTH.
-constexpr int document_depth = BLOBMSG_MAX_DEPTH + 1;
+// above WWAN_BLOBMSG_MAX_DEPTH.
+constexpr int document_depth = WWAN_BLOBMSG_MAX_DEPTH + 1;
 
 // Takes the parsed document; only an object is accepted.
 bool add_document(blob_buf *b, json_object *obj)
@@ -150,7 +151,7 @@ struct writer {
 	bool failed = false;
 	bool indent = false;
 	int level = 0;  // of indentation
-	int depth = 0;  // containers entered; beyond BLOBMSG_MAX_DEPTH the text fails
+	int depth = 0;  // containers entered; beyond WWAN_BLOBMSG_MAX_DEPTH the text fails
 	blobmsg_json_format_t cb = nullptr;
 	void *priv = nullptr;
 
@@ -288,19 +289,19 @@ void format_element(writer &w, blob_attr *attr, bool without_name)
 		w.put(*static_cast<uint8_t *>(data) ? "true" : "false");
 		break;
 	case BLOBMSG_TYPE_INT16:
-		std::snprintf(num, sizeof(num), "%d", static_cast<int>(static_cast<int16_t>(blob_load_be16(data))));
+		std::snprintf(num, sizeof(num), "%d", static_cast<int>(blobmsg_get_int16(attr)));
 		w.put(num);
 		break;
 	case BLOBMSG_TYPE_INT32:
-		std::snprintf(num, sizeof(num), "%" PRId32, static_cast<int32_t>(blob_load_be32(data)));
+		std::snprintf(num, sizeof(num), "%" PRId32, blobmsg_get_int32(attr));
 		w.put(num);
 		break;
 	case BLOBMSG_TYPE_INT64:
-		std::snprintf(num, sizeof(num), "%" PRId64, static_cast<int64_t>(blob_load_be64(data)));
+		std::snprintf(num, sizeof(num), "%" PRId64, blobmsg_get_int64(attr));
 		w.put(num);
 		break;
 	case BLOBMSG_TYPE_DOUBLE: {
-		uint64_t bits = blob_load_be64(data);
+		uint64_t bits = blobmsg_get_u64(attr);
 		double d;
 		std::memcpy(&d, &bits, sizeof(d));
 		// JSON has no infinity or NaN ("inf" would not read back): null.
@@ -318,7 +319,7 @@ void format_element(writer &w, blob_attr *attr, bool without_name)
 	case BLOBMSG_TYPE_ARRAY:
 	case BLOBMSG_TYPE_TABLE:
 		// checked before going down, so no input recurses without bound
-		if (w.depth >= BLOBMSG_MAX_DEPTH) {
+		if (w.depth >= WWAN_BLOBMSG_MAX_DEPTH) {
 			w.failed = true;
 			break;
 		}
@@ -346,13 +347,13 @@ extern "C" {
 bool blobmsg_add_object(blob_buf *b, json_object *obj)
 {
 	level_mark mark(b);
-	return mark.keep_if(add_members(b, obj, BLOBMSG_MAX_DEPTH));
+	return mark.keep_if(add_members(b, obj, WWAN_BLOBMSG_MAX_DEPTH));
 }
 
 bool blobmsg_add_json_element(blob_buf *b, const char *name, json_object *obj)
 {
 	level_mark mark(b);
-	return mark.keep_if(add_element(b, name, obj, BLOBMSG_MAX_DEPTH));
+	return mark.keep_if(add_element(b, name, obj, WWAN_BLOBMSG_MAX_DEPTH));
 }
 
 bool blobmsg_add_json_from_string(blob_buf *b, const char *str)

@@ -1,4 +1,5 @@
-#include <libubox/blobmsg_json.h>
+#include "wwan/blobmsg_depth.h"
+#include "wwan/ubox.h"
 
 #include <gtest/gtest.h>
 #include <json-c/json.h>
@@ -385,7 +386,7 @@ json_object *nested_object(int levels)
 
 TEST(BlobmsgFormatDepth, TextUpToTheLimitNothingBeyond)
 {
-	for (int levels : {BLOBMSG_MAX_DEPTH - 1, BLOBMSG_MAX_DEPTH}) {
+	for (int levels : {WWAN_BLOBMSG_MAX_DEPTH - 1, WWAN_BLOBMSG_MAX_DEPTH}) {
 		SCOPED_TRACE(levels);
 		scoped_buf sb;
 		std::string expect;
@@ -397,7 +398,7 @@ TEST(BlobmsgFormatDepth, TextUpToTheLimitNothingBeyond)
 		EXPECT_EQ(text(blobmsg_format_json(sb.first(), false)), expect.substr(1, expect.size() - 2));
 	}
 	// 120000 levels is about 1 MB: formatting it used to overflow the stack.
-	for (int levels : {BLOBMSG_MAX_DEPTH + 1, 120000}) {
+	for (int levels : {WWAN_BLOBMSG_MAX_DEPTH + 1, 120000}) {
 		SCOPED_TRACE(levels);
 		scoped_buf sb;
 		add_chain(&sb.b, levels);
@@ -415,8 +416,8 @@ TEST(BlobmsgJsonDepth, TextAndFilesUpToTheLimit)
 		int levels;
 		bool accepted;
 	} rows[] = {
-		{BLOBMSG_MAX_DEPTH, true},
-		{BLOBMSG_MAX_DEPTH + 1, false},
+		{WWAN_BLOBMSG_MAX_DEPTH, true},
+		{WWAN_BLOBMSG_MAX_DEPTH + 1, false},
 		{500000, false},  // 1 MB of brackets
 	};
 	for (const row &r : rows) {
@@ -449,9 +450,9 @@ TEST(BlobmsgJsonDepth, TextAndFilesUpToTheLimit)
 
 TEST(BlobmsgJsonDepth, ObjectsBuiltInCodeAreBoundedAndLeaveNothingWhenRefused)
 {
-	for (int levels : {BLOBMSG_MAX_DEPTH, BLOBMSG_MAX_DEPTH + 1}) {
+	for (int levels : {WWAN_BLOBMSG_MAX_DEPTH, WWAN_BLOBMSG_MAX_DEPTH + 1}) {
 		SCOPED_TRACE(levels);
-		bool accepted = levels <= BLOBMSG_MAX_DEPTH;
+		bool accepted = levels <= WWAN_BLOBMSG_MAX_DEPTH;
 		json_object *value = nested_object(levels);
 		json_object *doc = json_object_new_object();
 		json_object_object_add(doc, "a", json_object_new_int(1));
@@ -461,7 +462,7 @@ TEST(BlobmsgJsonDepth, ObjectsBuiltInCodeAreBoundedAndLeaveNothingWhenRefused)
 		EXPECT_EQ(blobmsg_add_object(&sb.b, doc), accepted);
 		// refused after "a" went in: that is taken out again
 		EXPECT_EQ(blob_len(sb.b.head) == 0, !accepted);
-		EXPECT_EQ(blobmsg_check_depth(sb.b.head, true), true);
+		EXPECT_EQ(wwan_blobmsg_check_depth(sb.b.head, true), true);
 
 		scoped_buf el;
 		blobmsg_add_u32(&el.b, "before", 1);
@@ -469,7 +470,7 @@ TEST(BlobmsgJsonDepth, ObjectsBuiltInCodeAreBoundedAndLeaveNothingWhenRefused)
 		EXPECT_EQ(blobmsg_add_json_element(&el.b, "deep", value), accepted);
 		EXPECT_EQ(blob_len(el.b.head) == before, !accepted);
 		if (accepted) {
-			EXPECT_EQ(blobmsg_depth(el.b.head, true, BLOBMSG_MAX_DEPTH), levels);
+			EXPECT_EQ(wwan_blobmsg_depth(el.b.head, true, WWAN_BLOBMSG_MAX_DEPTH), levels);
 		}
 		json_object_put(doc);
 	}

@@ -1,4 +1,5 @@
-#include <libubox/blobmsg.h>
+#include "wwan/blobmsg_depth.h"
+#include "wwan/ubox.h"
 
 #include <gtest/gtest.h>
 
@@ -363,10 +364,10 @@ TEST(BlobmsgDepth, CountsContainersBelowTheMessage)
 		SCOPED_TRACE(r.what);
 		scoped_buf sb;
 		r.add(&sb.b);
-		EXPECT_EQ(blobmsg_depth(sb.b.head, true, BLOBMSG_MAX_DEPTH), r.depth);
+		EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, WWAN_BLOBMSG_MAX_DEPTH), r.depth);
 		// limited to the depth it has, it still passes; one less and it fails
-		EXPECT_EQ(blobmsg_depth(sb.b.head, true, r.depth), r.depth);
-		EXPECT_EQ(blobmsg_depth(sb.b.head, true, r.depth - 1), -1);
+		EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, r.depth), r.depth);
+		EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, r.depth - 1), -1);
 	}
 
 	// Taken as a value, a container is a level itself and a scalar none.
@@ -374,10 +375,10 @@ TEST(BlobmsgDepth, CountsContainersBelowTheMessage)
 	add_chain(&sb.b, 2);
 	blobmsg_add_u32(&sb.b, "n", 1);
 	blob_attr *chain = sb.first();
-	EXPECT_EQ(blobmsg_depth(chain, false, BLOBMSG_MAX_DEPTH), 2);
-	EXPECT_EQ(blobmsg_depth(chain, true, BLOBMSG_MAX_DEPTH), 1);
-	EXPECT_EQ(blobmsg_depth(blob_next(chain), false, 0), 0);
-	EXPECT_EQ(blobmsg_depth(nullptr, true, 0), 0);
+	EXPECT_EQ(wwan_blobmsg_depth(chain, false, WWAN_BLOBMSG_MAX_DEPTH), 2);
+	EXPECT_EQ(wwan_blobmsg_depth(chain, true, WWAN_BLOBMSG_MAX_DEPTH), 1);
+	EXPECT_EQ(wwan_blobmsg_depth(blob_next(chain), false, 0), 0);
+	EXPECT_EQ(wwan_blobmsg_depth(nullptr, true, 0), 0);
 }
 
 TEST(BlobmsgDepth, TheLimitPassesOneMoreLevelDoesNot)
@@ -386,17 +387,17 @@ TEST(BlobmsgDepth, TheLimitPassesOneMoreLevelDoesNot)
 		int levels;
 		bool passes;
 	} rows[] = {
-		{BLOBMSG_MAX_DEPTH - 1, true},
-		{BLOBMSG_MAX_DEPTH, true},
-		{BLOBMSG_MAX_DEPTH + 1, false},
+		{WWAN_BLOBMSG_MAX_DEPTH - 1, true},
+		{WWAN_BLOBMSG_MAX_DEPTH, true},
+		{WWAN_BLOBMSG_MAX_DEPTH + 1, false},
 		{120000, false},  // about 1 MB, as an attacker would send it
 	};
 	for (const row &r : rows) {
 		SCOPED_TRACE(r.levels);
 		scoped_buf sb;
 		add_chain(&sb.b, r.levels);
-		EXPECT_EQ(blobmsg_check_depth(sb.b.head, true), r.passes);
-		EXPECT_EQ(blobmsg_depth(sb.b.head, true, BLOBMSG_MAX_DEPTH), r.passes ? r.levels : -1);
+		EXPECT_EQ(wwan_blobmsg_check_depth(sb.b.head, true), r.passes);
+		EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, WWAN_BLOBMSG_MAX_DEPTH), r.passes ? r.levels : -1);
 		// Validation looks at one level only, so depth never troubles it.
 		EXPECT_TRUE(blobmsg_check_attr(sb.first(), true));
 		EXPECT_EQ(blobmsg_check_array(sb.first(), BLOBMSG_TYPE_UNSPEC), 1);
@@ -407,8 +408,8 @@ TEST(BlobmsgDepth, LimitsAboveTheUsualOneAreWalkedToo)
 {
 	scoped_buf sb;
 	add_chain(&sb.b, 1000);
-	EXPECT_EQ(blobmsg_depth(sb.b.head, true, 5000), 1000);
-	EXPECT_EQ(blobmsg_depth(sb.b.head, true, 999), -1);
+	EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, 5000), 1000);
+	EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, 999), -1);
 }
 
 TEST(BlobmsgDepth, InvalidContainersAreNotEntered)
@@ -432,7 +433,7 @@ TEST(BlobmsgDepth, InvalidContainersAreNotEntered)
 		SCOPED_TRACE(r.what);
 		std::vector<uint8_t> bytes = from_hex(r.hex);
 		auto *root = reinterpret_cast<blob_attr *>(bytes.data());
-		EXPECT_EQ(blobmsg_depth(root, true, BLOBMSG_MAX_DEPTH), r.depth);
+		EXPECT_EQ(wwan_blobmsg_depth(root, true, WWAN_BLOBMSG_MAX_DEPTH), r.depth);
 	}
 }
 

@@ -1,6 +1,6 @@
 // The event loop: one epoll set, a sorted list of timeouts, and a self-pipe
 // that turns SIGINT/SIGTERM into a clean end of uloop_run().
-#include "libubox/uloop.h"
+#include "wwan/ubox.h"
 
 #include <errno.h>
 #include <fcntl.h>

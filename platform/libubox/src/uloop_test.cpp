@@ -1,5 +1,4 @@
-#include "libubox/uloop.h"
-#include "libubox/usock.h"
+#include "wwan/ubox.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // usock(): one call to get a connected or listening socket.
-#include "libubox/usock.h"
+#include "wwan/ubox.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 #include "broker.h"
 
-#include <libubox/blobmsg.h>
+#include "wwan/ubox.h"
 
 #include <string.h>
 #include <unistd.h>

@@ -2,10 +2,7 @@
 
 #include "broker.h"
 
-#include <libubox/blobmsg.h>
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
+#include "wwan/ubox.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 #include "broker_server.h"
 
-#include <libubox/usock.h>
+#include "wwan/ubox.h"
 
 #include <errno.h>
 #include <grp.h>

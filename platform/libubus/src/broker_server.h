@@ -11,7 +11,7 @@
 
 #include "broker.h"
 
-#include <libubox/uloop.h>
+#include "wwan/ubox.h"
 
 #include <deque>
 #include <memory>

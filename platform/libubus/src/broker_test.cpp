@@ -1,10 +1,7 @@
 #include "broker.h"
 #include "broker_server.h"
 
-#include <libubox/blobmsg.h>
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
+#include "wwan/ubox.h"
 
 #include <gtest/gtest.h>
 

@@ -11,7 +11,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <libubox/usock.h>
+#include "wwan/ubox.h"
 
 #include <new>
 

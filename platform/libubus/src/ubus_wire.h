@@ -5,6 +5,8 @@
 
 #include <sys/socket.h>
 
+// ubusmsg.h includes libubox/blob.h; wwan/ubox.h gives it C linkage first.
+#include "wwan/ubox.h"
 #include "ubusmsg.h"
 
 #include <cstddef>

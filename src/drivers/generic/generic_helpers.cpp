@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <libubox/blobmsg.h>
+#include "wwan/ubox.h"
 
 #include "comm/at_command.h"
 #include "comm/request.h"

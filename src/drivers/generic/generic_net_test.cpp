@@ -8,7 +8,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include "drivers/generic/driver_test_support.h"
 #include "drivers/generic/testdata_answers.h"

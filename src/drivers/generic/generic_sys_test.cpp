@@ -7,7 +7,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include "comm/request.h"
 #include "core/modem.h"

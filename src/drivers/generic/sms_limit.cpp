@@ -1,6 +1,6 @@
 #include "drivers/generic/sms_limit.h"
 
-#include <libubox/blobmsg.h>
+#include "wwan/ubox.h"
 #include <libubus.h>
 
 #include <cstring>

@@ -4,7 +4,7 @@
 // makes of them.
 #pragma once
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include <cstdlib>
 #include <fstream>

@@ -9,7 +9,7 @@
 #include <fstream>
 #include <string>
 
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include "comm/request.h"
 #include "drivers/generic/driver_test_support.h"

@@ -6,7 +6,7 @@
 #include <string>
 
 #include <gtest/gtest.h>
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include "drivers/generic/driver_test_support.h"
 #include "drivers/generic/generic_net.h"

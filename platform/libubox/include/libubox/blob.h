@@ -14,10 +14,6 @@
 
 #include "utils.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 #define BLOB_COOKIE		0x01234567
 
 enum {
@@ -58,56 +54,6 @@ struct blob_buf {
 	void *buf;
 };
 
-/* Byte order: payloads are big-endian whatever the host. */
-static inline uint16_t blob_be16(uint16_t v)
-{
-#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-	return __builtin_bswap16(v);
-#else
-	return v;
-#endif
-}
-
-static inline uint32_t blob_be32(uint32_t v)
-{
-#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-	return __builtin_bswap32(v);
-#else
-	return v;
-#endif
-}
-
-static inline uint64_t blob_be64(uint64_t v)
-{
-#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-	return __builtin_bswap64(v);
-#else
-	return v;
-#endif
-}
-
-/* Payload pointers are only 4-byte aligned, so reads go through memcpy. */
-static inline uint16_t blob_load_be16(const void *p)
-{
-	uint16_t v;
-	memcpy(&v, p, sizeof(v));
-	return blob_be16(v);
-}
-
-static inline uint32_t blob_load_be32(const void *p)
-{
-	uint32_t v;
-	memcpy(&v, p, sizeof(v));
-	return blob_be32(v);
-}
-
-static inline uint64_t blob_load_be64(const void *p)
-{
-	uint64_t v;
-	memcpy(&v, p, sizeof(v));
-	return blob_be64(v);
-}
-
 static inline void *blob_data(const struct blob_attr *attr)
 {
 	return (void *) attr->data;
@@ -115,18 +61,18 @@ static inline void *blob_data(const struct blob_attr *attr)
 
 static inline unsigned int blob_id(const struct blob_attr *attr)
 {
-	return (blob_be32(attr->id_len) & BLOB_ATTR_ID_MASK) >> BLOB_ATTR_ID_SHIFT;
+	return (be32_to_cpu(attr->id_len) & BLOB_ATTR_ID_MASK) >> BLOB_ATTR_ID_SHIFT;
 }
 
 static inline bool blob_is_extended(const struct blob_attr *attr)
 {
-	return !!(attr->id_len & blob_be32(BLOB_ATTR_EXTENDED));
+	return !!(attr->id_len & cpu_to_be32(BLOB_ATTR_EXTENDED));
 }
 
 /* Header plus payload, without trailing padding. */
 static inline size_t blob_raw_len(const struct blob_attr *attr)
 {
-	return blob_be32(attr->id_len) & BLOB_ATTR_LEN_MASK;
+	return be32_to_cpu(attr->id_len) & BLOB_ATTR_LEN_MASK;
 }
 
 /* Payload length; a corrupt length below the header size reads as 0. */
@@ -151,19 +97,29 @@ static inline bool blob_get_bool(const struct blob_attr *attr)
 	return *(const uint8_t *) attr->data != 0;
 }
 
+/* Payloads are only 4-byte aligned, so values are copied out. */
 static inline uint16_t blob_get_u16(const struct blob_attr *attr)
 {
-	return blob_load_be16(attr->data);
+	uint16_t v;
+
+	memcpy(&v, attr->data, sizeof(v));
+	return be16_to_cpu(v);
 }
 
 static inline uint32_t blob_get_u32(const struct blob_attr *attr)
 {
-	return blob_load_be32(attr->data);
+	uint32_t v;
+
+	memcpy(&v, attr->data, sizeof(v));
+	return be32_to_cpu(v);
 }
 
 static inline uint64_t blob_get_u64(const struct blob_attr *attr)
 {
-	return blob_load_be64(attr->data);
+	uint64_t v;
+
+	memcpy(&v, attr->data, sizeof(v));
+	return be64_to_cpu(v);
 }
 
 static inline int8_t blob_get_int8(const struct blob_attr *attr)
@@ -226,19 +182,19 @@ static inline struct blob_attr *blob_put_u8(struct blob_buf *buf, int id, uint8_
 
 static inline struct blob_attr *blob_put_u16(struct blob_buf *buf, int id, uint16_t val)
 {
-	val = blob_be16(val);
+	val = cpu_to_be16(val);
 	return blob_put(buf, id, &val, sizeof(val));
 }
 
 static inline struct blob_attr *blob_put_u32(struct blob_buf *buf, int id, uint32_t val)
 {
-	val = blob_be32(val);
+	val = cpu_to_be32(val);
 	return blob_put(buf, id, &val, sizeof(val));
 }
 
 static inline struct blob_attr *blob_put_u64(struct blob_buf *buf, int id, uint64_t val)
 {
-	val = blob_be64(val);
+	val = cpu_to_be64(val);
 	return blob_put(buf, id, &val, sizeof(val));
 }
 
@@ -276,9 +232,5 @@ static inline struct blob_attr *blob_put_u64(struct blob_buf *buf, int id, uint6
 	     blob_pad_len(pos) <= (size_t) (rem) && \
 	     blob_pad_len(pos) >= sizeof(struct blob_attr); \
 	     rem -= blob_pad_len(pos), pos = blob_next(pos))
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif

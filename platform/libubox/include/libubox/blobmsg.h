@@ -8,10 +8,6 @@
 
 #include "blob.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 #define BLOBMSG_ALIGN	2
 #define BLOBMSG_PADDING(len) (((len) + (1 << BLOBMSG_ALIGN) - 1) & ~((1 << BLOBMSG_ALIGN) - 1))
 
@@ -65,7 +61,10 @@ static inline int blobmsg_type(const struct blob_attr *attr)
 
 static inline uint16_t blobmsg_namelen(const struct blobmsg_hdr *hdr)
 {
-	return blob_load_be16(&hdr->namelen);
+	uint16_t v;
+
+	memcpy(&v, &hdr->namelen, sizeof(v));
+	return be16_to_cpu(v);
 }
 
 /* The value: after the name header when extended, else right after the blob
@@ -98,8 +97,7 @@ static inline size_t blobmsg_len(const struct blob_attr *attr)
 }
 
 /* One attribute's header, name and value; an array or table is accepted
- * without looking at its members (nor at how deep they go: see
- * blobmsg_depth). */
+ * without looking at its members. */
 bool blobmsg_check_attr(const struct blob_attr *attr, bool name);
 bool blobmsg_check_attr_len(const struct blob_attr *attr, bool name, size_t len);
 bool blobmsg_check_attr_list(const struct blob_attr *attr, int type);
@@ -109,27 +107,6 @@ bool blobmsg_check_attr_list_len(const struct blob_attr *attr, int type, size_t 
  * a child, or a child's type (unless `type` is UNSPEC) is wrong. */
 int blobmsg_check_array(const struct blob_attr *attr, int type);
 int blobmsg_check_array_len(const struct blob_attr *attr, int type, size_t len);
-
-/* The deepest nesting of arrays and tables anything here walks. Depth counts
- * containers: a scalar is 0, an array or table one more than its deepest
- * member. A message (or any attribute taken as a list of members) counts by
- * its members and is no level itself: {"a":1} is 0, {"a":{"b":[1]}} is 2.
- * The JSON formatter, the JSON -> blobmsg conversion and the JSON loaders
- * refuse anything deeper instead of recursing on it; bus servers are
- * expected to refuse deeper arguments (blobmsg_check_depth) before reading
- * them. Real messages stay within a handful of levels. */
-#define BLOBMSG_MAX_DEPTH	32
-
-/* The depth of attr as above (of its members with `list`), or -1 once it is
- * found to exceed max_depth: nothing below that level is looked at. Members
- * that fail blobmsg_check_attr are not entered. Iterative, so any input is
- * safe; a null attr is 0. */
-int blobmsg_depth(const struct blob_attr *attr, bool list, int max_depth);
-
-static inline bool blobmsg_check_depth(const struct blob_attr *attr, bool list)
-{
-	return blobmsg_depth(attr, list, BLOBMSG_MAX_DEPTH) >= 0;
-}
 
 int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len,
 		  struct blob_attr **tb, void *data, unsigned int len);
@@ -142,12 +119,6 @@ static inline int blobmsg_parse_attr(const struct blobmsg_policy *policy, int po
 	return blobmsg_parse(policy, policy_len, tb, blobmsg_data(data), (unsigned int) blobmsg_len(data));
 }
 
-static inline int blobmsg_parse_array_attr(const struct blobmsg_policy *policy, int policy_len,
-					   struct blob_attr **tb, struct blob_attr *data)
-{
-	return blobmsg_parse_array(policy, policy_len, tb, blobmsg_data(data), (unsigned int) blobmsg_len(data));
-}
-
 int blobmsg_add_field(struct blob_buf *buf, int type, const char *name,
 		      const void *data, unsigned int len);
 
@@ -156,7 +127,7 @@ static inline int blobmsg_add_double(struct blob_buf *buf, const char *name, dou
 	uint64_t bits;
 
 	memcpy(&bits, &val, sizeof(bits));
-	bits = blob_be64(bits);
+	bits = cpu_to_be64(bits);
 	return blobmsg_add_field(buf, BLOBMSG_TYPE_DOUBLE, name, &bits, 8);
 }
 
@@ -167,19 +138,19 @@ static inline int blobmsg_add_u8(struct blob_buf *buf, const char *name, uint8_t
 
 static inline int blobmsg_add_u16(struct blob_buf *buf, const char *name, uint16_t val)
 {
-	val = blob_be16(val);
+	val = cpu_to_be16(val);
 	return blobmsg_add_field(buf, BLOBMSG_TYPE_INT16, name, &val, 2);
 }
 
 static inline int blobmsg_add_u32(struct blob_buf *buf, const char *name, uint32_t val)
 {
-	val = blob_be32(val);
+	val = cpu_to_be32(val);
 	return blobmsg_add_field(buf, BLOBMSG_TYPE_INT32, name, &val, 4);
 }
 
 static inline int blobmsg_add_u64(struct blob_buf *buf, const char *name, uint64_t val)
 {
-	val = blob_be64(val);
+	val = cpu_to_be64(val);
 	return blobmsg_add_field(buf, BLOBMSG_TYPE_INT64, name, &val, 8);
 }
 
@@ -234,17 +205,26 @@ static inline bool blobmsg_get_bool(struct blob_attr *attr)
 
 static inline uint16_t blobmsg_get_u16(struct blob_attr *attr)
 {
-	return blob_load_be16(blobmsg_data(attr));
+	uint16_t v;
+
+	memcpy(&v, blobmsg_data(attr), sizeof(v));
+	return be16_to_cpu(v);
 }
 
 static inline uint32_t blobmsg_get_u32(struct blob_attr *attr)
 {
-	return blob_load_be32(blobmsg_data(attr));
+	uint32_t v;
+
+	memcpy(&v, blobmsg_data(attr), sizeof(v));
+	return be32_to_cpu(v);
 }
 
 static inline uint64_t blobmsg_get_u64(struct blob_attr *attr)
 {
-	return blob_load_be64(blobmsg_data(attr));
+	uint64_t v;
+
+	memcpy(&v, blobmsg_data(attr), sizeof(v));
+	return be64_to_cpu(v);
 }
 
 static inline int8_t blobmsg_get_int8(struct blob_attr *attr)
@@ -337,9 +317,5 @@ int blobmsg_printf(struct blob_buf *buf, const char *name, const char *format, .
 
 #define __blobmsg_for_each_attr(pos, attr, rem) \
 	__blob_for_each_attr(pos, attr, rem)
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif

@@ -6,22 +6,16 @@
 
 #include "blobmsg.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 struct json_object;
 
-/* Appends the members of a JSON object at the current level of `b`. Values
- * nested deeper than BLOBMSG_MAX_DEPTH (blobmsg.h; a member's depth as
- * there) are refused. On failure false, and nothing is added. */
+/* Appends the members of a JSON object at the current level of `b`. On
+ * failure false, and nothing is added. This implementation refuses values
+ * nested deeper than WWAN_BLOBMSG_MAX_DEPTH (wwan/blobmsg_depth.h) here and
+ * in every function below, instead of recursing on them. */
 bool blobmsg_add_object(struct blob_buf *b, struct json_object *obj);
-/* One value, at most BLOBMSG_MAX_DEPTH deep; as above on failure. */
+/* One value; as above on failure. */
 bool blobmsg_add_json_element(struct blob_buf *b, const char *name, struct json_object *obj);
-/* The document must be a JSON object whose members are at most
- * BLOBMSG_MAX_DEPTH deep (so at most BLOBMSG_MAX_DEPTH + 1 levels of JSON
- * brackets in all); otherwise false and nothing added. Deeper text is
- * refused while it is parsed. */
+/* The document must be a JSON object; otherwise false and nothing added. */
 bool blobmsg_add_json_from_string(struct blob_buf *b, const char *str);
 bool blobmsg_add_json_from_file(struct blob_buf *b, const char *file);
 
@@ -31,9 +25,8 @@ typedef const char *(*blobmsg_json_format_t)(void *priv, struct blob_attr *attr)
 /* malloc'ed text (caller frees), NULL on failure. `list` formats the
  * attribute's children as an object (or an array for an ARRAY attribute);
  * otherwise the attribute itself as "name":value. indent < 0 is compact;
- * indent >= 0 uses newlines and that many leading TABs. Input nested deeper
- * than BLOBMSG_MAX_DEPTH (counted as blobmsg_depth with the same `list`)
- * fails: NULL, not a truncated text. */
+ * indent >= 0 uses newlines and that many leading TABs. Input nested too
+ * deeply fails: NULL, not a truncated text. */
 char *blobmsg_format_json_with_cb(struct blob_attr *attr, bool list,
 				  blobmsg_json_format_t cb, void *priv, int indent);
 char *blobmsg_format_json_value_with_cb(struct blob_attr *attr,
@@ -58,9 +51,5 @@ static inline char *blobmsg_format_json_value_indent(struct blob_attr *attr, int
 {
 	return blobmsg_format_json_value_with_cb(attr, NULL, NULL, indent);
 }
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif

@@ -9,10 +9,6 @@
 
 #include "list.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 #define ULOOP_READ		(1 << 0)
 #define ULOOP_WRITE		(1 << 1)
 #define ULOOP_EDGE_TRIGGER	(1 << 2)
@@ -70,9 +66,5 @@ static inline int uloop_run(void)
 	return uloop_run_timeout(-1);
 }
 void uloop_done(void);
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif

@@ -2,10 +2,6 @@
 #ifndef LIBUBOX_USOCK_H
 #define LIBUBOX_USOCK_H
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 #define USOCK_TCP 0
 #define USOCK_UDP 1
 
@@ -24,9 +20,5 @@ int usock(int type, const char *host, const char *service);
 /* Waits up to msecs for a (non-blocking) connect to finish: 0, -ETIMEDOUT or
  * the socket error. */
 int usock_wait_ready(int fd, int msecs);
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif

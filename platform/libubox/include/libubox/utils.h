@@ -1,4 +1,5 @@
-/* Small helpers shared by the libubox-compatible headers. */
+/* Small helpers shared by the libubox-compatible headers: array size,
+ * container_of, packing, bits and byte order. */
 #ifndef LIBUBOX_UTILS_H
 #define LIBUBOX_UTILS_H
 
@@ -26,5 +27,29 @@
 #ifndef BIT
 #define BIT(x) (1UL << (x))
 #endif
+
+/* Byte order. Each macro evaluates its argument once. */
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+#define cpu_to_be16(x)	((uint16_t) (x))
+#define cpu_to_be32(x)	((uint32_t) (x))
+#define cpu_to_be64(x)	((uint64_t) (x))
+#define cpu_to_le16(x)	__builtin_bswap16((uint16_t) (x))
+#define cpu_to_le32(x)	__builtin_bswap32((uint32_t) (x))
+#define cpu_to_le64(x)	__builtin_bswap64((uint64_t) (x))
+#else
+#define cpu_to_be16(x)	__builtin_bswap16((uint16_t) (x))
+#define cpu_to_be32(x)	__builtin_bswap32((uint32_t) (x))
+#define cpu_to_be64(x)	__builtin_bswap64((uint64_t) (x))
+#define cpu_to_le16(x)	((uint16_t) (x))
+#define cpu_to_le32(x)	((uint32_t) (x))
+#define cpu_to_le64(x)	((uint64_t) (x))
+#endif
+
+#define be16_to_cpu(x)	cpu_to_be16(x)
+#define be32_to_cpu(x)	cpu_to_be32(x)
+#define be64_to_cpu(x)	cpu_to_be64(x)
+#define le16_to_cpu(x)	cpu_to_le16(x)
+#define le32_to_cpu(x)	cpu_to_le32(x)
+#define le64_to_cpu(x)	cpu_to_le64(x)
 
 #endif
