@@ -7,8 +7,7 @@
 // not read back); a copy rebuilt member by member with ujson's adds
 // and a clone format the same; every getter and the array walk stay inside
 // the message. Raw blobs: reading and formatting never crash.
-#include <libubox/blobmsg.h>
-#include <libubox/blobmsg_json.h>
+#include "wwan/ubox.h"
 
 #include <cstddef>
 #include <cstdint>

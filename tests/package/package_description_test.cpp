@@ -14,7 +14,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <libubox/blobmsg.h>
+#include "wwan/ubox.h"
 
 #include "core/discovery.h"
 #include "core/modem_info.h"
