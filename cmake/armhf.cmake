@@ -24,6 +24,7 @@ set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${WWANCTL_CROSS_TRIPLE}/pkgconfig:/usr/share
 set(ENV{PKG_CONFIG_PATH} "")
 
 # ctest (and GoogleTest's test discovery) run the target's programs through
-# qemu-user; -L lets the guest's loader find the armhf libc and libstdc++.
-set(WWANCTL_QEMU_PREFIX /usr/${WWANCTL_CROSS_TRIPLE})
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L ${WWANCTL_QEMU_PREFIX})
+# qemu-user. At run time they load the multiarch armhf libraries (libc6:armhf,
+# libstdc++6:armhf) from /lib/arm-linux-gnueabihf, not the cross sysroot's: the
+# sysroot's older libc crashes in fork() under qemu-arm.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm)

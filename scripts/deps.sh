@@ -10,7 +10,8 @@ case "${1:-}" in
 "") ;;
 armhf)
     armhf=1
-    packages+=(crossbuild-essential-armhf libjson-c-dev:armhf libgtest-dev:armhf libgmock-dev:armhf qemu-user)
+    packages+=(crossbuild-essential-armhf libjson-c-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libstdc++6:armhf
+        qemu-user)
     ;;
 *) echo "usage: $0 [armhf]" >&2; exit 2 ;;
 esac
