@@ -14,6 +14,24 @@ function(wwan_test name)
   gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endfunction()
 
+# wwan_tool_path(TOOL VAR): where the tests find a tool of tools/ (wwan-busd,
+# wwan-bus, wwan-modem-sim): in WWANCTL_HOST_TOOLS when set, else in this build.
+function(wwan_tool_path tool var)
+  set(dir ${PROJECT_BINARY_DIR})
+  if(WWANCTL_HOST_TOOLS)
+    set(dir ${WWANCTL_HOST_TOOLS})
+  endif()
+  if(tool STREQUAL "wwan-busd")
+    set(${var} "${dir}/tools/busd/wwan-busd" PARENT_SCOPE)
+  elseif(tool STREQUAL "wwan-bus")
+    set(${var} "${dir}/tools/bus/wwan-bus" PARENT_SCOPE)
+  elseif(tool STREQUAL "wwan-modem-sim")
+    set(${var} "${dir}/tools/modem-sim/wwan-modem-sim" PARENT_SCOPE)
+  else()
+    message(FATAL_ERROR "wwan_tool_path: unknown tool ${tool}")
+  endif()
+endfunction()
+
 # wwan_test_uses(TEST tool...): the test runs these executables of tools/
 # (wwan-busd, wwan-bus, wwan-modem-sim). tools/ is configured after src/, so
 # the build dependencies are added once everything is configured. The broker
@@ -24,10 +42,11 @@ function(wwan_test_uses test)
     return()
   endif()
   foreach(tool ${ARGN})
+    wwan_tool_path(${tool} path)
     if(tool STREQUAL "wwan-busd")
-      target_compile_definitions(${test} PRIVATE WWAN_BUSD="${PROJECT_BINARY_DIR}/tools/busd/wwan-busd")
+      target_compile_definitions(${test} PRIVATE WWAN_BUSD="${path}")
     elseif(tool STREQUAL "wwan-bus")
-      target_compile_definitions(${test} PRIVATE WWAN_BUS="${PROJECT_BINARY_DIR}/tools/bus/wwan-bus")
+      target_compile_definitions(${test} PRIVATE WWAN_BUS="${path}")
     endif()
   endforeach()
   # A deferred call evaluates its arguments when it runs: bake them in now.

@@ -281,6 +281,10 @@ std::optional<std::string> get_dir_value(std::string_view directory, std::string
     return value;
 }
 
+// A 32-bit readdir() fails with EOVERFLOW where the file system's directory
+// cookies exceed 32 bits, and the listing looks empty.
+static_assert(sizeof(off_t) == 8, "build with _FILE_OFFSET_BITS=64");
+
 // sysfs shows a USB serial port as a "ttyUSB<n>" entry of the interface and
 // an ACM port as "tty/ttyACM<n>"; both count.
 std::optional<std::string> get_serial_port_name(std::string_view interface_dir)
