@@ -176,8 +176,12 @@ simroot_sim_cmd()
 
 simroot_quick_scenario()
 {
+    # Beside copies of the scenarios it includes, which are found relative to it.
     local scn=$SIMROOT_ROOT/ec25-immediate.scn
-    [[ -f $scn ]] || sed '/^latency /d' "$SIMROOT_SRC/tools/modem-sim/scenarios/ec25.scn" >"$scn"
+    if [[ ! -f $scn ]]; then
+        cp "$SIMROOT_SRC"/tools/modem-sim/scenarios/*.scn "$SIMROOT_ROOT"/
+        sed '/^latency /d' "$SIMROOT_SRC/tools/modem-sim/scenarios/ec25.scn" >"$scn"
+    fi
     echo "$scn"
 }
 
