@@ -69,6 +69,7 @@ run wwan-bus call gsm.modem0 get_id_info
 run wwan-bus call gsm.modem0 exec '{"command":"AT+CSQ"}'
 run wwan-bus call gsm.modem0 exec '{"command":"AT+COPS?"}'
 run wwan-bus call gsm.modem0 read_sms '{"index":4}'
+run wwan-bus call gsm.modem0 get_serving_cell
 echo "\$ wwan-bus call gsm.modem0 info    # nested statistics shown as { ... }"
 wwan-bus call gsm.modem0 info | top_level
 echo
