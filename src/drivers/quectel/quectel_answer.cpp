@@ -1,5 +1,7 @@
 #include "drivers/quectel/quectel_answer.h"
 
+#include "ubus/vocab_table.h"
+
 #include <charconv>
 
 namespace quectel
@@ -11,11 +13,6 @@ namespace
 bool blank(char c)
 {
     return c == ' ' || c == '\t' || c == '\r';
-}
-
-char lower(char c)
-{
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
 } // namespace
@@ -33,12 +30,7 @@ std::string_view trim(std::string_view text)
 // take texts that differ behind it for equal.
 bool equal_nocase(std::string_view a, std::string_view b)
 {
-    if (a.size() != b.size())
-        return false;
-    for (size_t i = 0; i < a.size(); i++)
-        if (lower(a[i]) != lower(b[i]))
-            return false;
-    return true;
+    return vocab_ieq(a, b);
 }
 
 bool starts_nocase(std::string_view text, std::string_view prefix)
