@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "blob_test_util.h"
+#include "blob_test_support.h"
 
 namespace {
 
