@@ -457,8 +457,11 @@ std::string nr_command(const nr_layout &l, const band_plan &plan)
         cmd += cmd.empty() ? "AT+QNWPREFCFG=\"" : ";+QNWPREFCFG=\"";
         cmd += it.item;
         cmd += "\",";
-        for (size_t j = 0; j < numbers.size(); j++)
-            cmd += (j ? ":" : "") + std::to_string(numbers[j]);
+        for (size_t j = 0; j < numbers.size(); j++) {
+            if (j)
+                cmd += ':';
+            cmd += std::to_string(numbers[j]);
+        }
     }
     cmd += '\r';
     return cmd;
