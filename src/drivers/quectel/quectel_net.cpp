@@ -69,11 +69,14 @@ void put_bandwidth(ujson *json, const char *key, std::string_view f, bool nr)
 std::string band_name(std::string_view band)
 {
     band = trim(band);
+    std::string name;
     if (starts_nocase(band, "LTE BAND"))
-        return "B" + std::string(trim(band.substr(8)));
-    if (starts_nocase(band, "NR5G BAND"))
-        return "n" + std::string(trim(band.substr(9)));
-    return std::string(band);
+        name.append("B").append(trim(band.substr(8)));
+    else if (starts_nocase(band, "NR5G BAND"))
+        name.append("n").append(trim(band.substr(9)));
+    else
+        name = band;
+    return name;
 }
 
 // --- system modes ---------------------------------------------------------------------
@@ -964,7 +967,7 @@ int set_net_mode_nr(modem *mdm, int type, ujson *json, request *req)
         std::string list;
         for (size_t i = 0; i < 3; i++)
             if (m.rats & (1u << i))
-                list += (list.empty() ? "" : ":") + std::string(rat_names[i]);
+                list.append(list.empty() ? "" : ":").append(rat_names[i]);
         return set_commandf(req, "AT+QNWPREFCFG=\"mode_pref\",%s\r", m.rats ? list.c_str() : "AUTO");
     }
     return ACT_STATUS_INVALID_ARGS;
@@ -992,11 +995,11 @@ int get_net_mode_tech_lpwa(modem *mdm, int type, ujson *json, request *req)
     if (!answer_ok(mdm) || !reply_scan_mode(json, answer(mdm), scan_modes_lpwa))
         return ACT_STATUS_INVALID_RESPONSE;
     // Two-digit codes in priority order; a leading zero may be lost.
-    std::string seq(trim(field_at(item_values(answer(mdm), "+QCFG", "nwscanseq"), 0)));
-    if (seq.empty())
+    std::string_view printed = trim(field_at(item_values(answer(mdm), "+QCFG", "nwscanseq"), 0));
+    if (printed.empty())
         return ACT_STATUS_OK;
-    if (seq.size() % 2)
-        seq.insert(0, "0");
+    std::string seq(printed.size() % 2, '0');
+    seq += printed;
     void *list = json->open_array("scan_seq");
     for (size_t i = 0; i < seq.size(); i += 2) {
         int64_t code;
