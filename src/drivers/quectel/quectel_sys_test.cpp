@@ -63,7 +63,8 @@ TEST_F(QuectelSysTest, IdentityIsCachedOnlyWhenRead)
         {get_firmware, "\r\nEG25GGBR07A08M2G\r\n\r\nOK\r\n\r\nEG25GGBR07A08M2G_30.203.30.203\r\n\r\nOK\r\n", "firmware",
          "EG25GGBR07A08M2G"},
         // EM05-G still starting (peer driver notes): retried later, not cached.
-        {get_firmware, "\r\nEM05GFAR07A07M1G\r\n\r\nOK\r\n\r\nEM05GFAR07A07M1G_01.016.00.000\r\n\r\nOK\r\n", "firmware", "<none>"},
+        {get_firmware, "\r\nEM05GFAR07A07M1G\r\n\r\nOK\r\n\r\nEM05GFAR07A07M1G_01.016.00.000\r\n\r\nOK\r\n", "firmware",
+         "<none>"},
         {get_sn, "\r\n+EGMR: \"MPY21ABC3456789\"\r\n\r\nOK\r\n", "serial_num", "MPY21ABC3456789"},
         {get_sn, "\r\nERROR\r\n", "serial_num", "<none>"},
         // EC25 AT manual example, and a SIM with the filler F.

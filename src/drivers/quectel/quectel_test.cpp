@@ -1,10 +1,17 @@
 #include "drivers/quectel/quectel.h"
 
-#include <algorithm>
-
 #include "drivers/generic/driver_test_support.h"
+#include "drivers/generic/generic_call.h"
+#include "drivers/generic/generic_net.h"
+#include "drivers/generic/generic_pdp.h"
+#include "drivers/generic/generic_pin.h"
+#include "drivers/generic/generic_sms.h"
+#include "drivers/generic/generic_sys.h"
 #include "drivers/quectel/quectel_band.h"
+#include "drivers/quectel/quectel_data.h"
+#include "drivers/quectel/quectel_file.h"
 #include "drivers/quectel/quectel_net.h"
+#include "drivers/quectel/quectel_sys.h"
 
 namespace
 {
@@ -97,59 +104,72 @@ TEST_F(QuectelUrcTest, SerialNumberIsCachedUnquoted)
     EXPECT_EQ(cached("serial_num"), "MPY21ABC3456789");
 }
 
-TEST(QuectelDriver, ProbeWithdrawsActionsAndInstallsHandlers)
+// Every kind of argument the Quectel actions take, each refused with status 2
+// and nothing built for the modem.
+TEST_F(QuectelUrcTest, ArgumentRefusal)
 {
-    // A parent that has every action.
-    act_func any = [](modem *, int, ujson *, request *) { return 0; };
-    modem_driver drv = {"Test AT", "test", nullptr, nullptr};
-    std::fill(std::begin(drv.funcs), std::end(drv.funcs), any);
-    EXPECT_EQ(quectel_driver_probe(&drv), 0);
-    const uint32_t withdrawn[] = {ACT_SET_UE_USAGE_CFG,   ACT_GET_UE_USAGE_CFG,   ACT_SET_M2M_STATE,
-                                  ACT_GET_M2M_STATE,      ACT_GET_MTU_INFO,       ACT_SET_MTU_INFO,
-                                  ACT_GET_RAT_PRIORITY,   ACT_SET_RAT_PRIORITY,   ACT_GET_FROUTING_STATE,
-                                  ACT_SET_FROUTING_STATE, ACT_GET_USSD_TEXT_MODE, ACT_SET_USSD_TEXT_MODE};
-    // Replaced by Quectel's own commands (or, where Quectel firmware has no
-    // command for them, by nothing).
-    const uint32_t replaced[] = {
-        ACT_GET_FIRMWARE, ACT_GET_SN, ACT_SET_GSM_BAND, ACT_SET_WCDMA_BAND, ACT_SET_LTE_BAND,
-        ACT_SET_DEFAULT_BANDS, ACT_GET_BANDS, ACT_SET_CFG_SIGNAL_QRY, ACT_GET_CFG_SIGNAL_QRY, ACT_GET_SIGNAL_QRY,
-        ACT_SET_GPRS_ATTACH, ACT_GET_GPRS_ATTACH, ACT_GET_MBN_LIST, ACT_MBN_DEACTIVATE, ACT_MBN_SELECT,
-        ACT_SET_MBN_AUTO_SEL, ACT_GET_MBN_AUTO_SEL, ACT_SET_NET_MODE, ACT_GET_NET_MODE_TECH, ACT_GET_NET_MODE_TYPE,
-        ACT_SET_ROAMING_SVC, ACT_GET_ROAMING_SVC, ACT_GET_TEMPERATURE, ACT_GET_ICCID, ACT_GET_NETWORK_INFO,
-        ACT_GET_NEIGHBOUR_INFO, ACT_GET_PIN_COUNT, ACT_SET_URC_CFG, ACT_GET_URC_CFG, ACT_SET_DHCP_PKT_FLTR,
-        ACT_GET_DHCP_PKT_FLTR, ACT_SET_USBNET_CFG, ACT_GET_USBNET_CFG, ACT_SET_NAT_CFG, ACT_GET_NAT_CFG,
-        ACT_SET_IMS_STATE, ACT_GET_IMS_STATE, ACT_SET_VOLTE_STATE, ACT_GET_VOLTE_STATE, ACT_GET_VOLTE_READY,
-        ACT_SET_APN_AUTH, ACT_GET_APN_AUTH, ACT_GET_TIME, ACT_SET_PDP_CTX_STATE, ACT_GET_ATTACHED_PDP_CTX_LIST,
-        ACT_SET_DNS_ADDR, ACT_GET_CA_INFO, ACT_UPLOAD_FILE, ACT_GET_FILE_LIST, ACT_DELETE_FILE,
-        ACT_GET_STORAGE_SPACE, ACT_DFOTA_UPGRADE, ACT_SET_NMEA, ACT_GET_NMEA, ACT_GET_SERVICE_PROVIDER,
-        ACT_GNSS_START, ACT_SET_NMEA_OUTPORT, ACT_GNSS_STOP, ACT_GET_CELL_INFO, ACT_SET_URC_IND_CFG,
-        ACT_GET_URC_IND_CFG, ACT_GET_PDP_PROFILE_REGISTRY, ACT_GET_LTE_SMS_FORMAT, ACT_SET_LTE_SMS_FORMAT,
-        ACT_GET_FLASH_STATE, ACT_SET_CEFS_RESTORE, ACT_SET_SIM_SOFT_HOTPLUG, ACT_GET_SIM_SOFT_HOTPLUG,
-        ACT_GET_EFS_VERSION, ACT_SET_URC_CAUSE_SUPPORT, ACT_GET_URC_CAUSE_SUPPORT, ACT_SET_DPO_MODE,
-        ACT_GET_DPO_MODE, ACT_SET_USBCFG, ACT_GET_USBCFG, ACT_GET_QSIMDET, ACT_SET_QSIMDET, ACT_SET_SIM_SLOT,
-        ACT_GET_SIM_SLOT};
-    auto listed = [](const auto &table, uint32_t act) {
-        return std::find(std::begin(table), std::end(table), act) != std::end(table);
+    const struct {
+        act_func fn;
+        std::string args;
+    } rows[] = {
+        {set_apn_auth, R"({"cid":1,"type":"IP","apn":")" + std::string(64, 'a') + R"(","auth_tp":"None"})"},
+        {set_apn_auth, R"({"cid":1,"type":"PPP","apn":"web","auth_tp":"None"})"},
+        {set_apn_auth, R"({"cid":0,"type":"IP","apn":"web","auth_tp":"None"})"},
+        {set_apn_auth, R"({"cid":17,"type":"IP","apn":"web","auth_tp":"None"})"},
+        {set_apn_auth, R"({"cid":1,"type":"IP","apn":"web","auth_tp":"MSCHAP"})"},
+        {set_apn_auth, R"({"cid":1,"type":"IP","apn":"web"})"},
+        {set_apn_auth, R"({"cid":1,"type":"IP","apn":"web","passw":"a\",1\r","auth_tp":"PAP"})"},
+        {get_apn_auth, R"({"index":0})"},
+        {set_pdp_ctx_state, R"({"cid":3,"state":"activate","timeout":0})"},
+        {set_dns_addr, R"({"cid":1,"pri_dns":"8.8.8"})"},
+        {set_dns_addr, R"({"cid":1,"pri_dns":"dns.google"})"},
+        {set_dns_addr, R"({"cid":1,"pri_dns":"8.8.8.8","sec_dns":"8.8.4.4 "})"},
+        {gnss_start, R"({"fix_max_time":256})"},
+        {gnss_start, R"({"fix_count":1001})"},
+        {gnss_start, R"({"fix_interval":0})"},
+        {gnss_start, R"({"accuracy":"best"})"},
+        {gnss_start, R"({"mode":"assisted"})"},
+        {set_nmea_outport, R"({"port":"usb"})"},
+        {set_nmea, R"({"satellite":"gps","types":["GNS"]})"},
+        {set_nmea, R"({"satellite":"gps","types":["XYZ"]})"},
+        {set_nmea, R"({"satellite":"sbas","types":["GGA"]})"},
+        {set_nmea, R"({"satellite":"gps"})"},
+        {get_nmea, R"({"satellite":"qzss"})"},
+        {set_signal_query_cfg, R"({"mode":"enable","change_threshold":3})"},
+        {set_signal_query_cfg, R"({"mode":"enable","report_interval":10})"},
+        {set_signal_query_cfg, R"({})"},
+        {set_net_mode, R"({"mode":"LTE"})"},
+        {set_net_mode_lpwa, R"({"mode":"wcdma"})"},
+        {set_net_mode_nr, R"({"mode":"gsm"})"},
+        {set_net_mode_nr, R"({})"},
+        {set_roaming_svc, R"({"mode":"roam"})"},
+        {set_roaming_svc_nr, R"({"mode":"auto"})"},                  // no such preference
+        {set_roaming_svc_nr, R"({"mode":"enable","effect":false})"}, // applies at once only
+        {set_gprs_attach_mode, R"({"mode":"1"})"},
+        {set_urc_cause_support_nr, R"({})"},
+        {set_nr5g_disable_mode_nr, R"({"mode":"all"})"},
+        {get_time, R"({"mode":"1\r"})"},
+        {set_dpo_mode, R"({"mode":"on"})"},
+        {get_file_list, R"({"path":"../x"})"}, // paths: no way out of the storage
+        {get_file_list, R"({"path":"a\"b"})"},
+        {get_file_list, R"({"path":"NAND:x"})"},
+        {delete_file, R"({"path":"*"})"}, // one file, never a pattern
+        {delete_file, R"({"path":"RAM:*"})"},
+        {delete_file, R"({"path":"a/b"})"},
+        {delete_file, R"({"path":".."})"},
+        {delete_file, R"({"path":""})"},
+        {delete_file, R"({"path":"a\tb"})"},
+        {delete_file, R"({"path":")" + std::string(81, 'a') + "\"}"},
+        {delete_file, "{}"},
+        {get_storage_space, R"({"storage":"NAND"})"},
+        {dfota_upgrade, R"({"path":"http://host/update.bin"})"},
+        {dfota_upgrade, R"({"path":"/data/ufs/../etc/passwd"})"},
+        {dfota_upgrade, R"({"path":"/tmp/update.bin"})"},
+        {dfota_upgrade, R"({"path":"RAM:update.bin"})"},
+        {dfota_upgrade, R"({"path":"/data/ufs/"})"},
     };
-    for (uint32_t act = 0; act < __ACT_TYPE_MAX; act++) {
-        if (listed(withdrawn, act))
-            EXPECT_EQ(drv.funcs[act], nullptr) << act_type_id_str[act];
-        else if (listed(replaced, act))
-            EXPECT_NE(drv.funcs[act], any) << act_type_id_str[act];
-        else
-            EXPECT_EQ(drv.funcs[act], any) << act_type_id_str[act];
-    }
-    const std::pair<std::string, urc_func> handlers[] = {
-        {"\r\n+QCSQ: \"GSM\",-71\r\n", urc_qcsq}, {"\r\n+QIND: \"csq\",20,99\r\n", urc_qind},
-        {"\r\n+QFUPL: 683,3950\r\n", urc_qfupl},  {"\r\n+EMM ERROR: 0,15\r\n", urc_emm},
-        {"\r\n+ESM ERROR: 1,27\r\n", urc_esm},    {"\r\n+EGMR: \"MPY21\"\r\n", urc_egmr},
-        {"\r\nPOWERED DOWN\r\n", urc_power}};
-    for (const auto &[line, fn] : handlers)
-        EXPECT_EQ(modem_driver_urc_method(&drv, line.data(), line.size()), fn) << line;
-    while (urc_entry *e = drv.urcs) {
-        drv.urcs = e->next;
-        delete e;
-    }
+    for (const auto &row : rows)
+        EXPECT_EQ(built(row.fn, row.args), "2") << row.args;
 }
 
 // The registered model drivers: each takes its family's command set, and a
@@ -162,6 +182,31 @@ TEST(QuectelModels, EachModelRunsItsFamilysCommands)
         uint32_t action;
         act_func expected; // null: not supported on that model
     } rows[] = {
+        // The generic driver's modules, inherited where a model does not replace them.
+        {"generic", ACT_GET_FIRMWARE, get_firmware},
+        {"generic", ACT_GET_IMEI, get_imei},
+        {"generic", ACT_GET_IMSI, get_imsi},
+        {"generic", ACT_SET_PIN_CODE, set_pin_code},
+        {"generic", ACT_SEND_VCALL, send_voice_call},
+        {"generic", ACT_GET_INC_VCALLS, get_incoming_voice_calls},
+        {"generic", ACT_SEND_SMS, send_sms},
+        {"generic", ACT_DELETE_PDUS, delete_pdus},
+        {"generic", ACT_GET_NET_GREG_STAT, get_net_greg_stat},
+        {"generic", ACT_OPERATOR_SCAN, scan_op},
+        {"generic", ACT_GET_DNS_ADDR, get_dns_addr},
+        {"generic", ACT_SET_PS_ATT_STATE, set_ps_att_state},
+        {"generic", ACT_GET_SIM_SLOT, get_io_sim_slot},
+        {"quectel,ec25", ACT_GET_IMEI, get_imei},
+        // Quectel's own commands in place of the generic ones, and those withdrawn.
+        {"quectel", ACT_GET_FIRMWARE, quectel::get_firmware},
+        {"quectel", ACT_GET_SN, quectel::get_sn},
+        {"quectel", ACT_SET_SIM_SLOT, quectel::quectel_set_sim_slot},
+        {"quectel", ACT_UPLOAD_FILE, upload_file},
+        {"quectel", ACT_SET_APN_AUTH, set_apn_auth},
+        {"quectel", ACT_GET_SIGNAL_QRY, get_signal_query},
+        {"quectel", ACT_SET_MTU_INFO, nullptr},
+        {"quectel", ACT_SET_USSD_TEXT_MODE, nullptr},
+        {"quectel", ACT_GET_M2M_STATE, nullptr},
         {"quectel,ec25", ACT_GET_BANDS, get_bands},
         {"quectel,ec25,e", ACT_GET_BANDS, get_bands},
         {"quectel,eg06,a", ACT_GET_CELL_INFO, get_cell_info},
@@ -196,6 +241,21 @@ TEST(QuectelModels, EachModelRunsItsFamilysCommands)
     EXPECT_EQ(modem_driver_urc_method(modem_driver_by_id("quectel,ec25"), qnetrc.data(), qnetrc.size()), nullptr);
     // The upload report's checksum: hexadecimal on the Linux-based modules,
     // decimal on the others (as the base driver reads it).
+    // The reports every Quectel model follows.
+    for (const auto &[line, fn] :
+         std::initializer_list<std::pair<std::string, urc_func>>{{"\r\n+QCSQ: \"GSM\",-71\r\n", urc_qcsq},
+                                                                 {"\r\n+QIND: \"csq\",20,99\r\n", urc_qind},
+                                                                 {"\r\n+EMM ERROR: 0,15\r\n", urc_emm},
+                                                                 {"\r\n+ESM ERROR: 1,27\r\n", urc_esm},
+                                                                 {"\r\n+EGMR: \"MPY21\"\r\n", urc_egmr},
+                                                                 {"\r\nPOWERED DOWN\r\n", urc_power},
+                                                                 {"\r\n+CPIN: READY\r\n", urc_cpin},
+                                                                 {"\r\n+CUSD: 2\r\n", urc_cusd},
+                                                                 {"\r\n+CMTI: \"SM\",3\r\n", urc_cmti},
+                                                                 {"\r\nRING\r\n", urc_ring},
+                                                                 {"\r\n+CEREG: 1\r\n", urc_cereg},
+                                                                 {"\r\n+C5GREG: 1\r\n", urc_c5greg}})
+        EXPECT_EQ(modem_driver_urc_method(modem_driver_by_id("quectel,ec25"), line.data(), line.size()), fn) << line;
     const std::string qfupl = "\r\n+QFUPL: 683,f6e\r\n";
     const std::pair<const char *, urc_func> checksums[] = {
         {"quectel,ec25,e", urc_qfupl_hex}, {"quectel,eg06", urc_qfupl_hex}, {"quectel,rm520n", urc_qfupl_hex},
