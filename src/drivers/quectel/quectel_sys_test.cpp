@@ -1,10 +1,7 @@
 #include "drivers/quectel/quectel_sys.h"
 
-#include <filesystem>
-#include <fstream>
-
-#include "core/sim_config.h"
 #include "drivers/generic/testdata_answers.h"
+#include "util/root_test_support.h"
 
 namespace
 {
@@ -154,43 +151,7 @@ TEST_F(QuectelSysTest, OneSimDetectionValueKeepsTheOther)
 
 // --- SIM slots ------------------------------------------------------------------------
 
-namespace fs = std::filesystem;
-
-struct wired_modem : recording_modem {
-    const sim_config *sim_cfg() const override { return cfg.get(); }
-    uint32_t sim_slot_count() const override { return count; }
-    std::unique_ptr<sim_config> cfg;
-    uint32_t count = 0;
-};
-
-class QuectelSimSlotTest : public ::testing::Test
-{
-  protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/wwan-qslot-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        root = tmpl;
-        setenv("WWANCTL_ROOT", root.c_str(), 1);
-        fs::create_directories(root + "/sys/class/gpio/sim_sel");
-        fs::create_directories(root + "/etc/mnfinfo");
-    }
-    void TearDown() override
-    {
-        unsetenv("WWANCTL_ROOT");
-        fs::remove_all(root);
-    }
-    std::string sw1() const
-    {
-        std::ifstream in(root + "/sys/class/gpio/sim_sel/value");
-        char c = '-';
-        in >> c;
-        return std::string(1, c);
-    }
-    std::string root;
-};
-
-TEST_F(QuectelSimSlotTest, TheBoardOrTheModemSwitches)
+TEST(QuectelSimSlot, TheBoardOrTheModemSwitches)
 {
     // Factory slot texts: control type, modem, type, switch 1, switch 2, presence.
     const std::string gpio = "211101\n211201\n", internal = "111001\n111001\n", single = "011001\n";
@@ -234,10 +195,11 @@ TEST_F(QuectelSimSlotTest, TheBoardOrTheModemSwitches)
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
-        std::ofstream(root + "/sys/class/gpio/sim_sel/value") << '0';
-        std::ofstream(root + "/etc/mnfinfo/sim_cfg") << row.factory;
-        wired_modem mdm;
-        mdm.cfg = sim_config_create(1, mdm.count);
+        temp_root root;
+        root.write("/sys/class/gpio/sim_sel/value", "0");
+        root.write("/etc/mnfinfo/sim_cfg", row.factory);
+        slot_modem mdm;
+        mdm.wire();
         auto args = ujson::create();
         if (row.index >= 0)
             args->add_int("index", row.index);
@@ -257,10 +219,8 @@ TEST_F(QuectelSimSlotTest, TheBoardOrTheModemSwitches)
         for (const auto &e : mdm.events)
             event = e.id == EVT_SIM_CHANGE ? e.number : event;
         EXPECT_EQ(event, row.event);
-        EXPECT_EQ(sw1(), row.line);
+        EXPECT_EQ(root.read("/sys/class/gpio/sim_sel/value").substr(0, 1), row.line);
     }
 }
-
-// --- installation --------------------------------------------------------------------------
 
 } // namespace
