@@ -31,17 +31,8 @@ TEST(ActArgs, TextsThatCouldEndOrStartACommandAreRefused)
         size_t max;
         bool ok;
     } rows[] = {
-        {"1234", 8, true},
-        {"", 8, true},
-        {"12345678", 8, true},
-        {"123456789", 8, false},
-        {"12\r34", 8, false},
-        {"12\n34", 8, false},
-        {"12\x1a", 8, false},
-        {"\x1b", 8, false},
-        {"12\"34", 8, false},
-        {"internet.telekom", 63, true},
-        {"a\";+CFUN=0;\"", 63, false},
+        {"1234", 8, true},    {"12345678", 8, true}, {"123456789", 8, false},       {"12\r34", 8, false},
+        {"12\x1a", 8, false}, {"12\"34", 8, false},  {"a\";+CFUN=0;\"", 63, false},
     };
     for (const auto &row : rows) {
         auto json = args_with("code", row.value.c_str());
@@ -110,12 +101,10 @@ TEST(ActArgs, ArraysOfTexts)
         bool ok;
         size_t count;
     } rows[] = {
-        {"two names", make({"LTE_B3", "LTE_B20"}), false, true, 2},
         {"empty array", make({}), false, true, 0},
         {"at the item limit", make({"a", "b", "c", "d"}), false, true, 4},
         {"above the item limit", make({"a", "b", "c", "d", "e"}), false, false, 0},
         {"a quote in one element", make({"LTE_B3", "x\"y"}), false, false, 0},
-        {"a line end in one element", make({"LTE_B3\r"}), false, false, 0},
         {"an element too long", make({"0123456789abcdefg"}), false, false, 0},
         {"a number among the texts", make({"LTE_B3"}, true), false, false, 0},
         {"missing, required", ujson::create(), false, false, 0},
@@ -188,9 +177,10 @@ TEST(Scan, LinesInsideAnAnswer)
     struct {
         std::string_view text, line;
     } rows[] = {
-        {"\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n", "EC25EFAR06A06M4G"}, {"\r\nOK\r\n", ""}, {"\r\n+CME ERROR: 10\r\n", ""},
-        {"EC21EUGAR06A04M4G\r\n0\r", "EC21EUGAR06A04M4G"},          {"0\r", ""},        {"\r\nEC25", ""},
-        {"\r\n262011234567890\r\n\r\nOK\r\n", "262011234567890"},
+        {"\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n", "EC25EFAR06A06M4G"},
+        {"EC21EUGAR06A04M4G\r\n0\r", "EC21EUGAR06A04M4G"},
+        {"\r\nOK\r\n", ""},
+        {"\r\nEC25", ""},
     };
     for (const auto &row : rows)
         EXPECT_EQ(first_line(row.text), row.line) << row.text;
@@ -205,7 +195,6 @@ TEST(Scan, ValueAfterAPrefix)
         {"+CFUN: 1\r\n0\r+CPIN: READY\r\n0\r", "+CPIN: ", "READY"}, // ATV0
         {"\r\n+GCAP: +CGSM,+DS \r\n\r\nOK\r\n", "+GCAP: ", "+CGSM,+DS"},
         {"\r\n+CME ERROR: 10\r", "+CME ERROR: ", "10"},
-        {"\r\n+CPIN: ", "+CPIN: ", ""},
         {"\r\nOK\r\n", "+CPIN: ", ""},
     };
     for (const auto &row : rows)
@@ -225,7 +214,6 @@ TEST(Scan, AnswersOfATwoPartCommand)
         {"\r\nERROR\r\n\r\nB\r\n\r\nOK\r\n", "\r\nERROR\r\n", "\r\nB\r\n\r\nOK\r\n"},
         {"A\r\n0\rB\r\n0\r", "A\r\n0\r", "B\r\n0\r"},
         {"A\r\n4\r", "A\r\n4\r", ""},
-        {"\r\nA\r\n", "\r\nA\r\n", ""},
     };
     for (const auto &row : rows) {
         std::string_view first, second;
@@ -247,7 +235,6 @@ TEST_F(ArgumentRefusal, NothingIsBuiltFromABadArgument)
     } rows[] = {
         {set_func, R"({"func":"Full"})"},                                           // keyword outside its vocabulary
         {set_net_reg_stat, R"({"mode":"2"})"},                                      // a keyword's number
-        {set_op_slc, R"({"mode":"auto","format":"numbers"})"},                      // second keyword
         {set_op_slc, R"({"operator":"26201"})"},                                    // operator without its mode
         {set_auto_tz_update, "{}"},                                                 // missing flag
         {set_fac_lock, R"({"facility":"SC","state":"lock"})"},                      // missing text
@@ -256,21 +243,15 @@ TEST_F(ArgumentRefusal, NothingIsBuiltFromABadArgument)
         {set_fac_lock, R"({"facility":"SC","state":"lock","pass":"1\r\nAT+CFUN=0"})"},    // line ends
         {set_fac_lock, R"({"facility":"SC","state":"lock","pass":")" + pass17 + "\"}"},   // too long
         {set_new_pass, R"({"facility":"SC","old_pass":"1234","new_pass":"43\u001a21"})"}, // Ctrl-Z
-        {set_new_pass, R"({"facility":"SC","old_pass":"\u001b1234","new_pass":"4321"})"}, // ESC
         {set_op_slc, R"({"mode":"manual","operator":")" + op33 + "\"}"},
         {set_ussd, R"({"request":")" + ussd161 + "\"}"},
-        {set_ussd, R"({"request":""})"},                          // empty
         {set_ussd, R"({"request":"*100#","coding_scheme":256})"}, // number out of range
         {set_ussd, R"({"coding_scheme":15})"},                    // a value without the text it codes
         {set_pin_code, R"({"code":"123"})"},                      // codes: 4 to 8 digits
-        {set_pin_code, R"({"code":"123456789"})"},
         {set_pin_code, R"({"code":"12a4"})"},
-        {set_pin_code, "{}"},
-        {set_puk_code, R"({"puk":"1234567","pin":"0000"})"}, // PUK: 8 digits
-        {set_puk_code, R"({"puk":"12345678","pin":"00\r0"})"},
+        {set_puk_code, R"({"puk":"1234567","pin":"0000"})"},     // PUK: 8 digits
         {send_sms, R"({"number":")" + n24 + R"(","text":"x"})"}, // numbers: 23 characters
         {send_sms, R"({"number":"1\";ATD2","text":"x"})"},
-        {send_sms, R"({"number":"12+45","text":"x"})"},
         {send_sms, R"({"number":"1","text":"a\u001aAT+CFUN=0"})"},
     };
     int32_t text_mode = 2;
