@@ -48,14 +48,13 @@ class recording_modem : public modem
         iface_actions.push_back(action);
         return iface_result;
     }
-    bool paused() const override { return is_paused; }
-    const char *object_name() const override { return bus_name.c_str(); }
+    const char *object_name() const override { return "gsm.modem0"; }
     int broadcast(const char *name, const ujson &payload) override
     {
         char *text = blobmsg_format_json(payload.get_blobmsg(), true);
         broadcasts.emplace_back(name, text ? text : "");
         std::free(text);
-        return broadcast_result;
+        return 0;
     }
     int call_service(const char *object, const char *method, const ujson &args, ujson &answer,
                      uint32_t timeout_ms) override
@@ -76,9 +75,6 @@ class recording_modem : public modem
     std::string awaited;
     // Each bus event sent: its name and its payload as JSON.
     std::vector<std::pair<std::string, std::string>> broadcasts;
-    int broadcast_result = 0;
-    bool is_paused = false;
-    std::string bus_name = "gsm.modem0";
     // Stands in for the services on the bus; none when empty.
     std::function<int(const char *object, const char *method, const ujson &args, ujson &answer, uint32_t timeout_ms)>
         service;
@@ -203,13 +199,16 @@ class driver_test : public ::testing::Test
         int status = parse(fn, answer);
         return std::to_string(status) + " " + as_json(*reply) + (mdm.events.empty() ? "" : " " + raised());
     }
-    // The events raised: "<event>=<value>" each ("!" after a forced one).
+    // The events raised: "<event>=<value>" each ("!" after a forced one),
+    // then "<bus event>=<payload>" per broadcast.
     std::string raised() const
     {
         std::string out;
         for (const auto &e : mdm.events)
             out += (out.empty() ? "" : " ") + std::to_string(e.id) + "=" +
                    (e.data ? as_json(*e.data) : std::to_string(e.number)) + (e.forced ? "!" : "");
+        for (const auto &[name, payload] : mdm.broadcasts)
+            out += (out.empty() ? "" : " ") + name + "=" + payload;
         return out;
     }
 

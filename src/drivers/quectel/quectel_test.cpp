@@ -14,24 +14,7 @@
 namespace
 {
 
-class QuectelUrcTest : public driver_test
-{
-  protected:
-    // What the handler asked of the modem: "<event>=<value>" per event,
-    // "<bus event>=<payload>" per broadcast, space separated.
-    std::string raised() const
-    {
-        std::string out;
-        for (const auto &e : mdm.events) {
-            char *json = e.data ? blobmsg_format_json(e.data->get_blobmsg(), true) : nullptr;
-            out += " " + std::to_string(e.id) + "=" + (json ? json : std::to_string(e.number));
-            std::free(json);
-        }
-        for (const auto &[name, payload] : mdm.broadcasts)
-            out += " " + name + "=" + payload;
-        return out.empty() ? out : out.substr(1);
-    }
-};
+using QuectelUrcTest = driver_test;
 
 TEST_F(QuectelUrcTest, ReportsBecomeEventsOrAreRefused)
 {
