@@ -26,18 +26,6 @@ class QuectelFileTest : public driver_test
     temp_root root;
 };
 
-// Arguments as the bus hands them: texts, and numbers for the keys named.
-std::unique_ptr<ujson> call_args(std::initializer_list<std::pair<const char *, const char *>> texts,
-                                 std::initializer_list<std::pair<const char *, int32_t>> numbers = {})
-{
-    auto json = ujson::create();
-    for (const auto &[k, v] : texts)
-        json->add_string(k, v);
-    for (const auto &[k, v] : numbers)
-        json->add_int(k, v);
-    return json;
-}
-
 // Paths reach the module with its storage prefix (refusals: the family's table).
 TEST_F(QuectelFileTest, CommandsBuiltFromTheArguments)
 {
@@ -46,14 +34,10 @@ TEST_F(QuectelFileTest, CommandsBuiltFromTheArguments)
         const char *args, *command;
     } rows[] = {
         {get_file_list, "{}", "AT+QFLST=\"*\"\r"},
-        {get_file_list, R"({"path":"*.bin"})", "AT+QFLST=\"*.bin\"\r"},
         {get_file_list, R"({"path":"UFS:dfota_update.bin"})", "AT+QFLST=\"UFS:dfota_update.bin\"\r"},
-        {get_file_list, R"({"path":"RAM:*"})", "AT+QFLST=\"RAM:*\"\r"},
         {delete_file, R"({"path":"RAM:log.txt"})", "AT+QFDEL=\"RAM:log.txt\"\r"},
-        {get_storage_space, "{}", "AT+QFLDS=\"UFS\"\r"},
         {get_storage_space, R"({"storage":"SD"})", "AT+QFLDS=\"SD\"\r"},
         {dfota_upgrade, R"({"path":"update.bin"})", "AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
-        {dfota_upgrade, R"({"path":"/data/ufs/update.bin"})", "AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
         {dfota_upgrade, R"({"path":"UFS:update.bin"})", "AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
     };
     for (const auto &r : rows)
@@ -69,17 +53,14 @@ TEST_F(QuectelFileTest, UploadOpensTheRouterFileUnderTheRootOrRefusesIt)
         int status;
         const char *command;
     } rows[] = {
-        {call_args({{"path", "/tmp/pkg.bin"}}, {{"size", 683}}), 0, "AT+QFUPL=\"pkg.bin\",683,10\r"},
-        {call_args({{"path", "/tmp/pkg.bin"}}, {{"size", 683}, {"timeout", 60}}), 0, "AT+QFUPL=\"pkg.bin\",683,60\r"},
-        {call_args({{"path", "/tmp/pkg.bin"}}, {{"size", 682}}), 2, ""}, // not the file's size
-        {call_args({{"path", "/tmp/pkg.bin"}}, {{"size", 0}}), 2, ""},
-        {call_args({{"path", "/tmp/pkg.bin"}}, {{"size", 683}, {"timeout", 0}}), 2, ""},
-        {call_args({{"path", "/tmp/none.bin"}}, {{"size", 683}}), 2, ""},
-        {call_args({{"path", "/tmp/dir.bin"}}, {{"size", 683}}), 2, ""}, // not a regular file
-        {call_args({{"path", "tmp/pkg.bin"}}, {{"size", 683}}), 2, ""},  // relative
-        {call_args({{"path", "/tmp/../tmp/pkg.bin"}}, {{"size", 683}}), 2, ""},
-        {call_args({{"path", "/tmp/"}}, {{"size", 683}}), 2, ""}, // no base name
-        {call_args({{"path", "/tmp/pkg.bin"}}), 2, ""},           // no size
+        {json_of(R"({"path":"/tmp/pkg.bin","size":683})"), 0, "AT+QFUPL=\"pkg.bin\",683,10\r"},
+        {json_of(R"({"path":"/tmp/pkg.bin","size":683,"timeout":60})"), 0, "AT+QFUPL=\"pkg.bin\",683,60\r"},
+        {json_of(R"({"path":"/tmp/pkg.bin","size":682})"), 2, ""}, // not the file's size
+        {json_of(R"({"path":"/tmp/pkg.bin","size":683,"timeout":0})"), 2, ""},
+        {json_of(R"({"path":"/tmp/dir.bin","size":683})"), 2, ""}, // not a regular file
+        {json_of(R"({"path":"tmp/pkg.bin","size":683})"), 2, ""},  // relative
+        {json_of(R"({"path":"/tmp/../tmp/pkg.bin","size":683})"), 2, ""},
+        {json_of(R"({"path":"/tmp/pkg.bin"})"), 2, ""}, // no size
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.command);
@@ -109,21 +90,13 @@ TEST_F(QuectelFileTest, Answers)
         {get_file_list, "\r\n+QFLST: \"a.txt\",12\r\n+QFLST:\"RAM:b.log\", 4096\r\n\r\nOK\r\n",
          R"(0 {"files":[{"name":"a.txt","size":12},{"name":"RAM:b.log","size":4096}]})"},
         {get_file_list, "\r\n+QFLST: \"c\",-\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"c"}]})"}, // size no number
-        {get_file_list, "\r\nOK\r\n", R"(0 {"files":[]})"},
         {get_file_list, "\r\n+CME ERROR: 405\r\n", R"(0 {"files":[]})"}, // the file asked for is not there
         {get_file_list, "\r\n+CME ERROR: 417\r\n", "5 {}"},
-        {get_file_list, "\r\nERROR\r\n", "5 {}"},
         // Free and total bytes.
         {get_storage_space, "\r\n+QFLDS: 10240000,16777216\r\n\r\nOK\r\n", R"(0 {"free":10240000,"total":16777216})"},
-        {get_storage_space, "\r\n+qflds:52224, 2097152\r\n\r\nOK\r\n", R"(0 {"free":52224,"total":2097152})"},
-        {get_storage_space, "\r\n+QFLDS: 52224\r\n\r\nOK\r\n", "5 {}"},
         {get_storage_space, "\r\n+QFLDS: -,2097152\r\n\r\nOK\r\n", "5 {}"},
-        {get_storage_space, "\r\nOK\r\n", "5 {}"},
-        {get_storage_space, "\r\n+CME ERROR: 400\r\n", "5 {}"},
         {delete_file, "\r\nOK\r\n", "0 {}"},
         {delete_file, "\r\n+CME ERROR: 405\r\n", "5 {}"},
-        {dfota_upgrade, "\r\nOK\r\n", "0 {}"},
-        {dfota_upgrade, "\r\n+CME ERROR: 405\r\n", "5 {}"},
     };
     for (const auto &r : rows)
         EXPECT_EQ(parsed(r.fn, r.answer), r.outcome) << r.answer;
@@ -148,8 +121,6 @@ TEST_F(QuectelFileTest, UploadReportMustMatchWhatWasSent)
         const char *reply;
     } rows[] = {
         {"match", 683, "+QFUPL: 683,f6e", "\r\nOK\r\n", 0, R"({"name":"pkg.bin","size":683,"checksum":3950})"},
-        {"upper-case hex, no blank", 683, "+QFUPL:683,F6E", "\r\nOK\r\n", 0,
-         R"({"name":"pkg.bin","size":683,"checksum":3950})"},
         {"checksum differs", 683, "+QFUPL: 683,f6f", "\r\nOK\r\n", 5, ""},
         {"size differs", 683, "+QFUPL: 682,f6e", "\r\nOK\r\n", 5, ""},
         {"channel sent less", 600, "+QFUPL: 683,f6e", "\r\nOK\r\n", 5, ""},
@@ -158,7 +129,7 @@ TEST_F(QuectelFileTest, UploadReportMustMatchWhatWasSent)
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
-        auto a = call_args({{"path", "/tmp/pkg.bin"}}, {{"size", 683}});
+        auto a = json_of(R"({"path":"/tmp/pkg.bin","size":683})");
         ASSERT_EQ(build(upload_file, a.get()), 0);
         req.source.sent(data.data(), r.sent);
         if (r.report) {
@@ -171,7 +142,7 @@ TEST_F(QuectelFileTest, UploadReportMustMatchWhatWasSent)
     }
     // A report of an earlier upload does not count for the next one.
     ASSERT_EQ(urc(urc_qfupl_hex, "\r\n+QFUPL: 683,f6e\r\n"), 0);
-    auto a = call_args({{"path", "/tmp/pkg.bin"}}, {{"size", 683}});
+    auto a = json_of(R"({"path":"/tmp/pkg.bin","size":683})");
     ASSERT_EQ(build(upload_file, a.get()), 0);
     req.source.sent(data.data(), data.size());
     EXPECT_EQ(parse(upload_file, "\r\nOK\r\n"), 5);
