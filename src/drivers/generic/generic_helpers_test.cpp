@@ -233,14 +233,12 @@ TEST_F(ArgumentRefusal, NothingIsBuiltFromABadArgument)
         act_func fn;
         std::string args;
     } rows[] = {
-        {set_func, R"({"func":"Full"})"},                                           // keyword outside its vocabulary
-        {set_net_reg_stat, R"({"mode":"2"})"},                                      // a keyword's number
-        {set_op_slc, R"({"operator":"26201"})"},                                    // operator without its mode
-        {set_auto_tz_update, "{}"},                                                 // missing flag
-        {set_fac_lock, R"({"facility":"SC","state":"lock"})"},                      // missing text
-        {set_fac_lock, R"({"facility":"SC\",0,\"","state":"lock","pass":"1234"})"}, // quotes in a name
+        {set_func, R"({"func":"Full"})"},                      // keyword outside its vocabulary
+        {set_net_reg_stat, R"({"mode":"2"})"},                 // a keyword's number
+        {set_op_slc, R"({"operator":"26201"})"},               // operator without its mode
+        {set_auto_tz_update, "{}"},                            // missing flag
+        {set_fac_lock, R"({"facility":"SC","state":"lock"})"}, // missing text
         {set_fac_lock, R"({"facility":"SC","state":"lock","pass":"12\"34"})"},
-        {set_fac_lock, R"({"facility":"SC","state":"lock","pass":"1\r\nAT+CFUN=0"})"},    // line ends
         {set_fac_lock, R"({"facility":"SC","state":"lock","pass":")" + pass17 + "\"}"},   // too long
         {set_new_pass, R"({"facility":"SC","old_pass":"1234","new_pass":"43\u001a21"})"}, // Ctrl-Z
         {set_op_slc, R"({"mode":"manual","operator":")" + op33 + "\"}"},
