@@ -144,17 +144,14 @@ TEST_F(NetTest, CommandsAndArguments)
         int status;
         const char *command;
     } rows[] = {
-        {get_net_reg_stat, nullptr, 0, "AT+CREG?\r"},
         {get_net_reg_stat_all, nullptr, 0, "AT+C5GREG?\rAT+CEREG?\rAT+CGREG?\rAT+CREG?\r"},
         {get_op_slc, nullptr, 0, "AT+COPS?\r"},
         {set_net_reg_stat, args({{"mode", "enable_loc"}}), 0, "AT+CREG=2\r"},
         {set_net_ereg_stat, args({{"mode", "enable"}}), 0, "AT+CEREG=1\r"},
-        {set_net_5greg_stat, args({{"mode", "default"}}), 0, "AT+C5GREG=0\r"},
         {set_op_slc, args({{"mode", "manual"}, {"format", "long"}, {"operator", "26201"}}), 0,
          "AT+COPS=1,2,\"26201\"\r"},
         {set_op_slc, args({{"mode", "manual_auto"}, {"operator", "Telekom.de"}}), 0, "AT+COPS=4,2,\"Telekom.de\"\r"},
         {set_op_slc, args({{"mode", "auto"}, {"format", "short"}}), 0, "AT+COPS=0,1\r"},
-        {set_op_slc, args({{"mode", "deregister"}}), 0, "AT+COPS=2\r"},
         {set_op_slc, args({{"format", "long"}}), 0, "AT+COPS=3,0\r"},
     };
     for (auto &row : rows) {

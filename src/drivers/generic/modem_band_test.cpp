@@ -119,23 +119,17 @@ TEST(ModemBand, AtBandNumbers)
         const char *num;
     } rows[] = {
         {wcdma_band_str, wcdma_band_val, 4, "6"},
-        {wcdma_band_str, wcdma_band_val, 16, "5"},
         {wcdma_band_str, wcdma_band_val, 32, "19"},
         {wcdma_band_str, wcdma_band_val, 64, "8"},
-        {wcdma_band_str, wcdma_band_val, 256, "4"},
-        {wcdma_band_str, wcdma_band_val, 512, "3"},
         {wcdma_band_str, wcdma_band_val, 1024, "2"},
         {wcdma_band_str, wcdma_band_val, 2048, "1"},
         {wcdma_band_str, wcdma_band_val, 2, ""},
-        {wcdma_band_str, wcdma_band_val, 128, ""},
         {wcdma_band_str, wcdma_band_val, 8192, ""},
         {wcdma_band_str, wcdma_band_val, 1, ""},
         {lte_band_str, lte_band_val, 8, "3"},
         {lte_band_str, lte_band_val, uint64_t{1} << 32, "66"},
         {lte_band_str, lte_band_val, uint64_t{1} << 33, "71"},
         {lte_band_str, lte_band_val, uint64_t{1} << 17, ""}, // B27
-        {lte_band_str, lte_band_val, uint64_t{1} << 21, ""}, // B31
-        {lte_band_str, lte_band_val, uint64_t{1} << 34, ""}, // B72
         {lte_band_str, lte_band_val, uint64_t{1} << 36, ""}, // B85
         {lte_band_str, lte_band_val, 10, ""},
         {nsa_5g_band_str, nsa_5g_band_val, uint64_t{1} << 27, "78"},

@@ -218,12 +218,6 @@ TEST_F(QuectelBandTest, ReportsDecodeEveryFamily)
          R"("LTE_B12","LTE_B13","LTE_B18","LTE_B19","LTE_B20","LTE_B25","LTE_B26","LTE_B28","LTE_B38","LTE_B39",)"
          R"("LTE_B40","LTE_B41"],"tdsbandval":"0x0"})",
          "0xbff,0x1e00b0e18df,0x0"},
-        // EG25-G answer above in the RM5xx print style: lower-case tag, no
-        // blank after the colon, blanks around fields.
-        {"ec2x, other print style", get_bands, "\r\n+qcfg:\"BAND\", 0x3 ,0x4,0x0\r\n\r\nOK\r\n", 0,
-         R"({"bandval":"0x3","gsm":["GSM_900","GSM_1800"],"wcdma":[],"ltebandval":"0x4","lte":["LTE_B3"],)"
-         R"("tdsbandval":"0x0"})",
-         "0x3,0x4,0x0"},
         // "-" is no value: its keys are left out, never read as 0.
         {"ec2x, no LTE value", get_bands, "\r\n+QCFG: \"band\",0x1,-,0x0\r\n\r\nOK\r\n", 0,
          R"({"bandval":"0x1","gsm":["GSM_900"],"wcdma":[],"tdsbandval":"0x0"})", "0x1,,0x0"},
