@@ -165,13 +165,6 @@ class driver_test : public ::testing::Test
         const cache_item *item = cache->get_item(key);
         return item && item->text() ? item->text() : "<none>";
     }
-    static std::unique_ptr<ujson> args(std::initializer_list<std::pair<const char *, const char *>> texts)
-    {
-        auto json = ujson::create();
-        for (const auto &[k, v] : texts)
-            json->add_string(k, v);
-        return json;
-    }
     // Bus arguments written as JSON.
     static std::unique_ptr<ujson> json_of(const std::string &text)
     {

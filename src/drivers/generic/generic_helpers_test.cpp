@@ -264,16 +264,4 @@ TEST_F(ArgumentRefusal, NothingIsBuiltFromABadArgument)
     EXPECT_EQ(built(send_sms, R"({"number":"1","text":"x"})"), "0 AT+CMGS=\"1\"\rx\x1a") << "the limit lets it out";
 }
 
-TEST(SetCommand, FormattedCommandIsExactlySized)
-{
-    request req;
-    ASSERT_EQ(set_commandf(&req, "AT+CPIN=\"%s\",\"%s\"\r", "12345678", "0000"), ACT_STATUS_OK);
-    EXPECT_EQ(std::string(req.command, req.length), "AT+CPIN=\"12345678\",\"0000\"\r");
-    EXPECT_EQ(req.command[req.length], '\0');
-    ASSERT_EQ(set_command(&req, "AT\r"), ACT_STATUS_OK);
-    EXPECT_EQ(std::string(req.command, req.length), "AT\r");
-    std::free(req.command);
-    EXPECT_EQ(set_command(nullptr, "AT\r"), ACT_STATUS_INVALID_ARGS);
-}
-
 } // namespace

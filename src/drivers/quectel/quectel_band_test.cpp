@@ -270,14 +270,6 @@ TEST_F(QuectelBandTest, ReportsDecodeEveryFamily)
     }
 }
 
-// What get_bands remembers is what the next set of one family keeps.
-TEST_F(QuectelBandTest, ReadThenSetKeepsTheOtherFamily)
-{
-    as("EG25 G", nullptr);
-    ASSERT_EQ(parse(get_bands, "\r\n+QCFG: \"band\",0x3f0,0x1,0x0\r\n\r\nOK\r\n"), 0);
-    EXPECT_EQ(built(gsm_band_set, R"({"bands":["GSM_ANY"]})"), "0 AT+QCFG=\"band\",0x3ff,0,0x0\r");
-}
-
 } // namespace
 
 // The texts of the band settings on their own, as EC25 (AT+QCFG="band") and
