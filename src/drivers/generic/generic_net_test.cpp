@@ -78,9 +78,7 @@ class NetTest : public driver_test
     // Events as "id=value" ("!" when forced), then refreshed actions.
     std::string happened() const
     {
-        std::string s;
-        for (const auto &e : mdm.events)
-            s += (s.empty() ? "" : " ") + std::to_string(e.id) + "=" + std::to_string(e.number) + (e.forced ? "!" : "");
+        std::string s = raised();
         for (uint32_t act : mdm.refreshed)
             s += " refresh " + std::to_string(act);
         return s;

@@ -58,7 +58,6 @@ TEST_F(GenericSysTest, IdInfoFromTheModelRowAndCachedFirmware)
         const char *model;
         std::string raw;
     } rows[] = {
-        {&g_midata[2], "EC25EFAR06A06M4G", 0, "EC25-E", ec25 + "EC25EFAR06A06M4G\r\n\r\nOK\r\n"},
         {&g_midata[2], f200, 0, "EC25-E", (ec25 + f200).substr(0, 127)}, // the raw text is cut
         {nullptr, "X", 1, "<none>", "<none>"},
         {&g_midata[0], "X", 1, "<none>", "<none>"}, // the "Unknown" row has no model
