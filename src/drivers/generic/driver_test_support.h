@@ -17,6 +17,7 @@
 #include "comm/request.h"
 #include "core/modem.h"
 #include "core/modem_driver.h"
+#include "core/sim_config.h"
 #include "util/cache_manager.h"
 #include "util/ujson.h"
 
@@ -47,14 +48,13 @@ class recording_modem : public modem
         iface_actions.push_back(action);
         return iface_result;
     }
-    bool paused() const override { return is_paused; }
-    const char *object_name() const override { return bus_name.c_str(); }
+    const char *object_name() const override { return "gsm.modem0"; }
     int broadcast(const char *name, const ujson &payload) override
     {
         char *text = blobmsg_format_json(payload.get_blobmsg(), true);
         broadcasts.emplace_back(name, text ? text : "");
         std::free(text);
-        return broadcast_result;
+        return 0;
     }
     int call_service(const char *object, const char *method, const ujson &args, ujson &answer,
                      uint32_t timeout_ms) override
@@ -75,9 +75,6 @@ class recording_modem : public modem
     std::string awaited;
     // Each bus event sent: its name and its payload as JSON.
     std::vector<std::pair<std::string, std::string>> broadcasts;
-    int broadcast_result = 0;
-    bool is_paused = false;
-    std::string bus_name = "gsm.modem0";
     // Stands in for the services on the bus; none when empty.
     std::function<int(const char *object, const char *method, const ujson &args, ujson &answer, uint32_t timeout_ms)>
         service;
@@ -95,6 +92,23 @@ class recording_modem : public modem
             e.number = *static_cast<const int32_t *>(data);
         events.push_back(std::move(e));
     }
+};
+
+// A modem with the board's SIM slot wiring, read from the factory file under
+// WWANCTL_ROOT by wire(); records the functionality the radio is set back to.
+struct slot_modem : recording_modem {
+    const sim_config *sim_cfg() const override { return cfg.get(); }
+    uint32_t sim_slot_count() const override { return count; }
+    int refresh(uint32_t action, const ujson *args) override
+    {
+        if (action == ACT_SET_FUNC && args)
+            func = args->get_string("func");
+        return recording_modem::refresh(action, args);
+    }
+    void wire() { cfg = sim_config_create(1, count); }
+    std::unique_ptr<sim_config> cfg;
+    uint32_t count = 0;
+    std::string func;
 };
 
 // Build and parse one action at a time against a recording modem.
@@ -151,12 +165,44 @@ class driver_test : public ::testing::Test
         const cache_item *item = cache->get_item(key);
         return item && item->text() ? item->text() : "<none>";
     }
-    static std::unique_ptr<ujson> args(std::initializer_list<std::pair<const char *, const char *>> texts)
+    // Bus arguments written as JSON.
+    static std::unique_ptr<ujson> json_of(const std::string &text)
     {
         auto json = ujson::create();
-        for (const auto &[k, v] : texts)
-            json->add_string(k, v);
+        EXPECT_TRUE(blobmsg_add_json_from_string(json->buffer(), text.c_str())) << text;
         return json;
+    }
+    static std::string as_json(const ujson &json)
+    {
+        char *s = blobmsg_format_json(json.get_blobmsg(), true);
+        std::string out = s ? s : "(null)";
+        std::free(s);
+        return out;
+    }
+    // "<status>[ <command>]" of a build from JSON arguments.
+    std::string built(act_func fn, const std::string &json)
+    {
+        int status = build(fn, json_of(json).get());
+        return std::to_string(status) + (command().empty() ? "" : " " + command());
+    }
+    // "<status> <reply>" of a parse, then " <event>=<value>" per event raised.
+    std::string parsed(act_func fn, const std::string &answer)
+    {
+        mdm.events.clear();
+        int status = parse(fn, answer);
+        return std::to_string(status) + " " + as_json(*reply) + (mdm.events.empty() ? "" : " " + raised());
+    }
+    // The events raised: "<event>=<value>" each ("!" after a forced one),
+    // then "<bus event>=<payload>" per broadcast.
+    std::string raised() const
+    {
+        std::string out;
+        for (const auto &e : mdm.events)
+            out += (out.empty() ? "" : " ") + std::to_string(e.id) + "=" +
+                   (e.data ? as_json(*e.data) : std::to_string(e.number)) + (e.forced ? "!" : "");
+        for (const auto &[name, payload] : mdm.broadcasts)
+            out += (out.empty() ? "" : " ") + name + "=" + payload;
+        return out;
     }
 
     recording_modem mdm;

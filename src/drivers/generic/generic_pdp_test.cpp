@@ -1,7 +1,5 @@
 #include "drivers/generic/generic_pdp.h"
 
-#include <algorithm>
-
 #include <gtest/gtest.h>
 
 #include "comm/request.h"
@@ -44,18 +42,6 @@ TEST_F(GenericPdpTest, ActivationQueryReachesTheModemTerminated)
     request_ptr sent(create_request(ACT_GET_ACT_PDP_CTX_LIST, nullptr, nullptr, req.command, req.length, 10, nullptr));
     ASSERT_TRUE(sent);
     EXPECT_EQ(std::string(sent->command, sent->length), std::string("AT+CGACT?\r\0", 11));
-}
-
-TEST_F(GenericPdpTest, InstallSetsTheEightActions)
-{
-    const uint32_t actions[] = {ACT_SET_PDP_CTX,          ACT_GET_PDP_CTX,      ACT_GET_PDP_ADDR,
-                                ACT_GET_PDP_ADDR_LIST,    ACT_SET_PS_ATT_STATE, ACT_GET_PS_ATT_STATE,
-                                ACT_GET_ACT_PDP_CTX_LIST, ACT_GET_DNS_ADDR};
-    modem_driver drv = {"Test AT", "test", nullptr, nullptr};
-    generic_pdp_install(&drv);
-    for (size_t i = 0; i < std::size(actions); i++)
-        EXPECT_EQ(drv.funcs[actions[i]], fns[i].act) << fns[i].name;
-    EXPECT_EQ(std::count_if(std::begin(drv.funcs), std::end(drv.funcs), [](act_func f) { return f; }), 8);
 }
 
 } // namespace

@@ -3,62 +3,22 @@
 #include <string>
 
 #include <gtest/gtest.h>
-#include "wwan/ubox.h"
 
 #include "drivers/generic/driver_test_support.h"
 #include "ubus/vocab.h"
-#include "util/log.h"
 
 namespace
 {
 
 using GenericPinTest = driver_test;
 
-TEST_F(GenericPinTest, ProbeInstallsThePinActionsAndHandler)
+// Codes reach the modem only as digits (refusals: the family's table).
+TEST_F(GenericPinTest, Commands)
 {
-    modem_driver drv = {"Test AT", "test", nullptr, nullptr};
-    EXPECT_EQ(generic_pin_probe(&drv), 0);
-    EXPECT_EQ(drv.funcs[ACT_GET_IMSI], &get_imsi);
-    EXPECT_EQ(drv.funcs[ACT_SET_PIN_CODE], &set_pin_code);
-    EXPECT_EQ(drv.funcs[ACT_GET_PIN_STATE], &get_pin_state);
-    EXPECT_EQ(drv.funcs[ACT_SET_PUK_CODE], &set_puk_code);
-    ASSERT_NE(drv.urcs, nullptr);
-    EXPECT_EQ(drv.urcs->name, "+CPIN");
-    EXPECT_EQ(drv.urcs->handler, &urc_cpin);
-    delete drv.urcs;
-}
-
-// Codes reach the modem only as digits of the lengths a SIM takes.
-TEST_F(GenericPinTest, PinAndPukCommands)
-{
-    const struct {
-        act_func fn;
-        const char *args; // JSON
-        const char *want; // the command; null: refused with 2
-    } rows[] = {
-        {set_pin_code, R"({"code":"1234"})", "AT+CPIN=\"1234\"\r"},
-        {set_pin_code, R"({"code":"12345678"})", "AT+CPIN=\"12345678\"\r"},
-        {set_pin_code, R"({"code":"123"})", nullptr},
-        {set_pin_code, R"({"code":"123456789"})", nullptr},
-        {set_pin_code, R"({"code":"12a4"})", nullptr},
-        {set_pin_code, R"({"code":"12\"4"})", nullptr},
-        {set_pin_code, R"({"code":"1234\r"})", nullptr},
-        {set_pin_code, R"({"code":"12\n34"})", nullptr},
-        {set_pin_code, R"({"code":"1234\u001a"})", nullptr},
-        {set_pin_code, R"({"code":"\u001b1234"})", nullptr},
-        {set_pin_code, "{}", nullptr},
-        {set_puk_code, R"({"puk":"12345678","pin":"0000"})", "AT+CPIN=\"12345678\",\"0000\"\r"},
-        {set_puk_code, R"({"puk":"1234567","pin":"0000"})", nullptr},
-        {set_puk_code, R"({"puk":"1234567\"","pin":"0000"})", nullptr},
-        {set_puk_code, R"({"puk":"12345678","pin":"00\r0"})", nullptr},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.args);
-        auto args = ujson::create();
-        ASSERT_TRUE(blobmsg_add_json_from_string(args->buffer(), row.args));
-        EXPECT_EQ(build(row.fn, args.get()), row.want ? ACT_STATUS_OK : ACT_STATUS_INVALID_ARGS);
-        EXPECT_EQ(command(), row.want ? row.want : "");
-    }
+    EXPECT_EQ(built(set_pin_code, R"({"code":"12345678"})"), "0 AT+CPIN=\"12345678\"\r");
+    EXPECT_EQ(built(set_puk_code, R"({"puk":"12345678","pin":"0000"})"), "0 AT+CPIN=\"12345678\",\"0000\"\r");
+    EXPECT_EQ(built(get_pin_state, "{}"), "0 AT+CFUN?\rAT+CPIN?\r");
+    EXPECT_EQ(built(get_imsi, "{}"), "0 AT+CIMI\r");
 }
 
 // Answers of an EC25 unless the row says otherwise.
@@ -69,8 +29,6 @@ TEST_F(GenericPinTest, PinStateFromFunctionalityAndCpin)
         std::string answer;
         uint32_t state; // 0: invalid response, nothing raised
     } rows[] = {
-        {on + "\r\n+CPIN: READY\r\n\r\nOK\r\n", PIN_STATE_OK},
-        {on + "\r\n+CPIN: SIM PIN\r\n\r\nOK\r\n", PIN_STATE_PIN},
         {on + "\r\n+CPIN: PH-NETSUB PUK\r\n\r\nOK\r\n", PIN_STATE_PH_NETSUB_PUK}, // 3GPP TS 27.007
         {on + "\r\n+CPIN: SIM BUSY\r\n\r\nOK\r\n", PIN_STATE_BUSY},               // RM520N after boot
         {on + "\r\n+CME ERROR: 10\r\n", PIN_STATE_NOT_INSERTED},
@@ -78,13 +36,10 @@ TEST_F(GenericPinTest, PinStateFromFunctionalityAndCpin)
         {on + "\r\n+CME ERROR: 13\r\n", PIN_STATE_FAILURE},
         {off + "\r\n+CME ERROR: 13\r\n", PIN_STATE_NOT_READY},
         {"\r\n+CFUN: 7\r\n\r\nOK\r\n\r\n+CME ERROR: SIM failure\r\n", PIN_STATE_NOT_READY}, // RM520N SIM off
-        {off + "\r\nERROR\r\n", PIN_STATE_NOT_READY},
         {off + "\r\n+CPIN: READY\r\n\r\nOK\r\n", PIN_STATE_OK},
         {"+CFUN: 1\r\n0\r+CPIN: READY\r\n0\r", PIN_STATE_OK}, // ATV0
-        {"+CFUN: 1\r\n0\r+CME ERROR: 10\r", PIN_STATE_NOT_INSERTED},
         {"\r\n+CPIN: NOT READY\r\n\r\nOK\r\n", PIN_STATE_NOT_READY},
         {on + "\r\nERROR\r\n", 0},
-        {on + "\r\n+CME ERROR: 3\r\n", 0},
         {on + "\r\n+CPIN: PH-SIM PIN\r\n\r\nOK\r\n", 0},
         {on, 0},
     };
@@ -100,8 +55,6 @@ TEST_F(GenericPinTest, PinStateFromFunctionalityAndCpin)
             EXPECT_EQ(mdm.events[0].number, static_cast<int32_t>(row.state));
         }
     }
-    ASSERT_EQ(build(get_pin_state), ACT_STATUS_OK);
-    EXPECT_EQ(command(), "AT+CFUN?\rAT+CPIN?\r");
 }
 
 TEST_F(GenericPinTest, ImsiIsCachedAndDroppedWithAFailedAnswer)
@@ -110,13 +63,9 @@ TEST_F(GenericPinTest, ImsiIsCachedAndDroppedWithAFailedAnswer)
         const char *answer;
         const char *imsi; // reply and cache afterwards; "<none>": status 5
     } rows[] = {
-        {"\r\n262011234567890\r\n\r\nOK\r\n", "262011234567890"},
-        {"\r\n+CME ERROR: 10\r\n", "<none>"},
         {"310260000000001\r\n0\r", "310260000000001"}, // ATV0
-        {"\r\nOK\r\n", "<none>"},
+        {"\r\n+CME ERROR: 10\r\n", "<none>"},
     };
-    ASSERT_EQ(build(get_imsi), ACT_STATUS_OK);
-    EXPECT_EQ(command(), "AT+CIMI\r");
     for (const auto &row : rows) {
         SCOPED_TRACE(row.answer);
         bool valid = std::string(row.imsi) != "<none>";
@@ -133,7 +82,6 @@ TEST_F(GenericPinTest, CpinUrcRaisesTheStateAndRereadsRegistration)
         int32_t state; // 0: refused, nothing raised
     } rows[] = {
         {"\r\n+CPIN: READY\r\n", PIN_STATE_OK},
-        {"\r\n+CPIN: NOT READY\r\n", PIN_STATE_NOT_READY},
         {"\r\n+CPIN: SIM PIN\r\n", PIN_STATE_PIN},
         {"\r\n+CPIN: SOMETHING\r\n", 0},
     };
@@ -148,13 +96,6 @@ TEST_F(GenericPinTest, CpinUrcRaisesTheStateAndRereadsRegistration)
             EXPECT_EQ(mdm.events[0].number, row.state);
         }
     }
-
-    log_level(1);
-    testing::internal::CaptureStdout();
-    urc(urc_cpin, "\r\n+CPIN: READY\r\n");
-    std::string out = testing::internal::GetCapturedStdout();
-    log_level(0);
-    EXPECT_EQ(out.substr(out.find("] ") + 2), "debug: Modem `1-1.2 [2C7C:0125]` URC Event: PIN State: OK (1)\n");
 }
 
 } // namespace

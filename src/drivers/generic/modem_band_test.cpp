@@ -47,30 +47,6 @@ std::string flip_case(const char *s)
     return out;
 }
 
-TEST(ModemBand, SpotValues)
-{
-    EXPECT_EQ(modem_info_lte_band_val("LTE_B3"), 8u);
-    EXPECT_EQ(modem_info_lte_band_val("LTE_B66"), uint64_t{1} << 32);
-    EXPECT_EQ(modem_info_lte_band_val("LTE_B85"), uint64_t{1} << 36);
-    EXPECT_EQ(modem_info_5g_band_val("5G_N28"), 16384u);
-    EXPECT_EQ(modem_info_wcdma_band_val("WCDMA_2100"), 2048u);
-    EXPECT_EQ(modem_info_gsm_band_val("GSM_900"), 4u);
-    EXPECT_EQ(modem_info_nsa_5g_band_val("NSA_5G_N262"), uint64_t{1} << 33);
-    EXPECT_EQ(modem_info_lte_nb_band_val("LTE_NB20"), uint64_t{1} << 14);
-    EXPECT_STREQ(modem_5g_band_str(16384), "5G_N28");
-    EXPECT_STREQ(modem_lte_band_str(uint64_t{1} << 32), "LTE_B66");
-}
-
-TEST(ModemBand, UnknownValueIsOneAboveLastBand)
-{
-    EXPECT_EQ(modem_info_gsm_band_val("nope"), 17u);
-    EXPECT_EQ(modem_info_wcdma_band_val("nope"), 8193u);
-    EXPECT_EQ(modem_info_lte_band_val("nope"), (uint64_t{1} << 36) + 1);
-    EXPECT_EQ(modem_info_lte_nb_band_val("nope"), (uint64_t{1} << 36) + 1);
-    EXPECT_EQ(modem_info_nsa_5g_band_val("nope"), (uint64_t{1} << 33) + 1);
-    EXPECT_EQ(modem_info_5g_band_val("nope"), (uint64_t{1} << 28) + 1);
-}
-
 // Every band and "any" survive name -> value -> name and display -> value in
 // every family; "none" and anything that is not one listed bit do not.
 TEST(ModemBand, RoundTripEveryFamily)
@@ -114,16 +90,6 @@ TEST(ModemBand, RoundTripEveryFamily)
     }
 }
 
-TEST(ModemBand, DisplayText)
-{
-    char buf[32];
-    EXPECT_STREQ(modem_lte_band_ret_str(8, buf, sizeof buf), "LTE B3");
-    EXPECT_STREQ(modem_gsm_band_ret_str(4, buf, sizeof buf), "GSM 900");
-    EXPECT_STREQ(modem_nsa_5g_band_ret_str(0, buf, sizeof buf), "NSA 5G NONE");
-    EXPECT_STREQ(modem_lte_band_ret_str(10, buf, sizeof buf), "LTE UNKNOWN");
-    EXPECT_EQ(modem_info_lte_band_ret_val("lte b3"), 8u);
-}
-
 // The display buffer is never overrun; the canaries after it stay intact.
 TEST(ModemBand, DisplayTextTruncatesToBuffer)
 {
@@ -142,49 +108,47 @@ TEST(ModemBand, DisplayTextTruncatesToBuffer)
     EXPECT_EQ(modem_lte_band_ret_str(8, nullptr, 10), nullptr);
 }
 
+// The 3GPP band numbers AT commands use, both ways; bands without one give ""
+// and their texts the family's unknown value.
 TEST(ModemBand, AtBandNumbers)
 {
-    struct row {
+    const struct {
         const char *(*str)(uint64_t);
+        uint64_t (*val)(std::string_view);
         uint64_t value;
         const char *num;
-    };
-    const row rows[] = {
-        {wcdma_band_str, 4, "6"},
-        {wcdma_band_str, 16, "5"},
-        {wcdma_band_str, 32, "19"},
-        {wcdma_band_str, 64, "8"},
-        {wcdma_band_str, 256, "4"},
-        {wcdma_band_str, 512, "3"},
-        {wcdma_band_str, 1024, "2"},
-        {wcdma_band_str, 2048, "1"},
-        {wcdma_band_str, 2, ""},
-        {wcdma_band_str, 8, ""},
-        {wcdma_band_str, 128, ""},
-        {wcdma_band_str, 4096, ""},
-        {wcdma_band_str, 8192, ""},
-        {wcdma_band_str, 1, ""},
-        {wcdma_band_str, 0, ""},
-        {lte_band_str, 8, "3"},
-        {lte_band_str, uint64_t{1} << 32, "66"},
-        {lte_band_str, uint64_t{1} << 17, ""}, // B27
-        {lte_band_str, uint64_t{1} << 21, ""}, // B31
-        {lte_band_str, uint64_t{1} << 34, ""}, // B72
-        {lte_band_str, uint64_t{1} << 35, ""}, // B73
-        {lte_band_str, uint64_t{1} << 36, ""}, // B85
-        {lte_band_str, uint64_t{1} << 33, "71"},
-        {lte_band_str, 10, ""},
-        {nsa_5g_band_str, uint64_t{1} << 27, "78"},
-        {nsa_5g_band_str, uint64_t{1} << 31, ""}, // n260
-        {nsa_5g_band_str, uint64_t{1} << 33, "262"},
-        {sa_5g_band_str, 16384, "28"},
-        {sa_5g_band_str, uint64_t{1} << 28, "79"},
-        {sa_5g_band_str, uint64_t{1} << 29, ""},
+    } rows[] = {
+        {wcdma_band_str, wcdma_band_val, 4, "6"},
+        {wcdma_band_str, wcdma_band_val, 32, "19"},
+        {wcdma_band_str, wcdma_band_val, 64, "8"},
+        {wcdma_band_str, wcdma_band_val, 1024, "2"},
+        {wcdma_band_str, wcdma_band_val, 2048, "1"},
+        {wcdma_band_str, wcdma_band_val, 2, ""},
+        {wcdma_band_str, wcdma_band_val, 8192, ""},
+        {wcdma_band_str, wcdma_band_val, 1, ""},
+        {lte_band_str, lte_band_val, 8, "3"},
+        {lte_band_str, lte_band_val, uint64_t{1} << 32, "66"},
+        {lte_band_str, lte_band_val, uint64_t{1} << 33, "71"},
+        {lte_band_str, lte_band_val, uint64_t{1} << 17, ""}, // B27
+        {lte_band_str, lte_band_val, uint64_t{1} << 36, ""}, // B85
+        {lte_band_str, lte_band_val, 10, ""},
+        {nsa_5g_band_str, nsa_5g_band_val, uint64_t{1} << 27, "78"},
+        {nsa_5g_band_str, nsa_5g_band_val, uint64_t{1} << 31, ""}, // n260
+        {nsa_5g_band_str, nsa_5g_band_val, uint64_t{1} << 33, "262"},
+        {sa_5g_band_str, sa_5g_band_val, 16384, "28"},
+        {sa_5g_band_str, sa_5g_band_val, uint64_t{1} << 28, "79"},
+        {sa_5g_band_str, sa_5g_band_val, uint64_t{1} << 29, ""},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(testing::Message() << r.value << " -> " << r.num);
         EXPECT_STREQ(r.str(r.value), r.num);
+        EXPECT_EQ(*r.num ? r.val(r.num) : r.value, r.value);
     }
+    EXPECT_EQ(wcdma_band_val("7"), 8193u);
+    EXPECT_EQ(lte_band_val("27"), (uint64_t{1} << 36) + 1);
+    EXPECT_EQ(sa_5g_band_val("260"), (uint64_t{1} << 28) + 1);
+    // The empty text matches the first value tried without a number: "any".
+    EXPECT_EQ(lte_band_val(""), 1u);
 }
 
 // Every numbered LTE band gives its own number, which is the name's suffix.
@@ -198,22 +162,6 @@ TEST(ModemBand, LteNumbersMatchNames)
         EXPECT_EQ("LTE_B" + num, modem_lte_band_str(v));
         EXPECT_EQ(lte_band_val(num), v);
     }
-}
-
-TEST(ModemBand, AtNumberToValue)
-{
-    EXPECT_EQ(wcdma_band_val("1"), 2048u);
-    EXPECT_EQ(wcdma_band_val("19"), 32u);
-    EXPECT_EQ(lte_band_val("66"), uint64_t{1} << 32);
-    EXPECT_EQ(nsa_5g_band_val("78"), uint64_t{1} << 27);
-    EXPECT_EQ(sa_5g_band_val("28"), 16384u);
-    // Unnumbered texts fall to the family's unknown value.
-    EXPECT_EQ(wcdma_band_val("7"), 8193u);
-    EXPECT_EQ(lte_band_val("27"), (uint64_t{1} << 36) + 1);
-    EXPECT_EQ(sa_5g_band_val("260"), (uint64_t{1} << 28) + 1);
-    // The empty text matches the first value tried without a number: "any".
-    EXPECT_EQ(wcdma_band_val(""), 1u);
-    EXPECT_EQ(lte_band_val(""), 1u);
 }
 
 } // namespace

@@ -56,14 +56,6 @@ inline std::map<std::string, std::string> load_answers(const char *driver, const
     return out;
 }
 
-inline std::string as_json(const ujson &json)
-{
-    char *s = blobmsg_format_json(json.get_blobmsg(), true);
-    std::string out = s ? s : "(null)";
-    std::free(s);
-    return out;
-}
-
 class driver_case_test : public driver_test
 {
   protected:

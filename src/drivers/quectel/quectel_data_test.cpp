@@ -8,35 +8,12 @@
 namespace
 {
 
-class QuectelDataTest : public driver_test
-{
-  protected:
-    // "<status>" and " <command>" of a build with JSON arguments.
-    std::string built(act_func fn, const char *json_args)
-    {
-        auto json = ujson::create();
-        EXPECT_TRUE(blobmsg_add_json_from_string(json->buffer(), json_args)) << json_args;
-        int st = build(fn, json.get());
-        return std::to_string(st) + (command().empty() ? "" : " " + command());
-    }
-    // "<status> <reply>" of a parse, after a build with build_args (which
-    // hands the parse what it needs) when given.
-    std::string parsed(act_func fn, const char *build_args, const std::string &text)
-    {
-        if (build_args) {
-            EXPECT_EQ(built(fn, build_args).substr(0, 1), "0") << build_args;
-        }
-        int st = parse(fn, text);
-        return std::to_string(st) + " " + as_json(*reply);
-    }
-};
+using QuectelDataTest = driver_test;
 
 TEST_F(QuectelDataTest, CommandsFromArguments)
 {
     const std::string apn63(63, 'a');
-    const std::string apn64(64, 'a');
     const std::string long_apn_ok = R"({"cid":1,"type":"IP","apn":")" + apn63 + R"(","auth_tp":"None"})";
-    const std::string long_apn_bad = R"({"cid":1,"type":"IP","apn":")" + apn64 + R"(","auth_tp":"None"})";
     const struct {
         act_func fn;
         std::string args;
@@ -47,70 +24,33 @@ TEST_F(QuectelDataTest, CommandsFromArguments)
          "0 AT+QICSGP=1,1,\"internet\",\"user\",\"secret\",1\r"},
         {set_apn_auth, R"({"cid":16,"type":"IPV4V6","apn":"web","auth_tp":"pap_chap"})",
          "0 AT+QICSGP=16,3,\"web\",\"\",\"\",3\r"},
-        {set_apn_auth, R"({"cid":2,"type":"IPV6","apn":"","auth_tp":"CHAP"})", "0 AT+QICSGP=2,2,\"\",\"\",\"\",2\r"},
         {set_apn_auth, long_apn_ok, "0 AT+QICSGP=1,1,\"" + apn63 + "\",\"\",\"\",0\r"},
-        {set_apn_auth, long_apn_bad, "2"},
-        {set_apn_auth, R"({"cid":1,"type":"PPP","apn":"web","auth_tp":"None"})", "2"},
-        {set_apn_auth, R"({"cid":0,"type":"IP","apn":"web","auth_tp":"None"})", "2"},
-        {set_apn_auth, R"({"cid":17,"type":"IP","apn":"web","auth_tp":"None"})", "2"},
-        {set_apn_auth, R"({"cid":1,"type":"IP","apn":"web","auth_tp":"MSCHAP"})", "2"},
-        {set_apn_auth, R"({"cid":1,"type":"IP","apn":"web"})", "2"},
-        {set_apn_auth, R"({"cid":1,"type":"IP","apn":"web","passw":"a\",1\r","auth_tp":"PAP"})", "2"},
-        {set_apn_auth, R"({"cid":1,"type":"IP","apn":"web","username":"u\rAT+CFUN=0","auth_tp":"PAP"})", "2"},
         {get_apn_auth, R"({"index":16})", "0 AT+QICSGP=16\r"},
-        {get_apn_auth, R"({"index":0})", "2"},
         {set_pdp_ctx_state, R"({"cid":1,"state":"activate"})", "0 AT+QIACT=1\r"},
         {set_pdp_ctx_state, R"({"cid":3,"state":"Deactivated","timeout":60})", "0 AT+QIDEACT=3\r"},
-        {set_pdp_ctx_state, R"({"cid":3,"state":"1"})", "2"},
-        {set_pdp_ctx_state, R"({"cid":3,"state":"activate","timeout":0})", "2"},
-        {set_pdp_ctx_state, R"({"cid":17,"state":"activate"})", "2"},
         {get_attached_pdp_ctx_list, "{}", "0 AT+QIACT?\r"},
         {set_dns_addr, R"({"cid":1,"pri_dns":"8.8.8.8"})", "0 AT+QIDNSCFG=1,\"8.8.8.8\"\r"},
         {set_dns_addr, R"({"cid":2,"pri_dns":"2001:4860:4860::8888","sec_dns":"1.1.1.1"})",
          "0 AT+QIDNSCFG=2,\"2001:4860:4860::8888\",\"1.1.1.1\"\r"},
-        {set_dns_addr, R"({"cid":1,"pri_dns":"8.8.8"})", "2"},
-        {set_dns_addr, R"({"cid":1,"pri_dns":"dns.google"})", "2"},
-        {set_dns_addr, R"({"cid":1,"pri_dns":"8.8.8.8","sec_dns":"8.8.4.4 "})", "2"},
-        {set_dns_addr, R"({"cid":1,"pri_dns":"8.8.8.8","sec_dns":""})", "2"},
         // Parameters up to the last one given, empty before it.
         {gnss_start, "{}", "0 AT+QGPS=1\r"},
-        {gnss_start, R"({"mode":"ms_based"})", "0 AT+QGPS=2\r"},
         {gnss_start, R"({"mode":"Speed optimal","fix_max_time":30,"accuracy":"High","fix_count":0,"fix_interval":1})",
          "0 AT+QGPS=4,30,10,0,1\r"},
         {gnss_start, R"({"fix_count":5})", "0 AT+QGPS=1,,,5\r"},
-        {gnss_start, R"({"accuracy":"low"})", "0 AT+QGPS=1,,1000\r"},
         {gnss_start, R"({"accuracy":"Medium","fix_interval":65535})", "0 AT+QGPS=1,,100,,65535\r"},
-        {gnss_start, R"({"fix_max_time":256})", "2"},
-        {gnss_start, R"({"fix_count":1001})", "2"},
-        {gnss_start, R"({"fix_interval":0})", "2"},
-        {gnss_start, R"({"accuracy":"best"})", "2"},
-        {gnss_start, R"({"mode":"assisted"})", "2"},
         {gnss_stop, "{}", "0 AT+QGPSEND\r"},
         {set_nmea_outport, R"({"port":"usbnmea"})", "0 AT+QGPSCFG=\"outport\",\"usbnmea\"\r"},
-        {set_nmea_outport, R"({"port":"none"})", "0 AT+QGPSCFG=\"outport\",\"none\"\r"},
-        {set_nmea_outport, R"({"port":"usb"})", "2"},
         // Each system's own bits; a type it cannot output refuses the set.
         {set_nmea, R"({"satellite":"gps","types":["GGA","RMC"]})", "0 AT+QGPSCFG=\"gpsnmeatype\",3\r"},
-        {set_nmea, R"({"satellite":"gps","types":["VTG","GSA","GSV","RMC","GGA"]})",
-         "0 AT+QGPSCFG=\"gpsnmeatype\",31\r"},
         {set_nmea, R"({"satellite":"glonass","types":["GNS","GSA"]})", "0 AT+QGPSCFG=\"glonassnmeatype\",6\r"},
-        {set_nmea, R"({"satellite":"galileo","types":["GSV"]})", "0 AT+QGPSCFG=\"galileonmeatype\",1\r"},
         {set_nmea, R"({"satellite":"beidou","types":["GSV"]})", "0 AT+QGPSCFG=\"beidounmeatype\",2\r"},
         {set_nmea, R"({"satellite":"beidou","types":[]})", "0 AT+QGPSCFG=\"beidounmeatype\",0\r"},
-        {set_nmea, R"({"satellite":"gps","types":["GNS"]})", "2"},
-        {set_nmea, R"({"satellite":"galileo","types":["GSV","GGA"]})", "2"},
-        {set_nmea, R"({"satellite":"gps","types":["XYZ"]})", "2"},
-        {set_nmea, R"({"satellite":"sbas","types":["GGA"]})", "2"},
-        {set_nmea, R"({"satellite":"gps"})", "2"},
         {get_nmea, R"({"satellite":"beidou"})", "0 AT+QGPSCFG=\"beidounmeatype\"\rAT+QGPSLOC=2\r"},
-        {get_nmea, R"({"satellite":"qzss"})", "2"},
         {set_dpo_mode, R"({"mode":"dynamic"})", "0 AT+QGPSCFG=\"dpoenable\",2\r"},
-        {set_dpo_mode, R"({"mode":"disable"})", "0 AT+QGPSCFG=\"dpoenable\",0\r"},
-        {set_dpo_mode, R"({"mode":"on"})", "2"},
         {get_dpo_mode, "{}", "0 AT+QGPSCFG=\"dpoenable\"\r"},
     };
     for (const auto &row : rows)
-        EXPECT_EQ(built(row.fn, row.args.c_str()), row.outcome) << row.args;
+        EXPECT_EQ(built(row.fn, row.args), row.outcome) << row.args;
 }
 
 TEST_F(QuectelDataTest, AnswersIntoReplies)
@@ -127,13 +67,10 @@ TEST_F(QuectelDataTest, AnswersIntoReplies)
          R"(0 {"cid":2,"passw_set":false,"auth_tp_id":1,"auth_tp":"None"})"},
         // Constructed from that form: the password never comes back, even
         // with a comma in it; no blank after the colon, lower-case tag.
-        {get_apn_auth, R"({"index":1})", "\r\n+QICSGP: 1,\"UNINET\",\"\",\"\",1\r\n\r\nOK\r\n",
-         R"(0 {"cid":1,"type_id":1,"type":"IP","apn":"UNINET","passw_set":false,"auth_tp_id":2,"auth_tp":"PAP"})"},
         {get_apn_auth, R"({"index":3})", "\r\n+qicsgp:3,\"web\",\"me\",\"p,w\",2\r\n\r\nOK\r\n",
          R"(0 {"cid":3,"type_id":3,"type":"IPV4V6","apn":"web","username":"me","passw_set":true,"auth_tp_id":3,"auth_tp":"CHAP"})"},
         {get_apn_auth, R"({"index":1})", "\r\n+QICSGP: 1,\"web\"\r\n\r\nOK\r\n", "5 {}"},
         {get_apn_auth, R"({"index":1})", "\r\n+QICSGP: 5,\"web\",\"\",\"\",0\r\n\r\nOK\r\n", "5 {}"},
-        {get_apn_auth, R"({"index":1})", "\r\n+CME ERROR: 3\r\n", "5 {}"},
         {set_apn_auth, nullptr, "\r\nOK\r\n", "0 {}"},
         {set_apn_auth, nullptr, "\r\nERROR\r\n", "5 {}"},
         // BG96 example of the same manual; none active is a bare OK.
@@ -149,7 +86,6 @@ TEST_F(QuectelDataTest, AnswersIntoReplies)
         {gnss_start, nullptr, "\r\nOK\r\n", R"(0 {"running":true})"},
         {gnss_start, nullptr, "\r\n+CME ERROR: 504\r\n", R"(0 {"running":true})"},
         {gnss_start, nullptr, "\r\n+CME ERROR: 503\r\n", "5 {}"},
-        {gnss_start, nullptr, "\r\nERROR\r\n", "5 {}"},
         {gnss_stop, nullptr, "\r\nOK\r\n", R"(0 {"running":false})"},
         {gnss_stop, nullptr, "\r\n+CME ERROR: 505\r\n", R"(0 {"running":false})"},
         {gnss_stop, nullptr, "\r\n+CME ERROR: 504\r\n", "5 {}"},
@@ -172,16 +108,16 @@ TEST_F(QuectelDataTest, AnswersIntoReplies)
         // The same with numeric results (ATV0): "0\r" ends each part.
         {get_nmea, R"({"satellite":"beidou"})", "+QGPSCFG: \"beidounmeatype\",3\r\n0\r+CME ERROR: 516\r\n",
          R"(0 {"types":["GSA","GSV"],"position":{"running":true,"fix_id":1,"fix":"No fix"}})"},
-        {get_nmea, R"({"satellite":"beidou"})", "4\r+CME ERROR: 516\r\n", "5 {}"},
         {get_nmea, R"({"satellite":"gps"})", "\r\n+QGPSCFG: \"gpsnmeatype\",32\r\n\r\nOK\r\n\r\nERROR\r\n", "5 {}"},
         {get_nmea, R"({"satellite":"gps"})", "\r\n+QGPSCFG: \"beidounmeatype\",1\r\n\r\nOK\r\n\r\nERROR\r\n", "5 {}"},
-        {get_nmea, R"({"satellite":"gps"})", "\r\n+QGPSCFG: \"gpsnmeatype\",-\r\n\r\nOK\r\n\r\nERROR\r\n", "5 {}"},
-        {get_dpo_mode, nullptr, "\r\n+QGPSCFG: \"dpoenable\",0\r\n\r\nOK\r\n", R"(0 {"mode_id":1,"mode":"Disabled"})"},
         {get_dpo_mode, nullptr, "\r\n+QGPSCFG: \"dpoenable\",2\r\n\r\nOK\r\n", R"(0 {"mode_id":3,"mode":"Dynamic"})"},
         {get_dpo_mode, nullptr, "\r\nERROR\r\n", "5 {}"},
     };
-    for (const auto &row : rows)
-        EXPECT_EQ(parsed(row.fn, row.build_args, row.answer), row.outcome) << row.answer;
+    for (const auto &row : rows) {
+        // The build hands the parse what it needs (the context, the system).
+        EXPECT_EQ(row.build_args ? build(row.fn, json_of(row.build_args).get()) : 0, 0) << row.answer;
+        EXPECT_EQ(parsed(row.fn, row.answer), row.outcome) << row.answer;
+    }
 }
 
 // parse_qgpsloc over AT+QGPSLOC answers, as one line of text per result.
@@ -220,7 +156,6 @@ TEST(QgpslocParser, CapturedAndEdgeForms)
         // No fix yet (BG96 error table); not running is no position at all.
         {"\r\n+CME ERROR: 516\r\n", "no_fix"},
         {"\r\n+CME ERROR: 505\r\n", "invalid"},
-        {"\r\nERROR\r\n", "invalid"},
         // Constructed variants: no blank after the colon, lower-case tag,
         // "-" and empty fields stay unset, the satellite count may be
         // missing, extra trailing fields are ignored.
@@ -238,9 +173,7 @@ TEST(QgpslocParser, CapturedAndEdgeForms)
         // too few fields, missing hemisphere letter handled as a number.
         {"\r\n+QGPSLOC: 022137.000,91.0,-122.29062,0.8,11.8,3,0.00,0.0,0.0,280821,09\r\n\r\nOK\r\n", "invalid"},
         {"\r\n+QGPSLOC: 022137.000,37.87512,-122.29062,0.8,11.8,1,0.00,0.0,0.0,280821,09\r\n\r\nOK\r\n", "invalid"},
-        {"\r\n+QGPSLOC: 022137.000,37.87512,-122.29062,0.8,11.8,-,0.00,0.0,0.0,280821,09\r\n\r\nOK\r\n", "invalid"},
         {"\r\n+QGPSLOC: 142748.0,2260.0881S,04321.5515W,2.0,-83.0,2,0.00,0.0,0.0,140119,10\r\n\r\nOK\r\n", "invalid"},
-        {"\r\n+QGPSLOC: 142748.0,2259.0881X,04321.5515W,2.0,-83.0,2,0.00,0.0,0.0,140119,10\r\n\r\nOK\r\n", "invalid"},
         {"\r\n+QGPSLOC: 022137.000,37.87512,-122.29062,0.8,11.8,3\r\n\r\nOK\r\n", "invalid"},
     };
     for (const auto &row : rows)

@@ -1,32 +1,20 @@
 #include "drivers/quectel/quectel.h"
 
-#include <algorithm>
-
 #include "drivers/generic/driver_test_support.h"
-#include "drivers/quectel/quectel_band.h"
+#include "drivers/generic/generic_net.h"
+#include "drivers/generic/generic_pin.h"
+#include "drivers/generic/generic_sms.h"
+#include "drivers/generic/generic_sys.h"
+#include "drivers/generic/generic_call.h"
+#include "drivers/quectel/quectel_data.h"
+#include "drivers/quectel/quectel_file.h"
 #include "drivers/quectel/quectel_net.h"
+#include "drivers/quectel/quectel_sys.h"
 
 namespace
 {
 
-class QuectelUrcTest : public driver_test
-{
-  protected:
-    // What the handler asked of the modem: "<event>=<value>" per event,
-    // "<bus event>=<payload>" per broadcast, space separated.
-    std::string raised() const
-    {
-        std::string out;
-        for (const auto &e : mdm.events) {
-            char *json = e.data ? blobmsg_format_json(e.data->get_blobmsg(), true) : nullptr;
-            out += " " + std::to_string(e.id) + "=" + (json ? json : std::to_string(e.number));
-            std::free(json);
-        }
-        for (const auto &[name, payload] : mdm.broadcasts)
-            out += " " + name + "=" + payload;
-        return out.empty() ? out : out.substr(1);
-    }
-};
+using QuectelUrcTest = driver_test;
 
 TEST_F(QuectelUrcTest, ReportsBecomeEventsOrAreRefused)
 {
@@ -43,7 +31,6 @@ TEST_F(QuectelUrcTest, ReportsBecomeEventsOrAreRefused)
         {urc_qind, "+QIND: \"FOTA\",\"DOWNLOADING\",45", 0,
          R"(16={"percent":45,"state_id":4,"state":"DOWNLOADING"} gsm.fota_state={"percent":45,"state_id":4,"state":"DOWNLOADING","modem_id":"1-1.2"})"},
         {urc_qind, "+QIND: \"FOTA\",\"DOWNLOADING\"", ACT_STATUS_INVALID_URC, ""},
-        {urc_qind, "+QIND: \"FOTA\",\"FTPEND\"", ACT_STATUS_INVALID_URC, ""},
         {urc_qind, "+QIND: \"FOTA\",\"REBOOTING\"", 0,
          R"(16={"state_id":0,"state":"UNKNOWN"} gsm.fota_state={"state_id":0,"state":"UNKNOWN","modem_id":"1-1.2"})"},
         // EC2x DFOTA of a local package (Quectel's URC forms as the public
@@ -75,6 +62,14 @@ TEST_F(QuectelUrcTest, ReportsBecomeEventsOrAreRefused)
         {urc_emm, "+EMM ERROR: 7", 0, R"(23={"cause_id":7,"cause":"EPS services not allowed"})"},
         {urc_esm, "+ESM ERROR: 1,27", 0, R"(24={"cause_id":27,"cause":"Missing or unknown APN"})"},
         {urc_esm, "+ESM ERROR: 27", ACT_STATUS_INVALID_RESPONSE, ""},
+        // +QNETRC report forms of the RM520N AT commands manual.
+        {urc_qnetrc, "+QNETRC: \"emm_cause\",15", 0,
+         R"(23={"cause_id":15,"cause":"No suitable cells in tracking area"})"},
+        {urc_qnetrc, "+QNETRC: \"esm_cause\",27", 0, R"(24={"cause_id":27,"cause":"Missing or unknown APN"})"},
+        {urc_qnetrc, "+QNETRC:\"5gmm_cause\",62", 0, R"(23={"cause_id":62,"cause":"No network slices available"})"},
+        {urc_qnetrc, "+QNETRC: \"emm_cause\",0", 0, ""},
+        {urc_qnetrc, "+QNETRC: \"emm_cause\",-", ACT_STATUS_INVALID_URC, ""},
+        {urc_qnetrc, "+QNETRC: \"mm_cause\",7", ACT_STATUS_INVALID_URC, ""},
         // End of an upload, XOR checksum in hex (a public EC2x upload
         // example); the base form reads it in decimal.
         {urc_qfupl_hex, "+QFUPL: 683,f6e", 0, R"(22={"size":683,"checksum":3950})"},
@@ -97,112 +92,89 @@ TEST_F(QuectelUrcTest, SerialNumberIsCachedUnquoted)
     EXPECT_EQ(cached("serial_num"), "MPY21ABC3456789");
 }
 
-TEST(QuectelDriver, ProbeWithdrawsActionsAndInstallsHandlers)
+// Every kind of argument the Quectel actions take, each refused with status 2
+// and nothing built for the modem.
+TEST_F(QuectelUrcTest, ArgumentRefusal)
 {
-    // A parent that has every action.
-    act_func any = [](modem *, int, ujson *, request *) { return 0; };
-    modem_driver drv = {"Test AT", "test", nullptr, nullptr};
-    std::fill(std::begin(drv.funcs), std::end(drv.funcs), any);
-    EXPECT_EQ(quectel_driver_probe(&drv), 0);
-    const uint32_t withdrawn[] = {ACT_SET_UE_USAGE_CFG,   ACT_GET_UE_USAGE_CFG,   ACT_SET_M2M_STATE,
-                                  ACT_GET_M2M_STATE,      ACT_GET_MTU_INFO,       ACT_SET_MTU_INFO,
-                                  ACT_GET_RAT_PRIORITY,   ACT_SET_RAT_PRIORITY,   ACT_GET_FROUTING_STATE,
-                                  ACT_SET_FROUTING_STATE, ACT_GET_USSD_TEXT_MODE, ACT_SET_USSD_TEXT_MODE};
-    // Replaced by Quectel's own commands (or, where Quectel firmware has no
-    // command for them, by nothing).
-    const uint32_t replaced[] = {
-        ACT_GET_FIRMWARE, ACT_GET_SN, ACT_SET_GSM_BAND, ACT_SET_WCDMA_BAND, ACT_SET_LTE_BAND,
-        ACT_SET_DEFAULT_BANDS, ACT_GET_BANDS, ACT_SET_CFG_SIGNAL_QRY, ACT_GET_CFG_SIGNAL_QRY, ACT_GET_SIGNAL_QRY,
-        ACT_SET_GPRS_ATTACH, ACT_GET_GPRS_ATTACH, ACT_GET_MBN_LIST, ACT_MBN_DEACTIVATE, ACT_MBN_SELECT,
-        ACT_SET_MBN_AUTO_SEL, ACT_GET_MBN_AUTO_SEL, ACT_SET_NET_MODE, ACT_GET_NET_MODE_TECH, ACT_GET_NET_MODE_TYPE,
-        ACT_SET_ROAMING_SVC, ACT_GET_ROAMING_SVC, ACT_GET_TEMPERATURE, ACT_GET_ICCID, ACT_GET_NETWORK_INFO,
-        ACT_GET_NEIGHBOUR_INFO, ACT_GET_PIN_COUNT, ACT_SET_URC_CFG, ACT_GET_URC_CFG, ACT_SET_DHCP_PKT_FLTR,
-        ACT_GET_DHCP_PKT_FLTR, ACT_SET_USBNET_CFG, ACT_GET_USBNET_CFG, ACT_SET_NAT_CFG, ACT_GET_NAT_CFG,
-        ACT_SET_IMS_STATE, ACT_GET_IMS_STATE, ACT_SET_VOLTE_STATE, ACT_GET_VOLTE_STATE, ACT_GET_VOLTE_READY,
-        ACT_SET_APN_AUTH, ACT_GET_APN_AUTH, ACT_GET_TIME, ACT_SET_PDP_CTX_STATE, ACT_GET_ATTACHED_PDP_CTX_LIST,
-        ACT_SET_DNS_ADDR, ACT_GET_CA_INFO, ACT_UPLOAD_FILE, ACT_GET_FILE_LIST, ACT_DELETE_FILE,
-        ACT_GET_STORAGE_SPACE, ACT_DFOTA_UPGRADE, ACT_SET_NMEA, ACT_GET_NMEA, ACT_GET_SERVICE_PROVIDER,
-        ACT_GNSS_START, ACT_SET_NMEA_OUTPORT, ACT_GNSS_STOP, ACT_GET_CELL_INFO, ACT_SET_URC_IND_CFG,
-        ACT_GET_URC_IND_CFG, ACT_GET_PDP_PROFILE_REGISTRY, ACT_GET_LTE_SMS_FORMAT, ACT_SET_LTE_SMS_FORMAT,
-        ACT_GET_FLASH_STATE, ACT_SET_CEFS_RESTORE, ACT_SET_SIM_SOFT_HOTPLUG, ACT_GET_SIM_SOFT_HOTPLUG,
-        ACT_GET_EFS_VERSION, ACT_SET_URC_CAUSE_SUPPORT, ACT_GET_URC_CAUSE_SUPPORT, ACT_SET_DPO_MODE,
-        ACT_GET_DPO_MODE, ACT_SET_USBCFG, ACT_GET_USBCFG, ACT_GET_QSIMDET, ACT_SET_QSIMDET, ACT_SET_SIM_SLOT,
-        ACT_GET_SIM_SLOT};
-    auto listed = [](const auto &table, uint32_t act) {
-        return std::find(std::begin(table), std::end(table), act) != std::end(table);
+    const struct {
+        act_func fn;
+        std::string args;
+    } rows[] = {
+        {set_apn_auth, R"({"cid":1,"type":"IP","apn":")" + std::string(64, 'a') + R"(","auth_tp":"None"})"},
+        {set_apn_auth, R"({"cid":1,"type":"PPP","apn":"web","auth_tp":"None"})"},
+        {set_apn_auth, R"({"cid":17,"type":"IP","apn":"web","auth_tp":"None"})"},
+        {set_apn_auth, R"({"cid":1,"type":"IP","apn":"web","auth_tp":"MSCHAP"})"},
+        {set_apn_auth, R"({"cid":1,"type":"IP","apn":"web"})"},
+        {set_apn_auth, R"({"cid":1,"type":"IP","apn":"web","passw":"a\",1\r","auth_tp":"PAP"})"},
+        {get_apn_auth, R"({"index":0})"},
+        {set_pdp_ctx_state, R"({"cid":3,"state":"activate","timeout":0})"},
+        {set_dns_addr, R"({"cid":1,"pri_dns":"8.8.8.8","sec_dns":"8.8.4.4 "})"},
+        {gnss_start, R"({"fix_count":1001})"},
+        {set_nmea, R"({"satellite":"gps","types":["GNS"]})"},
+        {set_nmea, R"({"satellite":"sbas","types":["GGA"]})"},
+        {set_nmea, R"({"satellite":"gps"})"},
+        {set_signal_query_cfg, R"({"mode":"enable","change_threshold":3})"},
+        {set_signal_query_cfg, R"({})"},
+        {set_net_mode, R"({"mode":"LTE"})"},
+        {set_net_mode_lpwa, R"({"mode":"wcdma"})"},
+        {set_net_mode_nr, R"({"mode":"gsm"})"},
+        {set_roaming_svc_nr, R"({"mode":"auto"})"},                  // no such preference
+        {set_roaming_svc_nr, R"({"mode":"enable","effect":false})"}, // applies at once only
+        {set_urc_cause_support_nr, R"({})"},
+        {get_time, R"({"mode":"1\r"})"},
+        {get_file_list, R"({"path":"../x"})"}, // paths: no way out of the storage
+        {get_file_list, R"({"path":"NAND:x"})"},
+        {delete_file, R"({"path":"*"})"}, // one file, never a pattern
+        {delete_file, R"({"path":"a/b"})"},
+        {delete_file, R"({"path":".."})"},
+        {delete_file, R"({"path":""})"},
+        {delete_file, R"({"path":")" + std::string(81, 'a') + "\"}"},
+        {dfota_upgrade, R"({"path":"http://host/update.bin"})"},
+        {dfota_upgrade, R"({"path":"/data/ufs/../etc/passwd"})"},
+        {dfota_upgrade, R"({"path":"/tmp/update.bin"})"},
+        {dfota_upgrade, R"({"path":"RAM:update.bin"})"},
     };
-    for (uint32_t act = 0; act < __ACT_TYPE_MAX; act++) {
-        if (listed(withdrawn, act))
-            EXPECT_EQ(drv.funcs[act], nullptr) << act_type_id_str[act];
-        else if (listed(replaced, act))
-            EXPECT_NE(drv.funcs[act], any) << act_type_id_str[act];
-        else
-            EXPECT_EQ(drv.funcs[act], any) << act_type_id_str[act];
-    }
-    const std::pair<std::string, urc_func> handlers[] = {
-        {"\r\n+QCSQ: \"GSM\",-71\r\n", urc_qcsq}, {"\r\n+QIND: \"csq\",20,99\r\n", urc_qind},
-        {"\r\n+QFUPL: 683,3950\r\n", urc_qfupl},  {"\r\n+EMM ERROR: 0,15\r\n", urc_emm},
-        {"\r\n+ESM ERROR: 1,27\r\n", urc_esm},    {"\r\n+EGMR: \"MPY21\"\r\n", urc_egmr},
-        {"\r\nPOWERED DOWN\r\n", urc_power}};
-    for (const auto &[line, fn] : handlers)
-        EXPECT_EQ(modem_driver_urc_method(&drv, line.data(), line.size()), fn) << line;
-    while (urc_entry *e = drv.urcs) {
-        drv.urcs = e->next;
-        delete e;
-    }
+    for (const auto &row : rows)
+        EXPECT_EQ(built(row.fn, row.args), "2") << row.args;
 }
 
-// The registered model drivers: each takes its family's command set, and a
-// variant keeps its model's. A model given the wrong family reads bands, cells
-// and modes in another family's format.
-TEST(QuectelModels, EachModelRunsItsFamilysCommands)
+// The reports each family follows (the actions each model runs are in the
+// analysis listing's golden file).
+TEST(QuectelModels, ReportsEachFamilyFollows)
 {
-    struct {
-        const char *compatible;
-        uint32_t action;
-        act_func expected; // null: not supported on that model
+    const struct {
+        const char *compatible, *line;
+        urc_func fn;
     } rows[] = {
-        {"quectel,ec25", ACT_GET_BANDS, get_bands},
-        {"quectel,ec25,e", ACT_GET_BANDS, get_bands},
-        {"quectel,eg06,a", ACT_GET_CELL_INFO, get_cell_info},
-        {"quectel,rg255c", ACT_GET_BANDS, get_bands},
-        {"quectel,ec200a", ACT_GET_BANDS, get_bands_cat1},
-        {"quectel,eg915q,na", ACT_SET_LTE_BAND, lte_band_set_cat1},
-        {"quectel,ec200a", ACT_GET_SIGNAL_QRY, nullptr},
-        {"quectel,bg96", ACT_GET_BANDS, get_bands_lpwa},
-        {"quectel,bg95,m4", ACT_SET_LTE_NB_BAND, lte_nb_band_set_lpwa},
-        {"quectel,bg96", ACT_SET_WCDMA_BAND, nullptr},
-        {"quectel,bg96", ACT_SET_NET_MODE, set_net_mode_lpwa},
-        {"quectel,ec25", ACT_SET_LTE_NB_BAND, nullptr},
-        {"quectel,rm520n", ACT_GET_BANDS, get_bands_nr},
-        {"quectel,rg520n", ACT_SET_5G_SA_BAND, sa_5g_band_set_nr},
-        {"quectel,rg501q", ACT_GET_CELL_INFO, get_cell_info_nr},
-        {"quectel,rg500q", ACT_SET_GSM_BAND, nullptr},
-        {"quectel,rm520n", ACT_SET_NET_MODE, set_net_mode_nr},
-        {"quectel,ec25", ACT_SET_5G_NSA_BAND, nullptr},
-        {"quectel,rg500u", ACT_SET_5G_NSA_BAND, nsa_5g_band_set_unisoc_nr},
-        {"quectel,rg500u", ACT_GET_NET_MODE_TECH, get_net_mode_tech_unisoc_nr},
-        {"quectel,rg500u", ACT_GET_CELL_INFO, get_cell_info},
-        {"quectel,rg500u", ACT_GET_NAT_CFG, nullptr},
+        // The 5G modules report reject causes with +QNETRC; the others do not.
+        {"quectel,rm520n", "+QNETRC: \"emm_cause\",7", urc_qnetrc},
+        {"quectel,ec25", "+QNETRC: \"emm_cause\",7", nullptr},
+        // The upload checksum: hexadecimal on the Linux-based modules, decimal on the others.
+        {"quectel,ec25,e", "+QFUPL: 683,f6e", urc_qfupl_hex},
+        {"quectel,eg06", "+QFUPL: 683,f6e", urc_qfupl_hex},
+        {"quectel,rm520n", "+QFUPL: 683,f6e", urc_qfupl_hex},
+        {"quectel,bg96", "+QFUPL: 683,f6e", urc_qfupl},
+        {"quectel,ec200a", "+QFUPL: 683,f6e", urc_qfupl},
+        {"quectel", "+QFUPL: 683,f6e", urc_qfupl},
+        // Every Quectel model: its own reports and the generic ones.
+        {"quectel,ec25", "+QCSQ: \"GSM\",-71", urc_qcsq},
+        {"quectel,ec25", "+QIND: \"csq\",20,99", urc_qind},
+        {"quectel,ec25", "+EMM ERROR: 0,15", urc_emm},
+        {"quectel,ec25", "+ESM ERROR: 1,27", urc_esm},
+        {"quectel,ec25", "+EGMR: \"MPY21\"", urc_egmr},
+        {"quectel,ec25", "POWERED DOWN", urc_power},
+        {"quectel,ec25", "+CPIN: READY", urc_cpin},
+        {"quectel,ec25", "+CUSD: 2", urc_cusd},
+        {"quectel,ec25", "+CMTI: \"SM\",3", urc_cmti},
+        {"quectel,ec25", "RING", urc_ring},
+        {"quectel,ec25", "+CEREG: 1", urc_cereg},
+        {"quectel,ec25", "+C5GREG: 1", urc_c5greg},
     };
     for (const auto &row : rows) {
-        const modem_driver *drv = modem_driver_by_id(row.compatible);
-        ASSERT_NE(drv, nullptr) << row.compatible;
-        EXPECT_EQ(drv->funcs[row.action], row.expected) << row.compatible << " " << act_type_id_str[row.action];
+        const std::string line = std::string("\r\n") + row.line + "\r\n";
+        EXPECT_EQ(modem_driver_urc_method(modem_driver_by_id(row.compatible), line.data(), line.size()), row.fn)
+            << row.compatible << " " << row.line;
     }
-    // The 5G modules report reject causes with +QNETRC; the others do not.
-    const std::string qnetrc = "\r\n+QNETRC: \"emm_cause\",7\r\n";
-    EXPECT_EQ(modem_driver_urc_method(modem_driver_by_id("quectel,rm520n"), qnetrc.data(), qnetrc.size()), urc_qnetrc);
-    EXPECT_EQ(modem_driver_urc_method(modem_driver_by_id("quectel,ec25"), qnetrc.data(), qnetrc.size()), nullptr);
-    // The upload report's checksum: hexadecimal on the Linux-based modules,
-    // decimal on the others (as the base driver reads it).
-    const std::string qfupl = "\r\n+QFUPL: 683,f6e\r\n";
-    const std::pair<const char *, urc_func> checksums[] = {
-        {"quectel,ec25,e", urc_qfupl_hex}, {"quectel,eg06", urc_qfupl_hex}, {"quectel,rm520n", urc_qfupl_hex},
-        {"quectel,bg96", urc_qfupl},       {"quectel,ec200a", urc_qfupl},   {"quectel", urc_qfupl}};
-    for (const auto &[compatible, fn] : checksums)
-        EXPECT_EQ(modem_driver_urc_method(modem_driver_by_id(compatible), qfupl.data(), qfupl.size()), fn)
-            << compatible;
 }
 
 } // namespace
