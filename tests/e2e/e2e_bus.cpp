@@ -11,9 +11,11 @@
 
 #include <gtest/gtest.h>
 
-namespace e2e {
+namespace e2e
+{
 
-namespace {
+namespace
+{
 
 int64_t now_ms()
 {

@@ -11,15 +11,16 @@
 #include <string>
 #include <vector>
 
-namespace e2e {
+namespace e2e
+{
 
 // Deadlines for a loaded machine (sanitizer builds, other suites in parallel).
 // They bound waits; nothing is asserted about how quickly things happen.
-constexpr int start_ms = 20000;        // the daemon's `gsm` object appears
-constexpr int modem_ms = 30000;        // a modem is identified and on the bus
-constexpr int call_ms = 20000;         // a bus call that the modem answers
-constexpr int watcher_ms = 25000;      // an expired request reaches the 5 s watcher
-constexpr int settle_ms = 3000;        // time given to something that must not happen
+constexpr int start_ms = 20000;   // the daemon's `gsm` object appears
+constexpr int modem_ms = 30000;   // a modem is identified and on the bus
+constexpr int call_ms = 20000;    // a bus call that the modem answers
+constexpr int watcher_ms = 25000; // an expired request reaches the 5 s watcher
+constexpr int settle_ms = 3000;   // time given to something that must not happen
 
 // A structured message from the bus (reply, event or notification).
 class bus_message
