@@ -270,8 +270,6 @@ TEST_F(Hotplug, DeattachAndAttachByUsbId)
         expect_exec(*bus, "gsm.modem0", "AT+CSQ", "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
         EXPECT_EQ(num_modems(), 1);
     }
-    EXPECT_EQ(bus->call("gsm", "attach", R"({"usbid":"7-7"})").status, UBUS_STATUS_NO_DATA);
-    EXPECT_EQ(bus->call("gsm", "deattach", R"({"usbid":"7-7"})").status, UBUS_STATUS_NO_DATA);
 }
 
 } // namespace
