@@ -56,14 +56,12 @@ class socket_client
     std::string in_;
 };
 
-using Channel = DaemonTest;
+using Channel = ServedModemTest;
 
 TEST_F(Channel, SocketClientsAreEachAnsweredAndSeeUrcsAfterQueries)
 {
-    modem_sim &sim = plug(usb_device{});
-    root->write("/etc/board.json", board_1_1);
-    ASSERT_NO_FATAL_FAILURE(start_daemon());
-    ASSERT_TRUE(wait_modem("gsm.modem0") && wait_idle(*bus, "gsm.modem0"));
+    modem_sim &sim = serve();
+    ASSERT_FALSE(HasFailure());
     const std::string path = *root / "/dev/modem0";
 
     socket_client watcher(path);

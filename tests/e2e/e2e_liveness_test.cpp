@@ -10,18 +10,9 @@ namespace e2e
 namespace
 {
 
-class Liveness : public DaemonTest
+class Liveness : public ServedModemTest
 {
   protected:
-    modem_sim &serve_one()
-    {
-        modem_sim &sim = plug(usb_device{});
-        root->write("/etc/board.json", board_1_1);
-        start_daemon();
-        EXPECT_NE(wait_modem("gsm.modem0"), 0u);
-        EXPECT_TRUE(wait_idle(*bus, "gsm.modem0"));
-        return sim;
-    }
     // Starts an exec on path and waits until the daemon holds it.
     std::unique_ptr<pending_call> held_call(const std::string &path, int timeout_s)
     {
@@ -43,9 +34,9 @@ void expect_error_reply(const call_result &r)
     EXPECT_TRUE(r.reply.text("error")) << r.reply.json();
 }
 
-TEST_F(Liveness, ExpiredRequestsAreAnsweredAndManyRaiseAHangThatEnds)
+TEST_F(Liveness, ExpiredRequestsRaiseAHangThatEndsAndPowerDownIsAnnounced)
 {
-    modem_sim &sim = serve_one();
+    modem_sim &sim = serve();
     ASSERT_FALSE(HasFailure());
     ASSERT_NE(sim.control("hang").find("OK"), std::string::npos);
     // One expired request is answered and is no hang; 21 are.
@@ -74,20 +65,15 @@ TEST_F(Liveness, ExpiredRequestsAreAnsweredAndManyRaiseAHangThatEnds)
     EXPECT_TRUE(bus->wait_until(2 * watcher_ms,
                                 [&] { return bus->call("gsm.modem0", "info").reply.number("ping_state") == 0; }));
     expect_exec(*bus, "gsm.modem0", "AT+CSQ", "\r\n+CSQ: 22,99\r\n\r\nOK\r\n");
-}
 
-// Powered down, the modem holds a caller when the daemon is asked to stop:
-// it still ends cleanly (the sanitizers' leak check is part of that).
-TEST_F(Liveness, PowerDownIsAnnouncedAndAStopWithACallPendingIsClean)
-{
-    modem_sim &sim = serve_one();
-    ASSERT_FALSE(HasFailure());
+    // Powered down, the modem holds a caller when the daemon is asked to
+    // stop: it still ends cleanly (the sanitizers' leak check is part of that).
     ASSERT_NE(sim.control("powerdown").find("OK"), std::string::npos);
     ASSERT_TRUE(bus->wait_until(call_ms, [&] { return !bus->events_of("gsm.modem.powerdown").empty(); }));
     bus_message down = bus->events_of("gsm.modem.powerdown").front().data;
     EXPECT_EQ(down.text("usb_id"), "1-1") << down.json();
     EXPECT_EQ(down.text("ubus_obj"), "gsm.modem0") << down.json();
-    auto call = held_call("gsm.modem0", 60);
+    auto held = held_call("gsm.modem0", 60);
 }
 
 TEST_F(Liveness, ModemGoneMidRequestAnswersTheCallerAndTheOtherModemServes)
