@@ -1,7 +1,7 @@
-// The modem's AT channel shared through its local socket: a URC right after
-// a query reaches the socket's clients, many clients at once are each
-// answered (the modem's answer or the error line), none of that looks like a
-// hung modem, and an over-long line is refused without spoiling the next.
+// The modem's AT channel shared through its local socket with the bus: a URC
+// right after a query reaches the socket's clients, a client's command is
+// answered, an over-long line is refused without spoiling the next, and none
+// of that looks like a hung modem.
 #include "tests/e2e/e2e_harness.h"
 
 #include <poll.h>
@@ -9,14 +9,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 namespace e2e
 {
 namespace
 {
 
-const std::string csq_answer = "\r\n+CSQ: 22,99\r\n\r\nOK\r\n";
 const std::string cimi_answer = "\r\n262011234567890\r\n\r\nOK\r\n";
 
 class socket_client
@@ -58,7 +55,7 @@ class socket_client
 
 using Channel = ServedModemTest;
 
-TEST_F(Channel, SocketClientsAreEachAnsweredAndSeeUrcsAfterQueries)
+TEST_F(Channel, SocketClientsAreAnsweredAndSeeUrcsAfterQueries)
 {
     modem_sim &sim = serve();
     ASSERT_FALSE(HasFailure());
@@ -71,24 +68,6 @@ TEST_F(Channel, SocketClientsAreEachAnsweredAndSeeUrcsAfterQueries)
     EXPECT_TRUE(bus->wait_until(call_ms, [&] { return watcher.text().find("\r\n+CREG: 5\r\n") != std::string::npos; }))
         << watcher.text();
     expect_exec(*bus, "gsm.modem0", "AT+CREG?", "\r\n+CREG: 0,1\r\n\r\nOK\r\n");
-
-    std::vector<std::unique_ptr<socket_client>> clients;
-    for (int i = 0; i < 200; i++) {
-        clients.push_back(std::make_unique<socket_client>(path));
-        ASSERT_TRUE(clients.back()->connected);
-        ASSERT_TRUE(clients.back()->send_text("AT+CSQ\r\n"));
-    }
-    auto answered = [](const std::string &t) { return t == csq_answer || t == "\r\nERROR\r\n"; };
-    EXPECT_TRUE(bus->wait_until(watcher_ms + call_ms, [&] {
-        return std::all_of(clients.begin(), clients.end(), [&](auto &c) { return answered(c->text()); });
-    }));
-    size_t ok = 0;
-    for (auto &c : clients) {
-        ok += c->text() == csq_answer;
-        EXPECT_TRUE(answered(c->text())) << testing::PrintToString(c->text());
-    }
-    EXPECT_GT(ok, 0u);
-    clients.clear();
 
     socket_client one(path);
     ASSERT_TRUE(one.send_text("AT+" + std::string(9000, 'X') + "\r\nAT+CIMI\r\n"));
