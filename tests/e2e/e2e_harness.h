@@ -54,7 +54,7 @@ class modem_sim
     std::string control(const std::string &command);
     // A number of its `stats` ("received 2"); -1 when absent.
     int64_t stat(const std::string &name);
-    // Everything it received so far ("in  ..." lines of its transcript).
+    // Everything it sent and received so far.
     std::string transcript() const;
     // Ends it without a chance to clean up, as a modem pulled out would.
     void kill_hard() { proc_->stop(SIGKILL); }
