@@ -23,16 +23,10 @@
 namespace
 {
 
+using fuzz::lower;
+
 const modem_band_family *const families[] = {&g_gsm_bands,    &g_wcdma_bands,  &g_lte_bands,
                                              &g_lte_nb_bands, &g_nsa_5g_bands, &g_5g_bands};
-
-std::string lower(std::string_view s)
-{
-    std::string out(s);
-    for (char &c : out)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return out;
-}
 
 void check_hex(std::string_view text)
 {

@@ -3,9 +3,12 @@
 // check that aborts (libFuzzer then keeps the input) when an invariant fails.
 #pragma once
 
+#include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
+#include <string_view>
 
 namespace fuzz
 {
@@ -28,6 +31,15 @@ class chooser
   private:
     uint32_t state_;
 };
+
+// s in lower case (ASCII), for case-blind comparisons done independently.
+inline std::string lower(std::string_view s)
+{
+    std::string out(s);
+    for (char &c : out)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return out;
+}
 
 [[noreturn]] inline void fail(const char *what, const char *file, int line)
 {

@@ -23,14 +23,6 @@
 namespace
 {
 
-struct text_ptr {
-    char *p;
-    explicit text_ptr(char *p) : p(p) {}
-    ~text_ptr() { std::free(p); }
-    text_ptr(const text_ptr &) = delete;
-    text_ptr &operator=(const text_ptr &) = delete;
-};
-
 struct blob_holder {
     blob_buf b = {};
     blob_holder() { blob_buf_init(&b, 0); }
@@ -38,6 +30,24 @@ struct blob_holder {
     blob_holder(const blob_holder &) = delete;
     blob_holder &operator=(const blob_holder &) = delete;
 };
+
+// The message as JSON text, indented when indent >= 0; must not fail.
+std::string format(blob_attr *msg, bool list = true, int indent = -1)
+{
+    char *p = indent < 0 ? blobmsg_format_json(msg, list) : blobmsg_format_json_indent(msg, list, indent);
+    FUZZ_CHECK(p != nullptr);
+    std::string text(p);
+    std::free(p);
+    return text;
+}
+
+// JSON text parsed and formatted again; must parse.
+std::string reformat(const std::string &text)
+{
+    blob_holder again;
+    FUZZ_CHECK(blobmsg_add_json_from_string(&again.b, text.c_str()));
+    return format(again.b.head);
+}
 
 // Adds attr (and what it holds) to out with ujson's typed adds.
 void rebuild(ujson &out, blob_attr *attr, bool in_array)
@@ -148,8 +158,8 @@ void raw_blob(const uint8_t *data, size_t size)
     auto u = ujson::create_ex(attr);
     if (u)
         read_all(*u, member_names(attr));
-    text_ptr text(blobmsg_format_json(attr, true));
-    text_ptr one(blobmsg_format_json_indent(attr, false, 1));
+    std::free(blobmsg_format_json(attr, true));
+    std::free(blobmsg_format_json_indent(attr, false, 1));
 }
 
 void json_text(const uint8_t *data, size_t size)
@@ -158,22 +168,10 @@ void json_text(const uint8_t *data, size_t size)
     blob_holder in;
     if (!blobmsg_add_json_from_string(&in.b, text.c_str()))
         return;
-    text_ptr first(blobmsg_format_json(in.b.head, true));
-    FUZZ_CHECK(first.p != nullptr);
-
+    const std::string first = format(in.b.head);
+    // The text, and the indented form, read back as the same document.
     if (!empty_member_name(in.b.head, false)) {
-        blob_holder again;
-        FUZZ_CHECK(blobmsg_add_json_from_string(&again.b, first.p));
-        text_ptr second(blobmsg_format_json(again.b.head, true));
-        FUZZ_CHECK(second.p != nullptr && std::strcmp(first.p, second.p) == 0);
-
-        // The indented form is the same document.
-        text_ptr pretty(blobmsg_format_json_indent(in.b.head, true, 0));
-        FUZZ_CHECK(pretty.p != nullptr);
-        blob_holder from_pretty;
-        FUZZ_CHECK(blobmsg_add_json_from_string(&from_pretty.b, pretty.p));
-        text_ptr third(blobmsg_format_json(from_pretty.b.head, true));
-        FUZZ_CHECK(third.p != nullptr && std::strcmp(first.p, third.p) == 0);
+        FUZZ_CHECK(reformat(first) == first && reformat(format(in.b.head, true, 0)) == first);
     }
 
     auto reader = ujson::create_ex(in.b.head);
@@ -185,13 +183,9 @@ void json_text(const uint8_t *data, size_t size)
     blob_attr *cur;
     size_t rem;
     blobmsg_for_each_attr(cur, in.b.head, rem) rebuild(*copy, cur, false);
-    text_ptr rebuilt(blobmsg_format_json(copy->get_blobmsg(), true));
-    FUZZ_CHECK(rebuilt.p != nullptr && std::strcmp(first.p, rebuilt.p) == 0);
-
+    FUZZ_CHECK(format(copy->get_blobmsg()) == first);
     auto clone = copy->clone();
-    FUZZ_CHECK(clone != nullptr);
-    text_ptr cloned(blobmsg_format_json(clone->get_blobmsg(), true));
-    FUZZ_CHECK(cloned.p != nullptr && std::strcmp(first.p, cloned.p) == 0);
+    FUZZ_CHECK(clone != nullptr && format(clone->get_blobmsg()) == first);
 }
 
 } // namespace

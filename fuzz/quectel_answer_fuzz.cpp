@@ -21,6 +21,8 @@
 namespace
 {
 
+using fuzz::lower;
+
 struct probe {
     std::string_view tag;
     std::string_view item;
@@ -40,14 +42,6 @@ bool inside(std::string_view part, std::string_view whole)
 bool blank(char c)
 {
     return c == ' ' || c == '\t' || c == '\r';
-}
-
-std::string lower(std::string_view s)
-{
-    std::string out(s);
-    for (char &c : out)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return out;
 }
 
 void check_fields(const quectel::fields &f, std::string_view rest)

@@ -11,36 +11,36 @@
 #include <string>
 #include <vector>
 
-namespace e2e {
+namespace e2e
+{
 
 // Deadlines for a loaded machine (sanitizer builds, other suites in parallel).
 // They bound waits; nothing is asserted about how quickly things happen.
-constexpr int start_ms = 20000;        // the daemon's `gsm` object appears
-constexpr int modem_ms = 30000;        // a modem is identified and on the bus
-constexpr int call_ms = 20000;         // a bus call that the modem answers
-constexpr int watcher_ms = 25000;      // an expired request reaches the 5 s watcher
-constexpr int settle_ms = 3000;        // time given to something that must not happen
+constexpr int start_ms = 20000;   // the daemon's `gsm` object appears
+constexpr int modem_ms = 30000;   // a modem is identified and on the bus
+constexpr int call_ms = 20000;    // a bus call that the modem answers
+constexpr int watcher_ms = 25000; // an expired request reaches the 5 s watcher
+constexpr int settle_ms = 3000;   // time given to something that must not happen
 
-// A structured message from the bus (reply, event or notification).
+// A structured message from the bus (reply, event or notification), or a
+// named table inside one.
 class bus_message
 {
   public:
     bus_message() = default;
-    // msg is a whole message, or with table a named table inside one.
     explicit bus_message(const blob_attr *msg, bool table = false);
 
     const std::string &json() const { return json_; }
     bool has(const char *key) const { return find(key) != nullptr; }
     std::optional<std::string> text(const char *key) const;
     std::optional<int64_t> number(const char *key) const;
-    // A nested table by name.
     std::optional<bus_message> table(const char *key) const;
 
   private:
     blob_attr *find(const char *key) const;
 
     std::vector<uint64_t> data_; // the blob, aligned
-    bool table_ = false;         // a named table rather than a whole message
+    bool table_ = false;
     std::string json_;
 };
 
@@ -56,22 +56,14 @@ struct call_result {
 class pending_call
 {
   public:
-    pending_call() = default;
     ~pending_call();
-    pending_call(const pending_call &) = delete;
-    pending_call &operator=(const pending_call &) = delete;
-
     const call_result &result() const { return result_; }
     bool done() const { return result_.done; }
 
   private:
     friend class bus_client;
-    static void data_cb(ubus_request *req, int type, blob_attr *msg);
-    static void complete_cb(ubus_request *req, int ret);
-
     ubus_context *ctx_ = nullptr;
     ubus_request req_{};
-    bool started_ = false;
     call_result result_;
 };
 
@@ -90,7 +82,6 @@ class bus_client
     bus_client &operator=(const bus_client &) = delete;
 
     bool connected() const { return ctx_ != nullptr; }
-    // The connection, for objects a test serves itself.
     ubus_context *context() const { return ctx_; }
 
     // Runs the event loop until pred holds or timeout_ms passed; pred's value.
@@ -108,7 +99,6 @@ class bus_client
     // be sent.
     std::unique_ptr<pending_call> call_async(const std::string &path, const std::string &method,
                                              const std::string &json);
-
     int send_event(const std::string &type, const std::string &json);
 
     // Receives the broadcast events matching pattern ("gsm.*").
@@ -117,11 +107,12 @@ class bus_client
     bool subscribe(const std::string &path);
 
     const std::vector<bus_event> &events() const { return events_; }
-    const std::vector<bus_event> &notifications() const { return notes_; }
-    std::vector<bus_event> events_of(const std::string &type) const;
-    std::vector<bus_event> notifications_of(const std::string &type) const;
+    std::vector<bus_event> events_of(const std::string &type) const { return of(events_, type); }
+    std::vector<bus_event> notifications_of(const std::string &type) const { return of(notes_, type); }
 
   private:
+    static std::vector<bus_event> of(const std::vector<bus_event> &all, const std::string &type);
+
     struct listener {
         ubus_event_handler handler{};
         bus_client *owner = nullptr;
@@ -130,7 +121,6 @@ class bus_client
         ubus_subscriber sub{};
         bus_client *owner = nullptr;
     };
-
     ubus_context *ctx_ = nullptr;
     std::vector<std::unique_ptr<listener>> listeners_;
     std::unique_ptr<subscription> subscription_;

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,11 +13,78 @@
 
 #include <gtest/gtest.h>
 
+#include "src/util/root_test_support.h"
 #include "tests/e2e/e2e_bus.h"
-#include "tests/e2e/e2e_process.h"
-#include "tests/e2e/e2e_tree.h"
 
-namespace e2e {
+namespace e2e
+{
+
+// A child process with WWANCTL_ROOT set, dying with the test (parent death
+// signal); stdout and stderr go to files. Killed and reaped on destruction.
+class child_process
+{
+  public:
+    child_process(const std::vector<std::string> &argv, const std::string &root, const std::string &out_file,
+                  const std::string &err_file);
+    ~child_process();
+    child_process(const child_process &) = delete;
+    child_process &operator=(const child_process &) = delete;
+
+    bool running();
+    // Sends sig (unless it has ended) and waits up to timeout_ms: the exit
+    // status, 128 + signal when killed, -1 when it did not end.
+    int stop(int sig, int timeout_ms = 15000);
+    // Processor time it used so far (user + system), in seconds.
+    double cpu_seconds();
+
+  private:
+    pid_t pid_ = -1;
+    int status_ = -1;
+};
+
+// wwan-modem-sim on a pty linked at $ROOT/dev/<tty>, with its control socket
+// and transcript in the root.
+class modem_sim
+{
+  public:
+    // scenario: a name under tools/modem-sim/scenarios.
+    modem_sim(const temp_root &root, const std::string &tty, const std::string &scenario);
+    bool ready() const { return ready_; }
+    // Runs an operator command; its reply ends with "OK" or "ERROR ...".
+    std::string control(const std::string &command);
+    // A number of its `stats` ("received 2"); -1 when absent.
+    int64_t stat(const std::string &name);
+    // Everything it sent and received so far.
+    std::string transcript() const;
+    // Ends it without a chance to clean up, as a modem pulled out would.
+    void kill_hard() { proc_->stop(SIGKILL); }
+
+  private:
+    const temp_root &root_;
+    std::string tty_;
+    std::unique_ptr<child_process> proc_;
+    bool ready_ = false;
+};
+
+// One entry of /sys/bus/usb/devices: the device directory with its attribute
+// files and, per interface, the directory "<usb id>:1.<n>/<tty>".
+struct usb_device {
+    std::string busnum = "1";
+    std::string devpath = "1";
+    std::string vid = "2c7c";
+    std::string pid = "0125";
+    std::map<int, std::string> ttys = {{1, "ttyUSB1"}, {2, "ttyUSB2"}};
+
+    std::string usb_id() const { return busnum + "-" + devpath; }
+    std::string usb_ids() const { return vid + ":" + pid; }
+};
+
+void add_usb_device(const temp_root &root, const usb_device &dev);
+
+// The description files: AT port on interface 2, optional GNSS on 1.
+std::string description(const std::string &model);
+
+constexpr const char *board_1_1 = R"({"modems":[{"usb_id":"1-1","builtin":true,"primary":true}]})";
 
 // Occurrences of what in text.
 size_t count_of(const std::string &text, const std::string &what);
@@ -31,58 +99,37 @@ void expect_timeout_reply(const call_result &r, const std::string &command);
 // Waits until the modem's queue is empty ("request_count" of its info).
 bool wait_idle(bus_client &bus, const std::string &path, int timeout_ms = call_ms);
 
-// A number from the simulator's `stats` ("executed 2"); -1 when absent.
-int64_t sim_stat(modem_sim &sim, const std::string &name);
-
-// The text of a modem function number, as get_default_modem_func reports it.
-std::string modem_func_text(int64_t func);
-
 // One root with the broker running in it, the test's bus client, and the
-// daemon and simulators started on demand. The daemon must still serve
-// `gsm info` at the end of each test and leave with status 0 on SIGTERM.
+// daemon and simulators started on demand. A daemon still running when the
+// test ends must serve `gsm info` and leave with status 0 on SIGTERM.
 class DaemonTest : public ::testing::Test
 {
   protected:
     void SetUp() override;
     void TearDown() override;
 
-    // An EC25 device in the USB tree with its description file, and a
-    // simulator behind its AT port.
-    modem_sim &plug_ec25(const usb_device &dev);
-    // The same for another modem: its description file and scenario.
-    modem_sim &plug(const usb_device &dev, const char *description, const std::string &scenario);
+    // A device in the USB tree with its description file, and a simulator
+    // behind its AT port.
+    modem_sim &plug(const usb_device &dev, const std::string &model = "EC25", const std::string &scenario = "ec25");
     modem_sim &start_sim(const std::string &tty, const std::string &scenario = "ec25");
 
     // Starts wwanctl -D and waits until it serves its `gsm` object.
     void start_daemon();
-    // Starts it without waiting for anything.
     void spawn_daemon();
-    // The daemon is alive and `gsm info` answers.
-    void expect_serving();
-    // SIGTERM ends it with status 0.
-    void expect_clean_exit();
-
     // Waits for the modem object path to be on the bus; its id.
     uint32_t wait_modem(const std::string &path, int timeout_ms = modem_ms);
     // `gsm info`'s "mdm_stats" "num_modems".
     std::optional<int64_t> num_modems();
-    // Waits for message in the daemon's log.
-    bool wait_log(const std::string &message, int timeout_ms = start_ms);
-    // A message naming a modem ("`<usb id> [<vid:pid>]`") between before and
-    // after, in both cases of the vendor:product text (the daemon keeps it as
-    // sysfs gives it or upper-cases it).
-    static std::vector<std::string> modem_forms(const std::string &before, const usb_device &dev,
-                                                const std::string &after);
-    std::string diagnostics() const;
+    // Lines of the daemon's log that contain part.
+    size_t logged(const std::string &part) const { return count_of(root->read("/wwanctl.log"), part); }
+    bool wait_log(const std::string &part, size_t n = 1);
 
     std::unique_ptr<temp_root> root;
     std::string bus_socket;
     pid_t broker = -1;
     std::unique_ptr<bus_client> bus;
     std::unique_ptr<child_process> daemon;
-    std::unique_ptr<daemon_log> log;
     std::vector<std::unique_ptr<modem_sim>> sims;
-    bool exit_checked = false;
 };
 
 // One modem served on the bus, with the test subscribed to its object.
@@ -91,9 +138,9 @@ class ServedModemTest : public DaemonTest
   protected:
     static constexpr const char *modem0 = "gsm.modem0";
 
-    // Plugs the modem (an EC25 unless description names another) at USB
-    // 1-1, starts the daemon and waits until gsm.modem0 is idle.
-    modem_sim &serve(const usb_device &dev = usb_device{}, const char *description = nullptr,
+    // Plugs the modem at USB 1-1, starts the daemon and waits until
+    // gsm.modem0 is idle.
+    modem_sim &serve(const usb_device &dev = usb_device{}, const std::string &model = "EC25",
                      const std::string &scenario = "ec25");
     // A call the modem answers without an error.
     bus_message ok(const std::string &method, const std::string &json = "{}");

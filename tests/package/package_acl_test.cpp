@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -16,10 +15,12 @@
 #include <gtest/gtest.h>
 
 #include "broker_acl.h"
+#include "util/root_test_support.h"
 
 namespace fs = std::filesystem;
 
-namespace {
+namespace
+{
 
 const fs::path acl_file = fs::path(WWANCTL_SOURCE_DIR) / "openwrt/wwanctl/files/wwanctl.acl.json";
 
@@ -74,48 +75,27 @@ const acl_case cases[] = {
     {"a user named like the group", &wwan_user_other_group, acl_op::listen, "gsm.*", nullptr, false, false},
 };
 
-class PackageAcl : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/wwan-acl-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
-        // Installed as the package installs it: 0644.
-        fs::copy_file(acl_file, dir + "/wwanctl.json");
-        ASSERT_EQ(chmod((dir + "/wwanctl.json").c_str(), 0644), 0);
-    }
-    void TearDown() override { fs::remove_all(dir); }
-    ubusd::acl_table load()
-    {
+TEST(PackageAcl, GrantsWatchingOnlyUnlessTheOwnerGrantsMore)
+{
+    temp_root root;
+    std::ifstream in(acl_file);
+    // Installed as the package installs it: 0644.
+    root.write("/wwanctl.json", std::string(std::istreambuf_iterator<char>(in), {}));
+    for (bool granted : {false, true}) {
+        SCOPED_TRACE(granted ? "with the owner's grant" : "as installed");
+        if (granted)
+            root.write("/zz-owner.json", owner_grant);
+        for (const char *file : {"/wwanctl.json", "/zz-owner.json"})
+            if (root.exists(file))
+                chmod((root / file).c_str(), 0644);
         std::vector<std::string> notes;
-        ubusd::acl_table t = ubusd::acl_table::load(dir, getuid(), &notes);
-        for (const std::string &n : notes)
-            ADD_FAILURE() << n;
-        return t;
-    }
-    std::string dir;
-};
-
-TEST_F(PackageAcl, GrantsWatchingOnly)
-{
-    ubusd::acl_table acl = load();
-    ASSERT_EQ(acl.size(), 1u) << "the file is not read as an access list";
-    for (const acl_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(acl.allows(*c.who, c.op, c.name, c.method), c.allowed);
-    }
-}
-
-TEST_F(PackageAcl, OwnersFileGrantsMore)
-{
-    std::ofstream(dir + "/zz-owner.json") << owner_grant;
-    ASSERT_EQ(chmod((dir + "/zz-owner.json").c_str(), 0644), 0);
-    ubusd::acl_table acl = load();
-    ASSERT_EQ(acl.size(), 2u);
-    for (const acl_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(acl.allows(*c.who, c.op, c.name, c.method), c.allowed_with_owner_grant);
+        ubusd::acl_table acl = ubusd::acl_table::load(root.path(), getuid(), &notes);
+        EXPECT_EQ(notes, std::vector<std::string>{});
+        ASSERT_EQ(acl.size(), granted ? 2u : 1u) << "the files are not read as access lists";
+        for (const acl_case &c : cases) {
+            SCOPED_TRACE(c.what);
+            EXPECT_EQ(acl.allows(*c.who, c.op, c.name, c.method), granted ? c.allowed_with_owner_grant : c.allowed);
+        }
     }
 }
 
