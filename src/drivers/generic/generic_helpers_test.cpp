@@ -26,14 +26,12 @@ std::unique_ptr<ujson> args_with(const char *name, const char *value)
 // nothing is built.
 TEST(ActArgs, TextsThatCouldEndOrStartACommandAreRefused)
 {
-    struct {
-        std::string value;
-        size_t max;
-        bool ok;
-    } rows[] = {
+    // clang-format off
+    struct { std::string value; size_t max; bool ok; } rows[] = {
         {"1234", 8, true},    {"12345678", 8, true}, {"123456789", 8, false},       {"12\r34", 8, false},
         {"12\x1a", 8, false}, {"12\"34", 8, false},  {"a\";+CFUN=0;\"", 63, false},
     };
+    // clang-format on
     for (const auto &row : rows) {
         auto json = args_with("code", row.value.c_str());
         act_args args(json.get());
@@ -62,10 +60,8 @@ TEST(ActArgs, RequiredOptionalAndRanges)
     EXPECT_EQ(a.opt_keyword("mode", err_msg_fmt_arg_enum), 0u);
     EXPECT_TRUE(a.ok());
 
-    struct {
-        const char *what;
-        bool (*read)(act_args &);
-    } failing[] = {
+    // clang-format off
+    struct { const char *what; bool (*read)(act_args &); } failing[] = {
         {"number above its range", [](act_args &x) { return x.number("cid", 1, 15) == 1; }},
         {"negative number", [](act_args &x) { return x.opt_number("neg", 0, 3, 0) == 0; }},
         {"missing number", [](act_args &x) { return x.number("index", 1, 16) == 1; }},
@@ -73,6 +69,7 @@ TEST(ActArgs, RequiredOptionalAndRanges)
         {"keyword outside the vocabulary", [](act_args &x) { return x.keyword("format", cell_rc_arg_enum) == 0; }},
         {"missing keyword", [](act_args &x) { return x.keyword("mode", cell_rc_arg_enum) == 0; }},
     };
+    // clang-format on
     for (const auto &row : failing) {
         act_args b(json.get());
         EXPECT_TRUE(row.read(b)) << row.what;
@@ -94,13 +91,8 @@ TEST(ActArgs, ArraysOfTexts)
         json->close_array(a);
         return json;
     };
-    struct {
-        const char *what;
-        std::unique_ptr<ujson> json;
-        bool optional;
-        bool ok;
-        size_t count;
-    } rows[] = {
+    // clang-format off
+    struct { const char *what; std::unique_ptr<ujson> json; bool optional; bool ok; size_t count; } rows[] = {
         {"empty array", make({}), false, true, 0},
         {"at the item limit", make({"a", "b", "c", "d"}), false, true, 4},
         {"above the item limit", make({"a", "b", "c", "d", "e"}), false, false, 0},
@@ -111,6 +103,7 @@ TEST(ActArgs, ArraysOfTexts)
         {"missing, optional", ujson::create(), true, true, 0},
         {"a text in place of the array", args_with("bands", "LTE_B3"), true, false, 0},
     };
+    // clang-format on
     for (auto &row : rows) {
         act_args args(row.json.get());
         auto got = args.texts("bands", 4, 16, row.optional);
@@ -142,17 +135,15 @@ TEST(Scan, PatternsOverUnterminatedAndLongTexts)
 // 3GPP TS 27.007 +CLIP, +CGCONTRDP and +CGACT forms.
 TEST(Scan, FieldsQuotesAndLines)
 {
-    struct {
-        std::string_view line;
-        size_t max;
-        std::vector<std::string_view> fields;
-    } rows[] = {
+    // clang-format off
+    struct { std::string_view line; size_t max; std::vector<std::string_view> fields; } rows[] = {
         {"\"+4917612345678\",145,,,,0", 6, {"+4917612345678", "145", "", "", "", "0"}},
         {"1,5,internet,10.1.2.3.255.0.0.0", 4, {"1", "5", "internet", "10.1.2.3.255.0.0.0"}},
         {"1,5,\"a\",\"b\"", 3, {"1", "5", "a\",\"b"}}, // the last keeps the rest
         {"internet\",\"", 2, {"internet", ""}},        // a quote alone, either one missing
         {"1,2", 0, {}},
     };
+    // clang-format on
     for (const auto &row : rows) {
         std::string_view got[8];
         size_t n = split_fields(row.line, got, row.max);
@@ -174,29 +165,29 @@ TEST(Scan, LinesInsideAnAnswer)
     // Only at the start of a line.
     EXPECT_EQ(from_line("\r\nX+CPIN: 1\r\n", "+CPIN: "), "");
 
-    struct {
-        std::string_view text, line;
-    } rows[] = {
+    // clang-format off
+    struct { std::string_view text, line; } rows[] = {
         {"\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n", "EC25EFAR06A06M4G"},
         {"EC21EUGAR06A04M4G\r\n0\r", "EC21EUGAR06A04M4G"},
         {"\r\nOK\r\n", ""},
         {"\r\nEC25", ""},
     };
+    // clang-format on
     for (const auto &row : rows)
         EXPECT_EQ(first_line(row.text), row.line) << row.text;
 }
 
 TEST(Scan, ValueAfterAPrefix)
 {
-    struct {
-        std::string_view text, prefix, value;
-    } rows[] = {
+    // clang-format off
+    struct { std::string_view text, prefix, value; } rows[] = {
         {"\r\n+CFUN: 1\r\n\r\nOK\r\n\r\n+CPIN: SIM PIN\r\n\r\nOK\r\n", "+CPIN: ", "SIM PIN"},
         {"+CFUN: 1\r\n0\r+CPIN: READY\r\n0\r", "+CPIN: ", "READY"}, // ATV0
         {"\r\n+GCAP: +CGSM,+DS \r\n\r\nOK\r\n", "+GCAP: ", "+CGSM,+DS"},
         {"\r\n+CME ERROR: 10\r", "+CME ERROR: ", "10"},
         {"\r\nOK\r\n", "+CPIN: ", ""},
     };
+    // clang-format on
     for (const auto &row : rows)
         EXPECT_EQ(line_value(row.text, row.prefix), row.value) << row.text;
 }
@@ -205,9 +196,8 @@ TEST(Scan, ValueAfterAPrefix)
 // the cut is after the first final result, in verbose and numeric form.
 TEST(Scan, AnswersOfATwoPartCommand)
 {
-    struct {
-        const char *text, *first, *second;
-    } rows[] = {
+    // clang-format off
+    struct { const char *text, *first, *second; } rows[] = {
         {"\r\nA\r\n\r\nOK\r\n\r\nB\r\n\r\nOK\r\n", "\r\nA\r\n\r\nOK\r\n", "\r\nB\r\n\r\nOK\r\n"},
         {"\r\nA\r\n\r\nOK\r\n\r\n+CME ERROR: 516\r\n", "\r\nA\r\n\r\nOK\r\n", "\r\n+CME ERROR: 516\r\n"},
         {"\r\n+CME ERROR: 3\r\n", "\r\n+CME ERROR: 3\r\n", ""},
@@ -215,6 +205,7 @@ TEST(Scan, AnswersOfATwoPartCommand)
         {"A\r\n0\rB\r\n0\r", "A\r\n0\r", "B\r\n0\r"},
         {"A\r\n4\r", "A\r\n4\r", ""},
     };
+    // clang-format on
     for (const auto &row : rows) {
         std::string_view first, second;
         split_parts(row.text, &first, &second);
@@ -229,10 +220,8 @@ using ArgumentRefusal = driver_test;
 TEST_F(ArgumentRefusal, NothingIsBuiltFromABadArgument)
 {
     const std::string pass17(17, '1'), ussd161(161, '1'), op33(33, '1'), n24 = "+37060000000000000000012";
-    const struct {
-        act_func fn;
-        std::string args;
-    } rows[] = {
+    // clang-format off
+    const struct { act_func fn; std::string args; } rows[] = {
         {set_func, R"({"func":"Full"})"},                      // keyword outside its vocabulary
         {set_net_reg_stat, R"({"mode":"2"})"},                 // a keyword's number
         {set_op_slc, R"({"operator":"26201"})"},               // operator without its mode
@@ -252,6 +241,7 @@ TEST_F(ArgumentRefusal, NothingIsBuiltFromABadArgument)
         {send_sms, R"({"number":"1\";ATD2","text":"x"})"},
         {send_sms, R"({"number":"1","text":"a\u001aAT+CFUN=0"})"},
     };
+    // clang-format on
     int32_t text_mode = 2;
     cache->update_item("sms_mode", CACHE_DATA_INT32, &text_mode, sizeof(text_mode));
     mdm.service = [](const char *, const char *, const ujson &, ujson &answer, uint32_t) {

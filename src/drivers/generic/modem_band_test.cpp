@@ -112,12 +112,8 @@ TEST(ModemBand, DisplayTextTruncatesToBuffer)
 // and their texts the family's unknown value.
 TEST(ModemBand, AtBandNumbers)
 {
-    const struct {
-        const char *(*str)(uint64_t);
-        uint64_t (*val)(std::string_view);
-        uint64_t value;
-        const char *num;
-    } rows[] = {
+    // clang-format off
+    const struct { const char *(*str)(uint64_t); uint64_t (*val)(std::string_view); uint64_t value; const char *num; } rows[] = {
         {wcdma_band_str, wcdma_band_val, 4, "6"},
         {wcdma_band_str, wcdma_band_val, 32, "19"},
         {wcdma_band_str, wcdma_band_val, 64, "8"},
@@ -139,6 +135,7 @@ TEST(ModemBand, AtBandNumbers)
         {sa_5g_band_str, sa_5g_band_val, uint64_t{1} << 28, "79"},
         {sa_5g_band_str, sa_5g_band_val, uint64_t{1} << 29, ""},
     };
+    // clang-format on
     for (const auto &r : rows) {
         SCOPED_TRACE(testing::Message() << r.value << " -> " << r.num);
         EXPECT_STREQ(r.str(r.value), r.num);

@@ -29,10 +29,8 @@ class QuectelFileTest : public driver_test
 // Paths reach the module with its storage prefix (refusals: the family's table).
 TEST_F(QuectelFileTest, CommandsBuiltFromTheArguments)
 {
-    const struct {
-        act_func fn;
-        const char *args, *command;
-    } rows[] = {
+    // clang-format off
+    const struct { act_func fn; const char *args, *command; } rows[] = {
         {get_file_list, "{}", "AT+QFLST=\"*\"\r"},
         {get_file_list, R"({"path":"UFS:dfota_update.bin"})", "AT+QFLST=\"UFS:dfota_update.bin\"\r"},
         {delete_file, R"({"path":"RAM:log.txt"})", "AT+QFDEL=\"RAM:log.txt\"\r"},
@@ -40,6 +38,7 @@ TEST_F(QuectelFileTest, CommandsBuiltFromTheArguments)
         {dfota_upgrade, R"({"path":"update.bin"})", "AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
         {dfota_upgrade, R"({"path":"UFS:update.bin"})", "AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
     };
+    // clang-format on
     for (const auto &r : rows)
         EXPECT_EQ(built(r.fn, r.args), std::string("0 ") + r.command);
 }
@@ -48,11 +47,8 @@ TEST_F(QuectelFileTest, UploadOpensTheRouterFileUnderTheRootOrRefusesIt)
 {
     put("pkg.bin", std::string(683, 'x'));
     put("pkg\"q", "1");
-    const struct {
-        std::unique_ptr<ujson> args;
-        int status;
-        const char *command;
-    } rows[] = {
+    // clang-format off
+    const struct { std::unique_ptr<ujson> args; int status; const char *command; } rows[] = {
         {json_of(R"({"path":"/tmp/pkg.bin","size":683})"), 0, "AT+QFUPL=\"pkg.bin\",683,10\r"},
         {json_of(R"({"path":"/tmp/pkg.bin","size":683,"timeout":60})"), 0, "AT+QFUPL=\"pkg.bin\",683,60\r"},
         {json_of(R"({"path":"/tmp/pkg.bin","size":682})"), 2, ""}, // not the file's size
@@ -62,6 +58,7 @@ TEST_F(QuectelFileTest, UploadOpensTheRouterFileUnderTheRootOrRefusesIt)
         {json_of(R"({"path":"/tmp/../tmp/pkg.bin","size":683})"), 2, ""},
         {json_of(R"({"path":"/tmp/pkg.bin"})"), 2, ""}, // no size
     };
+    // clang-format on
     for (const auto &r : rows) {
         SCOPED_TRACE(r.command);
         req.source = request_source();
@@ -79,16 +76,12 @@ TEST_F(QuectelFileTest, UploadOpensTheRouterFileUnderTheRootOrRefusesIt)
 // notes show them (names listed with their storage prefix).
 TEST_F(QuectelFileTest, Answers)
 {
-    const struct {
-        act_func fn;
-        const char *answer, *outcome;
-    } rows[] = {
-        {get_file_list, "\r\n+QFLST: \"dfota_update.bin\",683\r\n\r\nOK\r\n",
-         R"(0 {"files":[{"name":"dfota_update.bin","size":683}]})"},
+    // clang-format off
+    const struct { act_func fn; const char *answer, *outcome; } rows[] = {
+        {get_file_list, "\r\n+QFLST: \"dfota_update.bin\",683\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"dfota_update.bin","size":683}]})"},
         // RAM files carry their prefix; no blank after the colon and a stray
         // one before the size are read alike.
-        {get_file_list, "\r\n+QFLST: \"a.txt\",12\r\n+QFLST:\"RAM:b.log\", 4096\r\n\r\nOK\r\n",
-         R"(0 {"files":[{"name":"a.txt","size":12},{"name":"RAM:b.log","size":4096}]})"},
+        {get_file_list, "\r\n+QFLST: \"a.txt\",12\r\n+QFLST:\"RAM:b.log\", 4096\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"a.txt","size":12},{"name":"RAM:b.log","size":4096}]})"},
         {get_file_list, "\r\n+QFLST: \"c\",-\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"c"}]})"}, // size no number
         {get_file_list, "\r\n+CME ERROR: 405\r\n", R"(0 {"files":[]})"}, // the file asked for is not there
         {get_file_list, "\r\n+CME ERROR: 417\r\n", "5 {}"},
@@ -98,6 +91,7 @@ TEST_F(QuectelFileTest, Answers)
         {delete_file, "\r\nOK\r\n", "0 {}"},
         {delete_file, "\r\n+CME ERROR: 405\r\n", "5 {}"},
     };
+    // clang-format on
     for (const auto &r : rows)
         EXPECT_EQ(parsed(r.fn, r.answer), r.outcome) << r.answer;
 }
@@ -112,14 +106,9 @@ TEST_F(QuectelFileTest, UploadReportMustMatchWhatWasSent)
     data[0] = '\x0f';
     data[1] = '\x6e';
     put("pkg.bin", data);
-    const struct {
-        const char *what;
-        size_t sent;        // bytes the channel got out
-        const char *report; // the +QFUPL line, or none
-        const char *answer;
-        int status;
-        const char *reply;
-    } rows[] = {
+    // sent: bytes the channel got out; report: the +QFUPL line, or none
+    // clang-format off
+    const struct { const char *what; size_t sent; const char *report; const char *answer; int status; const char *reply; } rows[] = {
         {"match", 683, "+QFUPL: 683,f6e", "\r\nOK\r\n", 0, R"({"name":"pkg.bin","size":683,"checksum":3950})"},
         {"checksum differs", 683, "+QFUPL: 683,f6f", "\r\nOK\r\n", 5, ""},
         {"size differs", 683, "+QFUPL: 682,f6e", "\r\nOK\r\n", 5, ""},
@@ -127,6 +116,7 @@ TEST_F(QuectelFileTest, UploadReportMustMatchWhatWasSent)
         {"no report", 683, nullptr, "\r\nOK\r\n", 5, ""},
         {"error", 683, nullptr, "\r\n+CME ERROR: 421\r\n", 5, ""},
     };
+    // clang-format on
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
         auto a = json_of(R"({"path":"/tmp/pkg.bin","size":683})");
