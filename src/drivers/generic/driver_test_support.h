@@ -176,6 +176,12 @@ class driver_test : public ::testing::Test
         int status = build(fn, json_of(json).get());
         return std::to_string(status) + (command().empty() ? "" : " " + command());
     }
+    // A build from JSON arguments or a parse of an answer, as built() and parsed() show them.
+    enum step { BUILD, PARSE };
+    std::string run(step s, act_func fn, const std::string &text)
+    {
+        return s == BUILD ? built(fn, text) : parsed(fn, text);
+    }
     // "<status> <reply>" of a parse, then " <event>=<value>" per event raised.
     std::string parsed(act_func fn, const std::string &answer)
     {

@@ -14,41 +14,44 @@ namespace
 // The sending-limit service: "check" answers check_answer;
 // "inc" answers inc_status, and that the limit is reached at call reached_at
 // (from 1). Every call is recorded as "<method> <sim> <modem> <timeout>".
-// clang-format off
-struct { const char *check_answer; int inc_status; size_t reached_at; std::vector<std::string> calls; } g_service;
+struct {
+    const char *check_answer;
+    int inc_status;
+    size_t reached_at;
+    std::vector<std::string> calls;
+} g_service;
 
-    int fake_service(const char *object, const char *method, const ujson &args, ujson &answer, uint32_t ms)
-    {
-    if (std::string(object) != "sms_limit") return modem::no_service;
-    g_service.calls.push_back(std::string(method) + " " + std::to_string(args.get_int("sim")) + " " + args.get_string("modem") + " " + std::to_string(ms));
+int fake_service(const char *object, const char *method, const ujson &args, ujson &answer, uint32_t ms)
+{
+    if (std::string(object) != "sms_limit")
+        return modem::no_service;
+    g_service.calls.push_back(std::string(method) + " " + std::to_string(args.get_int("sim")) + " " +
+                              args.get_string("modem") + " " + std::to_string(ms));
     if (std::string(method) == "check") {
-    blobmsg_add_json_from_string(answer.buffer(), g_service.check_answer);
-    return 0; } if (g_service.calls.size() == g_service.reached_at) answer.add_string("limit", "reached");
-    return g_service.inc_status; }
+        blobmsg_add_json_from_string(answer.buffer(), g_service.check_answer);
+        return 0;
+    }
+    if (g_service.calls.size() == g_service.reached_at)
+        answer.add_string("limit", "reached");
+    return g_service.inc_status;
+}
 
-    // A text of n default-alphabet characters: 161 take two PDUs, 307 three.
-    std::string text_of(size_t n)
-    {
-    return R"({"number":"+12345","text":")" + std::string(n, 'a') + "\""; }
+// A text of n default-alphabet characters: 161 take two PDUs, 307 three.
+std::string text_of(size_t n)
+{
+    return R"({"number":"+12345","text":")" + std::string(n, 'a') + "\"";
+}
 
-    constexpr char ctrl_z = 0x1A;
+constexpr char ctrl_z = 0x1A;
 
-    class GenericSmsTest : public driver_case_test
-    {
-    protected: static constexpr named_fn fns[] = {
-    {"set_sms_mode", set_sms_mode, nullptr},
-    {"get_sms_mode", get_sms_mode, nullptr},
-    {"set_msg_storage", set_msg_storage, nullptr},
-    {"get_msg_storage", get_msg_storage, nullptr},
-    {"get_full_msg_storage", get_full_msg_storage, nullptr},
-    {"set_sms_evt_rep_cfg", set_sms_evt_rep_cfg, nullptr},
-    {"get_sms_evt_rep_cfg", get_sms_evt_rep_cfg, nullptr},
-    {"send_sms", send_sms, nullptr},
-    {"read_sms", read_sms, nullptr},
-    {"delete_sms", delete_sms, nullptr},
-    {"delete_pdus", delete_pdus, nullptr},
-    {"urc_cmti", nullptr, urc_cmti},
-};
+class GenericSmsTest : public driver_case_test
+{
+  protected:
+    // clang-format off
+    static constexpr named_fn fns[] = {
+        ACTION(set_sms_mode), ACTION(get_sms_mode), ACTION(set_msg_storage), ACTION(get_msg_storage),
+        ACTION(get_full_msg_storage), ACTION(set_sms_evt_rep_cfg), ACTION(get_sms_evt_rep_cfg), ACTION(send_sms),
+        ACTION(read_sms), ACTION(delete_sms), ACTION(delete_pdus), REPORT(urc_cmti)};
     // clang-format on
 
     void SetUp() override

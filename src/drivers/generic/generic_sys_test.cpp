@@ -75,48 +75,37 @@ TEST_F(GenericSysTest, IdInfoFromTheModelRowAndCachedFirmware)
 }
 
 // Every interpolated argument reaches the command as given (refusals: the
-// family's refusal table).
-TEST_F(GenericSysTest, CommandsFromArguments)
+// family's refusal table); captured answers (EC25 unless the row names
+// 3GPP TS 27.007 or another source) and the reply each gives.
+TEST_F(GenericSysTest, CommandsAndAnswers)
 {
     const std::string ussd160(160, '1');
     // clang-format off
-    const struct { act_func fn; std::string args, want; } rows[] = {
-        {set_func, R"({"func":"minimum","reset":true})", "0 AT+CFUN=0,1\r"},
-        {set_crc_fmt, R"({"format":"disable"})", "0 AT+CRC=0\r"},
-        {set_auto_tz_update, R"({"enabled":false})", "0 AT+CTZU=0\r"},
-        {set_fac_lock, R"({"facility":"SC","state":"lock","pass":"1234"})", "0 AT+CLCK=\"SC\",1,\"1234\"\r"},
-        {get_fac_lock, R"({"facility":"SC"})", "0 AT+CLCK=\"SC\",2\r"},
-        {set_new_pass, R"({"facility":"P2","old_pass":"1234","new_pass":"4321"})", "0 AT+CPWD=\"P2\",\"1234\",\"4321\"\r"},
-        {set_ussd, "{}", "0 AT+CUSD\r"},
-        {set_ussd, R"({"mode":"enable","request":"*100#","coding_scheme":15})", "0 AT+CUSD=1,\"*100#\",15\r"},
-        {set_ussd, R"({"request":")" + ussd160 + "\"}", "0 AT+CUSD=1,\"" + ussd160 + "\"\r"},
-    };
-    // clang-format on
-    for (const auto &row : rows)
-        EXPECT_EQ(built(row.fn, row.args), row.want) << row.args;
-}
-
-// Captured answers (EC25 unless the row names 3GPP TS 27.007 or another
-// source) and the reply each gives.
-TEST_F(GenericSysTest, QueryAnswers)
-{
-    // clang-format off
-    const struct { act_func fn; std::string answer, outcome; } rows[] = {
-        {get_func, "\r\n+CME ERROR: 3\r\n", R"(0 {"func_id":0,"response":"\r\n+CME ERROR: 3\r\n"})"},
-        {get_clip_mode, "\r\n+CLIP: 0,1\r\n\r\nOK\r\n", R"(0 {"mode_id":1,"mode":"Disabled","state_id":2,"state":"Provisioned"})"},
-        {get_clip_mode, "\r\nERROR\r\n", "5 {}"},
-        {get_crc_fmt, "\r\n+CRC: 0\r\n\r\nOK\r\n", R"(0 {"format_id":1,"format":"Disabled"})"},
+    const struct { step op; act_func fn; std::string text, expect; } rows[] = {
+        {BUILD, set_func, R"({"func":"minimum","reset":true})", "0 AT+CFUN=0,1\r"},
+        {BUILD, set_crc_fmt, R"({"format":"disable"})", "0 AT+CRC=0\r"},
+        {BUILD, set_auto_tz_update, R"({"enabled":false})", "0 AT+CTZU=0\r"},
+        {BUILD, set_fac_lock, R"({"facility":"SC","state":"lock","pass":"1234"})", "0 AT+CLCK=\"SC\",1,\"1234\"\r"},
+        {BUILD, get_fac_lock, R"({"facility":"SC"})", "0 AT+CLCK=\"SC\",2\r"},
+        {BUILD, set_new_pass, R"({"facility":"P2","old_pass":"1234","new_pass":"4321"})", "0 AT+CPWD=\"P2\",\"1234\",\"4321\"\r"},
+        {BUILD, set_ussd, "{}", "0 AT+CUSD\r"},
+        {BUILD, set_ussd, R"({"mode":"enable","request":"*100#","coding_scheme":15})", "0 AT+CUSD=1,\"*100#\",15\r"},
+        {BUILD, set_ussd, R"({"request":")" + ussd160 + "\"}", "0 AT+CUSD=1,\"" + ussd160 + "\"\r"},
+        {PARSE, get_func, "\r\n+CME ERROR: 3\r\n", R"(0 {"func_id":0,"response":"\r\n+CME ERROR: 3\r\n"})"},
+        {PARSE, get_clip_mode, "\r\n+CLIP: 0,1\r\n\r\nOK\r\n", R"(0 {"mode_id":1,"mode":"Disabled","state_id":2,"state":"Provisioned"})"},
+        {PARSE, get_clip_mode, "\r\nERROR\r\n", "5 {}"},
+        {PARSE, get_crc_fmt, "\r\n+CRC: 0\r\n\r\nOK\r\n", R"(0 {"format_id":1,"format":"Disabled"})"},
         // 3GPP TS 27.007: one line per class; the first counts.
-        {get_fac_lock, "\r\n+CLCK: 1,1\r\n+CLCK: 0,2\r\n\r\nOK\r\n", R"(0 {"state_id":2,"state":"Locked"})"},
-        {get_fac_lock, "\r\n+CME ERROR: 17\r\n", "5 {}"},
-        {get_auto_tz_update, "\r\n+CTZU: 3\r\n\r\nOK\r\n", R"(0 {"enabled":true})"}, // Quectel local time
+        {PARSE, get_fac_lock, "\r\n+CLCK: 1,1\r\n+CLCK: 0,2\r\n\r\nOK\r\n", R"(0 {"state_id":2,"state":"Locked"})"},
+        {PARSE, get_fac_lock, "\r\n+CME ERROR: 17\r\n", "5 {}"},
+        {PARSE, get_auto_tz_update, "\r\n+CTZU: 3\r\n\r\nOK\r\n", R"(0 {"enabled":true})"}, // Quectel local time
         // 3GPP TS 27.007 list form, with an item no vocabulary knows.
-        {get_capabilities, "\r\n+GCAP: +CGSM,+FCLASS, +DS,+W\r\n\r\nOK\r\n", R"(0 {"cap_list":[{"id":1,"name":"+CGSM"},{"id":2,"name":"+FCLASS"},{"id":3,"name":"+DS"},)" R"({"id":0,"name":"+W"}]})"},
-        {get_capabilities, "\r\nOK\r\n", "5 {}"},
+        {PARSE, get_capabilities, "\r\n+GCAP: +CGSM,+FCLASS, +DS,+W\r\n\r\nOK\r\n", R"(0 {"cap_list":[{"id":1,"name":"+CGSM"},{"id":2,"name":"+FCLASS"},{"id":3,"name":"+DS"},)" R"({"id":0,"name":"+W"}]})"},
+        {PARSE, get_capabilities, "\r\nOK\r\n", "5 {}"},
     };
     // clang-format on
     for (const auto &row : rows)
-        EXPECT_EQ(parsed(row.fn, row.answer), row.outcome) << row.answer;
+        EXPECT_EQ(run(row.op, row.fn, row.text), row.expect) << row.text;
 
     // With a model row, the capabilities carry it too.
     mdm.set_info(&g_midata[2]); // EC25-E

@@ -14,37 +14,16 @@ class QuectelSysTest : public driver_case_test
 
 TEST_F(QuectelSysTest, CommandsAndAnswers)
 {
-    const named_fn fns[] = {
-        {"get_firmware", get_firmware, nullptr},
-        {"get_sn", get_sn, nullptr},
-        {"get_iccid", get_iccid, nullptr},
-        {"get_pin_count", get_pin_count, nullptr},
-        {"set_urc_cfg", set_urc_cfg, nullptr},
-        {"get_urc_cfg", get_urc_cfg, nullptr},
-        {"set_urc_ind_cfg", set_urc_ind_cfg, nullptr},
-        {"get_urc_ind_cfg", get_urc_ind_cfg, nullptr},
-        {"set_dhcp_pkt_fltr", set_dhcp_pkt_fltr, nullptr},
-        {"get_dhcp_pkt_fltr", get_dhcp_pkt_fltr, nullptr},
-        {"set_usbnet_cfg", set_usbnet_cfg, nullptr},
-        {"get_usbnet_cfg", get_usbnet_cfg, nullptr},
-        {"get_nat_cfg_nr", get_nat_cfg_nr, nullptr},
-        {"set_ims_state", set_ims_state, nullptr},
-        {"get_ims_state", get_ims_state, nullptr},
-        {"set_volte_state", set_volte_state, nullptr},
-        {"get_volte_state", get_volte_state, nullptr},
-        {"get_volte_ready", get_volte_ready, nullptr},
-        {"get_qsimdet", get_qsimdet, nullptr},
-        {"set_qsimdet", set_qsimdet, nullptr},
-        {"set_sim_soft_hotplug", set_sim_soft_hotplug, nullptr},
-        {"get_sim_soft_hotplug", get_sim_soft_hotplug, nullptr},
-        {"get_temperature", get_temperature, nullptr},
-        {"get_flash_state", get_flash_state, nullptr},
-        {"get_mbn_list", get_mbn_list, nullptr},
-        {"mbn_deactivate", mbn_deactivate, nullptr},
-        {"set_mbn_select", set_mbn_select, nullptr},
-        {"set_mbn_auto_sel", set_mbn_auto_sel, nullptr},
-        {"get_mbn_auto_sel", get_mbn_auto_sel, nullptr},
-    };
+    const named_fn fns[] = {ACTION(get_firmware),         ACTION(get_sn),          ACTION(get_iccid),
+                            ACTION(get_pin_count),        ACTION(set_urc_cfg),     ACTION(get_urc_cfg),
+                            ACTION(set_urc_ind_cfg),      ACTION(get_urc_ind_cfg), ACTION(set_dhcp_pkt_fltr),
+                            ACTION(get_dhcp_pkt_fltr),    ACTION(set_usbnet_cfg),  ACTION(get_usbnet_cfg),
+                            ACTION(get_nat_cfg_nr),       ACTION(set_ims_state),   ACTION(get_ims_state),
+                            ACTION(set_volte_state),      ACTION(get_volte_state), ACTION(get_volte_ready),
+                            ACTION(get_qsimdet),          ACTION(set_qsimdet),     ACTION(set_sim_soft_hotplug),
+                            ACTION(get_sim_soft_hotplug), ACTION(get_temperature), ACTION(get_flash_state),
+                            ACTION(get_mbn_list),         ACTION(mbn_deactivate),  ACTION(set_mbn_select),
+                            ACTION(set_mbn_auto_sel),     ACTION(get_mbn_auto_sel)};
     run_cases("quectel", "sys.txt", fns);
 }
 
