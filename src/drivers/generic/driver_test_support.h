@@ -68,9 +68,10 @@ class recording_modem : public modem
     }
 
     // Events whose value is a table, as they are registered.
-    std::vector<uint32_t> data_events = {EVT_SERVICE_DATA, EVT_CLIP,       EVT_SND_SMS,     EVT_RING,
-                                         EVT_NO_CARRIER,   EVT_FOTA_STATE, EVT_FILE_UPLOAD, EVT_EMM_ERROR,
-                                         EVT_ESM_ERROR,    EVT_BAND_CHANGE};
+    // clang-format off
+    std::vector<uint32_t> data_events = {EVT_SERVICE_DATA, EVT_CLIP, EVT_SND_SMS, EVT_RING, EVT_NO_CARRIER, EVT_FOTA_STATE,
+                                         EVT_FILE_UPLOAD, EVT_EMM_ERROR, EVT_ESM_ERROR, EVT_BAND_CHANGE};
+    // clang-format on
     std::vector<event> events;
     std::vector<uint32_t> refreshed;
     std::vector<std::string> refresh_args; // each refresh's arguments as JSON ("" for none)

@@ -14,12 +14,9 @@ namespace
 // The sending-limit service: "check" answers check_answer;
 // "inc" answers inc_status, and that the limit is reached at call reached_at
 // (from 1). Every call is recorded as "<method> <sim> <modem> <timeout>".
-struct {
-    const char *check_answer;
-    int inc_status;
-    size_t reached_at;
-    std::vector<std::string> calls;
-} g_service;
+// clang-format off
+struct { const char *check_answer; int inc_status; size_t reached_at; std::vector<std::string> calls; } g_service;
+// clang-format on
 
 int fake_service(const char *object, const char *method, const ujson &args, ujson &answer, uint32_t ms)
 {

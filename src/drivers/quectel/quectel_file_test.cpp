@@ -26,21 +26,35 @@ class QuectelFileTest : public driver_test
     temp_root root;
 };
 
-// Paths reach the module with its storage prefix (refusals: the family's table).
-TEST_F(QuectelFileTest, CommandsBuiltFromTheArguments)
+// Paths reach the module with its storage prefix (refusals: the family's
+// table); EC2x answers as the public DFOTA updater notes and the peer EC2x
+// module notes show them (names listed with their storage prefix).
+TEST_F(QuectelFileTest, CommandsAndAnswers)
 {
     // clang-format off
-    const struct { act_func fn; const char *args, *command; } rows[] = {
-        {get_file_list, "{}", "AT+QFLST=\"*\"\r"},
-        {get_file_list, R"({"path":"UFS:dfota_update.bin"})", "AT+QFLST=\"UFS:dfota_update.bin\"\r"},
-        {delete_file, R"({"path":"RAM:log.txt"})", "AT+QFDEL=\"RAM:log.txt\"\r"},
-        {get_storage_space, R"({"storage":"SD"})", "AT+QFLDS=\"SD\"\r"},
-        {dfota_upgrade, R"({"path":"update.bin"})", "AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
-        {dfota_upgrade, R"({"path":"UFS:update.bin"})", "AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
+    const struct { step op; act_func fn; const char *text, *expect; } rows[] = {
+        {BUILD, get_file_list, "{}", "0 AT+QFLST=\"*\"\r"},
+        {BUILD, get_file_list, R"({"path":"UFS:dfota_update.bin"})", "0 AT+QFLST=\"UFS:dfota_update.bin\"\r"},
+        {BUILD, delete_file, R"({"path":"RAM:log.txt"})", "0 AT+QFDEL=\"RAM:log.txt\"\r"},
+        {BUILD, get_storage_space, R"({"storage":"SD"})", "0 AT+QFLDS=\"SD\"\r"},
+        {BUILD, dfota_upgrade, R"({"path":"update.bin"})", "0 AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
+        {BUILD, dfota_upgrade, R"({"path":"UFS:update.bin"})", "0 AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
+        {PARSE, get_file_list, "\r\n+QFLST: \"dfota_update.bin\",683\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"dfota_update.bin","size":683}]})"},
+        // RAM files carry their prefix; no blank after the colon and a stray
+        // one before the size are read alike.
+        {PARSE, get_file_list, "\r\n+QFLST: \"a.txt\",12\r\n+QFLST:\"RAM:b.log\", 4096\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"a.txt","size":12},{"name":"RAM:b.log","size":4096}]})"},
+        {PARSE, get_file_list, "\r\n+QFLST: \"c\",-\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"c"}]})"}, // size no number
+        {PARSE, get_file_list, "\r\n+CME ERROR: 405\r\n", R"(0 {"files":[]})"}, // the file asked for is not there
+        {PARSE, get_file_list, "\r\n+CME ERROR: 417\r\n", "5 {}"},
+        // Free and total bytes.
+        {PARSE, get_storage_space, "\r\n+QFLDS: 10240000,16777216\r\n\r\nOK\r\n", R"(0 {"free":10240000,"total":16777216})"},
+        {PARSE, get_storage_space, "\r\n+QFLDS: -,2097152\r\n\r\nOK\r\n", "5 {}"},
+        {PARSE, delete_file, "\r\nOK\r\n", "0 {}"},
+        {PARSE, delete_file, "\r\n+CME ERROR: 405\r\n", "5 {}"},
     };
     // clang-format on
     for (const auto &r : rows)
-        EXPECT_EQ(built(r.fn, r.args), std::string("0 ") + r.command);
+        EXPECT_EQ(run(r.op, r.fn, r.text), r.expect) << r.text;
 }
 
 TEST_F(QuectelFileTest, UploadOpensTheRouterFileUnderTheRootOrRefusesIt)
@@ -70,30 +84,6 @@ TEST_F(QuectelFileTest, UploadOpensTheRouterFileUnderTheRootOrRefusesIt)
             EXPECT_EQ(req.source.size, 683u);
         }
     }
-}
-
-// EC2x answers as the public DFOTA updater notes and the peer EC2x module
-// notes show them (names listed with their storage prefix).
-TEST_F(QuectelFileTest, Answers)
-{
-    // clang-format off
-    const struct { act_func fn; const char *answer, *outcome; } rows[] = {
-        {get_file_list, "\r\n+QFLST: \"dfota_update.bin\",683\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"dfota_update.bin","size":683}]})"},
-        // RAM files carry their prefix; no blank after the colon and a stray
-        // one before the size are read alike.
-        {get_file_list, "\r\n+QFLST: \"a.txt\",12\r\n+QFLST:\"RAM:b.log\", 4096\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"a.txt","size":12},{"name":"RAM:b.log","size":4096}]})"},
-        {get_file_list, "\r\n+QFLST: \"c\",-\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"c"}]})"}, // size no number
-        {get_file_list, "\r\n+CME ERROR: 405\r\n", R"(0 {"files":[]})"}, // the file asked for is not there
-        {get_file_list, "\r\n+CME ERROR: 417\r\n", "5 {}"},
-        // Free and total bytes.
-        {get_storage_space, "\r\n+QFLDS: 10240000,16777216\r\n\r\nOK\r\n", R"(0 {"free":10240000,"total":16777216})"},
-        {get_storage_space, "\r\n+QFLDS: -,2097152\r\n\r\nOK\r\n", "5 {}"},
-        {delete_file, "\r\nOK\r\n", "0 {}"},
-        {delete_file, "\r\n+CME ERROR: 405\r\n", "5 {}"},
-    };
-    // clang-format on
-    for (const auto &r : rows)
-        EXPECT_EQ(parsed(r.fn, r.answer), r.outcome) << r.answer;
 }
 
 // The modem's count and checksum, reported in front of the OK, are held
