@@ -170,6 +170,7 @@ TEST(Scan, TextHelpers)
         {SPLIT_PARTS, "\r\nERROR\r\n\r\nB\r\n\r\nOK\r\n", "", "[\r\nERROR\r\n][\r\nB\r\n\r\nOK\r\n]"},
         {SPLIT_PARTS, "A\r\n0\rB\r\n0\r", "", "[A\r\n0\r][B\r\n0\r]"},
         {SPLIT_PARTS, "A\r\n4\r", "", "[A\r\n4\r][]"},
+        {SPLIT_PARTS, "A\r\n4\rB\r\n0\r", "", "[A\r\n4\r][B\r\n0\r]"},
         {SPLIT_FIELDS, "\"+4917612345678\",145,,,,0", "6", "[+4917612345678][145][][][][0]"},
         {SPLIT_FIELDS, "1,5,internet,10.1.2.3.255.0.0.0", "4", "[1][5][internet][10.1.2.3.255.0.0.0]"},
         {SPLIT_FIELDS, "1,5,\"a\",\"b\"", "3", "[1][5][a\",\"b]"}, // the last keeps the rest
