@@ -4,6 +4,7 @@
 // awaited URC, data interface actions).
 #pragma once
 
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -21,14 +22,22 @@
 #include "util/cache_manager.h"
 #include "util/ujson.h"
 
+// A bus message as JSON text ("(null)" when it cannot be printed).
+inline std::string json_text(blob_attr *msg)
+{
+    char *text = blobmsg_format_json(msg, true);
+    std::string out = text ? text : "(null)";
+    std::free(text);
+    return out;
+}
+
 class recording_modem : public modem
 {
   public:
     struct event {
         uint32_t id;
         bool forced;
-        int32_t number;   // the value of a number event
-        std::string json; // the value of a data event, as JSON (set by the test's reader)
+        int32_t number; // the value of a number event
         std::unique_ptr<ujson> data;
     };
 
@@ -38,10 +47,8 @@ class recording_modem : public modem
     int refresh(uint32_t action, const ujson *args) override
     {
         refreshed.push_back(action);
-        char *text = args ? blobmsg_format_json(args->get_blobmsg(), true) : nullptr;
-        refresh_args.emplace_back(text ? text : "");
-        std::free(text);
-        return refresh_result;
+        refresh_args.push_back(args ? json_text(args->get_blobmsg()) : "");
+        return 0;
     }
     int interface_action(int action) override
     {
@@ -51,9 +58,7 @@ class recording_modem : public modem
     const char *object_name() const override { return "gsm.modem0"; }
     int broadcast(const char *name, const ujson &payload) override
     {
-        char *text = blobmsg_format_json(payload.get_blobmsg(), true);
-        broadcasts.emplace_back(name, text ? text : "");
-        std::free(text);
+        broadcasts.emplace_back(name, json_text(payload.get_blobmsg()));
         return 0;
     }
     int call_service(const char *object, const char *method, const ujson &args, ujson &answer,
@@ -63,13 +68,13 @@ class recording_modem : public modem
     }
 
     // Events whose value is a table, as they are registered.
-    std::vector<uint32_t> data_events = {EVT_SERVICE_DATA, EVT_CLIP,       EVT_SND_SMS,     EVT_RING,
-                                         EVT_NO_CARRIER,   EVT_FOTA_STATE, EVT_FILE_UPLOAD, EVT_EMM_ERROR,
-                                         EVT_ESM_ERROR,    EVT_BAND_CHANGE};
+    // clang-format off
+    std::vector<uint32_t> data_events = {EVT_SERVICE_DATA, EVT_CLIP, EVT_SND_SMS, EVT_RING, EVT_NO_CARRIER, EVT_FOTA_STATE,
+                                         EVT_FILE_UPLOAD, EVT_EMM_ERROR, EVT_ESM_ERROR, EVT_BAND_CHANGE};
+    // clang-format on
     std::vector<event> events;
     std::vector<uint32_t> refreshed;
     std::vector<std::string> refresh_args; // each refresh's arguments as JSON ("" for none)
-    int refresh_result = 0;
     std::vector<int> iface_actions;
     int iface_result = 0;
     std::string awaited;
@@ -82,10 +87,8 @@ class recording_modem : public modem
   private:
     void record(uint32_t id, const void *data, bool forced)
     {
-        event e{id, forced, 0, {}, nullptr};
-        bool is_data = false;
-        for (uint32_t d : data_events)
-            is_data |= d == id;
+        event e{id, forced, 0, nullptr};
+        const bool is_data = std::find(data_events.begin(), data_events.end(), id) != data_events.end();
         if (is_data && data)
             e.data = static_cast<const ujson *>(data)->clone();
         else if (data)
@@ -139,21 +142,16 @@ class driver_test : public ::testing::Test
         return fn(&mdm, 0, args, &req);
     }
     std::string command() const { return req.command ? std::string(req.command, req.length) : std::string(); }
-    // Parse phase over a captured answer, into a fresh reply.
-    int parse(act_func fn, const std::string &answer)
+    // Parse phase over a captured answer, and a URC handler over a captured
+    // line, each into a fresh reply.
+    int parse(act_func fn, const std::string &answer) { return fn(&mdm, 1, fresh_reply(answer), &req); }
+    int urc(urc_func fn, const std::string &line) { return fn(&mdm, fresh_reply(line)); }
+    ujson *fresh_reply(const std::string &text)
     {
-        response = answer;
+        response = text;
         mdm.set_response(response.data(), response.size());
         reply = ujson::create();
-        return fn(&mdm, 1, reply.get(), &req);
-    }
-    // A URC handler over a captured line.
-    int urc(urc_func fn, const std::string &line)
-    {
-        response = line;
-        mdm.set_response(response.data(), response.size());
-        reply = ujson::create();
-        return fn(&mdm, reply.get());
+        return reply.get();
     }
     std::string field(const char *key) const
     {
@@ -172,18 +170,18 @@ class driver_test : public ::testing::Test
         EXPECT_TRUE(blobmsg_add_json_from_string(json->buffer(), text.c_str())) << text;
         return json;
     }
-    static std::string as_json(const ujson &json)
-    {
-        char *s = blobmsg_format_json(json.get_blobmsg(), true);
-        std::string out = s ? s : "(null)";
-        std::free(s);
-        return out;
-    }
+    static std::string as_json(const ujson &json) { return json_text(json.get_blobmsg()); }
     // "<status>[ <command>]" of a build from JSON arguments.
     std::string built(act_func fn, const std::string &json)
     {
         int status = build(fn, json_of(json).get());
         return std::to_string(status) + (command().empty() ? "" : " " + command());
+    }
+    // A build from JSON arguments or a parse of an answer, as built() and parsed() show them.
+    enum step { BUILD, PARSE };
+    std::string run(step s, act_func fn, const std::string &text)
+    {
+        return s == BUILD ? built(fn, text) : parsed(fn, text);
     }
     // "<status> <reply>" of a parse, then " <event>=<value>" per event raised.
     std::string parsed(act_func fn, const std::string &answer)

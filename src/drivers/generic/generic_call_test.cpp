@@ -11,15 +11,8 @@ class GenericCallTest : public driver_case_test
 {
   protected:
     static constexpr named_fn fns[] = {
-        {"send_voice_call", send_voice_call, nullptr},
-        {"accept_voice_call", accept_voice_call, nullptr},
-        {"reject_voice_call", reject_voice_call, nullptr},
-        {"get_incoming_voice_calls", get_incoming_voice_calls, nullptr},
-        {"urc_clip", nullptr, urc_clip},
-        {"urc_cring", nullptr, urc_cring},
-        {"urc_ring", nullptr, urc_ring},
-        {"urc_no_carrier", nullptr, urc_no_carrier},
-    };
+        ACTION(send_voice_call), ACTION(accept_voice_call), ACTION(reject_voice_call), ACTION(get_incoming_voice_calls),
+        REPORT(urc_clip),        REPORT(urc_cring),         REPORT(urc_ring),          REPORT(urc_no_carrier)};
 };
 
 TEST_F(GenericCallTest, CommandsFromArguments)

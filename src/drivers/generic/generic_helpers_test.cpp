@@ -15,27 +15,20 @@
 namespace
 {
 
-std::unique_ptr<ujson> args_with(const char *name, const char *value)
-{
-    auto json = ujson::create();
-    json->add_string(name, value);
-    return json;
-}
-
 // Every way a caller could reach past its argument: each is refused and
 // nothing is built.
-TEST(ActArgs, TextsThatCouldEndOrStartACommandAreRefused)
+using ActArgs = driver_test;
+TEST_F(ActArgs, TextsThatCouldEndOrStartACommandAreRefused)
 {
-    struct {
-        std::string value;
-        size_t max;
-        bool ok;
-    } rows[] = {
+    // clang-format off
+    struct { std::string value; size_t max; bool ok; } rows[] = {
         {"1234", 8, true},    {"12345678", 8, true}, {"123456789", 8, false},       {"12\r34", 8, false},
         {"12\x1a", 8, false}, {"12\"34", 8, false},  {"a\";+CFUN=0;\"", 63, false},
     };
+    // clang-format on
     for (const auto &row : rows) {
-        auto json = args_with("code", row.value.c_str());
+        auto json = ujson::create();
+        json->add_string("code", row.value.c_str());
         act_args args(json.get());
         std::string got = args.text("code", row.max);
         EXPECT_EQ(args.ok(), row.ok) << row.value;
@@ -44,13 +37,9 @@ TEST(ActArgs, TextsThatCouldEndOrStartACommandAreRefused)
     }
 }
 
-TEST(ActArgs, RequiredOptionalAndRanges)
+TEST_F(ActArgs, RequiredOptionalAndRanges)
 {
-    auto json = ujson::create();
-    json->add_int("cid", 16);
-    json->add_int("neg", -1);
-    json->add_bool("reset", true);
-    json->add_string("format", "verbose");
+    auto json = json_of(R"({"cid":16,"neg":-1,"reset":true,"format":"verbose"})");
 
     act_args a(json.get());
     EXPECT_EQ(a.number("cid", 1, 16), 16);
@@ -62,10 +51,8 @@ TEST(ActArgs, RequiredOptionalAndRanges)
     EXPECT_EQ(a.opt_keyword("mode", err_msg_fmt_arg_enum), 0u);
     EXPECT_TRUE(a.ok());
 
-    struct {
-        const char *what;
-        bool (*read)(act_args &);
-    } failing[] = {
+    // clang-format off
+    struct { const char *what; bool (*read)(act_args &); } failing[] = {
         {"number above its range", [](act_args &x) { return x.number("cid", 1, 15) == 1; }},
         {"negative number", [](act_args &x) { return x.opt_number("neg", 0, 3, 0) == 0; }},
         {"missing number", [](act_args &x) { return x.number("index", 1, 16) == 1; }},
@@ -73,6 +60,7 @@ TEST(ActArgs, RequiredOptionalAndRanges)
         {"keyword outside the vocabulary", [](act_args &x) { return x.keyword("format", cell_rc_arg_enum) == 0; }},
         {"missing keyword", [](act_args &x) { return x.keyword("mode", cell_rc_arg_enum) == 0; }},
     };
+    // clang-format on
     for (const auto &row : failing) {
         act_args b(json.get());
         EXPECT_TRUE(row.read(b)) << row.what;
@@ -82,42 +70,29 @@ TEST(ActArgs, RequiredOptionalAndRanges)
 
 // Array arguments (band lists, sentence types): every element is a checked
 // text; one bad element refuses the whole list.
-TEST(ActArgs, ArraysOfTexts)
+TEST_F(ActArgs, ArraysOfTexts)
 {
-    auto make = [](std::vector<const char *> items, bool with_number = false) {
-        auto json = ujson::create();
-        void *a = json->open_array("bands");
-        for (const char *item : items)
-            json->add_string(nullptr, item);
-        if (with_number)
-            json->add_int(nullptr, 3);
-        json->close_array(a);
-        return json;
+    // clang-format off
+    struct { const char *what, *json; bool optional; bool ok; size_t count; } rows[] = {
+        {"empty array", R"({"bands":[]})", false, true, 0},
+        {"at the item limit", R"({"bands":["a","b","c","d"]})", false, true, 4},
+        {"above the item limit", R"({"bands":["a","b","c","d","e"]})", false, false, 0},
+        {"a quote in one element", R"({"bands":["LTE_B3","x\"y"]})", false, false, 0},
+        {"an element too long", R"({"bands":["0123456789abcdefg"]})", false, false, 0},
+        {"a number among the texts", R"({"bands":["LTE_B3",3]})", false, false, 0},
+        {"missing, required", "{}", false, false, 0},
+        {"missing, optional", "{}", true, true, 0},
+        {"a text in place of the array", R"({"bands":"LTE_B3"})", true, false, 0},
     };
-    struct {
-        const char *what;
-        std::unique_ptr<ujson> json;
-        bool optional;
-        bool ok;
-        size_t count;
-    } rows[] = {
-        {"empty array", make({}), false, true, 0},
-        {"at the item limit", make({"a", "b", "c", "d"}), false, true, 4},
-        {"above the item limit", make({"a", "b", "c", "d", "e"}), false, false, 0},
-        {"a quote in one element", make({"LTE_B3", "x\"y"}), false, false, 0},
-        {"an element too long", make({"0123456789abcdefg"}), false, false, 0},
-        {"a number among the texts", make({"LTE_B3"}, true), false, false, 0},
-        {"missing, required", ujson::create(), false, false, 0},
-        {"missing, optional", ujson::create(), true, true, 0},
-        {"a text in place of the array", args_with("bands", "LTE_B3"), true, false, 0},
-    };
+    // clang-format on
     for (auto &row : rows) {
-        act_args args(row.json.get());
+        auto json = json_of(row.json);
+        act_args args(json.get());
         auto got = args.texts("bands", 4, 16, row.optional);
         EXPECT_EQ(args.ok(), row.ok) << row.what;
         EXPECT_EQ(got.size(), row.count) << row.what;
     }
-    auto json = make({"LTE_B3", "LTE_B20"});
+    auto json = json_of(R"({"bands":["LTE_B3","LTE_B20"]})");
     act_args args(json.get());
     EXPECT_EQ(args.texts("bands", 4, 16), (std::vector<std::string_view>{"LTE_B3", "LTE_B20"}));
 }
@@ -139,88 +114,76 @@ TEST(Scan, PatternsOverUnterminatedAndLongTexts)
     EXPECT_STREQ(first, "(((");
 }
 
-// 3GPP TS 27.007 +CLIP, +CGCONTRDP and +CGACT forms.
-TEST(Scan, FieldsQuotesAndLines)
+enum text_op { FROM_LINE, FIRST_LINE, LINE_VALUE, SPLIT_PARTS, SPLIT_FIELDS };
+
+// What a text helper makes of a text: a view as it is, pieces as "[piece]" each.
+std::string apply(text_op op, std::string_view text, std::string_view arg)
 {
-    struct {
-        std::string_view line;
-        size_t max;
-        std::vector<std::string_view> fields;
-    } rows[] = {
-        {"\"+4917612345678\",145,,,,0", 6, {"+4917612345678", "145", "", "", "", "0"}},
-        {"1,5,internet,10.1.2.3.255.0.0.0", 4, {"1", "5", "internet", "10.1.2.3.255.0.0.0"}},
-        {"1,5,\"a\",\"b\"", 3, {"1", "5", "a\",\"b"}}, // the last keeps the rest
-        {"internet\",\"", 2, {"internet", ""}},        // a quote alone, either one missing
-        {"1,2", 0, {}},
-    };
-    for (const auto &row : rows) {
-        std::string_view got[8];
-        size_t n = split_fields(row.line, got, row.max);
-        EXPECT_EQ(std::vector<std::string_view>(got, got + n), row.fields) << row.line;
+    std::string_view got[8];
+    size_t n = 0;
+    switch (op) {
+    case FROM_LINE:
+        return std::string(from_line(text, arg));
+    case FIRST_LINE:
+        return std::string(first_line(text));
+    case LINE_VALUE:
+        return std::string(line_value(text, arg));
+    case SPLIT_PARTS:
+        split_parts(text, &got[0], &got[1]);
+        n = 2;
+        break;
+    case SPLIT_FIELDS:
+        n = split_fields(text, got, std::stoul(std::string(arg)));
+        break;
     }
+    std::string out;
+    for (size_t i = 0; i < n; i++)
+        out += "[" + std::string(got[i]) + "]";
+    return out;
+}
+
+// Lines, values and fields found inside answers (3GPP TS 27.007 forms).
+// Two commands sent as two parts of one request answer one after the other:
+// the cut is after the first final result, in verbose and numeric form.
+TEST(Scan, TextHelpers)
+{
+    // Captured from an EC25-E: one request "AT+CFUN?\rAT+CPIN?\r".
+    const std::string both = "\r\n+CFUN: 1\r\n\r\nOK\r\n\r\n+CPIN: READY\r\n\r\nOK\r\n";
+    // clang-format off
+    const struct { text_op op; std::string text; std::string_view arg; std::string expect; } rows[] = {
+        {FROM_LINE, both, "+CPIN: ", "\r\n+CPIN: READY\r\n\r\nOK\r\n"},
+        {FROM_LINE, both, "+CFUN: ", both},
+        {FROM_LINE, both, "+CREG: ", ""},
+        {FROM_LINE, "\r\nX+CPIN: 1\r\n", "+CPIN: ", ""}, // only at the start of a line
+        {FIRST_LINE, "\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n", "", "EC25EFAR06A06M4G"},
+        {FIRST_LINE, "EC21EUGAR06A04M4G\r\n0\r", "", "EC21EUGAR06A04M4G"},
+        {FIRST_LINE, "\r\nOK\r\n", "", ""},
+        {FIRST_LINE, "\r\nEC25", "", ""},
+        {LINE_VALUE, "\r\n+CFUN: 1\r\n\r\nOK\r\n\r\n+CPIN: SIM PIN\r\n\r\nOK\r\n", "+CPIN: ", "SIM PIN"},
+        {LINE_VALUE, "+CFUN: 1\r\n0\r+CPIN: READY\r\n0\r", "+CPIN: ", "READY"}, // ATV0
+        {LINE_VALUE, "\r\n+GCAP: +CGSM,+DS \r\n\r\nOK\r\n", "+GCAP: ", "+CGSM,+DS"},
+        {LINE_VALUE, "\r\n+CME ERROR: 10\r", "+CME ERROR: ", "10"},
+        {LINE_VALUE, "\r\nOK\r\n", "+CPIN: ", ""},
+        {SPLIT_PARTS, "\r\nA\r\n\r\nOK\r\n\r\nB\r\n\r\nOK\r\n", "", "[\r\nA\r\n\r\nOK\r\n][\r\nB\r\n\r\nOK\r\n]"},
+        {SPLIT_PARTS, "\r\nA\r\n\r\nOK\r\n\r\n+CME ERROR: 516\r\n", "", "[\r\nA\r\n\r\nOK\r\n][\r\n+CME ERROR: 516\r\n]"},
+        {SPLIT_PARTS, "\r\n+CME ERROR: 3\r\n", "", "[\r\n+CME ERROR: 3\r\n][]"},
+        {SPLIT_PARTS, "\r\nERROR\r\n\r\nB\r\n\r\nOK\r\n", "", "[\r\nERROR\r\n][\r\nB\r\n\r\nOK\r\n]"},
+        {SPLIT_PARTS, "A\r\n0\rB\r\n0\r", "", "[A\r\n0\r][B\r\n0\r]"},
+        {SPLIT_PARTS, "A\r\n4\r", "", "[A\r\n4\r][]"},
+        {SPLIT_PARTS, "A\r\n4\rB\r\n0\r", "", "[A\r\n4\r][B\r\n0\r]"},
+        {SPLIT_FIELDS, "\"+4917612345678\",145,,,,0", "6", "[+4917612345678][145][][][][0]"},
+        {SPLIT_FIELDS, "1,5,internet,10.1.2.3.255.0.0.0", "4", "[1][5][internet][10.1.2.3.255.0.0.0]"},
+        {SPLIT_FIELDS, "1,5,\"a\",\"b\"", "3", "[1][5][a\",\"b]"}, // the last keeps the rest
+        {SPLIT_FIELDS, "internet\",\"", "2", "[internet][]"},        // a quote alone, either one missing
+        {SPLIT_FIELDS, "1,2", "0", ""},
+    };
+    // clang-format on
+    for (const auto &row : rows)
+        EXPECT_EQ(apply(row.op, row.text, row.arg), row.expect) << row.op << " " << row.text;
     std::vector<std::string_view> lines;
     for_each_line("+CGACT: 1,1\r\nX+CGACT: 2,0\r\n\r\nOK\r\n\r\n+CGACT: 3,1",
                   "+CGACT: ", [&](std::string_view line) { lines.push_back(line); });
     EXPECT_EQ(lines, (std::vector<std::string_view>{"+CGACT: 1,1", "+CGACT: 3,1"}));
-}
-
-TEST(Scan, LinesInsideAnAnswer)
-{
-    // Captured from an EC25-E: one request "AT+CFUN?\rAT+CPIN?\r".
-    std::string_view both = "\r\n+CFUN: 1\r\n\r\nOK\r\n\r\n+CPIN: READY\r\n\r\nOK\r\n";
-    EXPECT_EQ(from_line(both, "+CPIN: "), "\r\n+CPIN: READY\r\n\r\nOK\r\n");
-    EXPECT_EQ(from_line(both, "+CFUN: "), both);
-    EXPECT_EQ(from_line(both, "+CREG: "), "");
-    // Only at the start of a line.
-    EXPECT_EQ(from_line("\r\nX+CPIN: 1\r\n", "+CPIN: "), "");
-
-    struct {
-        std::string_view text, line;
-    } rows[] = {
-        {"\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n", "EC25EFAR06A06M4G"},
-        {"EC21EUGAR06A04M4G\r\n0\r", "EC21EUGAR06A04M4G"},
-        {"\r\nOK\r\n", ""},
-        {"\r\nEC25", ""},
-    };
-    for (const auto &row : rows)
-        EXPECT_EQ(first_line(row.text), row.line) << row.text;
-}
-
-TEST(Scan, ValueAfterAPrefix)
-{
-    struct {
-        std::string_view text, prefix, value;
-    } rows[] = {
-        {"\r\n+CFUN: 1\r\n\r\nOK\r\n\r\n+CPIN: SIM PIN\r\n\r\nOK\r\n", "+CPIN: ", "SIM PIN"},
-        {"+CFUN: 1\r\n0\r+CPIN: READY\r\n0\r", "+CPIN: ", "READY"}, // ATV0
-        {"\r\n+GCAP: +CGSM,+DS \r\n\r\nOK\r\n", "+GCAP: ", "+CGSM,+DS"},
-        {"\r\n+CME ERROR: 10\r", "+CME ERROR: ", "10"},
-        {"\r\nOK\r\n", "+CPIN: ", ""},
-    };
-    for (const auto &row : rows)
-        EXPECT_EQ(line_value(row.text, row.prefix), row.value) << row.text;
-}
-
-// Two commands sent as two parts of one request answer one after the other;
-// the cut is after the first final result, in verbose and numeric form.
-TEST(Scan, AnswersOfATwoPartCommand)
-{
-    struct {
-        const char *text, *first, *second;
-    } rows[] = {
-        {"\r\nA\r\n\r\nOK\r\n\r\nB\r\n\r\nOK\r\n", "\r\nA\r\n\r\nOK\r\n", "\r\nB\r\n\r\nOK\r\n"},
-        {"\r\nA\r\n\r\nOK\r\n\r\n+CME ERROR: 516\r\n", "\r\nA\r\n\r\nOK\r\n", "\r\n+CME ERROR: 516\r\n"},
-        {"\r\n+CME ERROR: 3\r\n", "\r\n+CME ERROR: 3\r\n", ""},
-        {"\r\nERROR\r\n\r\nB\r\n\r\nOK\r\n", "\r\nERROR\r\n", "\r\nB\r\n\r\nOK\r\n"},
-        {"A\r\n0\rB\r\n0\r", "A\r\n0\r", "B\r\n0\r"},
-        {"A\r\n4\r", "A\r\n4\r", ""},
-    };
-    for (const auto &row : rows) {
-        std::string_view first, second;
-        split_parts(row.text, &first, &second);
-        EXPECT_EQ(first, row.first) << row.text;
-        EXPECT_EQ(second, row.second) << row.text;
-    }
 }
 
 // Every kind of argument the generic actions take, each refused with status 2
@@ -229,10 +192,8 @@ using ArgumentRefusal = driver_test;
 TEST_F(ArgumentRefusal, NothingIsBuiltFromABadArgument)
 {
     const std::string pass17(17, '1'), ussd161(161, '1'), op33(33, '1'), n24 = "+37060000000000000000012";
-    const struct {
-        act_func fn;
-        std::string args;
-    } rows[] = {
+    // clang-format off
+    const struct { act_func fn; std::string args; } rows[] = {
         {set_func, R"({"func":"Full"})"},                      // keyword outside its vocabulary
         {set_net_reg_stat, R"({"mode":"2"})"},                 // a keyword's number
         {set_op_slc, R"({"operator":"26201"})"},               // operator without its mode
@@ -252,6 +213,7 @@ TEST_F(ArgumentRefusal, NothingIsBuiltFromABadArgument)
         {send_sms, R"({"number":"1\";ATD2","text":"x"})"},
         {send_sms, R"({"number":"1","text":"a\u001aAT+CFUN=0"})"},
     };
+    // clang-format on
     int32_t text_mode = 2;
     cache->update_item("sms_mode", CACHE_DATA_INT32, &text_mode, sizeof(text_mode));
     mdm.service = [](const char *, const char *, const ujson &, ujson &answer, uint32_t) {

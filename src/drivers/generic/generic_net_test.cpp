@@ -90,12 +90,8 @@ class NetTest : public driver_test
 
 TEST_F(NetTest, RegistrationAnswers)
 {
-    struct {
-        act_func fn;
-        const char *capture;
-        int phase, pin, status;
-        const char *reply;
-    } rows[] = {
+    // clang-format off
+    struct { act_func fn; const char *capture; int phase, pin, status; const char *reply; } rows[] = {
         {get_net_reg_stat, "creg_n0", 1, PIN_STATE_OK, 0, "m=1 s=1"},
         {get_net_reg_stat, "creg_n1_roaming", 1, PIN_STATE_OK, 0, "m=2 s=5"},
         {get_net_reg_stat, "creg_n2", 1, PIN_STATE_OK, 0, "m=3 s=1 lac=54537 ci=135086397 act=8"},
@@ -117,13 +113,11 @@ TEST_F(NetTest, RegistrationAnswers)
         {get_net_reg_stat, "cereg_n2", 1, PIN_STATE_OK, 5, ""},
         {get_net_reg_stat, "cme_error", 1, PIN_STATE_OK, 5, ""},
     };
+    // clang-format on
     for (const auto &row : rows) {
         SCOPED_TRACE(row.capture);
         pin(row.pin);
-        response = reg.at(row.capture);
-        mdm.set_response(response.data(), response.size());
-        reply = ujson::create();
-        EXPECT_EQ(row.fn(&mdm, row.phase, reply.get(), &req), row.status);
+        EXPECT_EQ(row.fn(&mdm, row.phase, fresh_reply(reg.at(row.capture)), &req), row.status);
         EXPECT_EQ(replied(), row.reply);
     }
     pin(PIN_STATE_OK);
@@ -136,10 +130,8 @@ TEST_F(NetTest, RegistrationAnswers)
 
 TEST_F(NetTest, CommandsAndArguments)
 {
-    struct {
-        act_func fn;
-        const char *args, *command;
-    } rows[] = {
+    // clang-format off
+    struct { act_func fn; const char *args, *command; } rows[] = {
         {get_net_reg_stat_all, "{}", "AT+C5GREG?\rAT+CEREG?\rAT+CGREG?\rAT+CREG?\r"},
         {get_op_slc, "{}", "AT+COPS?\r"},
         {set_net_reg_stat, R"({"mode":"enable_loc"})", "AT+CREG=2\r"},
@@ -149,27 +141,23 @@ TEST_F(NetTest, CommandsAndArguments)
         {set_op_slc, R"({"mode":"auto","format":"short"})", "AT+COPS=0,1\r"},
         {set_op_slc, R"({"format":"long"})", "AT+COPS=3,0\r"},
     };
+    // clang-format on
     for (const auto &row : rows)
         EXPECT_EQ(built(row.fn, row.args), std::string("0 ") + row.command) << row.args;
 }
 
 TEST_F(NetTest, AllReportsGiveTheRegistrationThatCounts)
 {
-    struct {
-        const char *capture;
-        int32_t pin;
-        const char *tables, *reply, *cache, *events;
-    } rows[] = {
-        {"all_ec25", PIN_STATE_OK, "cereg cgreg creg", "s=1 tac=54537 ci=135086397 act=8 ract=8",
-         "s=1 tac=54537 ci=135086397 ract=8 type=2", "2=21"},
-        {"all_rm520n", PIN_STATE_OK, "c5greg cereg cgreg creg", "s=1 tac=3824670 ci=37358981143 act=11 ract=11",
-         "s=1 tac=3824670 ci=37358981143 ract=11 type=3", "2=22"},
-        {"all_ec25_3g", PIN_STATE_OK, "cereg cgreg creg", "s=5 lac=4001 ci=203107587 act=7 ract=7",
-         "s=5 lac=4001 ci=203107587 ract=7 type=1", "2=8"},
+    // clang-format off
+    struct { const char *capture; int32_t pin; const char *tables, *reply, *cache, *events; } rows[] = {
+        {"all_ec25", PIN_STATE_OK, "cereg cgreg creg", "s=1 tac=54537 ci=135086397 act=8 ract=8", "s=1 tac=54537 ci=135086397 ract=8 type=2", "2=21"},
+        {"all_rm520n", PIN_STATE_OK, "c5greg cereg cgreg creg", "s=1 tac=3824670 ci=37358981143 act=11 ract=11", "s=1 tac=3824670 ci=37358981143 ract=11 type=3", "2=22"},
+        {"all_ec25_3g", PIN_STATE_OK, "cereg cgreg creg", "s=5 lac=4001 ci=203107587 act=7 ract=7", "s=5 lac=4001 ci=203107587 ract=7 type=1", "2=8"},
         {"all_ec25", PIN_STATE_NOT_INSERTED, "cereg cgreg creg", "s=4", "s=4 type=2", "2=2"},
         {"all_ec25_no_sim", PIN_STATE_OK, "cereg cgreg creg", "s=0", "s=0 type=2", "2=2"},
         {"cme_error", PIN_STATE_OK, "", "", "", ""},
     };
+    // clang-format on
     for (const auto &row : rows) {
         SCOPED_TRACE(row.capture + std::string(" pin ") + std::to_string(row.pin));
         forget({"reg_stat", "reg_act", "reg_lac", "reg_tac", "reg_ci", "reg_type"});
@@ -187,13 +175,9 @@ TEST_F(NetTest, AllReportsGiveTheRegistrationThatCounts)
 
 TEST_F(NetTest, UrcsRaiseTheStateAndKeepTheCacheCoherent)
 {
-    struct {
-        urc_func handler;
-        const char *capture;
-        int32_t cur_type, cur_stat; // the registration cached before; type -1: none
-        int status;
-        const char *happened, *cache;
-    } rows[] = {
+    // cur_stat: the registration cached before; type -1: none
+    // clang-format off
+    struct { urc_func handler; const char *capture; int32_t cur_type, cur_stat; int status; const char *happened, *cache; } rows[] = {
         // Complete and ranking at least as high: cached at once, with the service mode.
         {urc_cereg, "urc_cereg_loc", -1, 0, 0, "18=1 2=21", "s=1 tac=54537 ci=135086397 ract=8 type=2"},
         {urc_c5greg, "urc_c5greg_loc", NET_REG_EPS, 1, 0, "18=1 2=22", "s=1 tac=3824670 ci=37358981143 ract=11 type=3"},
@@ -205,6 +189,7 @@ TEST_F(NetTest, UrcsRaiseTheStateAndKeepTheCacheCoherent)
         {urc_cgreg, "urc_cgreg_searching", NET_REG_EPS, 1, 0, "18=2", "s=1 type=2"},
         {urc_creg, "cme_error", -1, 0, ACT_STATUS_INVALID_URC, "", ""},
     };
+    // clang-format on
     for (const auto &row : rows) {
         SCOPED_TRACE(row.capture);
         forget({"reg_stat", "reg_act", "reg_tac", "reg_ci", "reg_type"});
@@ -224,18 +209,15 @@ TEST_F(NetTest, UrcsRaiseTheStateAndKeepTheCacheCoherent)
 
 TEST_F(NetTest, ScanTakesTheInterfacesDownAroundIt)
 {
-    struct {
-        int block; // "block_ifup": -1 absent, 0 false, 1 true
-        int iface_result, build_status;
-        const char *answer; // parsed after a successful build
-        int parse_status;
-        std::vector<int> iface;
-    } rows[] = {
+    // block: "block_ifup": -1 absent, 0 false, 1 true; answer: parsed after a successful build
+    // clang-format off
+    struct { int block; int iface_result, build_status; const char *answer; int parse_status; std::vector<int> iface; } rows[] = {
         {-1, 0, 0, "scan_ec25", 0, {2, 1}},  {0, 0, 0, "scan_none", 0, {2, 1}},
         {1, 0, 0, "scan_ec25", 0, {}},       {-1, 2, 0, "scan_ec25", 0, {2, 1}}, // an interface went away
         {-1, 0, 0, "scan_error", 5, {2, 1}}, {-1, 1, 1, nullptr, 0, {2, 1}},     // a call failed: nothing is sent
         {-1, 3, 1, nullptr, 0, {2, 1}},
     };
+    // clang-format on
     for (const auto &row : rows) {
         SCOPED_TRACE(std::string(row.answer ? row.answer : "-") + " result " + std::to_string(row.iface_result));
         forget({"operator_scan"});
@@ -262,50 +244,39 @@ TEST_F(NetTest, ScanTakesTheInterfacesDownAroundIt)
     EXPECT_NEAR(std::atoll(cached("last_scan").c_str()), static_cast<long long>(std::time(nullptr)), 5);
 }
 
+// Reads (no arguments: a capture, its reply) and writes (arguments: the
+// modem's answer, the events and reads that follow), with "old" cached as the
+// operator before each.
 TEST_F(NetTest, OperatorSelection)
 {
-    // Reads, with "old" cached as the operator before each.
-    struct {
-        const char *capture;
-        int status;
-        const char *reply, *cache;
-    } reads[] = {
-        {"cops_long", 0, "m=1 f=1 op=Telekom.de act=8", "f=1 op=Telekom.de"},
-        {"cops_numeric_manual", 0, "m=2 f=3 op=26202 act=3", "f=3 op=26202"},
-        {"cops_endc", 0, "m=1 f=1 op=Vodafone.de act=13", "f=1 op=Vodafone.de"},
-        {"cops_nbiot", 0, "m=1 f=3 op=26201 act=0", "f=3 op=26201"},
-        {"cops_unregistered", 0, "m=1", ""},
-        {"cops_no_service", 0, "m=0", "op=old"},
-        {"scan_error", 5, "", "op=old"},
-    };
-    for (const auto &row : reads) {
-        SCOPED_TRACE(row.capture);
-        forget({"op_format"});
-        cache->update_item("operator", CACHE_DATA_STRING, "old", 4);
-        EXPECT_EQ(parse(get_op_slc, ops.at(row.capture)), row.status);
-        EXPECT_EQ(replied(), row.reply);
-        EXPECT_EQ(kept(), row.cache);
-    }
-    // Writes and what their success changes.
-    struct {
-        const char *args;
-        const char *answer;
-        int status;
-        const char *happened, *cache;
-    } writes[] = {
+    // clang-format off
+    struct { const char *args, *answer; int status; const char *outcome, *cache; } rows[] = {
+        {nullptr, "cops_long", 0, "m=1 f=1 op=Telekom.de act=8", "f=1 op=Telekom.de"},
+        {nullptr, "cops_numeric_manual", 0, "m=2 f=3 op=26202 act=3", "f=3 op=26202"},
+        {nullptr, "cops_endc", 0, "m=1 f=1 op=Vodafone.de act=13", "f=1 op=Vodafone.de"},
+        {nullptr, "cops_nbiot", 0, "m=1 f=3 op=26201 act=0", "f=3 op=26201"},
+        {nullptr, "cops_unregistered", 0, "m=1", ""},
+        {nullptr, "cops_no_service", 0, "m=0", "op=old"},
+        {nullptr, "scan_error", 5, "", "op=old"},
         {R"({"mode":"manual","format":"long","operator":"26201"})", "\r\nOK\r\n", 0, " refresh 23", "f=1"},
         {R"({"mode":"manual","operator":"26201"})", "0\r", 0, " refresh 23", "f=3"},
         {R"({"mode":"auto"})", "\r\nOK\r\n", 0, "27=0!", "op=old"},
         {R"({"mode":"auto"})", "\r\n+CME ERROR: 30\r\n", 5, "", "op=old"},
         {R"({"format":"short"})", "\r\nOK\r\n", 0, "", "f=2 op=old"},
     };
-    for (const auto &row : writes) {
-        SCOPED_TRACE(row.happened);
+    // clang-format on
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::string(row.args ? row.args : "") + row.answer);
         forget({"op_format"});
         cache->update_item("operator", CACHE_DATA_STRING, "old", 4);
-        ASSERT_EQ(build(set_op_slc, json_of(row.args).get()), 0);
-        EXPECT_EQ(parse(set_op_slc, row.answer), row.status);
-        EXPECT_EQ(happened(), row.happened);
+        if (row.args) {
+            ASSERT_EQ(build(set_op_slc, json_of(row.args).get()), 0);
+            EXPECT_EQ(parse(set_op_slc, row.answer), row.status);
+            EXPECT_EQ(happened(), row.outcome);
+        } else {
+            EXPECT_EQ(parse(get_op_slc, ops.at(row.answer)), row.status);
+            EXPECT_EQ(replied(), row.outcome);
+        }
         EXPECT_EQ(kept(), row.cache);
     }
 }

@@ -11,16 +11,9 @@ namespace
 class GenericPdpTest : public driver_case_test
 {
   protected:
-    static constexpr named_fn fns[] = {
-        {"set_pdp_ctx", set_pdp_ctx, nullptr},
-        {"get_pdp_ctx", get_pdp_ctx, nullptr},
-        {"get_pdp_addr", get_pdp_addr, nullptr},
-        {"get_pdp_addr_list", get_pdp_addr_list, nullptr},
-        {"set_ps_att_state", set_ps_att_state, nullptr},
-        {"get_ps_att_state", get_ps_att_state, nullptr},
-        {"get_act_pdp_ctx_list", get_act_pdp_ctx_list, nullptr},
-        {"get_dns_addr", get_dns_addr, nullptr},
-    };
+    static constexpr named_fn fns[] = {ACTION(set_pdp_ctx),          ACTION(get_pdp_ctx),      ACTION(get_pdp_addr),
+                                       ACTION(get_pdp_addr_list),    ACTION(set_ps_att_state), ACTION(get_ps_att_state),
+                                       ACTION(get_act_pdp_ctx_list), ACTION(get_dns_addr)};
 };
 
 TEST_F(GenericPdpTest, CommandsFromArguments)

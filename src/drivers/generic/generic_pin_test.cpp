@@ -25,10 +25,9 @@ TEST_F(GenericPinTest, Commands)
 TEST_F(GenericPinTest, PinStateFromFunctionalityAndCpin)
 {
     const std::string on = "\r\n+CFUN: 1\r\n\r\nOK\r\n", off = "\r\n+CFUN: 0\r\n\r\nOK\r\n";
-    const struct {
-        std::string answer;
-        uint32_t state; // 0: invalid response, nothing raised
-    } rows[] = {
+    // state: 0: invalid response, nothing raised
+    // clang-format off
+    const struct { std::string answer; uint32_t state; } rows[] = {
         {on + "\r\n+CPIN: PH-NETSUB PUK\r\n\r\nOK\r\n", PIN_STATE_PH_NETSUB_PUK}, // 3GPP TS 27.007
         {on + "\r\n+CPIN: SIM BUSY\r\n\r\nOK\r\n", PIN_STATE_BUSY},               // RM520N after boot
         {on + "\r\n+CME ERROR: 10\r\n", PIN_STATE_NOT_INSERTED},
@@ -43,6 +42,7 @@ TEST_F(GenericPinTest, PinStateFromFunctionalityAndCpin)
         {on + "\r\n+CPIN: PH-SIM PIN\r\n\r\nOK\r\n", 0},
         {on, 0},
     };
+    // clang-format on
     for (const auto &row : rows) {
         SCOPED_TRACE(row.answer);
         mdm.events.clear();
@@ -59,13 +59,13 @@ TEST_F(GenericPinTest, PinStateFromFunctionalityAndCpin)
 
 TEST_F(GenericPinTest, ImsiIsCachedAndDroppedWithAFailedAnswer)
 {
-    const struct {
-        const char *answer;
-        const char *imsi; // reply and cache afterwards; "<none>": status 5
-    } rows[] = {
+    // imsi: reply and cache afterwards; "<none>": status 5
+    // clang-format off
+    const struct { const char *answer; const char *imsi; } rows[] = {
         {"310260000000001\r\n0\r", "310260000000001"}, // ATV0
         {"\r\n+CME ERROR: 10\r\n", "<none>"},
     };
+    // clang-format on
     for (const auto &row : rows) {
         SCOPED_TRACE(row.answer);
         bool valid = std::string(row.imsi) != "<none>";
@@ -77,14 +77,14 @@ TEST_F(GenericPinTest, ImsiIsCachedAndDroppedWithAFailedAnswer)
 
 TEST_F(GenericPinTest, CpinUrcRaisesTheStateAndRereadsRegistration)
 {
-    const struct {
-        const char *line;
-        int32_t state; // 0: refused, nothing raised
-    } rows[] = {
+    // state: 0: refused, nothing raised
+    // clang-format off
+    const struct { const char *line; int32_t state; } rows[] = {
         {"\r\n+CPIN: READY\r\n", PIN_STATE_OK},
         {"\r\n+CPIN: SIM PIN\r\n", PIN_STATE_PIN},
         {"\r\n+CPIN: SOMETHING\r\n", 0},
     };
+    // clang-format on
     for (const auto &row : rows) {
         SCOPED_TRACE(row.line);
         mdm.events.clear();

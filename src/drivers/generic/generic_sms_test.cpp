@@ -14,12 +14,9 @@ namespace
 // The sending-limit service: "check" answers check_answer;
 // "inc" answers inc_status, and that the limit is reached at call reached_at
 // (from 1). Every call is recorded as "<method> <sim> <modem> <timeout>".
-struct {
-    const char *check_answer;
-    int inc_status;
-    size_t reached_at;
-    std::vector<std::string> calls;
-} g_service;
+// clang-format off
+struct { const char *check_answer; int inc_status; size_t reached_at; std::vector<std::string> calls; } g_service;
+// clang-format on
 
 int fake_service(const char *object, const char *method, const ujson &args, ujson &answer, uint32_t ms)
 {
@@ -47,20 +44,12 @@ constexpr char ctrl_z = 0x1A;
 class GenericSmsTest : public driver_case_test
 {
   protected:
+    // clang-format off
     static constexpr named_fn fns[] = {
-        {"set_sms_mode", set_sms_mode, nullptr},
-        {"get_sms_mode", get_sms_mode, nullptr},
-        {"set_msg_storage", set_msg_storage, nullptr},
-        {"get_msg_storage", get_msg_storage, nullptr},
-        {"get_full_msg_storage", get_full_msg_storage, nullptr},
-        {"set_sms_evt_rep_cfg", set_sms_evt_rep_cfg, nullptr},
-        {"get_sms_evt_rep_cfg", get_sms_evt_rep_cfg, nullptr},
-        {"send_sms", send_sms, nullptr},
-        {"read_sms", read_sms, nullptr},
-        {"delete_sms", delete_sms, nullptr},
-        {"delete_pdus", delete_pdus, nullptr},
-        {"urc_cmti", nullptr, urc_cmti},
-    };
+        ACTION(set_sms_mode), ACTION(get_sms_mode), ACTION(set_msg_storage), ACTION(get_msg_storage),
+        ACTION(get_full_msg_storage), ACTION(set_sms_evt_rep_cfg), ACTION(get_sms_evt_rep_cfg), ACTION(send_sms),
+        ACTION(read_sms), ACTION(delete_sms), ACTION(delete_pdus), REPORT(urc_cmti)};
+    // clang-format on
 
     void SetUp() override
     {
@@ -102,17 +91,12 @@ TEST_F(GenericSmsTest, SendIsBuiltOnlyWithinTheLimit)
 {
     const char *room = R"({"max":2,"current":0})";
     const std::string n23 = "+3706000000000000000001";
-    struct {
-        int32_t mode; // cached "sms_mode"
-        const char *check_answer;
-        std::string args;
-        int status;
-        std::string command; // "" when nothing may be built
-    } rows[] = {
+    // mode: cached "sms_mode"; command: "" when nothing may be built
+    // clang-format off
+    struct { int32_t mode; const char *check_answer; std::string args; int status; std::string command; } rows[] = {
         // "hello" as one SMS-SUBMIT with the fields the encoder writes; E8329BFD06
         // is the well-known GSM 7-bit packing of "hello"
-        {1, room, R"({"number":"+12345","text":"hello"})", 0,
-         std::string("AT+CMGS=16\r00110005912143F50000FF05E8329BFD06") + ctrl_z + "\r"},
+        {1, room, R"({"number":"+12345","text":"hello"})", 0, std::string("AT+CMGS=16\r00110005912143F50000FF05E8329BFD06") + ctrl_z + "\r"},
         {2, room, R"({"number":")" + n23 + R"(","text":"a\r\"b\""})", 0, "AT+CMGS=\"" + n23 + "\"\ra\r\"b\"" + ctrl_z},
         {1, room, R"({"number":"1","text":"\u001a","validate":true})", 0, "AT\r"},
         {0, room, R"({"number":"1","text":"x"})", 7, ""},
@@ -122,6 +106,7 @@ TEST_F(GenericSmsTest, SendIsBuiltOnlyWithinTheLimit)
         {2, R"({"max":5,"current":6})", R"({"number":"1","text":"x"})", 9, ""},
         {1, room, text_of(161) + R"(,"validate":true})", 0, "AT\r"},
     };
+    // clang-format on
     for (const auto &r : rows) {
         EXPECT_EQ(build_send(r.mode, r.check_answer, r.args), r.status) << r.args;
         EXPECT_EQ(command(), r.command) << r.args;
@@ -140,20 +125,15 @@ TEST_F(GenericSmsTest, SendIsBuiltOnlyWithinTheLimit)
 TEST_F(GenericSmsTest, SendIsCountedAndReported)
 {
     const std::string sent = "\r\n> \r\n+CMGS: 12\r\n\r\nOK\r\n"; // 27.005 3.5.1, as an EC25 answers
-    struct {
-        std::string args;
-        size_t reached_at;
-        std::string answer;
-        int status;
-        std::string reply;
-        size_t incs; // "inc" calls made
-    } rows[] = {
+    // incs: "inc" calls made
+    // clang-format off
+    struct { std::string args; size_t reached_at; std::string answer; int status; std::string reply; size_t incs; } rows[] = {
         {text_of(161) + "}", 0, sent, 0, R"({"sms_used":2})", 2},
         {text_of(161) + "}", 1, sent, 0, R"({"sms_used":2})", 1},
-        {text_of(161) + R"(,"validate":true})", 0, "\r\nOK\r\n", 0,
-         R"({"valid":true,"sms_used":2,"cur_chars":8,"max_chars":153})", 0},
+        {text_of(161) + R"(,"validate":true})", 0, "\r\nOK\r\n", 0, R"({"valid":true,"sms_used":2,"cur_chars":8,"max_chars":153})", 0},
         {text_of(161) + "}", 0, "\r\n> \r\n+CMS ERROR: 330\r\n", 5, "{}", 0}, // 27.005 3.2.5
     };
+    // clang-format on
     for (const auto &r : rows) {
         SCOPED_TRACE(r.reply + " " + std::to_string(r.incs));
         mdm.events.clear();

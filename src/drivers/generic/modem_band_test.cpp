@@ -1,6 +1,7 @@
 #include "drivers/generic/modem_band.h"
 
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,20 +24,16 @@ struct family_case {
     const char *none, *any, *unknown;
 };
 
+// clang-format off
 const family_case families[] = {
-    {"gsm", modem_gsm_band_str, modem_gsm_band_ret_str, modem_info_gsm_band_val, modem_info_gsm_band_ret_val, 4,
-     "GSM_NONE", "GSM_ANY", "GSM_UNKNOWN"},
-    {"wcdma", modem_wcdma_band_str, modem_wcdma_band_ret_str, modem_info_wcdma_band_val, modem_info_wcdma_band_ret_val,
-     13, "WCDMA_NONE", "WCDMA_ANY", "WCDMA_UNKNOWN"},
-    {"lte", modem_lte_band_str, modem_lte_band_ret_str, modem_info_lte_band_val, modem_info_lte_band_ret_val, 36,
-     "LTE_NONE", "LTE_ANY", "LTE_UNKNOWN"},
-    {"lte_nb", modem_lte_nb_band_str, modem_lte_nb_band_ret_str, modem_info_lte_nb_band_val,
-     modem_info_lte_nb_band_ret_val, 36, "LTE_NB_NONE", "LTE_NB_ANY", "LTE_NB_UNKNOWN"},
-    {"nsa_5g", modem_nsa_5g_band_str, modem_nsa_5g_band_ret_str, modem_info_nsa_5g_band_val,
-     modem_info_nsa_5g_band_ret_val, 33, "NSA_5G_NONE", "NSA_5G_ANY", "NSA_5G_UNKNOWN"},
-    {"5g", modem_5g_band_str, modem_5g_band_ret_str, modem_info_5g_band_val, modem_info_5g_band_ret_val, 28, "5G_NONE",
-     "5G_ANY", "5G_UNKNOWN"},
+    {"gsm", modem_gsm_band_str, modem_gsm_band_ret_str, modem_info_gsm_band_val, modem_info_gsm_band_ret_val, 4, "GSM_NONE", "GSM_ANY", "GSM_UNKNOWN"},
+    {"wcdma", modem_wcdma_band_str, modem_wcdma_band_ret_str, modem_info_wcdma_band_val, modem_info_wcdma_band_ret_val, 13, "WCDMA_NONE", "WCDMA_ANY", "WCDMA_UNKNOWN"},
+    {"lte", modem_lte_band_str, modem_lte_band_ret_str, modem_info_lte_band_val, modem_info_lte_band_ret_val, 36, "LTE_NONE", "LTE_ANY", "LTE_UNKNOWN"},
+    {"lte_nb", modem_lte_nb_band_str, modem_lte_nb_band_ret_str, modem_info_lte_nb_band_val, modem_info_lte_nb_band_ret_val, 36, "LTE_NB_NONE", "LTE_NB_ANY", "LTE_NB_UNKNOWN"},
+    {"nsa_5g", modem_nsa_5g_band_str, modem_nsa_5g_band_ret_str, modem_info_nsa_5g_band_val, modem_info_nsa_5g_band_ret_val, 33, "NSA_5G_NONE", "NSA_5G_ANY", "NSA_5G_UNKNOWN"},
+    {"5g", modem_5g_band_str, modem_5g_band_ret_str, modem_info_5g_band_val, modem_info_5g_band_ret_val, 28, "5G_NONE", "5G_ANY", "5G_UNKNOWN"},
 };
+// clang-format on
 
 std::string flip_case(const char *s)
 {
@@ -112,37 +109,24 @@ TEST(ModemBand, DisplayTextTruncatesToBuffer)
 // and their texts the family's unknown value.
 TEST(ModemBand, AtBandNumbers)
 {
-    const struct {
-        const char *(*str)(uint64_t);
-        uint64_t (*val)(std::string_view);
-        uint64_t value;
-        const char *num;
-    } rows[] = {
-        {wcdma_band_str, wcdma_band_val, 4, "6"},
-        {wcdma_band_str, wcdma_band_val, 32, "19"},
-        {wcdma_band_str, wcdma_band_val, 64, "8"},
-        {wcdma_band_str, wcdma_band_val, 1024, "2"},
-        {wcdma_band_str, wcdma_band_val, 2048, "1"},
-        {wcdma_band_str, wcdma_band_val, 2, ""},
-        {wcdma_band_str, wcdma_band_val, 8192, ""},
-        {wcdma_band_str, wcdma_band_val, 1, ""},
-        {lte_band_str, lte_band_val, 8, "3"},
-        {lte_band_str, lte_band_val, uint64_t{1} << 32, "66"},
-        {lte_band_str, lte_band_val, uint64_t{1} << 33, "71"},
-        {lte_band_str, lte_band_val, uint64_t{1} << 17, ""}, // B27
-        {lte_band_str, lte_band_val, uint64_t{1} << 36, ""}, // B85
-        {lte_band_str, lte_band_val, 10, ""},
-        {nsa_5g_band_str, nsa_5g_band_val, uint64_t{1} << 27, "78"},
-        {nsa_5g_band_str, nsa_5g_band_val, uint64_t{1} << 31, ""}, // n260
-        {nsa_5g_band_str, nsa_5g_band_val, uint64_t{1} << 33, "262"},
-        {sa_5g_band_str, sa_5g_band_val, 16384, "28"},
-        {sa_5g_band_str, sa_5g_band_val, uint64_t{1} << 28, "79"},
-        {sa_5g_band_str, sa_5g_band_val, uint64_t{1} << 29, ""},
+    // clang-format off
+    // Each row: "<value>=<number>" pairs; an empty number: the value has none.
+    const struct { const char *(*str)(uint64_t); uint64_t (*val)(std::string_view); const char *pairs; } rows[] = {
+        {wcdma_band_str, wcdma_band_val, "4=6 32=19 64=8 1024=2 2048=1 2= 8192= 1="},
+        {lte_band_str, lte_band_val, "8=3 0x100000000=66 0x200000000=71 0x20000= 0x1000000000= 10="}, // B27, B85, two bands
+        {nsa_5g_band_str, nsa_5g_band_val, "0x8000000=78 0x80000000= 0x200000000=262"}, // n260 has none
+        {sa_5g_band_str, sa_5g_band_val, "16384=28 0x10000000=79 0x20000000="},
     };
+    // clang-format on
     for (const auto &r : rows) {
-        SCOPED_TRACE(testing::Message() << r.value << " -> " << r.num);
-        EXPECT_STREQ(r.str(r.value), r.num);
-        EXPECT_EQ(*r.num ? r.val(r.num) : r.value, r.value);
+        std::istringstream pairs(r.pairs);
+        for (std::string pair; pairs >> pair;) {
+            SCOPED_TRACE(pair);
+            const uint64_t value = std::stoull(pair, nullptr, 0);
+            const std::string num = pair.substr(pair.find('=') + 1);
+            EXPECT_EQ(r.str(value), num);
+            EXPECT_EQ(num.empty() ? value : r.val(num), value);
+        }
     }
     EXPECT_EQ(wcdma_band_val("7"), 8193u);
     EXPECT_EQ(lte_band_val("27"), (uint64_t{1} << 36) + 1);

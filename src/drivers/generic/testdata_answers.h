@@ -119,3 +119,9 @@ class driver_case_test : public driver_test
         return out;
     }
 };
+
+// An entry of the table run_cases() reads: an action or a report handler by its name.
+// clang-format off
+#define ACTION(fn) driver_case_test::named_fn{#fn, fn, nullptr}
+#define REPORT(fn) driver_case_test::named_fn{#fn, nullptr, fn}
+// clang-format on

@@ -19,11 +19,8 @@ std::string joined(const fields &f)
 
 TEST(QuectelAnswer, TagMatchedInAnyCaseWithOrWithoutBlank)
 {
-    const struct {
-        const char *line, *tag;
-        bool match;
-        const char *rest;
-    } rows[] = {
+    // clang-format off
+    const struct { const char *line, *tag; bool match; const char *rest; } rows[] = {
         // BG95, peer driver notes: lower-case tag
         {"+qmbncfg: \"autosel\",1", "+QMBNCFG", true, "\"autosel\",1"},
         // EG18 through a router log: a stray blank before the tag
@@ -31,6 +28,7 @@ TEST(QuectelAnswer, TagMatchedInAnyCaseWithOrWithoutBlank)
         // Another command whose name begins the same.
         {"+QENGX: 1", "+QENG", false, ""},
     };
+    // clang-format on
     for (const auto &r : rows) {
         std::string_view rest;
         EXPECT_EQ(tagged(r.line, r.tag, &rest), r.match) << r.line;
@@ -41,10 +39,8 @@ TEST(QuectelAnswer, TagMatchedInAnyCaseWithOrWithoutBlank)
 TEST(QuectelAnswer, CaseBlindComparisonsWeighEveryByte)
 {
     using namespace std::string_literals;
-    const struct {
-        std::string a, b;
-        bool equal;
-    } rows[] = {
+    // clang-format off
+    const struct { std::string a, b; bool equal; } rows[] = {
         {"servingcell", "SERVINGCELL", true},
         {"gw_band", "gw_bandx", false},
         {"", "", true},
@@ -55,6 +51,7 @@ TEST(QuectelAnswer, CaseBlindComparisonsWeighEveryByte)
         // Only ASCII letters fold.
         {"\xc9", "\xe9", false},
     };
+    // clang-format on
     for (const auto &r : rows) {
         EXPECT_EQ(equal_nocase(r.a, r.b), r.equal) << testing::PrintToString(r.a);
         EXPECT_EQ(starts_nocase(r.a + "rest", r.b), r.equal) << testing::PrintToString(r.a);
@@ -63,9 +60,8 @@ TEST(QuectelAnswer, CaseBlindComparisonsWeighEveryByte)
 
 TEST(QuectelAnswer, FieldsSplitOutsideQuotesTrimmedAndUnquoted)
 {
-    const struct {
-        const char *rest, *fields;
-    } rows[] = {
+    // clang-format off
+    const struct { const char *rest, *fields; } rows[] = {
         // EC25 AT manual example (+QICSGP)
         {"1,\"UNINET\",\"\",\"\",1", "1|UNINET|||1"},
         // Constructed: a password holding a comma and blanks inside its quotes
@@ -77,6 +73,7 @@ TEST(QuectelAnswer, FieldsSplitOutsideQuotesTrimmedAndUnquoted)
         {" \"usbnet\" , 1 ,", "usbnet|1|"},
         {"", ""},
     };
+    // clang-format on
     for (const auto &r : rows)
         EXPECT_EQ(joined(fields_of(r.rest)), r.fields) << r.rest;
     EXPECT_EQ(fields_of("").size(), 1u);
@@ -85,13 +82,8 @@ TEST(QuectelAnswer, FieldsSplitOutsideQuotesTrimmedAndUnquoted)
 TEST(QuectelAnswer, NumbersAreWholeFieldsInBaseAndRange)
 {
     constexpr int64_t max = INT64_MAX, min = INT64_MIN;
-    const struct {
-        const char *field;
-        int base;
-        int64_t lo, hi;
-        bool ok;
-        int64_t value;
-    } rows[] = {
+    // clang-format off
+    const struct { const char *field; int base; int64_t lo, hi; bool ok; int64_t value; } rows[] = {
         {"-113", 10, min, max, true, -113},
         {"82E8C80", 16, min, max, true, 0x82E8C80},
         {"14758f12f", 16, min, max, true, 0x14758F12F},
@@ -106,6 +98,7 @@ TEST(QuectelAnswer, NumbersAreWholeFieldsInBaseAndRange)
         {"0x1F", 16, min, max, false, 0},
         {"82E8C80", 10, min, max, false, 0},
     };
+    // clang-format on
     for (const auto &r : rows) {
         int64_t v = 0;
         EXPECT_EQ(parse_number(r.field, r.base, r.lo, r.hi, v), r.ok) << r.field;
@@ -121,10 +114,8 @@ TEST(QuectelAnswer, NumbersAreWholeFieldsInBaseAndRange)
 
 TEST(QuectelAnswer, CmeErrorCode)
 {
-    const struct {
-        const char *answer;
-        int code;
-    } rows[] = {
+    // clang-format off
+    const struct { const char *answer; int code; } rows[] = {
         // EC25 GNSS application note: no fix yet, session running
         {"\r\n+CME ERROR: 516\r\n", 516},
         // Numeric result codes end the line with CR alone
@@ -133,6 +124,7 @@ TEST(QuectelAnswer, CmeErrorCode)
         // Verbose errors (AT+CMEE=2) and other results carry no code
         {"\r\n+CME ERROR: Session is ongoing\r\n", -1},
     };
+    // clang-format on
     for (const auto &r : rows)
         EXPECT_EQ(cme_error(r.answer), r.code) << r.answer;
 }

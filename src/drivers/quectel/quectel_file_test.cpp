@@ -26,33 +26,43 @@ class QuectelFileTest : public driver_test
     temp_root root;
 };
 
-// Paths reach the module with its storage prefix (refusals: the family's table).
-TEST_F(QuectelFileTest, CommandsBuiltFromTheArguments)
+// Paths reach the module with its storage prefix (refusals: the family's
+// table); EC2x answers as the public DFOTA updater notes and the peer EC2x
+// module notes show them (names listed with their storage prefix).
+TEST_F(QuectelFileTest, CommandsAndAnswers)
 {
-    const struct {
-        act_func fn;
-        const char *args, *command;
-    } rows[] = {
-        {get_file_list, "{}", "AT+QFLST=\"*\"\r"},
-        {get_file_list, R"({"path":"UFS:dfota_update.bin"})", "AT+QFLST=\"UFS:dfota_update.bin\"\r"},
-        {delete_file, R"({"path":"RAM:log.txt"})", "AT+QFDEL=\"RAM:log.txt\"\r"},
-        {get_storage_space, R"({"storage":"SD"})", "AT+QFLDS=\"SD\"\r"},
-        {dfota_upgrade, R"({"path":"update.bin"})", "AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
-        {dfota_upgrade, R"({"path":"UFS:update.bin"})", "AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
+    // clang-format off
+    const struct { step op; act_func fn; const char *text, *expect; } rows[] = {
+        {BUILD, get_file_list, "{}", "0 AT+QFLST=\"*\"\r"},
+        {BUILD, get_file_list, R"({"path":"UFS:dfota_update.bin"})", "0 AT+QFLST=\"UFS:dfota_update.bin\"\r"},
+        {BUILD, delete_file, R"({"path":"RAM:log.txt"})", "0 AT+QFDEL=\"RAM:log.txt\"\r"},
+        {BUILD, get_storage_space, R"({"storage":"SD"})", "0 AT+QFLDS=\"SD\"\r"},
+        {BUILD, dfota_upgrade, R"({"path":"update.bin"})", "0 AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
+        {BUILD, dfota_upgrade, R"({"path":"UFS:update.bin"})", "0 AT+QFOTADL=\"/data/ufs/update.bin\"\r"},
+        {PARSE, get_file_list, "\r\n+QFLST: \"dfota_update.bin\",683\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"dfota_update.bin","size":683}]})"},
+        // RAM files carry their prefix; no blank after the colon and a stray
+        // one before the size are read alike.
+        {PARSE, get_file_list, "\r\n+QFLST: \"a.txt\",12\r\n+QFLST:\"RAM:b.log\", 4096\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"a.txt","size":12},{"name":"RAM:b.log","size":4096}]})"},
+        {PARSE, get_file_list, "\r\n+QFLST: \"c\",-\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"c"}]})"}, // size no number
+        {PARSE, get_file_list, "\r\n+CME ERROR: 405\r\n", R"(0 {"files":[]})"}, // the file asked for is not there
+        {PARSE, get_file_list, "\r\n+CME ERROR: 417\r\n", "5 {}"},
+        // Free and total bytes.
+        {PARSE, get_storage_space, "\r\n+QFLDS: 10240000,16777216\r\n\r\nOK\r\n", R"(0 {"free":10240000,"total":16777216})"},
+        {PARSE, get_storage_space, "\r\n+QFLDS: -,2097152\r\n\r\nOK\r\n", "5 {}"},
+        {PARSE, delete_file, "\r\nOK\r\n", "0 {}"},
+        {PARSE, delete_file, "\r\n+CME ERROR: 405\r\n", "5 {}"},
     };
+    // clang-format on
     for (const auto &r : rows)
-        EXPECT_EQ(built(r.fn, r.args), std::string("0 ") + r.command);
+        EXPECT_EQ(run(r.op, r.fn, r.text), r.expect) << r.text;
 }
 
 TEST_F(QuectelFileTest, UploadOpensTheRouterFileUnderTheRootOrRefusesIt)
 {
     put("pkg.bin", std::string(683, 'x'));
     put("pkg\"q", "1");
-    const struct {
-        std::unique_ptr<ujson> args;
-        int status;
-        const char *command;
-    } rows[] = {
+    // clang-format off
+    const struct { std::unique_ptr<ujson> args; int status; const char *command; } rows[] = {
         {json_of(R"({"path":"/tmp/pkg.bin","size":683})"), 0, "AT+QFUPL=\"pkg.bin\",683,10\r"},
         {json_of(R"({"path":"/tmp/pkg.bin","size":683,"timeout":60})"), 0, "AT+QFUPL=\"pkg.bin\",683,60\r"},
         {json_of(R"({"path":"/tmp/pkg.bin","size":682})"), 2, ""}, // not the file's size
@@ -62,6 +72,7 @@ TEST_F(QuectelFileTest, UploadOpensTheRouterFileUnderTheRootOrRefusesIt)
         {json_of(R"({"path":"/tmp/../tmp/pkg.bin","size":683})"), 2, ""},
         {json_of(R"({"path":"/tmp/pkg.bin"})"), 2, ""}, // no size
     };
+    // clang-format on
     for (const auto &r : rows) {
         SCOPED_TRACE(r.command);
         req.source = request_source();
@@ -75,33 +86,6 @@ TEST_F(QuectelFileTest, UploadOpensTheRouterFileUnderTheRootOrRefusesIt)
     }
 }
 
-// EC2x answers as the public DFOTA updater notes and the peer EC2x module
-// notes show them (names listed with their storage prefix).
-TEST_F(QuectelFileTest, Answers)
-{
-    const struct {
-        act_func fn;
-        const char *answer, *outcome;
-    } rows[] = {
-        {get_file_list, "\r\n+QFLST: \"dfota_update.bin\",683\r\n\r\nOK\r\n",
-         R"(0 {"files":[{"name":"dfota_update.bin","size":683}]})"},
-        // RAM files carry their prefix; no blank after the colon and a stray
-        // one before the size are read alike.
-        {get_file_list, "\r\n+QFLST: \"a.txt\",12\r\n+QFLST:\"RAM:b.log\", 4096\r\n\r\nOK\r\n",
-         R"(0 {"files":[{"name":"a.txt","size":12},{"name":"RAM:b.log","size":4096}]})"},
-        {get_file_list, "\r\n+QFLST: \"c\",-\r\n\r\nOK\r\n", R"(0 {"files":[{"name":"c"}]})"}, // size no number
-        {get_file_list, "\r\n+CME ERROR: 405\r\n", R"(0 {"files":[]})"}, // the file asked for is not there
-        {get_file_list, "\r\n+CME ERROR: 417\r\n", "5 {}"},
-        // Free and total bytes.
-        {get_storage_space, "\r\n+QFLDS: 10240000,16777216\r\n\r\nOK\r\n", R"(0 {"free":10240000,"total":16777216})"},
-        {get_storage_space, "\r\n+QFLDS: -,2097152\r\n\r\nOK\r\n", "5 {}"},
-        {delete_file, "\r\nOK\r\n", "0 {}"},
-        {delete_file, "\r\n+CME ERROR: 405\r\n", "5 {}"},
-    };
-    for (const auto &r : rows)
-        EXPECT_EQ(parsed(r.fn, r.answer), r.outcome) << r.answer;
-}
-
 // The modem's count and checksum, reported in front of the OK, are held
 // against what the channel sent.
 TEST_F(QuectelFileTest, UploadReportMustMatchWhatWasSent)
@@ -112,14 +96,9 @@ TEST_F(QuectelFileTest, UploadReportMustMatchWhatWasSent)
     data[0] = '\x0f';
     data[1] = '\x6e';
     put("pkg.bin", data);
-    const struct {
-        const char *what;
-        size_t sent;        // bytes the channel got out
-        const char *report; // the +QFUPL line, or none
-        const char *answer;
-        int status;
-        const char *reply;
-    } rows[] = {
+    // sent: bytes the channel got out; report: the +QFUPL line, or none
+    // clang-format off
+    const struct { const char *what; size_t sent; const char *report; const char *answer; int status; const char *reply; } rows[] = {
         {"match", 683, "+QFUPL: 683,f6e", "\r\nOK\r\n", 0, R"({"name":"pkg.bin","size":683,"checksum":3950})"},
         {"checksum differs", 683, "+QFUPL: 683,f6f", "\r\nOK\r\n", 5, ""},
         {"size differs", 683, "+QFUPL: 682,f6e", "\r\nOK\r\n", 5, ""},
@@ -127,6 +106,7 @@ TEST_F(QuectelFileTest, UploadReportMustMatchWhatWasSent)
         {"no report", 683, nullptr, "\r\nOK\r\n", 5, ""},
         {"error", 683, nullptr, "\r\n+CME ERROR: 421\r\n", 5, ""},
     };
+    // clang-format on
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
         auto a = json_of(R"({"path":"/tmp/pkg.bin","size":683})");

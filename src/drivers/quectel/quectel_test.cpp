@@ -18,30 +18,20 @@ using QuectelUrcTest = driver_test;
 
 TEST_F(QuectelUrcTest, ReportsBecomeEventsOrAreRefused)
 {
-    const struct {
-        urc_func fn;
-        const char *line;
-        int status;
-        const char *raised;
-    } rows[] = {
+    // clang-format off
+    const struct { urc_func fn; const char *line; int status; const char *raised; } rows[] = {
         // Firmware update: the state with its percent or error code, also
         // sent on the bus with the modem's USB id.
-        {urc_qind, "+QIND: \"FOTA\",\"HTTPEND\",0", 0,
-         R"(16={"error":0,"state_id":6,"state":"HTTPEND"} gsm.fota_state={"error":0,"state_id":6,"state":"HTTPEND","modem_id":"1-1.2"})"},
-        {urc_qind, "+QIND: \"FOTA\",\"DOWNLOADING\",45", 0,
-         R"(16={"percent":45,"state_id":4,"state":"DOWNLOADING"} gsm.fota_state={"percent":45,"state_id":4,"state":"DOWNLOADING","modem_id":"1-1.2"})"},
+        {urc_qind, "+QIND: \"FOTA\",\"HTTPEND\",0", 0, R"(16={"error":0,"state_id":6,"state":"HTTPEND"} gsm.fota_state={"error":0,"state_id":6,"state":"HTTPEND","modem_id":"1-1.2"})"},
+        {urc_qind, "+QIND: \"FOTA\",\"DOWNLOADING\",45", 0, R"(16={"percent":45,"state_id":4,"state":"DOWNLOADING"} gsm.fota_state={"percent":45,"state_id":4,"state":"DOWNLOADING","modem_id":"1-1.2"})"},
         {urc_qind, "+QIND: \"FOTA\",\"DOWNLOADING\"", ACT_STATUS_INVALID_URC, ""},
-        {urc_qind, "+QIND: \"FOTA\",\"REBOOTING\"", 0,
-         R"(16={"state_id":0,"state":"UNKNOWN"} gsm.fota_state={"state_id":0,"state":"UNKNOWN","modem_id":"1-1.2"})"},
+        {urc_qind, "+QIND: \"FOTA\",\"REBOOTING\"", 0, R"(16={"state_id":0,"state":"UNKNOWN"} gsm.fota_state={"state_id":0,"state":"UNKNOWN","modem_id":"1-1.2"})"},
         // EC2x DFOTA of a local package (Quectel's URC forms as the public
         // fwupd modem-manager plugin documents them): start and progress.
-        {urc_qind, "+QIND: \"FOTA\",\"START\"", 0,
-         R"(16={"state_id":8,"state":"START"} gsm.fota_state={"state_id":8,"state":"START","modem_id":"1-1.2"})"},
-        {urc_qind, "+QIND: \"FOTA\",\"UPDATING\",50", 0,
-         R"(16={"percent":50,"state_id":9,"state":"UPDATING"} gsm.fota_state={"percent":50,"state_id":9,"state":"UPDATING","modem_id":"1-1.2"})"},
+        {urc_qind, "+QIND: \"FOTA\",\"START\"", 0, R"(16={"state_id":8,"state":"START"} gsm.fota_state={"state_id":8,"state":"START","modem_id":"1-1.2"})"},
+        {urc_qind, "+QIND: \"FOTA\",\"UPDATING\",50", 0, R"(16={"percent":50,"state_id":9,"state":"UPDATING"} gsm.fota_state={"percent":50,"state_id":9,"state":"UPDATING","modem_id":"1-1.2"})"},
         // The state text is matched by prefix, in any case.
-        {urc_qind, "+QIND: \"FOTA\",\"fileend_ok\",552", 0,
-         R"(16={"error":552,"state_id":7,"state":"FILEEND"} gsm.fota_state={"error":552,"state_id":7,"state":"FILEEND","modem_id":"1-1.2"})"},
+        {urc_qind, "+QIND: \"FOTA\",\"fileend_ok\",552", 0, R"(16={"error":552,"state_id":7,"state":"FILEEND"} gsm.fota_state={"error":552,"state_id":7,"state":"FILEEND","modem_id":"1-1.2"})"},
         // Signal indication of an EC25 (AT+QINDCFG="csq",1), +CSQ coding.
         {urc_qind, "+QIND: \"csq\",20,99", 0, "7=-73 13=99"},
         {urc_qind, "+QIND: \"csq\",99,99", 0, "13=99"}, // level not known: none reported
@@ -63,8 +53,7 @@ TEST_F(QuectelUrcTest, ReportsBecomeEventsOrAreRefused)
         {urc_esm, "+ESM ERROR: 1,27", 0, R"(24={"cause_id":27,"cause":"Missing or unknown APN"})"},
         {urc_esm, "+ESM ERROR: 27", ACT_STATUS_INVALID_RESPONSE, ""},
         // +QNETRC report forms of the RM520N AT commands manual.
-        {urc_qnetrc, "+QNETRC: \"emm_cause\",15", 0,
-         R"(23={"cause_id":15,"cause":"No suitable cells in tracking area"})"},
+        {urc_qnetrc, "+QNETRC: \"emm_cause\",15", 0, R"(23={"cause_id":15,"cause":"No suitable cells in tracking area"})"},
         {urc_qnetrc, "+QNETRC: \"esm_cause\",27", 0, R"(24={"cause_id":27,"cause":"Missing or unknown APN"})"},
         {urc_qnetrc, "+QNETRC:\"5gmm_cause\",62", 0, R"(23={"cause_id":62,"cause":"No network slices available"})"},
         {urc_qnetrc, "+QNETRC: \"emm_cause\",0", 0, ""},
@@ -76,6 +65,7 @@ TEST_F(QuectelUrcTest, ReportsBecomeEventsOrAreRefused)
         {urc_qfupl, "+QFUPL: 683,3950", 0, R"(22={"size":683,"checksum":3950})"},
         {urc_qfupl, "+QFUPL: 683,f6e", ACT_STATUS_INVALID_RESPONSE, ""},
     };
+    // clang-format on
     for (const auto &row : rows) {
         SCOPED_TRACE(row.line);
         mdm.events.clear();
@@ -96,10 +86,8 @@ TEST_F(QuectelUrcTest, SerialNumberIsCachedUnquoted)
 // and nothing built for the modem.
 TEST_F(QuectelUrcTest, ArgumentRefusal)
 {
-    const struct {
-        act_func fn;
-        std::string args;
-    } rows[] = {
+    // clang-format off
+    const struct { act_func fn; std::string args; } rows[] = {
         {set_apn_auth, R"({"cid":1,"type":"IP","apn":")" + std::string(64, 'a') + R"(","auth_tp":"None"})"},
         {set_apn_auth, R"({"cid":1,"type":"PPP","apn":"web","auth_tp":"None"})"},
         {set_apn_auth, R"({"cid":17,"type":"IP","apn":"web","auth_tp":"None"})"},
@@ -134,6 +122,7 @@ TEST_F(QuectelUrcTest, ArgumentRefusal)
         {dfota_upgrade, R"({"path":"/tmp/update.bin"})"},
         {dfota_upgrade, R"({"path":"RAM:update.bin"})"},
     };
+    // clang-format on
     for (const auto &row : rows)
         EXPECT_EQ(built(row.fn, row.args), "2") << row.args;
 }
@@ -142,10 +131,8 @@ TEST_F(QuectelUrcTest, ArgumentRefusal)
 // analysis listing's golden file).
 TEST(QuectelModels, ReportsEachFamilyFollows)
 {
-    const struct {
-        const char *compatible, *line;
-        urc_func fn;
-    } rows[] = {
+    // clang-format off
+    const struct { const char *compatible, *line; urc_func fn; } rows[] = {
         // The 5G modules report reject causes with +QNETRC; the others do not.
         {"quectel,rm520n", "+QNETRC: \"emm_cause\",7", urc_qnetrc},
         {"quectel,ec25", "+QNETRC: \"emm_cause\",7", nullptr},
@@ -170,6 +157,7 @@ TEST(QuectelModels, ReportsEachFamilyFollows)
         {"quectel,ec25", "+CEREG: 1", urc_cereg},
         {"quectel,ec25", "+C5GREG: 1", urc_c5greg},
     };
+    // clang-format on
     for (const auto &row : rows) {
         const std::string line = std::string("\r\n") + row.line + "\r\n";
         EXPECT_EQ(modem_driver_urc_method(modem_driver_by_id(row.compatible), line.data(), line.size()), row.fn)
