@@ -50,6 +50,10 @@ TEST_F(UloopTest, TimeoutsFireByExpiryThenInArmingOrderAndMayRearm)
         t[i].tag = i, t[i].order = &order, t[i].t.cb = record_cb;
         ASSERT_EQ(uloop_timeout_set(&t[i].t, delays[i]), 0);
     }
+    // the same expiry as 1, armed after it
+    uloop_timeout_cancel(&t[2].t);
+    t[2].t.time = t[1].t.time;
+    ASSERT_EQ(uloop_timeout_add(&t[2].t), 0);
     EXPECT_EQ(uloop_timeout_add(&t[0].t), -1) << "adding a pending timeout must fail";
     int64_t left = uloop_timeout_remaining64(&t[0].t);
     EXPECT_GT(left, 140);
