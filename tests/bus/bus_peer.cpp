@@ -1,12 +1,10 @@
-// Test peer: publishes the object "test" (and "test.other") through an
+// Test peer: publishes the object "test" through an
 // automatically reconnecting bus connection, listens to "peer.*" events, and
 // prints "ready" once its objects are published.
 #include <libubus.h>
 
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <string>
@@ -21,8 +19,6 @@ std::vector<std::string> events_seen;
 struct ubus_request_data deferred_req;
 struct uloop_timeout defer_timer;
 bool have_deferred;
-struct ubus_request_data silent_req[8];
-int silent_count;
 
 enum { TYPED_NUM, TYPED_NAME, __TYPED_MAX };
 const struct blobmsg_policy typed_policy[] = {
@@ -88,14 +84,11 @@ int defer_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request
     return 0;
 }
 
-int silent_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
+int silent_cb(struct ubus_context *, struct ubus_object *, struct ubus_request_data *req, const char *,
               struct blob_attr *)
 {
     // Never answered: the caller's time-out is what is being tested.
-    if (silent_count < 8)
-        ubus_defer_request(ctx, req, &silent_req[silent_count++]);
-    else
-        req->deferred = true;
+    req->deferred = true;
     return 0;
 }
 
@@ -143,30 +136,6 @@ int events_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_reques
     return 0;
 }
 
-// Reads the caller's fd and answers with its text, plus an fd of our own.
-int fd_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
-          struct blob_attr *)
-{
-    int in = ubus_request_get_caller_fd(req);
-    char buf[64] = "";
-    if (in >= 0) {
-        ssize_t n = read(in, buf, sizeof(buf) - 1);
-        buf[n > 0 ? n : 0] = 0;
-        close(in);
-    }
-    blob_buf_init(&b, 0);
-    blobmsg_add_string(&b, "got", buf);
-    ubus_send_reply(ctx, req, b.head);
-    int p[2];
-    if (pipe(p) == 0) {
-        ssize_t w = write(p[1], "pong", 4);
-        (void)w;
-        close(p[1]);
-        ubus_request_set_fd(ctx, req, p[0]);
-    }
-    return 0;
-}
-
 const struct ubus_method test_methods[] = {
     UBUS_METHOD_NOARG("echo", echo_cb),
     UBUS_METHOD("typed", typed_cb, typed_policy),
@@ -179,16 +148,9 @@ const struct ubus_method test_methods[] = {
     UBUS_METHOD_NOARG("state", state_cb),
     UBUS_METHOD_NOARG("event", event_cb),
     UBUS_METHOD_NOARG("events", events_cb),
-    UBUS_METHOD_NOARG("fd", fd_cb),
 };
 
 struct ubus_object_type test_type = UBUS_OBJECT_TYPE("test", test_methods);
-
-const struct ubus_method other_methods[] = {
-    UBUS_METHOD_NOARG("echo", echo_cb),
-};
-struct ubus_object_type other_type = UBUS_OBJECT_TYPE("test.other", other_methods);
-struct ubus_object other_obj;
 
 void on_event(struct ubus_context *, struct ubus_event_handler *, const char *type, struct blob_attr *)
 {
@@ -196,11 +158,6 @@ void on_event(struct ubus_context *, struct ubus_event_handler *, const char *ty
 }
 
 struct ubus_event_handler listener;
-
-void subscribe_cb(struct ubus_context *, struct ubus_object *obj)
-{
-    fprintf(stderr, "peer: has_subscribers=%d\n", obj->has_subscribers);
-}
 
 void announce_ready(struct uloop_timeout *)
 {
@@ -214,14 +171,8 @@ void connected(struct ubus_context *ctx)
     test_obj.type = &test_type;
     test_obj.methods = test_methods;
     test_obj.n_methods = ARRAY_SIZE(test_methods);
-    test_obj.subscribe_cb = subscribe_cb;
-    other_obj.name = "test.other";
-    other_obj.type = &other_type;
-    other_obj.methods = other_methods;
-    other_obj.n_methods = ARRAY_SIZE(other_methods);
     listener.cb = on_event;
-    if (ubus_add_object(ctx, &test_obj) || ubus_add_object(ctx, &other_obj) ||
-        ubus_register_event_handler(ctx, &listener, "peer.*")) {
+    if (ubus_add_object(ctx, &test_obj) || ubus_register_event_handler(ctx, &listener, "peer.*")) {
         fprintf(stderr, "peer: publishing failed\n");
         exit(1);
     }
