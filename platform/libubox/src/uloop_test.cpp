@@ -63,12 +63,8 @@ TEST_F(UloopTest, TimeoutsFireByExpiryThenInArmingOrderAndMayRearm)
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 1, 1, 0}));
     EXPECT_FALSE(t[1].pending_in_cb);
 
-    struct uloop_timeout idle = {};
-    EXPECT_EQ(uloop_timeout_cancel(&idle), -1);
-    EXPECT_EQ(uloop_timeout_remaining(&idle), -1);
-    uloop_timeout_set(&idle, 5000);
-    EXPECT_EQ(uloop_timeout_cancel(&idle), 0);
-    EXPECT_FALSE(idle.pending);
+    EXPECT_EQ(uloop_timeout_cancel(&t[0].t), -1) << "not pending any more";
+    EXPECT_EQ(uloop_timeout_remaining(&t[0].t), -1);
 }
 
 struct watch {
@@ -183,32 +179,12 @@ TEST_F(UloopTest, SigtermEndsTheRunEvenBeforeItStarts)
     signal(SIGINT, SIG_DFL);
 }
 
-TEST(Usock, UnixServerAcceptsClientAndRejectsOverlongPath)
+// Connecting and accepting are used by every bus test; the refusal is not.
+TEST(Usock, OverlongUnixPathIsRefused)
 {
-    char dir[] = "/tmp/usock_test.XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    std::string path = std::string(dir) + "/s.sock";
-    int srv = usock(USOCK_UNIX | USOCK_SERVER, path.c_str(), nullptr);
-    ASSERT_GE(srv, 0);
-    EXPECT_TRUE(fcntl(srv, F_GETFD) & FD_CLOEXEC);
-    int cli = usock(USOCK_UNIX | USOCK_NONBLOCK, path.c_str(), nullptr);
-    ASSERT_GE(cli, 0);
-    EXPECT_TRUE(fcntl(cli, F_GETFL) & O_NONBLOCK);
-    EXPECT_EQ(usock_wait_ready(cli, 1000), 0);
-    int acc = accept(srv, nullptr, nullptr);
-    ASSERT_GE(acc, 0);
-    ASSERT_EQ(write(cli, "hi", 2), 2);
-    char buf[4] = {};
-    EXPECT_EQ(read(acc, buf, sizeof(buf)), 2);
-    EXPECT_STREQ(buf, "hi");
-    close(acc), close(cli), close(srv);
-
     errno = 0;
     EXPECT_EQ(usock(USOCK_UNIX, std::string(200, 'a').c_str(), nullptr), -1);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(usock(USOCK_UNIX, path.c_str(), nullptr), -1) << "nobody listens any more";
-    unlink(path.c_str());
-    rmdir(dir);
 }
 
 } // namespace
