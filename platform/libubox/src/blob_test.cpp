@@ -24,10 +24,12 @@ TEST(BlobHeader, DecodesIdLengthAndExtendedFlag)
         size_t raw, len, pad;
         bool extended;
     } rows[] = {
-        {"85 00 00 0c", 5, 12, 8, 12, true},
-        {"07 00 00 09", 7, 9, 5, 12, false},
-        {"ff ff ff ff", 127, 0xffffff, 0xfffffb, 0x1000000, true},
-        {"03 00 00 02", 3, 2, 0, 4, false}, // corrupt length reads as no payload
+        // clang-format off
+        {"8500000c", 5, 12, 8, 12, true},
+        {"07000009", 7, 9, 5, 12, false},
+        {"ffffffff", 127, 0xffffff, 0xfffffb, 0x1000000, true},
+        {"03000002", 3, 2, 0, 4, false}, // corrupt length reads as no payload
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.bytes);
@@ -50,18 +52,18 @@ TEST(BlobBuild, PutWritesBigEndianPayloadsAndZeroPadding)
         void (*put)(blob_buf *);
         const char *expect;
     } rows[] = {
-        {"u8", [](blob_buf *b) { blob_put_u8(b, 1, 0x7f); }, "00 00 00 0c 01 00 00 05 7f 00 00 00"},
-        {"u32", [](blob_buf *b) { blob_put_u32(b, 3, 0x11223344); }, "00 00 00 0c 03 00 00 08 11 22 33 44"},
-        {"u64", [](blob_buf *b) { blob_put_u64(b, 4, 0x0102030405060708ULL); },
-         "00 00 00 10 04 00 00 0c 01 02 03 04 05 06 07 08"},
-        {"string keeps NUL", [](blob_buf *b) { blob_put_string(b, 2, "ab"); }, "00 00 00 0c 02 00 00 07 61 62 00 00"},
+        // clang-format off
+        {"u8", [](blob_buf *b) { blob_put_u8(b, 1, 0x7f); }, "0000000c 01000005 7f000000"},
+        {"u32", [](blob_buf *b) { blob_put_u32(b, 3, 0x11223344); }, "0000000c 03000008 11223344"},
+        {"u64", [](blob_buf *b) { blob_put_u64(b, 4, 0x0102030405060708ULL); }, "00000010 0400000c 01020304 05060708"},
+        {"string keeps NUL", [](blob_buf *b) { blob_put_string(b, 2, "ab"); }, "0000000c 02000007 61620000"},
         {"verbatim bytes", [](blob_buf *b) { blob_put(b, 127, "\x01\x02\x03\x04\x05", 5); },
-         "00 00 00 10 7f 00 00 09 01 02 03 04 05 00 00 00"},
+         "00000010 7f000009 01020304 05000000"},
         {"two in a row", [](blob_buf *b) { blob_put_u8(b, 1, 1), blob_put_u16(b, 2, 2); },
-         "00 00 00 14 01 00 00 05 01 00 00 00 02 00 00 06 00 02 00 00"},
+         "00000014 01000005 01000000 02000006 00020000"},
         {"raw copy keeps foreign header",
-         [](blob_buf *b) { blob_put_raw(b, from_hex("85 00 00 0a 00 00 00 00 ab cd").data(), 10); },
-         "00 00 00 10 85 00 00 0a 00 00 00 00 ab cd 00 00"},
+         [](blob_buf *b) { blob_put_raw(b, from_hex("8500000a 00000000 abcd").data(), 10); },
+         "00000010 8500000a 00000000 abcd0000"},
         {"nesting counts padded children in every level",
          [](blob_buf *b) {
              void *outer = blob_nest_start(b, 7);
@@ -72,8 +74,9 @@ TEST(BlobBuild, PutWritesBigEndianPayloadsAndZeroPadding)
              blob_nest_end(b, outer);
              blob_put_string(b, 3, "x");
          },
-         "00 00 00 24 07 00 00 18 01 00 00 06 ab cd 00 00 06 00 00 0c 02 00 00 05 01 00 00 00"
-         " 03 00 00 06 78 00 00 00"},
+         "00000024 07000018 01000006 abcd0000 0600000c 02000005 01000000"
+         " 03000006 78000000"},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -88,7 +91,7 @@ TEST(BlobBuild, PutWritesBigEndianPayloadsAndZeroPadding)
 TEST(BlobBuild, GrowthKeepsCookiesAndContentAndReinitKeepsStorage)
 {
     scoped_buf sb(9);
-    EXPECT_EQ(to_hex(sb.b.head, 4), "09 00 00 04");
+    EXPECT_EQ(to_hex(sb.b.head, 4), "09000004");
     void *cookie = blob_nest_start(&sb.b, 1);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(cookie), uintptr_t{BLOB_COOKIE});
     // 8 used + header 4 + 301 payload = 313 > 256: grows by (57/256+1)*256
@@ -114,7 +117,7 @@ TEST(BlobBuild, GrowthKeepsCookiesAndContentAndReinitKeepsStorage)
     void *storage = sb.b.buf;
     ASSERT_EQ(blob_buf_init(&sb.b, 0), 0);
     EXPECT_EQ(sb.b.buf, storage);
-    EXPECT_EQ(sb.hex(), "00 00 00 04");
+    EXPECT_EQ(sb.hex(), "00000004");
 }
 
 TEST(BlobIterate, StopsAtFirstElementThatDoesNotFit)
@@ -124,12 +127,14 @@ TEST(BlobIterate, StopsAtFirstElementThatDoesNotFit)
         const char *container;
         int visited;
     } rows[] = {
-        {"well formed", "00 00 00 14 01 00 00 05 01 00 00 00 02 00 00 08 00 00 00 02", 2},
-        {"zero length ends walk", "00 00 00 14 01 00 00 05 01 00 00 00 02 00 00 00 00 00 00 02", 1},
-        {"short length still occupies one word", "00 00 00 14 01 00 00 05 01 00 00 00 02 00 00 03 00 00 00 02", 3},
-        {"element longer than rest", "00 00 00 14 01 00 00 05 01 00 00 00 02 00 00 0c 00 00 00 02", 1},
-        {"trailing bytes shorter than a header", "00 00 00 0f 01 00 00 05 01 00 00 00", 1},
-        {"empty", "00 00 00 04", 0},
+        // clang-format off
+        {"well formed", "00000014 01000005 01000000 02000008 00000002", 2},
+        {"zero length ends walk", "00000014 01000005 01000000 02000000 00000002", 1},
+        {"short length still occupies one word", "00000014 01000005 01000000 02000003 00000002", 3},
+        {"element longer than rest", "00000014 01000005 01000000 0200000c 00000002", 1},
+        {"trailing bytes shorter than a header", "0000000f 01000005 01000000", 1},
+        {"empty", "00000004", 0},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -151,12 +156,20 @@ TEST(BlobCheckType, ExactIntegerSizesAndTerminatedStrings)
         unsigned len;
         bool ok;
     } rows[] = {
-        {BLOB_ATTR_INT8, "\x01\x02", 2, false},  {BLOB_ATTR_INT16, "\x01", 1, false},
-        {BLOB_ATTR_INT32, "12345678", 8, false}, {BLOB_ATTR_INT64, "1234", 4, false},
-        {BLOB_ATTR_DOUBLE, "12345678", 8, true}, {BLOB_ATTR_DOUBLE, "123456789", 9, true},
-        {BLOB_ATTR_DOUBLE, "1234", 4, false},    {BLOB_ATTR_STRING, "ab", 3, true},
-        {BLOB_ATTR_STRING, "ab", 2, false},      {BLOB_ATTR_STRING, "", 0, false},
-        {BLOB_ATTR_UNSPEC, "", 0, true},         {BLOB_ATTR_BINARY, "xyz", 3, true},
+        // clang-format off
+        {BLOB_ATTR_INT8, "\x01\x02", 2, false},
+        {BLOB_ATTR_INT16, "\x01", 1, false},
+        {BLOB_ATTR_INT32, "12345678", 8, false},
+        {BLOB_ATTR_INT64, "1234", 4, false},
+        {BLOB_ATTR_DOUBLE, "12345678", 8, true},
+        {BLOB_ATTR_DOUBLE, "123456789", 9, true},
+        {BLOB_ATTR_DOUBLE, "1234", 4, false},
+        {BLOB_ATTR_STRING, "ab", 3, true},
+        {BLOB_ATTR_STRING, "ab", 2, false},
+        {BLOB_ATTR_STRING, "", 0, false},
+        {BLOB_ATTR_UNSPEC, "", 0, true},
+        {BLOB_ATTR_BINARY, "xyz", 3, true},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(testing::Message() << "type " << r.type << " len " << r.len);
@@ -182,6 +195,7 @@ TEST(BlobParse, FiltersByInfoAndLastDuplicateWins)
         int found;
         const char *present; // one char per id: '1' set, '0' empty
     } rows[] = {
+        // clang-format off
         {"all valid",
          [](blob_buf *b) {
              blob_put_u32(b, A_INT, 1), blob_put_string(b, A_STR, "s"), blob_put(b, A_ANY, nullptr, 0);
@@ -196,6 +210,7 @@ TEST(BlobParse, FiltersByInfoAndLastDuplicateWins)
         {"id beyond max ignored", [](blob_buf *b) { blob_put_u8(b, A_MAX, 0), blob_put_u8(b, 120, 0); }, 0, "00000"},
         {"duplicates counted once", [](blob_buf *b) { blob_put_u32(b, A_INT, 1), blob_put_u32(b, A_INT, 2); }, 1,
          "10000"},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -253,11 +268,13 @@ TEST(ByteOrder, GettersReadPayloadsThatAreOnlyFourByteAligned)
         int width;
         int64_t as_signed;
     } rows[] = {
-        {0x1234, "12 34", 16, 0x1234},
-        {0xfe01, "fe 01", 16, -511},
-        {0x80000001, "80 00 00 01", 32, -2147483647},
-        {0x0102030405060708ULL, "01 02 03 04 05 06 07 08", 64, 0x0102030405060708LL},
-        {0xff00000000000080ULL, "ff 00 00 00 00 00 00 80", 64, static_cast<int64_t>(0xff00000000000080ULL)},
+        // clang-format off
+        {0x1234, "1234", 16, 0x1234},
+        {0xfe01, "fe01", 16, -511},
+        {0x80000001, "80000001", 32, -2147483647},
+        {0x0102030405060708ULL, "01020304 05060708", 64, 0x0102030405060708LL},
+        {0xff00000000000080ULL, "ff000000 00000080", 64, static_cast<int64_t>(0xff00000000000080ULL)},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.be);

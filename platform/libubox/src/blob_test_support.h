@@ -15,7 +15,7 @@
 namespace blob_test
 {
 
-// "85 00 00 0c ..." -> bytes; whitespace is ignored.
+// "8500000c 00016e00 ..." -> bytes; whitespace is ignored.
 inline std::vector<uint8_t> from_hex(const char *text)
 {
     std::vector<uint8_t> out;
@@ -32,12 +32,13 @@ inline std::vector<uint8_t> from_hex(const char *text)
     return out;
 }
 
+// Bytes as hex, in words of four bytes.
 inline std::string to_hex(const void *data, size_t len)
 {
     std::string out;
     char tmp[4];
     for (size_t i = 0; i < len; i++) {
-        std::snprintf(tmp, sizeof(tmp), "%s%02x", i ? " " : "", static_cast<const uint8_t *>(data)[i]);
+        std::snprintf(tmp, sizeof(tmp), "%s%02x", i && i % 4 == 0 ? " " : "", static_cast<const uint8_t *>(data)[i]);
         out += tmp;
     }
     return out;

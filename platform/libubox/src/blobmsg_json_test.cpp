@@ -40,6 +40,7 @@ TEST(BlobmsgFormat, LayoutCompactAndIndented)
         int indent;
         const char *expect;
     } rows[] = {
+        // clang-format off
         {"compact",
          [](blob_buf *b) {
              blobmsg_add_u32(b, "a", 1);
@@ -76,6 +77,7 @@ TEST(BlobmsgFormat, LayoutCompactAndIndented)
         {"invalid first element", [](blob_buf *b) { add_bad_type(b), blobmsg_add_u32(b, "a", 1); }, -1, R"({,"a":1})"},
         {"truncated value is skipped",
          [](blob_buf *b) { blobmsg_add_field(b, BLOBMSG_TYPE_INT64, "n", "\x01\x02\x03\x04", 4); }, -1, "{}"},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -92,6 +94,7 @@ TEST(BlobmsgFormat, ScalarValues)
         void (*fill)(blob_buf *);
         const char *expect;
     } rows[] = {
+        // clang-format off
         {"null", [](blob_buf *b) { blobmsg_add_field(b, BLOBMSG_TYPE_UNSPEC, "v", nullptr, 0); }, "null"},
         {"false", [](blob_buf *b) { blobmsg_add_u8(b, "v", 0); }, "false"},
         {"any non-zero byte is true", [](blob_buf *b) { blobmsg_add_u8(b, "v", 2); }, "true"},
@@ -113,6 +116,7 @@ TEST(BlobmsgFormat, ScalarValues)
         {"not a number is null", [](blob_buf *b) { blobmsg_add_double(b, "v", std::nan("")); }, "null"},
         {"string escapes", [](blob_buf *b) { blobmsg_add_string(b, "v", "a\"b\\c\b\n\t\r\f\x01\x1f/\x7f\xc3\xa9"); },
          "\"a\\\"b\\\\c\\b\\n\\t\\r\\u000c\\u0001\\u001f/\x7f\xc3\xa9\""},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -153,6 +157,7 @@ TEST(BlobmsgFormat, EachEntryPointFollowsTheAttributeKind)
         char *out;
         const char *expect;
     } rows[] = {
+        // clang-format off
         {"array attr as list", blobmsg_format_json(a, true), "[1]"},
         {"table attr as list", blobmsg_format_json(t, true), R"({"x":1})"},
         {"plain data attr as list", blobmsg_format_json(d, true), R"({"k":"v"})"},
@@ -166,6 +171,7 @@ TEST(BlobmsgFormat, EachEntryPointFollowsTheAttributeKind)
         {"null attr", blobmsg_format_json(nullptr, true), "(null)"},
         {"callback replaces values", blobmsg_format_json_with_cb(a, true, ints_as_text, &calls, -1), R"(["int"])"},
         {"callback, value only", blobmsg_format_json_value_with_cb(t, ints_as_text, &calls, -1), R"({"x":"int"})"},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -180,20 +186,21 @@ TEST(BlobmsgJson, ValueMapping)
         const char *json;
         const char *bytes;
     } rows[] = {
-        {R"({"i":2147483647})", "85 00 00 0c 00 01 69 00 7f ff ff ff"},
-        {R"({"i":-2147483648})", "85 00 00 0c 00 01 69 00 80 00 00 00"},
-        {R"({"i":2147483648})", "84 00 00 10 00 01 69 00 00 00 00 00 80 00 00 00"},
-        {R"({"i":-2147483649})", "84 00 00 10 00 01 69 00 ff ff ff ff 7f ff ff ff"},
-        {R"({"i":99999999999999999999})", "84 00 00 10 00 01 69 00 7f ff ff ff ff ff ff ff"},
-        {R"({"i":-99999999999999999999})", "84 00 00 10 00 01 69 00 80 00 00 00 00 00 00 00"},
-        {R"({"d":1e3})", "88 00 00 10 00 01 64 00 40 8f 40 00 00 00 00 00"},
-        {R"({"t":true,"f":false})", "87 00 00 09 00 01 74 00 01 00 00 00 87 00 00 09 00 01 66 00 00 00 00 00"},
-        {R"({"n":null})", "80 00 00 08 00 01 6e 00"},
-        {R"({"s":"a\u0000b"})", "83 00 00 0a 00 01 73 00 61 00 00 00"},
-        {R"({"a":[1,"x"]})",
-         "81 00 00 20 00 01 61 00 85 00 00 0c 00 00 00 00 00 00 00 01 83 00 00 0a 00 00 00 00 78 00 00 00"},
-        {R"({"o":{}})", "82 00 00 08 00 01 6f 00"},
-        {R"({"a":1,"a":2})", "85 00 00 0c 00 01 61 00 00 00 00 02"},
+        // clang-format off
+        {R"({"i":2147483647})", "8500000c 00016900 7fffffff"},
+        {R"({"i":-2147483648})", "8500000c 00016900 80000000"},
+        {R"({"i":2147483648})", "84000010 00016900 00000000 80000000"},
+        {R"({"i":-2147483649})", "84000010 00016900 ffffffff 7fffffff"},
+        {R"({"i":99999999999999999999})", "84000010 00016900 7fffffff ffffffff"},
+        {R"({"i":-99999999999999999999})", "84000010 00016900 80000000 00000000"},
+        {R"({"d":1e3})", "88000010 00016400 408f4000 00000000"},
+        {R"({"t":true,"f":false})", "87000009 00017400 01000000 87000009 00016600 00000000"},
+        {R"({"n":null})", "80000008 00016e00"},
+        {R"({"s":"a\u0000b"})", "8300000a 00017300 61000000"},
+        {R"({"a":[1,"x"]})", "81000020 00016100 8500000c 00000000 00000001 8300000a 00000000 78000000"},
+        {R"({"o":{}})", "82000008 00016f00"},
+        {R"({"a":1,"a":2})", "8500000c 00016100 00000002"},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.json);
@@ -235,11 +242,13 @@ TEST(BlobmsgJson, RoundTripKeepsOrderAndTypes)
     const struct {
         const char *doc, *printed;
     } rows[] = {
+        // clang-format off
         {R"({"z":1,"a":[true,false,null],"m":{"d":"e","n":[]},"f":1.500000,"g":5000000000,"h":-7})", nullptr},
         {R"({"esc":"tab\there \"q\" \\ \u0001","utf8":"é/ü"})", nullptr},
         {R"({"e":1e400})", R"({"e":null})"},
         {R"({"n":-214741e349,"d":-0.0})", R"({"n":null,"d":-0.000000})"},
         {R"({"l":[1e999,2]})", R"({"l":[null,2]})"},
+        // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.doc);

@@ -24,33 +24,32 @@ TEST(BlobmsgBuild, ValuesNamesAndPaddingAreByteExact)
         void (*add)(blob_buf *);
         const char *expect;
     } rows[] = {
+        // clang-format off
         {"bool, empty name: raw length 9 in 12 bytes", [](blob_buf *b) { blobmsg_add_u8(b, "", 1); },
-         "87 00 00 09 00 00 00 00 01 00 00 00"},
+         "87000009 00000000 01000000"},
         {"2-char name takes 8 bytes", [](blob_buf *b) { blobmsg_add_u8(b, "up", 1); },
-         "87 00 00 0d 00 02 75 70 00 00 00 00 01 00 00 00"},
-        {"int16", [](blob_buf *b) { blobmsg_add_u16(b, "ab", 0xbeef); },
-         "86 00 00 0e 00 02 61 62 00 00 00 00 be ef 00 00"},
-        {"int32", [](blob_buf *b) { blobmsg_add_u32(b, "num", 5); }, "85 00 00 10 00 03 6e 75 6d 00 00 00 00 00 00 05"},
+         "8700000d 00027570 00000000 01000000"},
+        {"int16", [](blob_buf *b) { blobmsg_add_u16(b, "ab", 0xbeef); }, "8600000e 00026162 00000000 beef0000"},
+        {"int32", [](blob_buf *b) { blobmsg_add_u32(b, "num", 5); }, "85000010 00036e75 6d000000 00000005"},
         {"int64", [](blob_buf *b) { blobmsg_add_u64(b, "n", 0x0102030405060708ULL); },
-         "84 00 00 10 00 01 6e 00 01 02 03 04 05 06 07 08"},
-        {"double", [](blob_buf *b) { blobmsg_add_double(b, "d", 1.5); },
-         "88 00 00 10 00 01 64 00 3f f8 00 00 00 00 00 00"},
+         "84000010 00016e00 01020304 05060708"},
+        {"double", [](blob_buf *b) { blobmsg_add_double(b, "d", 1.5); }, "88000010 00016400 3ff80000 00000000"},
         {"string, 5-char name", [](blob_buf *b) { blobmsg_add_string(b, "abcde", "xyz"); },
-         "83 00 00 10 00 05 61 62 63 64 65 00 78 79 7a 00"},
+         "83000010 00056162 63646500 78797a00"},
         {"6-char name takes 12 bytes", [](blob_buf *b) { blobmsg_add_string(b, "abcdef", ""); },
-         "83 00 00 11 00 06 61 62 63 64 65 66 00 00 00 00 00 00 00 00"},
+         "83000011 00066162 63646566 00000000 00000000"},
         {"null value", [](blob_buf *b) { blobmsg_add_field(b, BLOBMSG_TYPE_UNSPEC, "z", nullptr, 0); },
-         "80 00 00 08 00 01 7a 00"},
+         "80000008 00017a00"},
         {"field is verbatim, no type check",
          [](blob_buf *b) { blobmsg_add_field(b, BLOBMSG_TYPE_INT32, "x", "ab", 2); },
-         "85 00 00 0a 00 01 78 00 61 62 00 00"},
+         "8500000a 00017800 61620000"},
         {"array elements unnamed, one named",
          [](blob_buf *b) {
              void *c = blobmsg_open_array(b, "a");
              blobmsg_add_u32(b, nullptr, 1), blobmsg_add_u32(b, "k", 2);
              blobmsg_close_array(b, c);
          },
-         "81 00 00 20 00 01 61 00 85 00 00 0c 00 00 00 00 00 00 00 01 85 00 00 0c 00 01 6b 00 00 00 00 02"},
+         "81000020 00016100 8500000c 00000000 00000001 8500000c 00016b00 00000002"},
         {"tables nest with padded children",
          [](blob_buf *b) {
              void *outer = blobmsg_open_table(b, "outer");
@@ -60,24 +59,25 @@ TEST(BlobmsgBuild, ValuesNamesAndPaddingAreByteExact)
              blobmsg_close_table(b, outer);
              blobmsg_add_string(b, "s", "v");
          },
-         "82 00 00 24 00 05 6f 75 74 65 72 00 82 00 00 18 00 02 69 6e 00 00 00 00"
-         " 87 00 00 09 00 01 62 00 00 00 00 00 83 00 00 0a 00 01 73 00 76 00 00 00"},
+         "82000024 00056f75 74657200 82000018 0002696e 00000000"
+         " 87000009 00016200 00000000 8300000a 00017300 76000000"},
         {"table copied whole by add_blob",
          [](blob_buf *b) {
              scoped_buf src;
              blobmsg_close_table(&src.b, blobmsg_open_table(&src.b, "t"));
              EXPECT_EQ(blobmsg_add_blob(b, src.first()), 0);
          },
-         "82 00 00 08 00 01 74 00"},
+         "82000008 00017400"},
         {"printf", [](blob_buf *b) { EXPECT_EQ(blobmsg_printf(b, "m", "%d-%s", 42, "x"), 4); },
-         "83 00 00 0d 00 01 6d 00 34 32 2d 78 00 00 00 00"},
+         "8300000d 00016d00 34322d78 00000000"},
         {"string buffer commits strlen + 1",
          [](blob_buf *b) {
              strcpy(static_cast<char *>(blobmsg_alloc_string_buffer(b, "sb", 100)), "hello");
              blobmsg_add_string_buffer(b);
              blobmsg_add_u8(b, "", 1);
          },
-         "83 00 00 12 00 02 73 62 00 00 00 00 68 65 6c 6c 6f 00 00 00 87 00 00 09 00 00 00 00 01 00 00 00"},
+         "83000012 00027362 00000000 68656c6c 6f000000 87000009 00000000 01000000"},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -89,7 +89,7 @@ TEST(BlobmsgBuild, ValuesNamesAndPaddingAreByteExact)
     }
     blob_buf b{};
     ASSERT_EQ(blobmsg_buf_init(&b), 0);
-    EXPECT_EQ(to_hex(b.head, 4), "02 00 00 04") << "a message is a plain table";
+    EXPECT_EQ(to_hex(b.head, 4), "02000004") << "a message is a plain table";
     blob_buf_free(&b);
 }
 
@@ -121,6 +121,7 @@ TEST(BlobmsgGet, CastsSignExtendEveryIntegerWidthAndNothingElse)
         uint64_t u;
         int64_t s;
     } rows[] = {
+        // clang-format off
         {[](blob_buf *b) { blobmsg_add_u8(b, "v", 0xff); }, 0xff, -1},
         {[](blob_buf *b) { blobmsg_add_u16(b, "v", 0x8000); }, 0x8000, -32768},
         {[](blob_buf *b) { blobmsg_add_u32(b, "v", 0xffffffff); }, 0xffffffff, -1},
@@ -128,6 +129,7 @@ TEST(BlobmsgGet, CastsSignExtendEveryIntegerWidthAndNothingElse)
          static_cast<int64_t>(0x8000000000000001ULL)},
         {[](blob_buf *b) { blobmsg_add_double(b, "v", -0.25); }, 0, 0},
         {[](blob_buf *b) { blobmsg_add_string(b, "v", "text"); }, 0, 0},
+        // clang-format on
     };
     for (const row &r : rows) {
         scoped_buf sb;
@@ -149,25 +151,27 @@ TEST(BlobmsgCheck, AttrValidation)
         bool ok_unnamed; // name not required
         bool ok_named;   // name required
     } rows[] = {
-        {"named string", "83 00 00 0a 00 01 6b 00 76 00", true, true},
-        {"unnamed int32", "85 00 00 0c 00 00 00 00 00 00 00 01", true, false},
-        {"plain attribute has no name", "05 00 00 08 00 00 00 01", true, false},
-        {"plain attribute, data checked as INT8", "07 00 00 06 00 01", false, false},
-        {"payload too short for namelen", "83 00 00 05 00", false, false},
-        {"name header beyond payload", "83 00 00 08 00 05 61 62", false, false},
-        {"name not NUL-terminated", "83 00 00 0c 00 01 61 62 78 00 00 00", false, false},
-        {"type id beyond DOUBLE", "89 00 00 08 00 00 00 00", false, false},
-        {"array children not inspected", "81 00 00 0c 00 00 00 00 ff ff ff ff", true, false},
-        {"table children not inspected", "82 00 00 0c 00 01 74 00 00 00 00 01", true, true},
-        {"int32 with 3 bytes", "85 00 00 0b 00 00 00 00 00 00 01", false, false},
-        {"int8 with 2 bytes", "87 00 00 0a 00 00 00 00 01 01", false, false},
-        {"int16 with 2 bytes", "86 00 00 0a 00 00 00 00 01 01", true, false},
-        {"double with 4 bytes", "88 00 00 0c 00 00 00 00 00 00 00 01", false, false},
-        {"double with 12 bytes", "88 00 00 14 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00", true, false},
-        {"string without NUL", "83 00 00 0a 00 00 00 00 61 62", false, false},
-        {"empty string value", "83 00 00 08 00 00 00 00", false, false},
-        {"unspec with any data", "80 00 00 0b 00 00 00 00 01 02 03", true, false},
-        {"raw length below header", "83 00 00 02", false, false},
+        // clang-format off
+        {"named string", "8300000a 00016b00 7600", true, true},
+        {"unnamed int32", "8500000c 00000000 00000001", true, false},
+        {"plain attribute has no name", "05000008 00000001", true, false},
+        {"plain attribute, data checked as INT8", "07000006 0001", false, false},
+        {"payload too short for namelen", "83000005 00", false, false},
+        {"name header beyond payload", "83000008 00056162", false, false},
+        {"name not NUL-terminated", "8300000c 00016162 78000000", false, false},
+        {"type id beyond DOUBLE", "89000008 00000000", false, false},
+        {"array children not inspected", "8100000c 00000000 ffffffff", true, false},
+        {"table children not inspected", "8200000c 00017400 00000001", true, true},
+        {"int32 with 3 bytes", "8500000b 00000000 000001", false, false},
+        {"int8 with 2 bytes", "8700000a 00000000 0101", false, false},
+        {"int16 with 2 bytes", "8600000a 00000000 0101", true, false},
+        {"double with 4 bytes", "8800000c 00000000 00000001", false, false},
+        {"double with 12 bytes", "88000014 00000000 00000000 00000000 00000000", true, false},
+        {"string without NUL", "8300000a 00000000 6162", false, false},
+        {"empty string value", "83000008 00000000", false, false},
+        {"unspec with any data", "8000000b 00000000 010203", true, false},
+        {"raw length below header", "83000002", false, false},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -177,7 +181,7 @@ TEST(BlobmsgCheck, AttrValidation)
         EXPECT_EQ(blobmsg_check_attr(a, false), r.ok_unnamed);
         EXPECT_EQ(blobmsg_check_attr(a, true), r.ok_named);
     }
-    std::vector<uint8_t> raw = from_hex("85 00 00 10 00 03 6e 75 6d 00 00 00 00 00 00 05");
+    std::vector<uint8_t> raw = from_hex("85000010 00036e75 6d000000 00000005");
     auto *a = reinterpret_cast<const blob_attr *>(raw.data());
     EXPECT_TRUE(blobmsg_check_attr_len(a, true, 16));
     EXPECT_FALSE(blobmsg_check_attr_len(a, true, 15)); // truncated message
@@ -192,6 +196,7 @@ TEST(BlobmsgCheck, ArrayCountsDirectChildren)
         int type;
         int result;
     } rows[] = {
+        // clang-format off
         {"int array, any type", [](blob_buf *b) { blobmsg_add_u32(b, nullptr, 1), blobmsg_add_u32(b, nullptr, 2); },
          BLOBMSG_TYPE_UNSPEC, 2},
         {"mixed array, int type",
@@ -208,6 +213,7 @@ TEST(BlobmsgCheck, ArrayCountsDirectChildren)
          },
          BLOBMSG_TYPE_ARRAY, 1},
         {"type out of range", [](blob_buf *) {}, BLOBMSG_CAST_INT64, -1},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -248,6 +254,7 @@ TEST(BlobmsgDepth, CountsContainersBelowTheMessageUpToTheLimit)
         void (*add)(blob_buf *);
         int depth;
     } rows[] = {
+        // clang-format off
         {"empty message", [](blob_buf *) {}, 0},
         {"scalars only", [](blob_buf *b) { blobmsg_add_u32(b, "n", 1), blobmsg_add_string(b, "s", "v"); }, 0},
         {"empty table", [](blob_buf *b) { blobmsg_close_table(b, blobmsg_open_table(b, "t")); }, 1},
@@ -258,6 +265,7 @@ TEST(BlobmsgDepth, CountsContainersBelowTheMessageUpToTheLimit)
         {"at the limit", [](blob_buf *b) { add_chain(b, WWAN_BLOBMSG_MAX_DEPTH); }, WWAN_BLOBMSG_MAX_DEPTH},
         {"one beyond", [](blob_buf *b) { add_chain(b, WWAN_BLOBMSG_MAX_DEPTH + 1); }, -1},
         {"about 1 MB, as an attacker would send it", [](blob_buf *b) { add_chain(b, 120000); }, -1},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -293,10 +301,12 @@ TEST(BlobmsgDepth, InvalidContainersAreNotEntered)
         const char *hex;
         int depth;
     } rows[] = {
-        {"valid", "00 00 00 14  82 00 00 10 00 01 61 00  82 00 00 08 00 01 62 00", 2},
-        {"name of a not NUL-terminated", "00 00 00 14  82 00 00 10 00 01 61 ff  82 00 00 08 00 01 62 00", 0},
-        {"a longer than the root holds", "00 00 00 14  82 00 00 14 00 01 61 00  82 00 00 08 00 01 62 00", 0},
-        {"b's header cut short", "00 00 00 14  82 00 00 10 00 01 61 00  82 00 00 03 00 01 62 00", 1},
+        // clang-format off
+        {"valid", "00000014 82000010 00016100 82000008 00016200", 2},
+        {"name of a not NUL-terminated", "00000014 82000010 000161ff 82000008 00016200", 0},
+        {"a longer than the root holds", "00000014 82000014 00016100 82000008 00016200", 0},
+        {"b's header cut short", "00000014 82000010 00016100 82000003 00016200", 1},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -321,6 +331,7 @@ TEST(BlobmsgParse, MatchesByNameAndTypeFirstDuplicateWinning)
         int ret;
         const char *present;
     } rows[] = {
+        // clang-format off
         {"all present, a shared name fills both slots",
          [](blob_buf *b) {
              blobmsg_add_u32(b, "num", 1), blobmsg_add_string(b, "name", "x"), blobmsg_add_u64(b, "id", 7);
@@ -353,6 +364,7 @@ TEST(BlobmsgParse, MatchesByNameAndTypeFirstDuplicateWinning)
          },
          -1, "100000"},
         {"empty message", [](blob_buf *) {}, -EINVAL, "000000"},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -390,10 +402,12 @@ TEST(BlobmsgParse, ArrayFillsSlotsPositionally)
         int ret;
         const char *values; // what each slot holds
     } rows[] = {
+        // clang-format off
         {"mismatch skipped", two_ints, 2, false, 0, "1,2"},
         {"slot waits for its type", str_int, 2, false, 0, "x,2"},
         {"stops when slots are full", anything, 1, true, 0, "1"},
         {"invalid element", two_ints, 2, true, -1, ""},
+        // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
