@@ -95,7 +95,7 @@ TEST_F(BrokerRobustness, ClientThatNeverReadsIsCutOff)
 
 TEST(BrokerLimits, AtItsDescriptorLimitTheBrokerIdlesAndServesItsClients)
 {
-    temp_dir dir;
+    temp_root dir;
     std::string sock = dir.path() + "/ubus.sock";
     struct rlimit old;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);

@@ -189,7 +189,7 @@ TEST(BusCliReplies, MalformedSignaturesAndDeepRepliesAreRefused)
     };
     for (auto &r : rows) {
         SCOPED_TRACE(r.what);
-        temp_dir dir;
+        temp_root dir;
         std::string sock = dir.path() + "/fake.sock";
         fake_bus bus(sock, r.sig_hex, r.levels);
         bool list = std::string(r.cmd) == "list";

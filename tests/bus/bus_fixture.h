@@ -41,7 +41,7 @@ protected:
 		}
 	}
 
-	temp_dir dir;
+	temp_root dir;
 	std::vector<std::string> broker_args;
 	std::string sock;
 	std::unique_ptr<process> broker;

@@ -4,7 +4,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -28,11 +27,6 @@ int64_t now_ms()
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
-
-int remove_cb(const char *path, const struct stat *, int, struct FTW *)
-{
-    return remove(path);
 }
 
 pid_t spawn(const std::vector<std::string> &argv, int out_fd, int err_fd)
@@ -67,19 +61,6 @@ int decode_status(int st)
 }
 
 } // namespace
-
-temp_dir::temp_dir()
-{
-    char tmpl[] = "/tmp/wwan-bus-test.XXXXXX";
-    if (mkdtemp(tmpl))
-        path_ = tmpl;
-}
-
-temp_dir::~temp_dir()
-{
-    if (!path_.empty())
-        nftw(path_.c_str(), remove_cb, 16, FTW_DEPTH | FTW_PHYS);
-}
 
 process::process(const std::vector<std::string> &argv, bool capture)
 {
@@ -158,44 +139,26 @@ bool process::line(std::string *out, int timeout_ms)
 
 cli_result run_cli(const std::vector<std::string> &args, int timeout_ms)
 {
-    int out[2], err[2];
     cli_result r{-1, "", ""};
-    if (pipe2(out, O_CLOEXEC) < 0 || pipe2(err, O_CLOEXEC) < 0)
-        return r;
+    FILE *out = tmpfile(), *err = tmpfile();
     std::vector<std::string> argv = {WWAN_BUS};
     argv.insert(argv.end(), args.begin(), args.end());
-    pid_t pid = spawn(argv, out[1], err[1]);
-    close(out[1]);
-    close(err[1]);
-    int64_t end = now_ms() + timeout_ms;
-    struct pollfd pfd[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    int open_fds = 2;
-    while (open_fds > 0) {
-        int left = (int)(end - now_ms());
-        if (left <= 0 || poll(pfd, 2, left) <= 0)
-            break;
-        for (int i = 0; i < 2; i++) {
-            if (pfd[i].fd < 0 || !pfd[i].revents)
-                continue;
-            char buf[4096];
-            ssize_t n = read(pfd[i].fd, buf, sizeof(buf));
-            if (n <= 0) {
-                close(pfd[i].fd);
-                pfd[i].fd = -1;
-                open_fds--;
-                continue;
-            }
-            (i == 0 ? r.out : r.err).append(buf, n);
+    pid_t pid = spawn(argv, fileno(out), fileno(err));
+    int st = 0;
+    for (int64_t end = now_ms() + timeout_ms; waitpid(pid, &st, WNOHANG) == 0; usleep(2000)) {
+        if (now_ms() > end) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &st, 0);
         }
     }
-    for (auto &p : pfd)
-        if (p.fd >= 0)
-            close(p.fd);
-    int st;
-    if (now_ms() >= end)
-        kill(pid, SIGKILL);
-    waitpid(pid, &st, 0);
     r.code = decode_status(st);
+    for (auto [f, text] : {std::pair{out, &r.out}, std::pair{err, &r.err}}) {
+        char buf[4096];
+        rewind(f);
+        for (size_t n; (n = fread(buf, 1, sizeof(buf), f)) > 0;)
+            text->append(buf, n);
+        fclose(f);
+    }
     return r;
 }
 

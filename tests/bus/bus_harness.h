@@ -1,9 +1,11 @@
-// Helpers for the bus tests: a temporary directory, child processes that are
-// always reaped, the broker and the test peer as real executables, and the
-// CLI run with its output captured.
+// Helpers for the bus tests (temporary directories are temp_root's): child
+// processes that are always reaped, the broker and the test peer as real
+// executables, and the CLI run with its output captured.
 #pragma once
 
 #include <libubus.h>
+
+#include "src/util/root_test_support.h"
 
 #include <functional>
 #include <memory>
@@ -14,19 +16,6 @@
 
 namespace bus_test
 {
-
-class temp_dir
-{
-  public:
-    temp_dir();
-    ~temp_dir();
-    temp_dir(const temp_dir &) = delete;
-    temp_dir &operator=(const temp_dir &) = delete;
-    const std::string &path() const { return path_; }
-
-  private:
-    std::string path_;
-};
 
 // A child process; killed (SIGKILL unless stopped before) and reaped on
 // destruction.
