@@ -148,35 +148,6 @@ TEST(BlobIterate, StopsAtFirstElementThatDoesNotFit)
     }
 }
 
-TEST(BlobCheckType, ExactIntegerSizesAndTerminatedStrings)
-{
-    struct row {
-        int type;
-        const char *data;
-        unsigned len;
-        bool ok;
-    } rows[] = {
-        // clang-format off
-        {BLOB_ATTR_INT8, "\x01\x02", 2, false},
-        {BLOB_ATTR_INT16, "\x01", 1, false},
-        {BLOB_ATTR_INT32, "12345678", 8, false},
-        {BLOB_ATTR_INT64, "1234", 4, false},
-        {BLOB_ATTR_DOUBLE, "12345678", 8, true},
-        {BLOB_ATTR_DOUBLE, "123456789", 9, true},
-        {BLOB_ATTR_DOUBLE, "1234", 4, false},
-        {BLOB_ATTR_STRING, "ab", 3, true},
-        {BLOB_ATTR_STRING, "ab", 2, false},
-        {BLOB_ATTR_STRING, "", 0, false},
-        {BLOB_ATTR_UNSPEC, "", 0, true},
-        {BLOB_ATTR_BINARY, "xyz", 3, true},
-        // clang-format on
-    };
-    for (const row &r : rows) {
-        SCOPED_TRACE(testing::Message() << "type " << r.type << " len " << r.len);
-        EXPECT_EQ(blob_check_type(r.data, r.len, r.type), r.ok);
-    }
-}
-
 enum { A_INT, A_STR, A_ANY, A_BOUNDED, A_VALIDATED, A_MAX };
 
 const blob_attr_info parse_info[A_MAX] = {
