@@ -189,7 +189,10 @@ TEST_F(BrokerCore, RefusedRequestsAnswerWithOneStatus)
     id[theirs] = add(other, nullptr);
     id[unknown] = id[svc] ^ 1;
     const int inval = UBUS_STATUS_INVALID_ARGUMENT, denied = UBUS_STATUS_PERMISSION_DENIED,
-              notfound = UBUS_STATUS_NOT_FOUND, badcmd = UBUS_STATUS_INVALID_COMMAND;
+              notfound = UBUS_STATUS_NOT_FOUND, badcmd = UBUS_STATUS_INVALID_COMMAND,
+              nomethod = UBUS_STATUS_METHOD_NOT_FOUND;
+    // Signatures with an unnamed method, and with a string argument.
+    const char *unnamed = "0600000c8200000800000000", *string_arg = "060000188200001400016d008300000a0001610078000000";
     struct row {
         const char *what;
         int type;
@@ -207,19 +210,19 @@ TEST_F(BrokerCore, RefusedRequestsAnswerWithOneStatus)
         {"unknown type", 200, false, none, nullptr, none, nullptr, nullptr, false, {badcmd}},
         {"ping echoed", UBUS_MSG_PING, false, none, nullptr, none, "x", nullptr, false, {-1, 0}},
         {"duplicate path", UBUS_MSG_ADD_OBJECT, false, none, nullptr, none, "svc", nullptr, false, {inval}},
-        {"unnamed method", UBUS_MSG_ADD_OBJECT, false, none, nullptr, none, "bad", "0600000c8200000800000000", false, {inval}},
-        {"string argument", UBUS_MSG_ADD_OBJECT, false, none, nullptr, none, "bad", "060000188200001400016d008300000a0001610078000000", false, {inval}},
+        {"unnamed method", UBUS_MSG_ADD_OBJECT, false, none, nullptr, none, "bad", unnamed, false, {inval}},
+        {"string argument", UBUS_MSG_ADD_OBJECT, false, none, nullptr, none, "bad", string_arg, false, {inval}},
         {"remove without id", UBUS_MSG_REMOVE_OBJECT, false, none, nullptr, none, nullptr, nullptr, false, {inval}},
         {"remove unknown", UBUS_MSG_REMOVE_OBJECT, false, unknown, nullptr, none, nullptr, nullptr, false, {notfound}},
         {"remove another's", UBUS_MSG_REMOVE_OBJECT, true, svc, nullptr, none, nullptr, nullptr, false, {denied}},
         {"invoke without method", UBUS_MSG_INVOKE, false, svc, nullptr, none, nullptr, nullptr, false, {inval}},
         {"invoke unknown object", UBUS_MSG_INVOKE, false, unknown, "m", none, nullptr, nullptr, false, {notfound}},
-        {"unknown monitor method", UBUS_MSG_INVOKE, false, monitor, "nosuch", none, nullptr, nullptr, false, {UBUS_STATUS_METHOD_NOT_FOUND}},
+        {"bad monitor method", UBUS_MSG_INVOKE, false, monitor, "nosuch", none, nullptr, nullptr, false, {nomethod}},
         {"subscribe to itself", UBUS_MSG_SUBSCRIBE, false, sub, nullptr, sub, nullptr, nullptr, false, {inval}},
         {"subscribe without target", UBUS_MSG_SUBSCRIBE, false, sub, nullptr, none, nullptr, nullptr, false, {inval}},
         {"subscribe to unknown", UBUS_MSG_SUBSCRIBE, false, sub, nullptr, unknown, nullptr, nullptr, false, {notfound}},
         {"another's subscriber", UBUS_MSG_SUBSCRIBE, false, theirs, nullptr, svc, nullptr, nullptr, false, {inval}},
-        {"another's anonymous target", UBUS_MSG_SUBSCRIBE, false, sub, nullptr, theirs, nullptr, nullptr, false, {notfound}},
+        {"anonymous target of b", UBUS_MSG_SUBSCRIBE, false, sub, nullptr, theirs, nullptr, nullptr, false, {notfound}},
         {"notify without method", UBUS_MSG_NOTIFY, false, svc, nullptr, none, nullptr, nullptr, false, {inval}},
         {"notify for another's object", UBUS_MSG_NOTIFY, true, svc, "x", none, nullptr, nullptr, false, {denied}},
         {"notify asking no reply", UBUS_MSG_NOTIFY, false, svc, "x", none, nullptr, nullptr, true, {}},
@@ -495,7 +498,8 @@ TEST(Signature, OnlyTablesOfNamedIntegersAreAccepted)
     } cases[] = {
         // clang-format off
         {"no methods", "06000004", true},
-        {"typed arguments", "0600002c82000020000161008500000c00016e00000000058500000c00017300000000038200000800016200", true},
+        {"typed arguments", "0600002c82000020000161008500000c00016e0000000005"
+                            "8500000c00017300000000038200000800016200", true},
         {"unnamed method", "0600000c8200000800000000", false},
         {"method as a string", "060000108300000a00016d0078000000", false},
         {"method as an array", "0600000c8100000800016d00", false},
