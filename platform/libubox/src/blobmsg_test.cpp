@@ -93,35 +93,6 @@ TEST(BlobmsgBuild, ValuesNamesAndPaddingAreByteExact)
     blob_buf_free(&b);
 }
 
-TEST(BlobmsgGet, CastsSignExtendEveryIntegerWidthAndNothingElse)
-{
-    struct row {
-        void (*add)(blob_buf *);
-        uint64_t u;
-        int64_t s;
-    } rows[] = {
-        // clang-format off
-        {[](blob_buf *b) { blobmsg_add_u8(b, "v", 0xff); }, 0xff, -1},
-        {[](blob_buf *b) { blobmsg_add_u16(b, "v", 0x8000); }, 0x8000, -32768},
-        {[](blob_buf *b) { blobmsg_add_u32(b, "v", 0xffffffff); }, 0xffffffff, -1},
-        {[](blob_buf *b) { blobmsg_add_u64(b, "v", 0x8000000000000001ULL); }, 0x8000000000000001ULL,
-         static_cast<int64_t>(0x8000000000000001ULL)},
-        {[](blob_buf *b) { blobmsg_add_double(b, "v", -0.25); }, 0, 0},
-        {[](blob_buf *b) { blobmsg_add_string(b, "v", "text"); }, 0, 0},
-        // clang-format on
-    };
-    for (const row &r : rows) {
-        scoped_buf sb;
-        r.add(&sb.b);
-        SCOPED_TRACE(blobmsg_type(sb.first()));
-        EXPECT_EQ(blobmsg_cast_u64(sb.first()), r.u);
-        EXPECT_EQ(blobmsg_cast_s64(sb.first()), r.s);
-    }
-    EXPECT_EQ(blobmsg_get_string(nullptr), nullptr);
-    EXPECT_EQ(blobmsg_data(nullptr), nullptr);
-    EXPECT_EQ(blobmsg_data_len(nullptr), 0u);
-}
-
 TEST(BlobmsgCheck, AttrValidation)
 {
     struct row {
@@ -368,48 +339,6 @@ TEST(BlobmsgParse, MatchesByNameAndTypeFirstDuplicateWinning)
     ASSERT_EQ(blobmsg_parse_attr(parse_policy, P_MAX, tb, sb.b.head), 0);
     EXPECT_STREQ(blobmsg_get_string(tb[P_NAME]), "first");
     EXPECT_EQ(blobmsg_parse(parse_policy, P_MAX, tb, nullptr, 16), -EINVAL);
-}
-
-TEST(BlobmsgParse, ArrayFillsSlotsPositionally)
-{
-    static const blobmsg_policy two_ints[] = {{nullptr, BLOBMSG_TYPE_INT32}, {nullptr, BLOBMSG_TYPE_INT32}};
-    static const blobmsg_policy str_int[] = {{nullptr, BLOBMSG_TYPE_STRING}, {nullptr, BLOBMSG_TYPE_INT32}};
-    static const blobmsg_policy anything[] = {{nullptr, BLOBMSG_TYPE_UNSPEC}};
-    struct row {
-        const char *what;
-        const blobmsg_policy *policy;
-        int n;
-        bool malformed_tail;
-        int ret;
-        const char *values; // what each slot holds
-    } rows[] = {
-        // clang-format off
-        {"mismatch skipped", two_ints, 2, false, 0, "1,2"},
-        {"slot waits for its type", str_int, 2, false, 0, "x,2"},
-        {"stops when slots are full", anything, 1, true, 0, "1"},
-        {"invalid element", two_ints, 2, true, -1, ""},
-        // clang-format on
-    };
-    for (const row &r : rows) {
-        SCOPED_TRACE(r.what);
-        scoped_buf sb;
-        blobmsg_add_u32(&sb.b, nullptr, 1);
-        blobmsg_add_string(&sb.b, nullptr, "x");
-        if (r.malformed_tail)
-            blobmsg_add_field(&sb.b, BLOBMSG_TYPE_INT32, nullptr, "ab", 2);
-        else
-            blobmsg_add_u32(&sb.b, nullptr, 2);
-        blob_attr *tb[2] = {};
-        EXPECT_EQ(blobmsg_parse_array(r.policy, r.n, tb, blob_data(sb.b.head), blob_len(sb.b.head)), r.ret);
-        std::string values;
-        for (int i = 0; i < r.n && r.ret == 0; i++) {
-            ASSERT_NE(tb[i], nullptr);
-            values += i ? "," : "";
-            values += blobmsg_type(tb[i]) == BLOBMSG_TYPE_STRING ? blobmsg_get_string(tb[i])
-                                                                 : std::to_string(blobmsg_get_u32(tb[i]));
-        }
-        EXPECT_EQ(values, r.values);
-    }
 }
 
 } // namespace
