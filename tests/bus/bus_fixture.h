@@ -15,7 +15,7 @@ protected:
 	{
 		ASSERT_FALSE(dir.path().empty());
 		sock = dir.path() + "/ubus.sock";
-		broker = start_broker(sock);
+		broker = start_broker(sock, broker_args);
 		ASSERT_TRUE(broker) << "broker did not start";
 		peer = start_peer(sock);
 		ASSERT_TRUE(peer) << "peer did not publish its objects";
@@ -41,7 +41,8 @@ protected:
 		}
 	}
 
-	temp_dir dir;
+	temp_root dir;
+	std::vector<std::string> broker_args;
 	std::string sock;
 	std::unique_ptr<process> broker;
 	std::unique_ptr<process> peer;

@@ -1,9 +1,11 @@
-// Helpers for the bus tests: a temporary directory, child processes that are
-// always reaped, the broker and the test peer as real executables, and the
-// CLI run with its output captured.
+// Helpers for the bus tests (temporary directories are temp_root's): child
+// processes that are always reaped, the broker and the test peer as real
+// executables, and the CLI run with its output captured.
 #pragma once
 
 #include <libubus.h>
+
+#include "src/util/root_test_support.h"
 
 #include <functional>
 #include <memory>
@@ -12,49 +14,39 @@
 #include <vector>
 #include <sys/types.h>
 
-namespace bus_test {
-
-class temp_dir {
-public:
-	temp_dir();
-	~temp_dir();
-	temp_dir(const temp_dir &) = delete;
-	temp_dir &operator=(const temp_dir &) = delete;
-	const std::string &path() const { return path_; }
-
-private:
-	std::string path_;
-};
+namespace bus_test
+{
 
 // A child process; killed (SIGKILL unless stopped before) and reaped on
 // destruction.
-class process {
-public:
-	// Starts argv; with capture, the child's stdout is readable by line().
-	process(const std::vector<std::string> &argv, bool capture = false);
-	~process();
-	process(const process &) = delete;
-	process &operator=(const process &) = delete;
+class process
+{
+  public:
+    // Starts argv; with capture, the child's stdout is readable by line().
+    process(const std::vector<std::string> &argv, bool capture = false);
+    ~process();
+    process(const process &) = delete;
+    process &operator=(const process &) = delete;
 
-	// Next stdout line within timeout_ms, or false.
-	bool line(std::string *out, int timeout_ms);
-	// Sends sig and waits up to timeout_ms; returns the exit status
-	// (128+signal if killed), or -1 if it did not end.
-	int stop(int sig, int timeout_ms = 5000);
-	bool running();
-	pid_t pid() const { return pid_; }
+    // Next stdout line within timeout_ms, or false.
+    bool line(std::string *out, int timeout_ms);
+    // Sends sig and waits up to timeout_ms; returns the exit status
+    // (128+signal if killed), or -1 if it did not end.
+    int stop(int sig, int timeout_ms = 5000);
+    bool running();
+    pid_t pid() const { return pid_; }
 
-private:
-	pid_t pid_ = -1;
-	int out_ = -1;
-	std::string buf_;
-	int status_ = -1;
+  private:
+    pid_t pid_ = -1;
+    int out_ = -1;
+    std::string buf_;
+    int status_ = -1;
 };
 
 struct cli_result {
-	int code;
-	std::string out;
-	std::string err;
+    int code;
+    std::string out;
+    std::string err;
 };
 
 // Runs wwan-bus with args (argv[0] excluded); stdin is /dev/null, stdout and
@@ -72,9 +64,7 @@ bool wait_until(int timeout_ms, const std::function<bool()> &fn);
 
 std::string json_of(struct blob_attr *attr);
 
-// The broker's resident memory (kB) and the CPU time it used (clock ticks),
-// from /proc; -1 when unreadable.
-long rss_kb(pid_t pid);
+// The CPU time a process used (clock ticks), from /proc; -1 when unreadable.
 long cpu_ticks(pid_t pid);
 
 } // namespace bus_test

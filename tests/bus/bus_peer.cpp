@@ -1,18 +1,17 @@
-// Test peer: publishes the object "test" (and "test.other") through an
+// Test peer: publishes the object "test" through an
 // automatically reconnecting bus connection, listens to "peer.*" events, and
 // prints "ready" once its objects are published.
 #include <libubus.h>
 
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
 
-namespace {
+namespace
+{
 
 struct ubus_auto_conn conn;
 struct blob_buf b;
@@ -20,259 +19,185 @@ std::vector<std::string> events_seen;
 struct ubus_request_data deferred_req;
 struct uloop_timeout defer_timer;
 bool have_deferred;
-struct ubus_request_data silent_req[8];
-int silent_count;
 
 enum { TYPED_NUM, TYPED_NAME, __TYPED_MAX };
 const struct blobmsg_policy typed_policy[] = {
-	{"num", BLOBMSG_TYPE_INT32},
-	{"name", BLOBMSG_TYPE_STRING},
+    {"num", BLOBMSG_TYPE_INT32},
+    {"name", BLOBMSG_TYPE_STRING},
 };
 
 const struct blobmsg_policy masked_policy[] = {
-	{"num", BLOBMSG_TYPE_INT32},
-	{"skipped", BLOBMSG_TYPE_STRING},
-	{"d", BLOBMSG_TYPE_DOUBLE},
+    {"num", BLOBMSG_TYPE_INT32},
+    {"skipped", BLOBMSG_TYPE_STRING},
+    {"d", BLOBMSG_TYPE_DOUBLE},
 };
 
-const struct blobmsg_policy size_policy[] = {
-	{"size", BLOBMSG_TYPE_INT32},
-};
-
-int echo_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-	    const char *, struct blob_attr *msg)
+int echo_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
+            struct blob_attr *msg)
 {
-	ubus_send_reply(ctx, req, msg);
-	return 0;
+    ubus_send_reply(ctx, req, msg);
+    return 0;
 }
 
-int typed_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-	     const char *, struct blob_attr *msg)
+int typed_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
+             struct blob_attr *msg)
 {
-	struct blob_attr *tb[__TYPED_MAX];
-	blobmsg_parse(typed_policy, __TYPED_MAX, tb, blob_data(msg), blob_len(msg));
-	if (!tb[TYPED_NUM] || !tb[TYPED_NAME])
-		return UBUS_STATUS_INVALID_ARGUMENT;
-	blob_buf_init(&b, 0);
-	blobmsg_add_u32(&b, "num", blobmsg_get_u32(tb[TYPED_NUM]) * 2);
-	blobmsg_add_string(&b, "name", blobmsg_get_string(tb[TYPED_NAME]));
-	ubus_send_reply(ctx, req, b.head);
-	return 0;
+    struct blob_attr *tb[__TYPED_MAX];
+    blobmsg_parse(typed_policy, __TYPED_MAX, tb, blob_data(msg), blob_len(msg));
+    if (!tb[TYPED_NUM] || !tb[TYPED_NAME])
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    blob_buf_init(&b, 0);
+    blobmsg_add_u32(&b, "num", blobmsg_get_u32(tb[TYPED_NUM]) * 2);
+    blobmsg_add_string(&b, "name", blobmsg_get_string(tb[TYPED_NAME]));
+    ubus_send_reply(ctx, req, b.head);
+    return 0;
 }
 
-int whoami_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-	      const char *, struct blob_attr *)
+int whoami_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
+              struct blob_attr *)
 {
-	blob_buf_init(&b, 0);
-	blobmsg_add_string(&b, "user", req->acl.user ? req->acl.user : "");
-	blobmsg_add_string(&b, "object", req->acl.object ? req->acl.object : "");
-	ubus_send_reply(ctx, req, b.head);
-	return 0;
+    blob_buf_init(&b, 0);
+    blobmsg_add_string(&b, "user", req->acl.user ? req->acl.user : "");
+    blobmsg_add_string(&b, "object", req->acl.object ? req->acl.object : "");
+    ubus_send_reply(ctx, req, b.head);
+    return 0;
 }
 
 void defer_done(struct uloop_timeout *)
 {
-	blob_buf_init(&b, 0);
-	blobmsg_add_u8(&b, "deferred", true);
-	ubus_send_reply(&conn.ctx, &deferred_req, b.head);
-	ubus_complete_deferred_request(&conn.ctx, &deferred_req, 0);
-	have_deferred = false;
+    blob_buf_init(&b, 0);
+    blobmsg_add_u8(&b, "deferred", true);
+    ubus_send_reply(&conn.ctx, &deferred_req, b.head);
+    ubus_complete_deferred_request(&conn.ctx, &deferred_req, 0);
+    have_deferred = false;
 }
 
-int defer_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-	     const char *, struct blob_attr *)
+int defer_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
+             struct blob_attr *)
 {
-	if (have_deferred)
-		return UBUS_STATUS_UNKNOWN_ERROR;
-	ubus_defer_request(ctx, req, &deferred_req);
-	have_deferred = true;
-	defer_timer.cb = defer_done;
-	uloop_timeout_set(&defer_timer, 50);
-	return 0;
+    if (have_deferred)
+        return UBUS_STATUS_UNKNOWN_ERROR;
+    ubus_defer_request(ctx, req, &deferred_req);
+    have_deferred = true;
+    defer_timer.cb = defer_done;
+    uloop_timeout_set(&defer_timer, 50);
+    return 0;
 }
 
-int silent_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-	      const char *, struct blob_attr *)
+int silent_cb(struct ubus_context *, struct ubus_object *, struct ubus_request_data *req, const char *,
+              struct blob_attr *)
 {
-	// Never answered: the caller's time-out is what is being tested.
-	if (silent_count < 8)
-		ubus_defer_request(ctx, req, &silent_req[silent_count++]);
-	else
-		req->deferred = true;
-	return 0;
+    // Never answered: the caller's time-out is what is being tested.
+    req->deferred = true;
+    return 0;
 }
 
-int exit_cb(struct ubus_context *, struct ubus_object *, struct ubus_request_data *,
-	    const char *, struct blob_attr *)
+int fail_cb(struct ubus_context *, struct ubus_object *, struct ubus_request_data *, const char *, struct blob_attr *)
 {
-	_exit(0);
-}
-
-int fail_cb(struct ubus_context *, struct ubus_object *, struct ubus_request_data *,
-	    const char *, struct blob_attr *)
-{
-	return UBUS_STATUS_NOT_SUPPORTED;
+    return UBUS_STATUS_NOT_SUPPORTED;
 }
 
 struct ubus_object test_obj;
 
-int notify_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-	      const char *, struct blob_attr *msg)
+int notify_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
+              struct blob_attr *msg)
 {
-	int rc = ubus_notify(ctx, &test_obj, "ping", msg, 2000);
-	blob_buf_init(&b, 0);
-	blobmsg_add_u32(&b, "rc", rc);
-	ubus_send_reply(ctx, req, b.head);
-	return 0;
+    int rc = ubus_notify(ctx, &test_obj, "ping", msg, 2000);
+    blob_buf_init(&b, 0);
+    blobmsg_add_u32(&b, "rc", rc);
+    ubus_send_reply(ctx, req, b.head);
+    return 0;
 }
 
-int state_cb(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-	     const char *, struct blob_attr *)
+int state_cb(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req, const char *,
+             struct blob_attr *)
 {
-	blob_buf_init(&b, 0);
-	blobmsg_add_u8(&b, "has_subscribers", obj->has_subscribers);
-	ubus_send_reply(ctx, req, b.head);
-	return 0;
+    blob_buf_init(&b, 0);
+    blobmsg_add_u8(&b, "has_subscribers", obj->has_subscribers);
+    ubus_send_reply(ctx, req, b.head);
+    return 0;
 }
 
-int event_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *,
-	     const char *, struct blob_attr *msg)
+int event_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *, const char *,
+             struct blob_attr *msg)
 {
-	return ubus_send_event(ctx, "test.event", msg);
+    return ubus_send_event(ctx, "test.event", msg);
 }
 
-int events_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-	      const char *, struct blob_attr *)
+int events_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
+              struct blob_attr *)
 {
-	blob_buf_init(&b, 0);
-	void *a = blobmsg_open_array(&b, "events");
-	for (auto &e : events_seen)
-		blobmsg_add_string(&b, nullptr, e.c_str());
-	blobmsg_close_array(&b, a);
-	ubus_send_reply(ctx, req, b.head);
-	return 0;
-}
-
-int big_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-	   const char *, struct blob_attr *msg)
-{
-	struct blob_attr *tb[1];
-	blobmsg_parse(size_policy, 1, tb, blob_data(msg), blob_len(msg));
-	size_t size = tb[0] ? blobmsg_get_u32(tb[0]) : 4096;
-	std::string s(size, 'x');
-	blob_buf_init(&b, 0);
-	blobmsg_add_string(&b, "data", s.c_str());
-	ubus_send_reply(ctx, req, b.head);
-	return 0;
-}
-
-// Reads the caller's fd and answers with its text, plus an fd of our own.
-int fd_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req,
-	  const char *, struct blob_attr *)
-{
-	int in = ubus_request_get_caller_fd(req);
-	char buf[64] = "";
-	if (in >= 0) {
-		ssize_t n = read(in, buf, sizeof(buf) - 1);
-		buf[n > 0 ? n : 0] = 0;
-		close(in);
-	}
-	blob_buf_init(&b, 0);
-	blobmsg_add_string(&b, "got", buf);
-	ubus_send_reply(ctx, req, b.head);
-	int p[2];
-	if (pipe(p) == 0) {
-		ssize_t w = write(p[1], "pong", 4);
-		(void)w;
-		close(p[1]);
-		ubus_request_set_fd(ctx, req, p[0]);
-	}
-	return 0;
+    blob_buf_init(&b, 0);
+    void *a = blobmsg_open_array(&b, "events");
+    for (auto &e : events_seen)
+        blobmsg_add_string(&b, nullptr, e.c_str());
+    blobmsg_close_array(&b, a);
+    ubus_send_reply(ctx, req, b.head);
+    return 0;
 }
 
 const struct ubus_method test_methods[] = {
-	UBUS_METHOD_NOARG("echo", echo_cb),
-	UBUS_METHOD("typed", typed_cb, typed_policy),
-	UBUS_METHOD_MASK("masked", echo_cb, masked_policy, (1 << 0) | (1 << 2)),
-	UBUS_METHOD_NOARG("whoami", whoami_cb),
-	UBUS_METHOD_NOARG("defer", defer_cb),
-	UBUS_METHOD_NOARG("silent", silent_cb),
-	UBUS_METHOD_NOARG("exit", exit_cb),
-	UBUS_METHOD_NOARG("fail", fail_cb),
-	UBUS_METHOD_NOARG("notify", notify_cb),
-	UBUS_METHOD_NOARG("state", state_cb),
-	UBUS_METHOD_NOARG("event", event_cb),
-	UBUS_METHOD_NOARG("events", events_cb),
-	UBUS_METHOD("big", big_cb, size_policy),
-	UBUS_METHOD_NOARG("fd", fd_cb),
+    UBUS_METHOD_NOARG("echo", echo_cb),
+    UBUS_METHOD("typed", typed_cb, typed_policy),
+    UBUS_METHOD_MASK("masked", echo_cb, masked_policy, (1 << 0) | (1 << 2)),
+    UBUS_METHOD_NOARG("whoami", whoami_cb),
+    UBUS_METHOD_NOARG("defer", defer_cb),
+    UBUS_METHOD_NOARG("silent", silent_cb),
+    UBUS_METHOD_NOARG("fail", fail_cb),
+    UBUS_METHOD_NOARG("notify", notify_cb),
+    UBUS_METHOD_NOARG("state", state_cb),
+    UBUS_METHOD_NOARG("event", event_cb),
+    UBUS_METHOD_NOARG("events", events_cb),
 };
 
 struct ubus_object_type test_type = UBUS_OBJECT_TYPE("test", test_methods);
 
-const struct ubus_method other_methods[] = {
-	UBUS_METHOD_NOARG("echo", echo_cb),
-};
-struct ubus_object_type other_type = UBUS_OBJECT_TYPE("test.other", other_methods);
-struct ubus_object other_obj;
-
-void on_event(struct ubus_context *, struct ubus_event_handler *, const char *type,
-	      struct blob_attr *)
+void on_event(struct ubus_context *, struct ubus_event_handler *, const char *type, struct blob_attr *)
 {
-	events_seen.push_back(type);
+    events_seen.push_back(type);
 }
 
 struct ubus_event_handler listener;
 
-void subscribe_cb(struct ubus_context *, struct ubus_object *obj)
-{
-	fprintf(stderr, "peer: has_subscribers=%d\n", obj->has_subscribers);
-}
-
 void announce_ready(struct uloop_timeout *)
 {
-	printf("ready\n");
-	fflush(stdout);
+    printf("ready\n");
+    fflush(stdout);
 }
 
 void connected(struct ubus_context *ctx)
 {
-	test_obj.name = "test";
-	test_obj.type = &test_type;
-	test_obj.methods = test_methods;
-	test_obj.n_methods = ARRAY_SIZE(test_methods);
-	test_obj.subscribe_cb = subscribe_cb;
-	other_obj.name = "test.other";
-	other_obj.type = &other_type;
-	other_obj.methods = other_methods;
-	other_obj.n_methods = ARRAY_SIZE(other_methods);
-	listener.cb = on_event;
-	if (ubus_add_object(ctx, &test_obj) || ubus_add_object(ctx, &other_obj) ||
-	    ubus_register_event_handler(ctx, &listener, "peer.*")) {
-		fprintf(stderr, "peer: publishing failed\n");
-		exit(1);
-	}
-	// Announced from inside the loop: a SIGTERM sent after "ready" must find
-	// uloop_run() already running, or the loop would clear it on entry.
-	static struct uloop_timeout ready_timer;
-	ready_timer.cb = announce_ready;
-	uloop_timeout_set(&ready_timer, 0);
+    test_obj.name = "test";
+    test_obj.type = &test_type;
+    test_obj.methods = test_methods;
+    test_obj.n_methods = ARRAY_SIZE(test_methods);
+    listener.cb = on_event;
+    if (ubus_add_object(ctx, &test_obj) || ubus_register_event_handler(ctx, &listener, "peer.*")) {
+        fprintf(stderr, "peer: publishing failed\n");
+        exit(1);
+    }
+    // Announced from inside the loop: a SIGTERM sent after "ready" must find
+    // uloop_run() already running, or the loop would clear it on entry.
+    static struct uloop_timeout ready_timer;
+    ready_timer.cb = announce_ready;
+    uloop_timeout_set(&ready_timer, 0);
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-	if (argc != 2) {
-		fprintf(stderr, "usage: %s SOCKET\n", argv[0]);
-		return 1;
-	}
-	uloop_init();
-	conn.path = argv[1];
-	conn.cb = connected;
-	ubus_auto_connect(&conn);
-	uloop_run();
-	ubus_auto_shutdown(&conn);
-	uloop_done();
-	blob_buf_free(&b);
-	return 0;
+    if (argc != 2) {
+        fprintf(stderr, "usage: %s SOCKET\n", argv[0]);
+        return 1;
+    }
+    uloop_init();
+    conn.path = argv[1];
+    conn.cb = connected;
+    ubus_auto_connect(&conn);
+    uloop_run();
+    ubus_auto_shutdown(&conn);
+    uloop_done();
+    blob_buf_free(&b);
+    return 0;
 }

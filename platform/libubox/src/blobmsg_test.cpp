@@ -9,563 +9,336 @@
 
 #include "blob_test_support.h"
 
-namespace {
-
-using blob_test::from_hex;
-using blob_test::to_hex;
-
-struct scoped_buf {
-	blob_buf b{};
-	explicit scoped_buf(int id = 0) { EXPECT_EQ(blob_buf_init(&b, id), 0); }
-	~scoped_buf() { blob_buf_free(&b); }
-	// the children only, as they go on the wire inside a container
-	std::string children_hex() const { return to_hex(blob_data(b.head), blob_len(b.head)); }
-	blob_attr *first() const { return static_cast<blob_attr *>(blob_data(b.head)); }
-};
-
-std::string canon(const char *hex)
+namespace
 {
-	return to_hex(from_hex(hex));
-}
+
+using blob_test::canon;
+using blob_test::from_hex;
+using blob_test::scoped_buf;
+using blob_test::to_hex;
 
 TEST(BlobmsgBuild, ValuesNamesAndPaddingAreByteExact)
 {
-	struct row {
-		const char *what;
-		void (*add)(blob_buf *);
-		const char *expect;
-	} rows[] = {
-		{"bool, empty name: raw length 9 in 12 bytes", [](blob_buf *b) { blobmsg_add_u8(b, "", 1); },
-		 "87 00 00 09 00 00 00 00 01 00 00 00"},
-		{"2-char name takes 8 bytes", [](blob_buf *b) { blobmsg_add_u8(b, "up", 1); },
-		 "87 00 00 0d 00 02 75 70 00 00 00 00 01 00 00 00"},
-		{"int16", [](blob_buf *b) { blobmsg_add_u16(b, "ab", 0xbeef); },
-		 "86 00 00 0e 00 02 61 62 00 00 00 00 be ef 00 00"},
-		{"int32", [](blob_buf *b) { blobmsg_add_u32(b, "num", 5); },
-		 "85 00 00 10 00 03 6e 75 6d 00 00 00 00 00 00 05"},
-		{"int64", [](blob_buf *b) { blobmsg_add_u64(b, "n", 0x0102030405060708ULL); },
-		 "84 00 00 10 00 01 6e 00 01 02 03 04 05 06 07 08"},
-		{"double", [](blob_buf *b) { blobmsg_add_double(b, "d", 1.5); },
-		 "88 00 00 10 00 01 64 00 3f f8 00 00 00 00 00 00"},
-		{"string, 5-char name", [](blob_buf *b) { blobmsg_add_string(b, "abcde", "xyz"); },
-		 "83 00 00 10 00 05 61 62 63 64 65 00 78 79 7a 00"},
-		{"6-char name takes 12 bytes", [](blob_buf *b) { blobmsg_add_string(b, "abcdef", ""); },
-		 "83 00 00 11 00 06 61 62 63 64 65 66 00 00 00 00 00 00 00 00"},
-		{"null value", [](blob_buf *b) { blobmsg_add_field(b, BLOBMSG_TYPE_UNSPEC, "z", nullptr, 0); },
-		 "80 00 00 08 00 01 7a 00"},
-		{"field is verbatim, no type check", [](blob_buf *b) {
-			 blobmsg_add_field(b, BLOBMSG_TYPE_INT32, "x", "\x01\x02", 2);
-		 },
-		 "85 00 00 0a 00 01 78 00 01 02 00 00"},
-		{"empty named table", [](blob_buf *b) { blobmsg_close_table(b, blobmsg_open_table(b, "t")); },
-		 "82 00 00 08 00 01 74 00"},
-		{"array elements unnamed, one named", [](blob_buf *b) {
-			 void *c = blobmsg_open_array(b, "a");
-			 blobmsg_add_u32(b, nullptr, 1);
-			 blobmsg_add_u32(b, "k", 2);
-			 blobmsg_close_array(b, c);
-		 },
-		 "81 00 00 20 00 01 61 00"
-		 " 85 00 00 0c 00 00 00 00 00 00 00 01"
-		 " 85 00 00 0c 00 01 6b 00 00 00 00 02"},
-		{"tables nest with padded children", [](blob_buf *b) {
-			 void *outer = blobmsg_open_table(b, "outer");
-			 void *in = blobmsg_open_table(b, "in");
-			 blobmsg_add_u8(b, "b", 0);
-			 blobmsg_close_table(b, in);
-			 blobmsg_close_table(b, outer);
-			 blobmsg_add_string(b, "s", "v");
-		 },
-		 "82 00 00 24 00 05 6f 75 74 65 72 00"
-		 " 82 00 00 18 00 02 69 6e 00 00 00 00"
-		 "  87 00 00 09 00 01 62 00 00 00 00 00"
-		 "83 00 00 0a 00 01 73 00 76 00 00 00"},
-		{"method signature table", [](blob_buf *b) {
-			 void *t = blobmsg_open_table(b, "masked");
-			 blobmsg_add_u32(b, "num", 5);
-			 blobmsg_add_u32(b, "d", 8);
-			 blobmsg_close_table(b, t);
-		 },
-		 "82 00 00 2c 00 06 6d 61 73 6b 65 64 00 00 00 00"
-		 " 85 00 00 10 00 03 6e 75 6d 00 00 00 00 00 00 05"
-		 " 85 00 00 0c 00 01 64 00 00 00 00 08"},
-		{"printf", [](blob_buf *b) { EXPECT_EQ(blobmsg_printf(b, "m", "%d-%s", 42, "x"), 4); },
-		 "83 00 00 0d 00 01 6d 00 34 32 2d 78 00 00 00 00"},
-		{"string buffer commits strlen + 1", [](blob_buf *b) {
-			 char *s = static_cast<char *>(blobmsg_alloc_string_buffer(b, "sb", 100));
-			 ASSERT_NE(s, nullptr);
-			 strcpy(s, "hello");
-			 blobmsg_add_string_buffer(b);
-			 blobmsg_add_u8(b, "", 1);
-		 },
-		 "83 00 00 12 00 02 73 62 00 00 00 00 68 65 6c 6c 6f 00 00 00"
-		 "87 00 00 09 00 00 00 00 01 00 00 00"},
-	};
-	for (const row &r : rows) {
-		SCOPED_TRACE(r.what);
-		scoped_buf sb;
-		memset(static_cast<char *>(sb.b.buf) + 4, 0xee, 128);
-		r.add(&sb.b);
-		EXPECT_EQ(sb.children_hex(), canon(r.expect));
-		EXPECT_EQ(static_cast<void *>(sb.b.head), sb.b.buf) << "unbalanced nesting";
-	}
-}
-
-TEST(BlobmsgBuild, EventPayloadInsidePlainDataAttribute)
-{
-	// a ubus DATA attribute (id 7, not extended) carrying {"k":"v"}
-	scoped_buf sb;
-	void *c = blob_nest_start(&sb.b, 7);
-	blobmsg_add_string(&sb.b, "k", "v");
-	blob_nest_end(&sb.b, c);
-	EXPECT_EQ(sb.children_hex(), canon("07 00 00 10 83 00 00 0a 00 01 6b 00 76 00 00 00"));
-	blob_attr *data = sb.first();
-	EXPECT_EQ(blobmsg_data(data), blob_data(data));
-	EXPECT_EQ(blobmsg_data_len(data), 12u);
-}
-
-TEST(BlobmsgBuild, BufInitWritesPlainTableHead)
-{
-	blob_buf b{};
-	ASSERT_EQ(blobmsg_buf_init(&b), 0);
-	EXPECT_EQ(to_hex(b.head, 4), "02 00 00 04");
-	blob_buf_free(&b);
-}
-
-TEST(BlobmsgBuild, AddBlobCopiesTypeNameAndValue)
-{
-	scoped_buf src, dst;
-	void *t = blobmsg_open_table(&src.b, "tbl");
-	blobmsg_add_string(&src.b, "a", "b");
-	blobmsg_close_table(&src.b, t);
-	ASSERT_EQ(blobmsg_add_blob(&dst.b, src.first()), 0);
-	EXPECT_EQ(dst.children_hex(), src.children_hex());
-}
-
-TEST(BlobmsgBuild, LargeStringBufferGrowsStorage)
-{
-	scoped_buf sb;
-	std::string text(5000, 'z');
-	EXPECT_EQ(blobmsg_printf(&sb.b, "big", "%s", text.c_str()), 5000);
-	char *s = static_cast<char *>(blobmsg_alloc_string_buffer(&sb.b, "x", 10));
-	ASSERT_NE(s, nullptr);
-	s = static_cast<char *>(blobmsg_realloc_string_buffer(&sb.b, 3000));
-	ASSERT_NE(s, nullptr);
-	memset(s, 'y', 3000);
-	s[3000] = 0;
-	blobmsg_add_string_buffer(&sb.b);
-	blob_attr *pos;
-	size_t rem;
-	std::vector<size_t> lens;
-	blob_for_each_attr(pos, sb.b.head, rem) {
-		EXPECT_TRUE(blobmsg_check_attr(pos, true));
-		lens.push_back(strlen(blobmsg_get_string(pos)));
-	}
-	EXPECT_EQ(lens, (std::vector<size_t>{5000, 3000}));
-}
-
-TEST(BlobmsgGet, DecodesAndCastsIntegers)
-{
-	scoped_buf sb;
-	blobmsg_add_u8(&sb.b, "i8", 0xff);
-	blobmsg_add_u16(&sb.b, "i16", 0x8000);
-	blobmsg_add_u32(&sb.b, "i32", 0xffffffff);
-	blobmsg_add_u64(&sb.b, "i64", 0x8000000000000001ULL);
-	blobmsg_add_double(&sb.b, "d", -0.25);
-	blobmsg_add_string(&sb.b, "s", "text");
-
-	struct row {
-		uint64_t u;
-		int64_t s;
-	} expect[] = {
-		{0xff, -1},
-		{0x8000, -32768},
-		{0xffffffff, -1},
-		{0x8000000000000001ULL, static_cast<int64_t>(0x8000000000000001ULL)},
-		{0, 0},  // double is no integer
-		{0, 0},
-	};
-	blob_attr *pos;
-	size_t rem;
-	size_t i = 0;
-	blob_for_each_attr(pos, sb.b.head, rem) {
-		SCOPED_TRACE(blobmsg_name(pos));
-		ASSERT_LT(i, std::size(expect));
-		EXPECT_EQ(blobmsg_cast_u64(pos), expect[i].u);
-		EXPECT_EQ(blobmsg_cast_s64(pos), expect[i].s);
-		i++;
-	}
-	EXPECT_EQ(i, std::size(expect));
-
-	EXPECT_EQ(blobmsg_get_string(nullptr), nullptr);
-	EXPECT_EQ(blobmsg_data(nullptr), nullptr);
-	EXPECT_EQ(blobmsg_data_len(nullptr), 0u);
+    struct row {
+        const char *what;
+        void (*add)(blob_buf *);
+        const char *expect;
+    } rows[] = {
+        // clang-format off
+        {"bool, empty name: raw length 9 in 12 bytes", [](blob_buf *b) { blobmsg_add_u8(b, "", 1); },
+         "87000009 00000000 01000000"},
+        {"2-char name takes 8 bytes", [](blob_buf *b) { blobmsg_add_u8(b, "up", 1); },
+         "8700000d 00027570 00000000 01000000"},
+        {"int16", [](blob_buf *b) { blobmsg_add_u16(b, "ab", 0xbeef); }, "8600000e 00026162 00000000 beef0000"},
+        {"int32", [](blob_buf *b) { blobmsg_add_u32(b, "num", 5); }, "85000010 00036e75 6d000000 00000005"},
+        {"int64", [](blob_buf *b) { blobmsg_add_u64(b, "n", 0x0102030405060708ULL); },
+         "84000010 00016e00 01020304 05060708"},
+        {"double", [](blob_buf *b) { blobmsg_add_double(b, "d", 1.5); }, "88000010 00016400 3ff80000 00000000"},
+        {"string, 5-char name", [](blob_buf *b) { blobmsg_add_string(b, "abcde", "xyz"); },
+         "83000010 00056162 63646500 78797a00"},
+        {"6-char name takes 12 bytes", [](blob_buf *b) { blobmsg_add_string(b, "abcdef", ""); },
+         "83000011 00066162 63646566 00000000 00000000"},
+        {"null value", [](blob_buf *b) { blobmsg_add_field(b, BLOBMSG_TYPE_UNSPEC, "z", nullptr, 0); },
+         "80000008 00017a00"},
+        {"field is verbatim, no type check",
+         [](blob_buf *b) { blobmsg_add_field(b, BLOBMSG_TYPE_INT32, "x", "ab", 2); },
+         "8500000a 00017800 61620000"},
+        {"array elements unnamed, one named",
+         [](blob_buf *b) {
+             void *c = blobmsg_open_array(b, "a");
+             blobmsg_add_u32(b, nullptr, 1), blobmsg_add_u32(b, "k", 2);
+             blobmsg_close_array(b, c);
+         },
+         "81000020 00016100 8500000c 00000000 00000001 8500000c 00016b00 00000002"},
+        {"tables nest with padded children",
+         [](blob_buf *b) {
+             void *outer = blobmsg_open_table(b, "outer");
+             void *in = blobmsg_open_table(b, "in");
+             blobmsg_add_u8(b, "b", 0);
+             blobmsg_close_table(b, in);
+             blobmsg_close_table(b, outer);
+             blobmsg_add_string(b, "s", "v");
+         },
+         "82000024 00056f75 74657200 82000018 0002696e 00000000"
+         " 87000009 00016200 00000000 8300000a 00017300 76000000"},
+        {"table copied whole by add_blob",
+         [](blob_buf *b) {
+             scoped_buf src;
+             blobmsg_close_table(&src.b, blobmsg_open_table(&src.b, "t"));
+             EXPECT_EQ(blobmsg_add_blob(b, src.first()), 0);
+         },
+         "82000008 00017400"},
+        {"printf", [](blob_buf *b) { EXPECT_EQ(blobmsg_printf(b, "m", "%d-%s", 42, "x"), 4); },
+         "8300000d 00016d00 34322d78 00000000"},
+        {"string buffer commits strlen + 1",
+         [](blob_buf *b) {
+             strcpy(static_cast<char *>(blobmsg_alloc_string_buffer(b, "sb", 100)), "hello");
+             blobmsg_add_string_buffer(b);
+             blobmsg_add_u8(b, "", 1);
+         },
+         "83000012 00027362 00000000 68656c6c 6f000000 87000009 00000000 01000000"},
+        // clang-format on
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        scoped_buf sb;
+        memset(static_cast<char *>(sb.b.buf) + 4, 0xee, 128);
+        r.add(&sb.b);
+        EXPECT_EQ(sb.children_hex(), canon(r.expect));
+        EXPECT_EQ(static_cast<void *>(sb.b.head), sb.b.buf) << "unbalanced nesting";
+    }
+    blob_buf b{};
+    ASSERT_EQ(blobmsg_buf_init(&b), 0);
+    EXPECT_EQ(to_hex(b.head, 4), "02000004") << "a message is a plain table";
+    blob_buf_free(&b);
 }
 
 TEST(BlobmsgCheck, AttrValidation)
 {
-	struct row {
-		const char *what;
-		const char *bytes;
-		bool ok_unnamed;  // name not required
-		bool ok_named;    // name required
-	} rows[] = {
-		{"named string", "83 00 00 0a 00 01 6b 00 76 00", true, true},
-		{"unnamed int32", "85 00 00 0c 00 00 00 00 00 00 00 01", true, false},
-		{"plain attribute has no name", "05 00 00 08 00 00 00 01", true, false},
-		{"plain attribute, data checked as INT8", "07 00 00 06 00 01", false, false},
-		{"payload too short for namelen", "83 00 00 05 00", false, false},
-		{"name header beyond payload", "83 00 00 08 00 05 61 62", false, false},
-		{"name not NUL-terminated", "83 00 00 0c 00 01 61 62 78 00 00 00", false, false},
-		{"type id beyond DOUBLE", "89 00 00 08 00 00 00 00", false, false},
-		{"array children not inspected", "81 00 00 0c 00 00 00 00 ff ff ff ff", true, false},
-		{"table children not inspected", "82 00 00 0c 00 01 74 00 00 00 00 01", true, true},
-		{"int32 with 3 bytes", "85 00 00 0b 00 00 00 00 00 00 01", false, false},
-		{"int8 with 2 bytes", "87 00 00 0a 00 00 00 00 01 01", false, false},
-		{"int16 with 2 bytes", "86 00 00 0a 00 00 00 00 01 01", true, false},
-		{"double with 4 bytes", "88 00 00 0c 00 00 00 00 00 00 00 01", false, false},
-		{"double with 12 bytes", "88 00 00 14 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00", true, false},
-		{"string without NUL", "83 00 00 0a 00 00 00 00 61 62", false, false},
-		{"empty string value", "83 00 00 08 00 00 00 00", false, false},
-		{"unspec with any data", "80 00 00 0b 00 00 00 00 01 02 03", true, false},
-		{"raw length below header", "83 00 00 02", false, false},
-	};
-	for (const row &r : rows) {
-		SCOPED_TRACE(r.what);
-		std::vector<uint8_t> raw = from_hex(r.bytes);
-		raw.resize(raw.size() + 8, 0);
-		auto *a = reinterpret_cast<const blob_attr *>(raw.data());
-		EXPECT_EQ(blobmsg_check_attr(a, false), r.ok_unnamed);
-		EXPECT_EQ(blobmsg_check_attr(a, true), r.ok_named);
-	}
-
-	std::vector<uint8_t> raw = from_hex("85 00 00 10 00 03 6e 75 6d 00 00 00 00 00 00 05");
-	auto *a = reinterpret_cast<const blob_attr *>(raw.data());
-	EXPECT_TRUE(blobmsg_check_attr_len(a, true, 16));
-	EXPECT_FALSE(blobmsg_check_attr_len(a, true, 15));  // truncated message
-	EXPECT_FALSE(blobmsg_check_attr_len(a, true, 3));
-	EXPECT_FALSE(blobmsg_check_attr(nullptr, false));
+    struct row {
+        const char *what;
+        const char *bytes;
+        bool ok_unnamed; // name not required
+        bool ok_named;   // name required
+    } rows[] = {
+        // clang-format off
+        {"named string", "8300000a 00016b00 7600", true, true},
+        {"unnamed int32", "8500000c 00000000 00000001", true, false},
+        {"plain attribute has no name", "05000008 00000001", true, false},
+        {"plain attribute, data checked as INT8", "07000006 0001", false, false},
+        {"payload too short for namelen", "83000005 00", false, false},
+        {"name header beyond payload", "83000008 00056162", false, false},
+        {"name not NUL-terminated", "8300000c 00016162 78000000", false, false},
+        {"type id beyond DOUBLE", "89000008 00000000", false, false},
+        {"array children not inspected", "8100000c 00000000 ffffffff", true, false},
+        {"table children not inspected", "8200000c 00017400 00000001", true, true},
+        {"int32 with 3 bytes", "8500000b 00000000 000001", false, false},
+        {"int8 with 2 bytes", "8700000a 00000000 0101", false, false},
+        {"int32 with 8 bytes", "85000010 00000000 00000000 00000001", false, false},
+        {"int64 with 4 bytes", "8400000c 00000000 00000001", false, false},
+        {"int16 with 2 bytes", "8600000a 00000000 0101", true, false},
+        {"double with 4 bytes", "8800000c 00000000 00000001", false, false},
+        {"double with 12 bytes", "88000014 00000000 00000000 00000000 00000000", true, false},
+        {"string without NUL", "8300000a 00000000 6162", false, false},
+        {"empty string value", "83000008 00000000", false, false},
+        {"unspec with any data", "8000000b 00000000 010203", true, false},
+        {"raw length below header", "83000002", false, false},
+        // clang-format on
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        std::vector<uint8_t> raw = from_hex(r.bytes);
+        raw.resize(raw.size() + 8, 0);
+        auto *a = reinterpret_cast<const blob_attr *>(raw.data());
+        EXPECT_EQ(blobmsg_check_attr(a, false), r.ok_unnamed);
+        EXPECT_EQ(blobmsg_check_attr(a, true), r.ok_named);
+    }
+    std::vector<uint8_t> raw = from_hex("85000010 00036e75 6d000000 00000005");
+    auto *a = reinterpret_cast<const blob_attr *>(raw.data());
+    EXPECT_TRUE(blobmsg_check_attr_len(a, true, 16));
+    EXPECT_FALSE(blobmsg_check_attr_len(a, true, 15)); // truncated message
+    EXPECT_FALSE(blobmsg_check_attr(nullptr, false));
 }
 
 TEST(BlobmsgCheck, ArrayCountsDirectChildren)
 {
-	struct row {
-		const char *what;
-		void (*fill)(blob_buf *);
-		int type;
-		int result;
-	} rows[] = {
-		{"int array, any type", [](blob_buf *b) {
-			 void *c = blobmsg_open_array(b, "a");
-			 for (uint32_t i = 0; i < 3; i++)
-				 blobmsg_add_u32(b, nullptr, i);
-			 blobmsg_close_array(b, c);
-		 }, BLOBMSG_TYPE_UNSPEC, 3},
-		{"mixed array, int type", [](blob_buf *b) {
-			 void *c = blobmsg_open_array(b, "a");
-			 blobmsg_add_u32(b, nullptr, 1);
-			 blobmsg_add_string(b, nullptr, "x");
-			 blobmsg_close_array(b, c);
-		 }, BLOBMSG_TYPE_INT32, -1},
-		{"named array elements allowed", [](blob_buf *b) {
-			 void *c = blobmsg_open_array(b, "a");
-			 blobmsg_add_string(b, "n", "x");
-			 blobmsg_close_array(b, c);
-		 }, BLOBMSG_TYPE_STRING, 1},
-		{"table needs named children", [](blob_buf *b) {
-			 void *c = blobmsg_open_table(b, "t");
-			 blobmsg_add_string(b, "n", "x");
-			 blobmsg_add_string(b, nullptr, "y");
-			 blobmsg_close_table(b, c);
-		 }, BLOBMSG_TYPE_UNSPEC, -1},
-		{"table of named children", [](blob_buf *b) {
-			 void *c = blobmsg_open_table(b, nullptr);
-			 blobmsg_add_string(b, "n", "x");
-			 blobmsg_add_u8(b, "m", 1);
-			 blobmsg_close_table(b, c);
-		 }, BLOBMSG_TYPE_UNSPEC, 2},
-		{"bad child", [](blob_buf *b) {
-			 void *c = blobmsg_open_array(b, "a");
-			 blobmsg_add_field(b, BLOBMSG_TYPE_INT32, nullptr, "ab", 2);
-			 blobmsg_close_array(b, c);
-		 }, BLOBMSG_TYPE_UNSPEC, -1},
-		{"not recursive", [](blob_buf *b) {
-			 void *c = blobmsg_open_array(b, "a");
-			 void *d = blobmsg_open_array(b, nullptr);
-			 blobmsg_add_field(b, BLOBMSG_TYPE_INT32, nullptr, "ab", 2);
-			 blobmsg_close_array(b, d);
-			 blobmsg_close_array(b, c);
-		 }, BLOBMSG_TYPE_ARRAY, 1},
-		{"scalar is no list", [](blob_buf *b) { blobmsg_add_u32(b, "x", 1); }, BLOBMSG_TYPE_UNSPEC, -1},
-		{"type out of range", [](blob_buf *b) { blobmsg_close_array(b, blobmsg_open_array(b, "a")); },
-		 BLOBMSG_CAST_INT64, -1},
-	};
-	for (const row &r : rows) {
-		SCOPED_TRACE(r.what);
-		scoped_buf sb;
-		r.fill(&sb.b);
-		EXPECT_EQ(blobmsg_check_array(sb.first(), r.type), r.result);
-		EXPECT_EQ(blobmsg_check_attr_list(sb.first(), r.type), r.result >= 0);
-	}
-	EXPECT_EQ(blobmsg_check_array(nullptr, BLOBMSG_TYPE_UNSPEC), -1);
+    struct row {
+        const char *what;
+        void (*fill)(blob_buf *);
+        int type;
+        int result;
+    } rows[] = {
+        // clang-format off
+        {"int array, any type", [](blob_buf *b) { blobmsg_add_u32(b, nullptr, 1), blobmsg_add_u32(b, nullptr, 2); },
+         BLOBMSG_TYPE_UNSPEC, 2},
+        {"mixed array, int type",
+         [](blob_buf *b) { blobmsg_add_u32(b, nullptr, 1), blobmsg_add_string(b, nullptr, "x"); }, BLOBMSG_TYPE_INT32,
+         -1},
+        {"named array elements allowed", [](blob_buf *b) { blobmsg_add_string(b, "n", "x"); }, BLOBMSG_TYPE_STRING, 1},
+        {"bad child", [](blob_buf *b) { blobmsg_add_field(b, BLOBMSG_TYPE_INT32, nullptr, "ab", 2); },
+         BLOBMSG_TYPE_UNSPEC, -1},
+        {"not recursive",
+         [](blob_buf *b) {
+             void *d = blobmsg_open_array(b, nullptr);
+             blobmsg_add_field(b, BLOBMSG_TYPE_INT32, nullptr, "ab", 2);
+             blobmsg_close_array(b, d);
+         },
+         BLOBMSG_TYPE_ARRAY, 1},
+        {"type out of range", [](blob_buf *) {}, BLOBMSG_CAST_INT64, -1},
+        // clang-format on
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        scoped_buf sb;
+        void *c = blobmsg_open_array(&sb.b, "a");
+        r.fill(&sb.b);
+        blobmsg_close_array(&sb.b, c);
+        EXPECT_EQ(blobmsg_check_array(sb.first(), r.type), r.result);
+        EXPECT_EQ(blobmsg_check_attr_list(sb.first(), r.type), r.result >= 0);
+    }
+    scoped_buf sb;
+    void *t = blobmsg_open_table(&sb.b, "t");
+    blobmsg_add_string(&sb.b, "n", "x");
+    blobmsg_add_string(&sb.b, nullptr, "y");
+    blobmsg_close_table(&sb.b, t);
+    blobmsg_add_u32(&sb.b, "x", 1);
+    EXPECT_EQ(blobmsg_check_array(sb.first(), BLOBMSG_TYPE_UNSPEC), -1) << "table needs named children";
+    EXPECT_EQ(blobmsg_check_array(blob_next(sb.first()), BLOBMSG_TYPE_UNSPEC), -1) << "scalar is no list";
+    EXPECT_EQ(blobmsg_check_array(nullptr, BLOBMSG_TYPE_UNSPEC), -1);
 }
 
 // A member "x" holding `levels` nested containers, tables and arrays by turns
 // from the top, with a string at the bottom: a message of depth `levels`.
 void add_chain(blob_buf *b, int levels)
 {
-	std::vector<void *> open;
-	for (int i = 0; i < levels; i++) {
-		const char *name = i == 0 ? "x" : i % 2 ? "t" : nullptr;  // arrays hold unnamed values
-		open.push_back(blobmsg_open_nested(b, name, i % 2 != 0));
-		ASSERT_NE(open.back(), nullptr);
-	}
-	blobmsg_add_string(b, levels % 2 ? "t" : "x", "end");
-	while (!open.empty()) {
-		blob_nest_end(b, open.back());
-		open.pop_back();
-	}
+    std::vector<void *> open;
+    for (int i = 0; i < levels; i++)
+        open.push_back(blobmsg_open_nested(b, i == 0 ? "x" : i % 2 ? "t" : nullptr, i % 2 != 0));
+    blobmsg_add_string(b, levels % 2 ? "t" : "x", "end");
+    for (; !open.empty(); open.pop_back())
+        blob_nest_end(b, open.back());
 }
 
-TEST(BlobmsgDepth, CountsContainersBelowTheMessage)
+TEST(BlobmsgDepth, CountsContainersBelowTheMessageUpToTheLimit)
 {
-	struct row {
-		const char *what;
-		void (*add)(blob_buf *);
-		int depth;
-	} rows[] = {
-		{"empty message", [](blob_buf *) {}, 0},
-		{"scalars only", [](blob_buf *b) {
-			 blobmsg_add_u32(b, "n", 1);
-			 blobmsg_add_string(b, "s", "v");
-		 },
-		 0},
-		{"empty table", [](blob_buf *b) { blobmsg_close_table(b, blobmsg_open_table(b, "t")); }, 1},
-		{"table holding an array", [](blob_buf *b) {
-			 void *t = blobmsg_open_table(b, "a");
-			 void *c = blobmsg_open_array(b, "b");
-			 blobmsg_add_u32(b, nullptr, 1);
-			 blobmsg_close_array(b, c);
-			 blobmsg_close_table(b, t);
-		 },
-		 2},
-		{"deepest member first", [](blob_buf *b) {
-			 add_chain(b, 4);
-			 blobmsg_close_table(b, blobmsg_open_table(b, "flat"));
-		 },
-		 4},
-		{"deepest member last", [](blob_buf *b) {
-			 blobmsg_close_array(b, blobmsg_open_array(b, "flat"));
-			 add_chain(b, 3);
-		 },
-		 3},
-	};
-	for (const row &r : rows) {
-		SCOPED_TRACE(r.what);
-		scoped_buf sb;
-		r.add(&sb.b);
-		EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, WWAN_BLOBMSG_MAX_DEPTH), r.depth);
-		// limited to the depth it has, it still passes; one less and it fails
-		EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, r.depth), r.depth);
-		EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, r.depth - 1), -1);
-	}
-
-	// Taken as a value, a container is a level itself and a scalar none.
-	scoped_buf sb;
-	add_chain(&sb.b, 2);
-	blobmsg_add_u32(&sb.b, "n", 1);
-	blob_attr *chain = sb.first();
-	EXPECT_EQ(wwan_blobmsg_depth(chain, false, WWAN_BLOBMSG_MAX_DEPTH), 2);
-	EXPECT_EQ(wwan_blobmsg_depth(chain, true, WWAN_BLOBMSG_MAX_DEPTH), 1);
-	EXPECT_EQ(wwan_blobmsg_depth(blob_next(chain), false, 0), 0);
-	EXPECT_EQ(wwan_blobmsg_depth(nullptr, true, 0), 0);
-}
-
-TEST(BlobmsgDepth, TheLimitPassesOneMoreLevelDoesNot)
-{
-	struct row {
-		int levels;
-		bool passes;
-	} rows[] = {
-		{WWAN_BLOBMSG_MAX_DEPTH - 1, true},
-		{WWAN_BLOBMSG_MAX_DEPTH, true},
-		{WWAN_BLOBMSG_MAX_DEPTH + 1, false},
-		{120000, false},  // about 1 MB, as an attacker would send it
-	};
-	for (const row &r : rows) {
-		SCOPED_TRACE(r.levels);
-		scoped_buf sb;
-		add_chain(&sb.b, r.levels);
-		EXPECT_EQ(wwan_blobmsg_check_depth(sb.b.head, true), r.passes);
-		EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, WWAN_BLOBMSG_MAX_DEPTH), r.passes ? r.levels : -1);
-		// Validation looks at one level only, so depth never troubles it.
-		EXPECT_TRUE(blobmsg_check_attr(sb.first(), true));
-		EXPECT_EQ(blobmsg_check_array(sb.first(), BLOBMSG_TYPE_UNSPEC), 1);
-	}
-}
-
-TEST(BlobmsgDepth, LimitsAboveTheUsualOneAreWalkedToo)
-{
-	scoped_buf sb;
-	add_chain(&sb.b, 1000);
-	EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, 5000), 1000);
-	EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, 999), -1);
+    struct row {
+        const char *what;
+        void (*add)(blob_buf *);
+        int depth;
+    } rows[] = {
+        // clang-format off
+        {"empty message", [](blob_buf *) {}, 0},
+        {"scalars only", [](blob_buf *b) { blobmsg_add_u32(b, "n", 1), blobmsg_add_string(b, "s", "v"); }, 0},
+        {"empty table", [](blob_buf *b) { blobmsg_close_table(b, blobmsg_open_table(b, "t")); }, 1},
+        {"deepest member first",
+         [](blob_buf *b) { add_chain(b, 4), blobmsg_close_table(b, blobmsg_open_table(b, "flat")); }, 4},
+        {"deepest member last",
+         [](blob_buf *b) { blobmsg_close_array(b, blobmsg_open_array(b, "flat")), add_chain(b, 3); }, 3},
+        {"at the limit", [](blob_buf *b) { add_chain(b, WWAN_BLOBMSG_MAX_DEPTH); }, WWAN_BLOBMSG_MAX_DEPTH},
+        {"one beyond", [](blob_buf *b) { add_chain(b, WWAN_BLOBMSG_MAX_DEPTH + 1); }, -1},
+        {"about 1 MB, as an attacker would send it", [](blob_buf *b) { add_chain(b, 120000); }, -1},
+        // clang-format on
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        scoped_buf sb;
+        r.add(&sb.b);
+        EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, WWAN_BLOBMSG_MAX_DEPTH), r.depth);
+        EXPECT_EQ(wwan_blobmsg_check_depth(sb.b.head, true), r.depth >= 0);
+        if (r.depth != 0) {
+            EXPECT_TRUE(blobmsg_check_attr(sb.first(), true)) << "validation looks at one level only";
+        }
+        if (r.depth >= 0) {
+            // limited to the depth it has, it still passes; one less and it fails
+            EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, r.depth), r.depth);
+            EXPECT_EQ(wwan_blobmsg_depth(sb.b.head, true, r.depth - 1), -1);
+        }
+    }
+    // Taken as a value, a container is a level itself and a scalar none; a
+    // limit above the usual one is walked too.
+    scoped_buf sb;
+    add_chain(&sb.b, 1000);
+    blobmsg_add_u32(&sb.b, "n", 1);
+    EXPECT_EQ(wwan_blobmsg_depth(sb.first(), false, 5000), 1000);
+    EXPECT_EQ(wwan_blobmsg_depth(sb.first(), true, 5000), 999);
+    EXPECT_EQ(wwan_blobmsg_depth(blob_next(sb.first()), false, 0), 0);
+    EXPECT_EQ(wwan_blobmsg_depth(nullptr, true, 0), 0);
 }
 
 TEST(BlobmsgDepth, InvalidContainersAreNotEntered)
 {
-	// A plain root holding table "a" that holds an empty table "b".
-	const char *valid = "00 00 00 14  82 00 00 10 00 01 61 00  82 00 00 08 00 01 62 00";
-	struct row {
-		const char *what;
-		const char *hex;
-		int depth;
-	} rows[] = {
-		{"valid", valid, 2},
-		{"name of a not NUL-terminated",
-		 "00 00 00 14  82 00 00 10 00 01 61 ff  82 00 00 08 00 01 62 00", 0},
-		{"a longer than the root holds",
-		 "00 00 00 14  82 00 00 14 00 01 61 00  82 00 00 08 00 01 62 00", 0},
-		{"b's header cut short",
-		 "00 00 00 14  82 00 00 10 00 01 61 00  82 00 00 03 00 01 62 00", 1},
-	};
-	for (const row &r : rows) {
-		SCOPED_TRACE(r.what);
-		std::vector<uint8_t> bytes = from_hex(r.hex);
-		auto *root = reinterpret_cast<blob_attr *>(bytes.data());
-		EXPECT_EQ(wwan_blobmsg_depth(root, true, WWAN_BLOBMSG_MAX_DEPTH), r.depth);
-	}
+    // A plain root holding table "a" that holds an empty table "b".
+    struct row {
+        const char *what;
+        const char *hex;
+        int depth;
+    } rows[] = {
+        // clang-format off
+        {"valid", "00000014 82000010 00016100 82000008 00016200", 2},
+        {"name of a not NUL-terminated", "00000014 82000010 000161ff 82000008 00016200", 0},
+        {"a longer than the root holds", "00000014 82000014 00016100 82000008 00016200", 0},
+        {"b's header cut short", "00000014 82000010 00016100 82000003 00016200", 1},
+        // clang-format on
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        std::vector<uint8_t> bytes = from_hex(r.hex);
+        EXPECT_EQ(wwan_blobmsg_depth(reinterpret_cast<blob_attr *>(bytes.data()), true, WWAN_BLOBMSG_MAX_DEPTH),
+                  r.depth);
+    }
 }
 
 enum { P_NUM, P_NAME, P_ANYINT, P_ANY, P_NAME_AGAIN, P_UNNAMED, P_MAX };
 
 const blobmsg_policy parse_policy[P_MAX] = {
-	{"num", BLOBMSG_TYPE_INT32},
-	{"name", BLOBMSG_TYPE_STRING},
-	{"id", BLOBMSG_CAST_INT64},
-	{"any", BLOBMSG_TYPE_UNSPEC},
-	{"name", BLOBMSG_TYPE_STRING},
-	{nullptr, BLOBMSG_TYPE_UNSPEC},
+    {"num", BLOBMSG_TYPE_INT32},  {"name", BLOBMSG_TYPE_STRING}, {"id", BLOBMSG_CAST_INT64},
+    {"any", BLOBMSG_TYPE_UNSPEC}, {"name", BLOBMSG_TYPE_STRING}, {nullptr, BLOBMSG_TYPE_UNSPEC},
 };
 
-TEST(BlobmsgParse, MatchesByNameAndType)
+TEST(BlobmsgParse, MatchesByNameAndTypeFirstDuplicateWinning)
 {
-	struct row {
-		const char *what;
-		void (*fill)(blob_buf *);
-		int ret;
-		const char *present;
-	} rows[] = {
-		{"all present", [](blob_buf *b) {
-			 blobmsg_add_u32(b, "num", 1);
-			 blobmsg_add_string(b, "name", "x");
-			 blobmsg_add_u64(b, "id", 7);
-			 blobmsg_close_table(b, blobmsg_open_table(b, "any"));
-		 }, 0, "111110"},
-		{"wrong type leaves the slot empty", [](blob_buf *b) {
-			 blobmsg_add_string(b, "num", "1");
-			 blobmsg_add_u32(b, "name", 1);
-			 blobmsg_add_double(b, "id", 1);
-		 }, 0, "000000"},
-		{"any integer width for cast", [](blob_buf *b) { blobmsg_add_u8(b, "id", 1); }, 0, "001000"},
-		{"prefix or case differences do not match", [](blob_buf *b) {
-			 blobmsg_add_u32(b, "nu", 1);
-			 blobmsg_add_u32(b, "numb", 1);
-			 blobmsg_add_u32(b, "NUM", 1);
-		 }, 0, "000000"},
-		{"unnamed attributes match nothing", [](blob_buf *b) { blobmsg_add_u32(b, nullptr, 1); }, 0, "000000"},
-		{"plain attributes are skipped", [](blob_buf *b) {
-			 blob_put_u32(b, BLOBMSG_TYPE_INT32, 1);
-			 blobmsg_add_u32(b, "num", 1);
-		 }, 0, "100000"},
-		{"malformed attribute aborts, keeping earlier matches", [](blob_buf *b) {
-			 blobmsg_add_u32(b, "num", 1);
-			 blobmsg_add_field(b, BLOBMSG_TYPE_INT32, "x", "ab", 2);
-			 blobmsg_add_string(b, "name", "late");
-		 }, -1, "100000"},
-		{"empty message", [](blob_buf *) {}, -EINVAL, "000000"},
-	};
-	for (const row &r : rows) {
-		SCOPED_TRACE(r.what);
-		scoped_buf sb;
-		r.fill(&sb.b);
-		blob_attr *tb[P_MAX];
-		memset(tb, 0x5a, sizeof(tb));
-		EXPECT_EQ(blobmsg_parse(parse_policy, P_MAX, tb, blob_data(sb.b.head),
-					static_cast<unsigned>(blob_len(sb.b.head))), r.ret);
-		std::string present;
-		for (blob_attr *a : tb)
-			present += a ? '1' : '0';
-		EXPECT_EQ(present, r.present);
-	}
+    struct row {
+        const char *what;
+        void (*fill)(blob_buf *);
+        int ret;
+        const char *present;
+    } rows[] = {
+        // clang-format off
+        {"all present, a shared name fills both slots",
+         [](blob_buf *b) {
+             blobmsg_add_u32(b, "num", 1), blobmsg_add_string(b, "name", "x"), blobmsg_add_u64(b, "id", 7);
+             blobmsg_close_table(b, blobmsg_open_table(b, "any"));
+         },
+         0, "111110"},
+        {"wrong type leaves the slot empty",
+         [](blob_buf *b) {
+             blobmsg_add_string(b, "num", "1"), blobmsg_add_u32(b, "name", 1), blobmsg_add_double(b, "id", 1);
+         },
+         0, "000000"},
+        {"any integer width for cast", [](blob_buf *b) { blobmsg_add_u8(b, "id", 1); }, 0, "001000"},
+        {"prefix or case differences do not match",
+         [](blob_buf *b) { blobmsg_add_u32(b, "nu", 1), blobmsg_add_u32(b, "numb", 1), blobmsg_add_u32(b, "NUM", 1); },
+         0, "000000"},
+        {"unnamed attributes match nothing", [](blob_buf *b) { blobmsg_add_u32(b, nullptr, 1); }, 0, "000000"},
+        {"plain attributes are skipped",
+         [](blob_buf *b) { blob_put_u32(b, BLOBMSG_TYPE_INT32, 1), blobmsg_add_u32(b, "num", 1); }, 0, "100000"},
+        {"nested members are not looked at",
+         [](blob_buf *b) {
+             void *t = blobmsg_open_table(b, "outer");
+             blobmsg_add_u32(b, "num", 5);
+             blobmsg_close_table(b, t);
+         },
+         0, "000000"},
+        {"malformed attribute aborts, keeping earlier matches",
+         [](blob_buf *b) {
+             blobmsg_add_u32(b, "num", 1), blobmsg_add_field(b, BLOBMSG_TYPE_INT32, "x", "ab", 2);
+             blobmsg_add_string(b, "name", "late");
+         },
+         -1, "100000"},
+        {"empty message", [](blob_buf *) {}, -EINVAL, "000000"},
+        // clang-format on
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        scoped_buf sb;
+        r.fill(&sb.b);
+        blob_attr *tb[P_MAX];
+        memset(tb, 0x5a, sizeof(tb));
+        EXPECT_EQ(blobmsg_parse(parse_policy, P_MAX, tb, blob_data(sb.b.head), blob_len(sb.b.head)), r.ret);
+        std::string present;
+        for (blob_attr *a : tb)
+            present += a ? '1' : '0';
+        EXPECT_EQ(present, r.present);
+        EXPECT_EQ(tb[P_NAME_AGAIN], tb[P_NAME]);
+    }
+
+    scoped_buf sb;
+    blobmsg_add_string(&sb.b, "name", "first");
+    blobmsg_add_string(&sb.b, "name", "second");
+    blob_attr *tb[P_MAX];
+    ASSERT_EQ(blobmsg_parse_attr(parse_policy, P_MAX, tb, sb.b.head), 0);
+    EXPECT_STREQ(blobmsg_get_string(tb[P_NAME]), "first");
+    EXPECT_EQ(blobmsg_parse(parse_policy, P_MAX, tb, nullptr, 16), -EINVAL);
 }
 
-TEST(BlobmsgParse, FirstDuplicateWinsAndSharedNamesFillAllSlots)
-{
-	scoped_buf sb;
-	blobmsg_add_string(&sb.b, "name", "first");
-	blobmsg_add_string(&sb.b, "name", "second");
-	void *t = blobmsg_open_table(&sb.b, "outer");
-	blobmsg_add_u32(&sb.b, "num", 5);
-	blobmsg_close_table(&sb.b, t);
-
-	blob_attr *tb[P_MAX];
-	ASSERT_EQ(blobmsg_parse(parse_policy, P_MAX, tb, blob_data(sb.b.head),
-				static_cast<unsigned>(blob_len(sb.b.head))), 0);
-	ASSERT_NE(tb[P_NAME], nullptr);
-	EXPECT_STREQ(blobmsg_get_string(tb[P_NAME]), "first");
-	EXPECT_EQ(tb[P_NAME_AGAIN], tb[P_NAME]);
-	EXPECT_EQ(tb[P_NUM], nullptr);  // nested members are not looked at
-
-	blob_attr *outer = blob_next(blob_next(sb.first()));
-	ASSERT_EQ(blobmsg_parse_attr(parse_policy, P_MAX, tb, outer), 0);
-	ASSERT_NE(tb[P_NUM], nullptr);
-	EXPECT_EQ(blobmsg_get_u32(tb[P_NUM]), 5u);
-
-	EXPECT_EQ(blobmsg_parse(parse_policy, P_MAX, tb, nullptr, 16), -EINVAL);
-}
-
-TEST(BlobmsgParse, ArrayFillsSlotsPositionally)
-{
-	static const blobmsg_policy two_ints[] = {{nullptr, BLOBMSG_TYPE_INT32}, {nullptr, BLOBMSG_TYPE_INT32}};
-	static const blobmsg_policy str_int[] = {{nullptr, BLOBMSG_TYPE_STRING}, {nullptr, BLOBMSG_TYPE_INT32}};
-	static const blobmsg_policy anything[] = {{nullptr, BLOBMSG_TYPE_UNSPEC}};
-	struct row {
-		const char *what;
-		const blobmsg_policy *policy;
-		int n;
-		bool malformed_tail;
-		int ret;
-		const char *values;  // what each slot holds
-	} rows[] = {
-		{"mismatch skipped", two_ints, 2, false, 0, "1,2"},
-		{"slot waits for its type", str_int, 2, false, 0, "x,2"},
-		{"stops when slots are full", anything, 1, true, 0, "1"},
-		{"invalid element", two_ints, 2, true, -1, "1,2"},
-	};
-	for (const row &r : rows) {
-		SCOPED_TRACE(r.what);
-		scoped_buf sb;
-		blobmsg_add_u32(&sb.b, nullptr, 1);
-		blobmsg_add_string(&sb.b, nullptr, "x");
-		if (r.malformed_tail)
-			blobmsg_add_field(&sb.b, BLOBMSG_TYPE_INT32, nullptr, "ab", 2);
-		else
-			blobmsg_add_u32(&sb.b, nullptr, 2);
-		blob_attr *tb[2] = {};
-		EXPECT_EQ(blobmsg_parse_array(r.policy, r.n, tb, blob_data(sb.b.head),
-					      static_cast<unsigned>(blob_len(sb.b.head))), r.ret);
-		if (r.ret < 0)
-			continue;
-		std::string values;
-		for (int i = 0; i < r.n; i++) {
-			ASSERT_NE(tb[i], nullptr);
-			values += i ? "," : "";
-			values += blobmsg_type(tb[i]) == BLOBMSG_TYPE_STRING ? blobmsg_get_string(tb[i])
-									       : std::to_string(blobmsg_get_u32(tb[i]));
-		}
-		EXPECT_EQ(values, r.values);
-	}
-}
-
-}  // namespace
+} // namespace
