@@ -147,16 +147,17 @@ class ModemTest : public ::testing::Test
     }
 
     // Plays steps from a fresh modem: bytes to send, "ctl <command>" for the
-    // operator (which must succeed) or "+<ms>" to let the clock run to that
-    // time after the start. Returns every output as "@<ms> <bytes>".
+    // operator or "+<ms>" to let the clock run to that time after the start.
+    // Returns every output as "@<ms> <bytes>", with the operator's replies
+    // other than "OK" in brackets.
     std::string play(const std::string &extra, const std::vector<std::string> &steps)
     {
         load(extra);
         const Ms t0 = now_;
         std::string got;
         Ms last = -1;
-        auto collect = [&] {
-            std::string out = modem_->take_output();
+        auto collect = [&](const std::string &reply = "") {
+            std::string out = modem_->take_output() + reply;
             if (out.empty())
                 return;
             if (now_ != last)
@@ -175,7 +176,9 @@ class ModemTest : public ::testing::Test
                 now_ = until;
                 modem_->advance(now_);
             } else if (st.rfind("ctl ", 0) == 0) {
-                EXPECT_EQ(run_control(*modem_, st.substr(4), now_).text, "OK\n") << st;
+                ControlReply r = run_control(*modem_, st.substr(4), now_);
+                EXPECT_FALSE(r.quit) << st;
+                collect(r.text == "OK\n" ? "" : "[" + r.text + "]");
             } else {
                 modem_->receive(st, now_);
             }
@@ -462,6 +465,103 @@ TEST_F(ModemTest, HeldInputIsBoundedAndDroppedByAModeChange)
     EXPECT_EQ(modem_->pending_input(), 0u);
     modem_->unhang(now_);
     EXPECT_EQ(send("AT\r"), "\r\nOK\r\n");
+}
+
+TEST_F(ModemTest, OperatorCommands)
+{
+    const char call_in[] = "action call_in\n  set number $1\n  urc RING\n  after 3s ring\n    urc RING\n";
+    const std::string hung_up = "[ERROR the line is hung up\n]";
+    const struct {
+        const char *name, *extra;
+        std::vector<std::string> steps;
+        std::string timeline;
+    } rows[] = {
+        {"urc and raw are expanded, urc framed",
+         "",
+         {"ctl urc +CSQ: {csq},99", "ctl raw \\r\\nRDY\\r\\n"},
+         "@0 \r\n+CSQ: 20,99\r\n\r\nRDY\r\n"},
+        {"do runs an action with its arguments",
+         call_in,
+         {"ctl actions", "ctl do call_in  +4917 ", "ctl timers", "+3000", "ctl timers", "AT+GET=number\r",
+          "ctl do call_out"},
+         "@0 [call_in\nring\nOK\n]\r\nRING\r\n[ring\nOK\n]@3000 \r\nRING\r\n\r\n+4917\r\n\r\nOK\r\n"
+         "[ERROR the scenario has no action 'call_out' (try actions)\n]"},
+        {"set, get and echo",
+         "",
+         {"ctl set csq 7", "ctl get csq", "AT+CSQ\r", "ctl echo on", "AT\r"},
+         "@0 [7\nOK\n]\r\n+CSQ: 7,99\r\n\r\nOK\r\nAT\r\r\nOK\r\n"},
+        {"mode changes",
+         "",
+         {"ctl hang", "ctl mode", "AT\r", "ctl unhang", "AT\r", "ctl powerdown", "ctl mode", "+100", "ctl boot",
+          "ctl mode", "+1000", "ctl mode"},
+         "@0 [hung\nOK\n]\r\nOK\r\n[off\nOK\n]@50 \r\nPOWERED DOWN\r\n@100 [booting\nOK\n]@600 \r\nRDY\r\n@700 "
+         "\r\n+QIND: SMS DONE\r\n@1000 [normal\nOK\n]"},
+        {"hold and release",
+         "",
+         {"ctl hold", "ctl mode", "ctl hold", "AT+CSQ\rAT\r", "ctl urc RING", "+5000", "ctl release", "ctl mode",
+          "ctl hang", "ctl hold"},
+         "@0 [held\nOK\n][ERROR not normal but held\n]@5000 \r\nRING\r\n\r\n+CSQ: 20,99\r\n\r\nOK\r\n\r\nOK\r\n"
+         "[normal\nOK\n][ERROR not normal but hung\n]"},
+        {"slow takes a duration",
+         "",
+         {"ctl slow 250", "AT\r", "+1000", "ctl slow 2s", "AT\r", "+4000", "ctl slow 40ms", "AT\r", "+5000",
+          "ctl slow 0", "AT\r"},
+         "@250 \r\nOK\r\n@3000 \r\nOK\r\n@4040 \r\nOK\r\n@5000 \r\nOK\r\n"},
+        {"the prompt is a mode",
+         "",
+         {"AT+CMGS=1\r", "ctl mode", "\x1b", "ctl mode"},
+         "@0 \r\n> [prompt\nOK\n]\r\nOK\r\n[normal\nOK\n]"},
+        {"a hung-up line is final",
+         "",
+         {"ctl hangup", "ctl mode", "ctl urc RING", "ctl raw x", "ctl next", "ctl hang", "ctl hold", "ctl release",
+          "ctl slow 1", "ctl boot", "ctl fota", "ctl powerdown", "ctl hangup", "AT\r", "+5000", "ctl get csq"},
+         "@0 [hungup\nOK\n]" + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up +
+             hung_up + hung_up + "@5000 [20\nOK\n]"},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(play(r.extra, r.steps), r.timeline);
+    }
+}
+
+TEST_F(ModemTest, OperatorInputThatIsNoCommandChangesNothing)
+{
+    load();
+    for (const char *line : {"", "frobnicate", "urc", "urc bad \\q", "echo maybe", "set", "get", "unhang", "release",
+                             "slow", "slow soon", "slow -5", "do"}) {
+        SCOPED_TRACE(line);
+        ControlReply r = run_control(*modem_, line, now_);
+        EXPECT_EQ(r.text.rfind("ERROR ", 0), 0u);
+        EXPECT_FALSE(r.quit);
+    }
+    EXPECT_EQ(modem_->take_output(), "");
+    EXPECT_STREQ(modem_->state_name(), "normal");
+    EXPECT_TRUE(run_control(*modem_, "quit", now_).quit);
+}
+
+TEST_F(ModemTest, OperatorStatsShowCountsAndRecentLines)
+{
+    load();
+    for (int i = 0; i < 12; i++)
+        send("AT\r");
+    send("\x1a\r");
+    send("AT+CMGS=1\r");
+    send("say \"hi\"\\\x1b");
+    send("AT" + std::string(2000, 'Z') + "\r");
+    send("AT+C");
+    modem_->set_slowness(3000);
+    const std::string want = "received " + std::to_string(36 + 2 + 10 + 10 + 2003 + 4) +
+                             "\nexecuted 13\ntoo_long 1\ntexts 1\npending 0\nslow 3000\n";
+    const std::string text = run_control(*modem_, "stats", now_).text;
+    EXPECT_EQ(text.substr(0, want.size()), want);
+    // The last few lines only; the over-long one cut, with its length.
+    EXPECT_NE(text.find("line \"\\r\"\nline \"AT+CMGS=1\\r\"\nline \"say \\\"hi\\\"\\\\\\x1b\"\nline \"AT" +
+                        std::string(20, 'Z')),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("Z\" ... 2003 bytes\ntyping \"AT+C\"\nOK\n"), std::string::npos) << text;
+    EXPECT_LT(text.size(), 1500u);
+    EXPECT_LE(modem_->stats().recent.size(), 10u);
 }
 
 } // namespace
