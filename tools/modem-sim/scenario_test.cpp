@@ -12,36 +12,6 @@ namespace modem_sim
 namespace
 {
 
-TEST(ScenarioParse, OnLinesInARowShareARuleAndBlocksNest)
-{
-    Scenario sc;
-    ParseError err;
-    ASSERT_TRUE(parse_scenario("model Test modem\n"
-                               "on AT+GMR\n"
-                               "on AT+CGMR\n"
-                               "  if n >= 2\n"
-                               "    line deep\n"
-                               "  else\n"
-                               "    stop\n"
-                               "  ok\n"
-                               "unknown\n"
-                               "  cme 4\n",
-                               &sc, &err))
-        << err.line << ": " << err.message;
-    EXPECT_EQ(sc.model, "Test modem");
-    ASSERT_EQ(sc.rules.size(), 1u);
-    EXPECT_EQ(sc.rules[0].patterns, (std::vector<std::string>{"AT+GMR", "AT+CGMR"}));
-    ASSERT_EQ(sc.rules[0].body.size(), 2u);
-    const Stmt &s = sc.rules[0].body[0];
-    EXPECT_EQ(s.op, Op::if_);
-    ASSERT_EQ(s.block.size(), 1u);
-    EXPECT_EQ(s.block[0].text, "deep");
-    ASSERT_EQ(s.otherwise.size(), 1u);
-    EXPECT_EQ(s.otherwise[0].op, Op::stop);
-    ASSERT_EQ(sc.unknown_block.size(), 1u);
-    EXPECT_EQ(sc.unknown_block[0].num, 4);
-}
-
 TEST(ScenarioParse, ErrorsNameTheLine)
 {
     const struct {
@@ -134,22 +104,6 @@ TEST(ScenarioLoad, IncludesAreReadRelativeToTheIncludingFile)
         SCOPED_TRACE(r.file);
         EXPECT_FALSE(load_scenario(dir / r.file, &sc, &err));
         EXPECT_NE(err.find(r.err), std::string::npos) << err;
-    }
-}
-
-TEST(ScenarioLoad, ShippedScenariosLoad)
-{
-    const struct {
-        const char *file, *model;
-    } rows[] = {{"ec25", "Quectel EC25-E"}, {"rm520n", "Quectel RM520N-GL"}, {"bg96", "Quectel BG96"}};
-    for (const auto &r : rows) {
-        Scenario sc;
-        std::string err;
-        EXPECT_TRUE(
-            load_scenario(std::string(WWANCTL_SOURCE_DIR) + "/tools/modem-sim/scenarios/" + r.file + ".scn", &sc, &err))
-            << err;
-        EXPECT_EQ(sc.model, r.model);
-        EXPECT_FALSE(sc.boot_block.empty()) << r.file;
     }
 }
 
