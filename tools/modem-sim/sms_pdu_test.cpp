@@ -113,7 +113,7 @@ TEST(SmsTpduParsing, SubmitsAndWhatIsRefused)
     } cases[] = {
         // The widely published SMS-SUBMIT example.
         {"0011000B916407281553F80000AA0AE8329BFD4697D9EC37", "+46708251358 hellohello -1 1/1"},
-        // Part 1 of 2 with a 16-bit reference 0x1234 (7 header octets: no fill), "hi" packed by hand: E8 34.
+        // The first of two parts, 16-bit reference 0x1234 (7 header octets: no fill), "hi" packed by hand: E8 34.
         {"0051000B916407281553F80000AA0A06080412340201E834", "+46708251358 hi 4660 1/2"},
         {"0011000B916407281553F80000AA0BE8329BFD4697D9EC37", "does not match"},
         {"0012000B916407281553F80000AA0AE8329BFD4697D9EC37", "neither"},

@@ -16,7 +16,7 @@ const std::string deliver_pdu = "07917283010010F5040BC87238880900F10000993092516
 const std::string class2_pdu = "07917283010010F5040BC87238880900F10012993092516195800AE8329BFD4697D9EC37";
 // The widely published SMS-SUBMIT example: "hellohello" to +46708251358; 23 TPDU octets.
 const std::string submit_pdu = "0011000B916407281553F80000AA0AE8329BFD4697D9EC37";
-// Part 1 and 2 of "hiya" to the same number, 16-bit reference 0x1234, packed by hand.
+// The two parts of "hiya" to the same number, 16-bit reference 0x1234, packed by hand.
 const std::string part1_pdu = "0051000B916407281553F80000AA0A06080412340201E834";
 const std::string part2_pdu = "0051000B916407281553F80000AA0A06080412340202F930";
 
