@@ -283,17 +283,6 @@ TEST_F(CommManager, ReInitRunsTheSetUpAgainOnTheOpenPort)
     EXPECT_EQ(answer("AT+CSQ"), csq_answer);
 }
 
-TEST_F(CommManager, InitFailsForAMissingPortUnderTheRoot)
-{
-    mdm = std::make_unique<test_modem>("/dev/ttyUSB9", &g_driver);
-    mdm->cmm = comm_manager::create();
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(mdm->cmm->init(mdm.get(), 0), 1);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(mdm->cmm->tty_fd(), -1);
-    EXPECT_NE(out.find("`" + root.path() + "/dev/ttyUSB9`"), std::string::npos) << out;
-}
-
 // --- queue and dispatch ---------------------------------------------------------
 
 TEST_F(CommManager, QueuedRequestsAreAnsweredOneAtATimeInOrder)
@@ -791,20 +780,6 @@ TEST_F(CommManagerAvp, LinesAreFramedBoundedAndChecked)
         }
         restart();
     }
-}
-
-TEST_F(CommManagerAvp, UrcsAreForwardedToEveryClient)
-{
-    ASSERT_NO_FATAL_FAILURE(open_avp(scenario("")));
-    avp_peer second(root.path() + "/dev/modem0");
-    idle(50);
-    sim->control("urc +CREG: 5");
-    sim->control("urc +QWHATEVER: 1");
-    const std::string want = "\r\n+CREG: 5\r\n\r\n+QWHATEVER: 1\r\n";
-    ASSERT_TRUE(wait_received(*peer, want.size()));
-    EXPECT_EQ(peer->received(), want);
-    second.poll();
-    EXPECT_EQ(second.received(), want);
 }
 
 TEST_F(CommManagerAvp, ClientLeavingBeforeItsAnswerDoesNotBreakTheChannel)

@@ -2,10 +2,8 @@
 
 #include "util/converter.h"
 #include "util/gsm7_tables.h"
+#include "util/root_test_support.h"
 
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -370,21 +368,15 @@ TEST(PduEncode, RoundTrip)
 
 TEST(PduEncode, LongTextTailGoesToFile)
 {
-    char dir[] = "/tmp/pdu_test_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string root = dir;
-    ASSERT_EQ(system(("mkdir " + root + "/tmp").c_str()), 0);
-    setenv("WWANCTL_ROOT", dir, 1);
+    temp_root root;
     std::string text;
     for (int i = 0; i < 153 * 11; i++)
         text += static_cast<char>('a' + i % 26);
+    root.write("/tmp/.keep", "");
     std::vector<pdu_submit> out;
     EXPECT_EQ(pdu_encode("+4912345", text, out), 0);
     EXPECT_EQ(out.size(), 11u);
-    std::ifstream f(root + "/tmp/sms_+4912345");
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(f), {}), text.substr(10 * 153));
-    unsetenv("WWANCTL_ROOT");
-    EXPECT_EQ(system(("rm -r " + root).c_str()), 0);
+    EXPECT_EQ(root.read("/tmp/sms_+4912345"), text.substr(10 * 153));
 }
 
 } // namespace

@@ -1,16 +1,17 @@
 #include "util/ujson.h"
+#include "util/root_test_support.h"
 
 #include "wwan/blobmsg_depth.h"
 #include "wwan/ubox.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-namespace {
+namespace
+{
 
 std::string json(const ujson &j)
 {
@@ -61,11 +62,11 @@ TEST(UjsonCreate, OwnWrappedAndMessageReader)
 
 TEST(UjsonCreate, FromFile)
 {
-    std::string dir = testing::TempDir();
-    struct row {
+    temp_root root;
+    const struct {
         const char *what;
-        const char *content;  // null: no file
-        const char *expect;   // null: creation fails
+        const char *content; // null: no file
+        const char *expect;  // null: creation fails
     } rows[] = {
         {"object", "{\"apn\": \"internet\", \"pin\": 1234}", R"({"apn":"internet","pin":1234})"},
         {"empty object", "{}", "{}"},
@@ -74,24 +75,13 @@ TEST(UjsonCreate, FromFile)
         {"array at top", "[1, 2]", nullptr},
         {"empty file", "", nullptr},
     };
-    for (const row &r : rows) {
+    for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
-        std::string path = dir + "ujson_test_file.json";
-        std::remove(path.c_str());
-        if (r.content) {
-            FILE *f = std::fopen(path.c_str(), "w");
-            ASSERT_NE(f, nullptr);
-            std::fputs(r.content, f);
-            std::fclose(f);
-        }
-        auto j = ujson::create_file(path.c_str());
-        if (!r.expect) {
-            EXPECT_FALSE(j);
-            continue;
-        }
-        ASSERT_TRUE(j);
-        EXPECT_EQ(json(*j), r.expect);
-        std::remove(path.c_str());
+        root.remove("/f.json");
+        if (r.content)
+            root.write("/f.json", r.content);
+        auto j = ujson::create_file((root / "/f.json").c_str());
+        EXPECT_EQ(j ? json(*j) : "(none)", r.expect ? r.expect : "(none)");
     }
     EXPECT_FALSE(ujson::create_file(nullptr));
 }
@@ -111,7 +101,7 @@ std::unique_ptr<ujson> nested_message(int levels)
 
 TEST(UjsonCreate, MessagesAndFilesNestedBeyondTheLimitAreRefused)
 {
-    std::string path = testing::TempDir() + "ujson_test_deep.json";
+    temp_root root;
     for (int levels : {WWAN_BLOBMSG_MAX_DEPTH, WWAN_BLOBMSG_MAX_DEPTH + 1, 100000}) {
         SCOPED_TRACE(levels);
         bool accepted = levels <= WWAN_BLOBMSG_MAX_DEPTH;
@@ -127,17 +117,13 @@ TEST(UjsonCreate, MessagesAndFilesNestedBeyondTheLimitAreRefused)
             doc += i ? R"({"n":)" : R"(,"deep":)";
         doc += levels ? "{}" : "";
         doc += std::string(levels ? levels - 1 : 0, '}') + "}";
-        FILE *f = std::fopen(path.c_str(), "w");
-        ASSERT_NE(f, nullptr);
-        std::fputs(doc.c_str(), f);
-        std::fclose(f);
-        auto file = ujson::create_file(path.c_str());
+        root.write("/deep.json", doc);
+        auto file = ujson::create_file((root / "/deep.json").c_str());
         EXPECT_EQ(file != nullptr, accepted);
         if (file) {
             EXPECT_EQ(json(*file), json(*msg));
         }
     }
-    std::remove(path.c_str());
 }
 
 TEST(UjsonAdd, TypedFieldsAtTheCurrentLevel)
@@ -159,16 +145,12 @@ TEST(UjsonAdd, TypedFieldsAtTheCurrentLevel)
     EXPECT_EQ(j->len(), blob_len(j->get_blobmsg()));
 
     // encodings are blobmsg's: INT32, INT64, INT8, DOUBLE
-    int types[6] = {};
-    int n = 0;
+    std::vector<int> types;
     blob_attr *pos;
     size_t rem;
-    blobmsg_for_each_attr(pos, j->get_blobmsg(), rem) types[n++] = blobmsg_type(pos);
-    EXPECT_EQ(n, 6);
-    const int expect[6] = {BLOBMSG_TYPE_STRING, BLOBMSG_TYPE_INT32, BLOBMSG_TYPE_INT64,
-                           BLOBMSG_TYPE_INT8,   BLOBMSG_TYPE_DOUBLE, BLOBMSG_TYPE_TABLE};
-    for (int i = 0; i < 6; i++)
-        EXPECT_EQ(types[i], expect[i]) << i;
+    blobmsg_for_each_attr(pos, j->get_blobmsg(), rem) types.push_back(blobmsg_type(pos));
+    EXPECT_EQ(types, (std::vector<int>{BLOBMSG_TYPE_STRING, BLOBMSG_TYPE_INT32, BLOBMSG_TYPE_INT64, BLOBMSG_TYPE_INT8,
+                                       BLOBMSG_TYPE_DOUBLE, BLOBMSG_TYPE_TABLE}));
 }
 
 TEST(UjsonGet, ReadsByNameWithoutTypeChecks)
@@ -191,15 +173,15 @@ TEST(UjsonGet, ReadsByNameWithoutTypeChecks)
         bool b;
         bool exists;
     } rows[] = {
-        {"s", 0x61626364, 0x6162636400000000LL, true, true},  // text read as numbers
+        {"s", 0x61626364, 0x6162636400000000LL, true, true}, // text read as numbers
         {"short", 0x61620000, 0x6162000000000000LL, true, true},
-        {"i", 256, 256LL << 32, false, true},  // first byte of 00 00 01 00
+        {"i", 256, 256LL << 32, false, true}, // first byte of 00 00 01 00
         {"neg", -1, static_cast<int64_t>(0xffffffff00000000ULL), true, true},
         {"l", 0x01020304, 0x0102030405060708LL, true, true},
         {"t", 0x01000000, 0x0100000000000000LL, true, true},
-        {"dup", 1, 1LL << 32, false, true},  // the first of two
+        {"dup", 1, 1LL << 32, false, true}, // the first of two
         {"absent", 0, 0, false, false},
-        {"I", 0, 0, false, false},  // case-sensitive
+        {"I", 0, 0, false, false}, // case-sensitive
         {"", 0, 0, false, false},
     };
     for (const row &r : rows) {
@@ -231,23 +213,23 @@ TEST(UjsonGet, NullNameReadsTheSelection)
     EXPECT_EQ(j->get_int(), 7);
     EXPECT_EQ(j->get_long(), 7LL << 32);
     EXPECT_TRUE(j->exists());
-    EXPECT_FALSE(j->get_bool());  // first byte of 00 00 00 07
+    EXPECT_FALSE(j->get_bool()); // first byte of 00 00 00 07
 
     j->select_attr(blob_next(v));
     EXPECT_STREQ(j->get_string(), "x");
     EXPECT_TRUE(j->exists());
 
     j->select_attr(nullptr);
-    EXPECT_EQ(j->get_int("v"), 7);  // back to the root
+    EXPECT_EQ(j->get_int("v"), 7); // back to the root
 }
 
 TEST(UjsonGet, MalformedMessagesAreReadSafely)
 {
     auto msg = ujson::create();
     blob_buf *b = msg->buffer();
-    blobmsg_add_field(b, BLOBMSG_TYPE_STRING, "open", "abcd", 4);  // no NUL, no padding
-    blobmsg_add_field(b, BLOBMSG_TYPE_INT16, "pad", "ab", 2);      // ends in zero padding
-    blob_put(b, BLOBMSG_TYPE_INT32, "\x00\x09xy", 4);  // name beyond the payload
+    blobmsg_add_field(b, BLOBMSG_TYPE_STRING, "open", "abcd", 4); // no NUL, no padding
+    blobmsg_add_field(b, BLOBMSG_TYPE_INT16, "pad", "ab", 2);     // ends in zero padding
+    blob_put(b, BLOBMSG_TYPE_INT32, "\x00\x09xy", 4);             // name beyond the payload
     blob_attr *broken = static_cast<blob_attr *>(blob_data(b->head));
     broken = blob_next(blob_next(broken));
     broken->id_len |= cpu_to_be32(BLOB_ATTR_EXTENDED);
@@ -281,7 +263,7 @@ TEST(UjsonSelect, WalksArrayElements)
     auto j = from_json(R"({"t":{"x":1},"ints":[10,20,30],"after":5,"empty":[],)"
                        R"("cells":[{"id":1,"rat":"lte"},{"id":2,"rat":"nr"}]})");
 
-    EXPECT_FALSE(j->select_array("t"));  // a table is no array
+    EXPECT_FALSE(j->select_array("t")); // a table is no array
     EXPECT_EQ(j->selection(), nullptr);
     EXPECT_FALSE(j->select_array("missing"));
     EXPECT_FALSE(j->select_array("empty"));
@@ -301,7 +283,7 @@ TEST(UjsonSelect, WalksArrayElements)
     EXPECT_TRUE(moved[0]);
     EXPECT_TRUE(moved[1]);
     EXPECT_FALSE(moved[2]);
-    EXPECT_EQ(j->get_int(), 30);  // a failed move leaves the selection
+    EXPECT_EQ(j->get_int(), 30); // a failed move leaves the selection
 
     // a selection is also where named reads look
     j->select_attr(nullptr);
@@ -338,7 +320,7 @@ TEST(UjsonSelect, NextItemStopsAtTheEndOfTheArray)
 
     // attributes picked with select_attr walk by name up to the root's end
     j->select_attr(static_cast<blob_attr *>(blobmsg_data(j->get_blobmsg())));
-    EXPECT_FALSE(j->next_item());  // "list" then ""
+    EXPECT_FALSE(j->next_item()); // "list" then ""
     auto msg = from_json(R"({"x":1})");
     msg->add_int("x", 2);
     auto reader = ujson::create_ex(msg->get_blobmsg());
@@ -398,4 +380,4 @@ TEST(UjsonCopy, AddBlobmsgCloneAndCloneValue)
     EXPECT_EQ(dst->add_blobmsg(nullptr), -1);
 }
 
-}  // namespace
+} // namespace
