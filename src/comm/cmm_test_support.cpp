@@ -1,7 +1,6 @@
 #include "comm/cmm_test_support.h"
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -14,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -33,11 +33,6 @@ int64_t now_ms()
 {
     using namespace std::chrono;
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
-int remove_entry(const char *path, const struct stat *, int, struct FTW *)
-{
-    return ::remove(path);
 }
 
 // One line from fd within timeout_ms.
@@ -87,16 +82,17 @@ temp_root::temp_root()
     if (!mkdtemp(tmpl))
         return;
     path_ = tmpl;
-    mkdir((path_ + "/dev").c_str(), 0755);
-    mkdir((path_ + "/tmp").c_str(), 0755);
+    std::filesystem::create_directories(path_ + "/dev");
+    std::filesystem::create_directories(path_ + "/tmp");
     setenv("WWANCTL_ROOT", path_.c_str(), 1);
 }
 
 temp_root::~temp_root()
 {
     unsetenv("WWANCTL_ROOT");
+    std::error_code ec;
     if (!path_.empty())
-        nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+        std::filesystem::remove_all(path_, ec);
 }
 
 // --- simulator ----------------------------------------------------------------
