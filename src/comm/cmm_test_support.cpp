@@ -258,14 +258,9 @@ void test_modem::new_event(uint32_t event, const void *data)
     events.push_back(rec);
 }
 
-void test_modem::notify_error(ubus_request_data *req, int status, ujson &reply)
+void test_modem::notify_error(ubus_request_data *, int status, ujson &)
 {
     bus_errors.push_back(status);
-    if (!bus_ctx)
-        return;
-    reply.add_int("errno", status);
-    reply.add_string("error", act_status_str(static_cast<uint32_t>(status)));
-    ubus_send_reply(bus_ctx, req, reply.get_blobmsg());
 }
 
 size_t test_modem::queued() const

@@ -95,42 +95,6 @@ class EventsTest : public ::testing::Test
 const std::initializer_list<const char *> signal_keys = {"rssi_value", "rscp_value", "ecio_value", "rsrp_value",
                                                          "sinr_value", "rsrq_value", "ber_value"};
 
-TEST_F(EventsTest, RegistrationsCarryTheirNamesAndValueKinds)
-{
-    struct {
-        uint32_t id;
-        const char *name;
-        uint32_t type;
-        bool has_cb;
-    } rows[] = {
-        {EVT_SERVICE_MODE, "service_mode", CACHE_DATA_INT32, true},
-        {EVT_ACT, "act", CACHE_DATA_INT32, false},
-        {EVT_RSRP, "rsrp_value", CACHE_DATA_INT32, false},
-        {EVT_NETWORK_STATE, "network_state", CACHE_DATA_INT32, true},
-        {EVT_NETWORK_STATE_PS, "network_state", CACHE_DATA_INT32, true},
-        {EVT_EMM_ERROR, "emm_error", CACHE_DATA_UJSON, false},
-        {EVT_PIN_STATE, "pin_state", CACHE_DATA_INT32, true},
-        {EVT_SMS_INDEX, "sms_index", CACHE_DATA_INT32, false},
-        {EVT_SND_SMS, "snd_sms", CACHE_DATA_UJSON, false},
-        {EVT_SERVICE_DATA, "service_data_value", CACHE_DATA_UJSON, true},
-        {EVT_SIM_STATUS, "sim_status", CACHE_DATA_INT32, true},
-        {EVT_RING, "ring", CACHE_DATA_UJSON, true},
-        {EVT_NO_CARRIER, "no_carrier", CACHE_DATA_UJSON, true},
-        {EVT_BAND_CHANGE, "band_change", CACHE_DATA_UJSON, true},
-        {EVT_OPERATOR, "operator", CACHE_DATA_INT32, true},
-        {EVT_SIM_CHANGE, "sim_change", CACHE_DATA_INT32, true},
-    };
-    for (const auto &row : rows) {
-        const evt_desc *desc = event_find(row.id);
-        ASSERT_NE(desc, nullptr) << row.id;
-        EXPECT_STREQ(desc->name, row.name);
-        EXPECT_EQ(desc->type, row.type) << row.name;
-        EXPECT_EQ(desc->cb != nullptr, row.has_cb) << row.name;
-    }
-    for (uint32_t unused : {19u, 20u, 25u})
-        EXPECT_EQ(event_find(unused), nullptr);
-}
-
 TEST_F(EventsTest, ServiceModeDropsWhatTheNewModeMadeStale)
 {
     struct {
@@ -195,7 +159,7 @@ TEST_F(EventsTest, PinStatesWithoutAUsableSimDropItsSecrets)
         const char *text;
         bool drops_secrets;
     } rows[] = {
-        {2, "Not ready", true},   {10, "SIM not inserted", true}, {13, "SIM failure", true},
+        {2, "Not ready", true},     {10, "SIM not inserted", true}, {13, "SIM failure", true},
         {4, "Required PIN", false}, {99, "Unknown", false},         {0, "Unknown", false},
     };
     for (const auto &row : rows) {

@@ -33,13 +33,6 @@ int32_t cost(const char *name, size_t size)
     return static_cast<int32_t>(size + 25 + std::strlen(name));
 }
 
-TEST(CacheTypes, FixedSizes)
-{
-    const uint32_t expected[] = {0, 0, 8, 4, 4, 8, 8, 0, 1, 0};
-    for (uint32_t type = 0; type < std::size(expected); type++)
-        EXPECT_EQ(cache_data_type_size(type), expected[type]) << "type " << type;
-}
-
 TEST(CacheUpdate, ResultAndHeapFollowTheBytes)
 {
     struct row {
