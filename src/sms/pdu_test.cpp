@@ -116,7 +116,7 @@ TEST(PduDecodeDeliver, Examples)
         // Developer's Home SMS tutorial, received PDU; international sender; zone byte 08 reads -0.
         {"07911326040000F0040B911346610089F60000208062917314080CC8F71D14969741F977FD07", "+31641600986",
          "How are you?", 1030390661},
-        // The rest built after TS 23.040: alphanumeric senders of 4 and 7 characters (no fill '@').
+        // The rest built by hand: alphanumeric senders of 4 and 7 characters (no fill '@').
         {"000407D049B7F90D00004220112100000002E834", "Info", "hi", noon},
         {"00040DD049B7F93D6D4E0100004220112100000002E834", "InfoSMS", "hi", noon},
         // "*#12ABC" semi-octets, zone -6 h (bit 3 of the zone), DCS group 15 with 7-bit text.
