@@ -102,9 +102,6 @@ class CommManager : public ::testing::Test
         ASSERT_EQ(uloop_init(), 0);
         g_urcs.clear();
         g_upload = {};
-        // CMM_TEST_DEBUG=1 shows the channel's debug log of every exchange.
-        if (const char *d = getenv("CMM_TEST_DEBUG"))
-            log_level(static_cast<uint32_t>(atoi(d)));
     }
 
     void TearDown() override
@@ -218,14 +215,6 @@ void expire(test_modem &m, request *req)
 
 } // namespace
 
-TEST(BaudToSpeed, KnownRatesMapToTheirConstantsOthersHangUp)
-{
-    const std::pair<uint32_t, speed_t> rows[] = {
-        {115200, B115200}, {9600, B9600}, {4000000, B4000000}, {12345, B0}, {0, B0}};
-    for (const auto &[baud, speed] : rows)
-        EXPECT_EQ(baud_to_speed(baud), speed) << baud;
-}
-
 // --- set-up handshake -----------------------------------------------------------
 
 // Whatever state the modem is in, the set-up ends with the channel open and
@@ -242,12 +231,13 @@ TEST_F(CommManager, SetupEndsWithEchoOffAndVerboseResultCodes)
         bool fota;
         size_t min_setups, exact_setups; // "ATE0V1" written; 0: no exact count
     } rows[] = {
+        // clang-format off
         {"echoing numeric modem", scenario(""), "set verbose 0", false, true, false, 1, 0},
         {"modem still booting", "", nullptr, true, true, false, 2, 0},
-        {"modem refusing the first", scenario("set first 1\non ATE0\n  when first = 1\n  set first 0\n  cme 4\n"),
-         nullptr, false, false, false, 2, 0},
+        {"modem refusing the first", scenario("set first 1\non ATE0\n  when first = 1\n  set first 0\n  cme 4\n"), nullptr, false, false, false, 2, 0},
         {"firmware update", "", "fota", false, true, true, 1, 0},
         {"silent modem: first try, then every tenth empty read", "", "hang", false, true, false, 9, 9},
+        // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
@@ -272,17 +262,6 @@ TEST_F(CommManager, SetupEndsWithEchoOffAndVerboseResultCodes)
     }
 }
 
-TEST_F(CommManager, ReInitRunsTheSetUpAgainOnTheOpenPort)
-{
-    ASSERT_NO_FATAL_FAILURE(open_channel());
-    sim->control("echo on");
-    ASSERT_EQ(mdm->cmm->re_init(), 0);
-    EXPECT_TRUE(mdm->cmm->setup_running());
-    ASSERT_TRUE(run_until(5000, [&] { return mdm->ready == 2; }));
-    EXPECT_EQ(sim->control("get echo"), "0\nOK\n");
-    EXPECT_EQ(answer("AT+CSQ"), csq_answer);
-}
-
 // --- queue and dispatch ---------------------------------------------------------
 
 TEST_F(CommManager, QueuedRequestsAreAnsweredOneAtATimeInOrder)
@@ -305,25 +284,6 @@ TEST_F(CommManager, QueuedRequestsAreAnsweredOneAtATimeInOrder)
     std::string t = sim->transcript();
     EXPECT_LT(t.find("+CSQ: 22,99"), t.find("in  \"AT+CREG?"));
     EXPECT_LT(t.rfind("+CSQ: 22,99"), t.rfind("in  \"AT+CREG?"));
-}
-
-TEST_F(CommManager, EchoingModemGetsEchoOffAndTheCommandAgain)
-{
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
-    sim->control("echo on");
-    uint64_t number = mdm->queue("AT+CSQ")->number;
-    ASSERT_TRUE(wait_finished(1));
-    idle(100);
-    EXPECT_EQ(sim->control("get echo"), "0\nOK\n");
-    std::string input = modem_input(sim->transcript());
-    EXPECT_EQ(count(input, "ATE0\\r"), 1u) << input;
-    EXPECT_EQ(count(input, "AT+CSQ\\r"), 2u) << input;
-    // Answered once, with its own answer and not the one to "ATE0".
-    ASSERT_EQ(mdm->finished.size(), 1u);
-    EXPECT_EQ(mdm->finished[0].number, number);
-    EXPECT_EQ(mdm->finished[0].failed, 0);
-    EXPECT_EQ(mdm->replies.at(0).response, csq_answer);
-    EXPECT_EQ(answer("AT+CSQ"), csq_answer);
 }
 
 TEST_F(CommManager, SmsCommandLineGoesFirstAndThePduAfterThePrompt)
@@ -378,19 +338,6 @@ TEST_F(CommManager, FailedWritesAnswerTheirRequestsAndThirtyOneDeclareTheModemHu
     }
 }
 
-TEST_F(CommManager, PausedChannelHoldsRequestsUntilResumed)
-{
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
-    mdm->cmm->set_paused(true);
-    mdm->queue("AT+CSQ");
-    idle(150);
-    EXPECT_TRUE(mdm->finished.empty());
-    EXPECT_EQ(count(modem_input(sim->transcript()), "AT+CSQ"), 0u);
-    mdm->cmm->set_paused(false);
-    ASSERT_TRUE(wait_finished(1));
-    EXPECT_EQ(mdm->replies.at(0).response, csq_answer);
-}
-
 // --- URCs -----------------------------------------------------------------------
 
 // A URC reaches its driver handler wherever it comes: idle, in front of an
@@ -407,35 +354,12 @@ TEST_F(CommManager, UrcsReachTheirHandlersAndStayOutOfAnswers)
         std::vector<std::string> urcs;
         std::string response;
     } rows[] = {
-        {"idle, after a failing handler",
-         "",
-         nullptr,
-         "",
-         {"urc +QIND: SMS DONE", "urc +CREG: 5"},
-         {"creg:\r\n+CREG: 5\r\n"},
-         ""},
-        {"after a completed query", "", nullptr, "AT+CREG?", {"urc +CREG: 5"}, {"creg:\r\n+CREG: 5\r\n"}, creg_answer},
-        {"in front of an answer, split across reads",
-         "on AT+CSQ\n  urc +CREG: 2\n  line +CSQ: 22,99\n  split 12 40\n  ok\n",
-         nullptr,
-         "AT+CSQ",
-         {},
-         {"creg:\r\n+CREG: 2\r\n"},
-         csq_answer},
-        {"error line while a USSD answer is awaited",
-         "on AT+CSQ\n  urc +CME ERROR: 30\n  line +CSQ: 22,99\n  ok\n",
-         "+CUSD: ",
-         "AT+CSQ",
-         {},
-         {"cusd:\r\n+CME ERROR: 30\r\n"},
-         csq_answer},
-        {"error report after a final OK in the same read",
-         "on AT+CUSD=1,*\n  ok\n  urc +CME ERROR: 100\n",
-         "+CUSD: ",
-         "AT+CUSD=1,\"*100#\",15",
-         {},
-         {"cusd:\r\n+CME ERROR: 100\r\n"},
-         "\r\nOK\r\n"},
+        // clang-format off
+        {"idle, after a failing handler", "", nullptr, "", {"urc +QIND: SMS DONE", "urc +CREG: 5"}, {"creg:\r\n+CREG: 5\r\n"}, ""},
+        {"in front of an answer, split across reads", "on AT+CSQ\n  urc +CREG: 2\n  line +CSQ: 22,99\n  split 12 40\n  ok\n", nullptr, "AT+CSQ", {}, {"creg:\r\n+CREG: 2\r\n"}, csq_answer},
+        {"error line while a USSD answer is awaited", "on AT+CSQ\n  urc +CME ERROR: 30\n  line +CSQ: 22,99\n  ok\n", "+CUSD: ", "AT+CSQ", {}, {"cusd:\r\n+CME ERROR: 30\r\n"}, csq_answer},
+        {"error report after a final OK in the same read", "on AT+CUSD=1,*\n  ok\n  urc +CME ERROR: 100\n", "+CUSD: ", "AT+CUSD=1,\"*100#\",15", {}, {"cusd:\r\n+CME ERROR: 100\r\n"}, "\r\nOK\r\n"},
+        // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
@@ -457,18 +381,6 @@ TEST_F(CommManager, UrcsReachTheirHandlersAndStayOutOfAnswers)
     }
 }
 
-TEST_F(CommManager, NetworkRefusingAnAwaitedUssdAnswerRaisesItsEvent)
-{
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
-    mdm->awaited = "+CUSD: ";
-    sim->control("raw \\r\\n+CME ERROR: unknown network message\\r\\n");
-    ASSERT_TRUE(run_until(3000, [&] { return !mdm->events.empty(); }));
-    EXPECT_EQ(mdm->events[0].event, 15u);
-    EXPECT_EQ(mdm->events[0].response, "Unknown network message");
-    EXPECT_EQ(mdm->released, 1);
-    EXPECT_EQ(answer("AT+CSQ"), csq_answer) << "nothing of it is left to spoil the next answer";
-}
-
 // --- completion -----------------------------------------------------------------
 
 // The driver's parse phase fills the reply; its error is reported with the
@@ -483,9 +395,10 @@ TEST_F(CommManager, RepliesCarryTheDriverResultOrItsError)
     } rows[] = {
         {"AT+GSN", ACT_GET_IMEI, false, R"({"imei":"866758041234564"})"},
         {"AT+CSQ", ACT_GET_FUNC, false, R"({"status_id":0,"status":"OK"})"},
-        {"AT+CSQ", ACT_GET_IMSI, false,
-         R"({"request":"AT+CSQ\r","response":"\r\n+CSQ: 22,99\r\n\r\nOK\r\n","errno":5,"error":"Invalid response"})"},
+        // clang-format off
+        {"AT+CSQ", ACT_GET_IMSI, false, R"({"request":"AT+CSQ\r","response":"\r\n+CSQ: 22,99\r\n\r\nOK\r\n","errno":5,"error":"Invalid response"})"},
         {"AT+CSQ", ACT_GET_IMSI, true, ""},
+        // clang-format on
     };
     ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
     for (size_t i = 0; i < std::size(rows); i++) {
@@ -504,22 +417,6 @@ TEST_F(CommManager, RepliesCarryTheDriverResultOrItsError)
     }
 }
 
-TEST_F(CommManager, TrafficLogRecordsBothDirections)
-{
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
-    EXPECT_EQ(answer("AT+CSQ"), csq_answer);
-    ASSERT_EQ(mdm->cmm->dump_log_buffer(), 0);
-    std::string log;
-    if (FILE *f = popen(("cat " + root.path() + "/tmp/gsm_1-1.2_*.log").c_str(), "r")) {
-        char buf[4096];
-        for (size_t n; (n = fread(buf, 1, sizeof(buf), f)) > 0;)
-            log.append(buf, n);
-        pclose(f);
-    }
-    EXPECT_NE(log.find(" Sent: AT+CSQ\\r"), std::string::npos) << log;
-    EXPECT_NE(log.find(" Received: \\r\\n+CSQ: 22,99\\r\\n\\r\\nOK\\r\\n"), std::string::npos) << log;
-}
-
 // --- bad input ------------------------------------------------------------------
 
 TEST_F(CommManager, BadTrafficDoesNotSpoilTheNextAnswers)
@@ -533,23 +430,12 @@ TEST_F(CommManager, BadTrafficDoesNotSpoilTheNextAnswers)
         const char *raw;                            // sent between commands
         std::vector<std::string> commands, answers; // "": not compared
     } rows[] = {
+        // clang-format off
         {"garbage between commands", "", "\\x00\\x01\\xffgarbage\\x00\\r\\n\\r\\nOK\\r\\nmore\\x00", {"AT+CSQ"}, {""}},
-        {"a stale copy of an answer behind the real one",
-         "set dup 1\non AT+CSQ\n  when dup = 1\n  set dup 0\n  line +CSQ: 22,99\n  ok\n"
-         "  raw \"\\r\\n+CSQ: 11,99\\r\\n\\r\\nOK\\r\\n\"\n",
-         nullptr,
-         {"AT+CSQ", "AT+CSQ"},
-         {csq_answer, csq_answer}},
-        {"NUL bytes inside an answer",
-         "on AT+CSQ\n  raw \"\\r\\n+CSQ: 2\\x002,99\\r\\n\\r\\nOK\\r\\n\"\n",
-         nullptr,
-         {"AT+CSQ"},
-         {"\r\n+CSQ: 2?2,99\r\n\r\nOK\r\n"}},
-        {"seventy kilobytes without a result code",
-         flood + "  delay 50\n  ok\n",
-         nullptr,
-         {"AT+FLOOD", "AT+CSQ"},
-         {"", csq_answer}},
+        {"a stale copy of an answer behind the real one", "set dup 1\non AT+CSQ\n  when dup = 1\n  set dup 0\n  line +CSQ: 22,99\n  ok\n  raw \"\\r\\n+CSQ: 11,99\\r\\n\\r\\nOK\\r\\n\"\n", nullptr, {"AT+CSQ", "AT+CSQ"}, {csq_answer, csq_answer}},
+        {"NUL bytes inside an answer", "on AT+CSQ\n  raw \"\\r\\n+CSQ: 2\\x002,99\\r\\n\\r\\nOK\\r\\n\"\n", nullptr, {"AT+CSQ"}, {"\r\n+CSQ: 2?2,99\r\n\r\nOK\r\n"}},
+        {"seventy kilobytes without a result code", flood + "  delay 50\n  ok\n", nullptr, {"AT+FLOOD", "AT+CSQ"}, {"", csq_answer}},
+        // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
@@ -576,24 +462,6 @@ TEST_F(CommManager, BadTrafficDoesNotSpoilTheNextAnswers)
 
 // --- time-outs and resynchronisation ---------------------------------------------
 
-TEST_F(CommManager, UnansweredRequestStaysInFlightUntilExpired)
-{
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
-    sim->control("hang");
-    request *req = mdm->queue("AT+CSQ");
-    idle(300);
-    EXPECT_TRUE(mdm->finished.empty());
-    EXPECT_EQ(mdm->queued(), 1u);
-    EXPECT_TRUE(mdm->cmm->busy());
-    EXPECT_EQ(count(modem_input(sim->transcript()), "AT+CSQ"), 1u);
-
-    expire(*mdm, req);
-    sim->control("unhang");
-    EXPECT_EQ(answer("AT+CSQ"), csq_answer);
-    idle(100);
-    EXPECT_EQ(mdm->finished.size(), 1u);
-}
-
 // The answer to a dropped command arrives after the next command was
 // queued: it is never handed to that command, however late it comes.
 TEST_F(CommManager, LateAnswerOfADroppedCommandIsNeverTakenForTheNextOne)
@@ -604,9 +472,7 @@ TEST_F(CommManager, LateAnswerOfADroppedCommandIsNeverTakenForTheNextOne)
         std::string next, next_answer;
     } rows[] = {
         {"info line and OK", "line +CSQ: 5,99\n  ok", "AT+CSQ", csq_answer},
-        {"same command again", "line +SLOW: 1\n  ok", "AT+GSN", gsn_answer},
         {"error only", "error", "AT+CREG?", creg_answer},
-        {"plain text", "line 123456\n  ok", "AT+GSN", gsn_answer},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
@@ -668,42 +534,6 @@ TEST_F(CommManager, CommandExpiringAtAPromptIsCancelledWithEsc)
     size_t esc = in.find("\\x1b");
     ASSERT_NE(esc, std::string::npos) << in;
     EXPECT_LT(esc, in.find("AT+GSN")) << in;
-}
-
-// A command longer than the terminal takes at once is finished when the port
-// is writable again. When the modem stops reading in the middle and the
-// request expires, the fragment is erased before the probe, and the modem
-// never runs it as a command.
-TEST_F(CommManager, LongCommandIsWrittenWholeOrItsFragmentErased)
-{
-    const std::string cmd = "AT+LONG=" + std::string(60000, '7');
-    for (const bool stall : {false, true}) {
-        SCOPED_TRACE(stall ? "modem stops reading" : "modem reads");
-        ASSERT_NO_FATAL_FAILURE(open_channel(scenario("on AT+LONG=*\n  line +LONG: 1\n  ok\n")));
-        if (stall) {
-            sim->signal(SIGSTOP);
-            request *req = mdm->queue(cmd);
-            idle(200);
-            EXPECT_TRUE(mdm->cmm->writing());
-            expire(*mdm, req);
-            EXPECT_TRUE(mdm->cmm->resyncing());
-            sim->signal(SIGCONT);
-        } else {
-            mdm->queue(cmd);
-            ASSERT_TRUE(wait_finished(1, 10000));
-            EXPECT_EQ(mdm->finished[0].failed, 0);
-        }
-        EXPECT_EQ(answer("AT+CSQ", 8000), csq_answer);
-        std::string in = modem_input(sim->transcript());
-        if (stall) {
-            size_t erased = in.find("\\x08");
-            ASSERT_NE(erased, std::string::npos) << "no backspace erased the fragment";
-            EXPECT_LT(erased, in.find("AT+CMEE?")) << "the probe went out before the fragment was erased";
-        } else {
-            EXPECT_NE(in.find(cmd + "\\r"), std::string::npos) << "the modem did not get the command whole";
-        }
-        restart();
-    }
 }
 
 // --- local AT socket ------------------------------------------------------------
@@ -780,57 +610,6 @@ TEST_F(CommManagerAvp, LinesAreFramedBoundedAndChecked)
     }
 }
 
-TEST_F(CommManagerAvp, ClientLeavingBeforeItsAnswerDoesNotBreakTheChannel)
-{
-    ASSERT_NO_FATAL_FAILURE(open_avp(scenario("on AT+SLOW\n  delay 100\n  ok\n")));
-    ASSERT_TRUE(peer->send("AT+SLOW\n"));
-    ASSERT_TRUE(run_until(3000, [&] { return mdm->queued() == 1; }));
-    peer.reset();
-    ASSERT_TRUE(wait_finished(1));
-    EXPECT_EQ(answer("AT+CSQ"), csq_answer);
-    // The client that left is gone from the channel's books.
-    auto stats = ujson::create();
-    mdm->cmm->fill_stats(*stats);
-    EXPECT_NE(json_text(stats->get_blobmsg()).find("\"aux_fd_num\":0"), std::string::npos);
-}
-
-// Out of descriptors, the clients waiting to be accepted are not left
-// waiting: each gets the error line at once, and once descriptors are free
-// again clients are served as usual.
-TEST_F(CommManagerAvp, ClientsArrivingWhileOutOfDescriptorsAreRefusedWithTheErrorLine)
-{
-    ASSERT_NO_FATAL_FAILURE(open_avp(scenario("")));
-    rlimit old{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
-    std::vector<std::unique_ptr<avp_peer>> waiting;
-    for (int i = 0; i < 3; i++)
-        waiting.push_back(std::make_unique<avp_peer>(root.path() + "/dev/modem0"));
-    // The fillers stand for the other clients holding every descriptor left.
-    testing::internal::CaptureStdout();
-    std::vector<int> fillers;
-    int first = dup(0);
-    ASSERT_GE(first, 0);
-    fillers.push_back(first);
-    rlimit tight{static_cast<rlim_t>(first + 1), old.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
-    for (int fd; (fd = dup(0)) >= 0;)
-        fillers.push_back(fd);
-    idle(200);
-    for (int fd : fillers)
-        close(fd);
-    setrlimit(RLIMIT_NOFILE, &old);
-    testing::internal::GetCapturedStdout();
-
-    for (auto &c : waiting) {
-        c->poll();
-        EXPECT_EQ(c->received(), comm_manager::avp_error);
-    }
-    avp_peer later(root.path() + "/dev/modem0");
-    ASSERT_TRUE(later.send("AT+CSQ\n"));
-    ASSERT_TRUE(wait_received(later, csq_answer.size()));
-    EXPECT_EQ(later.received(), csq_answer);
-}
-
 // ---- raw data after CONNECT (file upload) -------------------------------------
 
 namespace
@@ -869,42 +648,6 @@ bool fd_open(int fd)
 
 } // namespace
 
-TEST(XorChecksum, BigEndianWordsAcrossChunkBoundaries)
-{
-    const std::pair<std::string, uint16_t> rows[] = {
-        {"", 0},
-        {"\x01", 0x0100},
-        {"\x01\x02", 0x0102},
-        {"\x01\x02\x03", 0x0202},
-        {std::string("\xff\xff\xff\xff", 4), 0},
-        {std::string("\0\x1a\r\n", 4), 0x0d10},
-    };
-    for (const auto &[data, sum] : rows) {
-        SCOPED_TRACE(testing::PrintToString(data));
-        // Split at every point: the offset carries which half comes next.
-        for (size_t cut = 0; cut <= data.size(); cut++) {
-            uint16_t s = xor16_checksum(0, 0, data.data(), cut);
-            EXPECT_EQ(xor16_checksum(s, cut, data.data() + cut, data.size() - cut), sum) << "cut at " << cut;
-        }
-    }
-}
-
-TEST(RequestSource, ClosedWithTheRequestWhateverHappened)
-{
-    int p[2];
-    ASSERT_EQ(pipe(p), 0);
-    request *req = create_request(ACT_UPLOAD_FILE, nullptr, nullptr, "AT+QFUPL=\"a\",1,5", 16, 1000, nullptr);
-    ASSERT_TRUE(req);
-    req->source = request_source(p[0], 1, 5000);
-    request_source moved = std::move(req->source);
-    EXPECT_FALSE(req->source.active());
-    req->source = std::move(moved);
-    EXPECT_TRUE(fd_open(p[0]));
-    clean_request(req, 1);
-    EXPECT_FALSE(fd_open(p[0]));
-    close(p[1]);
-}
-
 // Every byte goes out raw after CONNECT, in pieces; the answer after it is
 // the command's, counted and checked against what the modem reports.
 TEST_F(CommManager, UploadStreamsTheFileAfterConnectAndTheReportIsAnUnsolicitedLine)
@@ -942,19 +685,13 @@ TEST_F(CommManager, UploadStreamsTheFileAfterConnectAndTheReportIsAnUnsolicitedL
 TEST_F(CommManager, ErrorInsteadOfConnectWritesNoData)
 {
     ASSERT_NO_FATAL_FAILURE(open_channel(scenario(ufs_rules)));
-    const std::pair<const char *, const char *> rows[] = {
-        {"AT+QFUPL=\"RAM:big\",5000,5", "\r\n+CME ERROR: 420\r\n"}, // larger than the RAM storage
-        {"AT+QFUPL=\"a/b\",5000,5", "\r\n+CME ERROR: 406\r\n"},
-    };
-    for (size_t i = 0; i < std::size(rows); i++) {
-        std::string bytes;
-        int fd = data_file(root, "d", 5000, &bytes);
-        request *req = mdm->queue(rows[i].first, ACT_UPLOAD_FILE, 10000);
-        req->source = request_source(fd, 5000, 5000);
-        ASSERT_TRUE(wait_finished(i + 1));
-        EXPECT_EQ(mdm->last_response, rows[i].second);
-        EXPECT_FALSE(fd_open(fd));
-    }
+    std::string bytes;
+    int fd = data_file(root, "d", 5000, &bytes);
+    request *req = mdm->queue("AT+QFUPL=\"RAM:big\",5000,5", ACT_UPLOAD_FILE, 10000); // larger than the RAM storage
+    req->source = request_source(fd, 5000, 5000);
+    ASSERT_TRUE(wait_finished(1));
+    EXPECT_EQ(mdm->last_response, "\r\n+CME ERROR: 420\r\n");
+    EXPECT_FALSE(fd_open(fd));
     EXPECT_EQ(sim->control("stats").find("bytes_received: 5"), std::string::npos);
     EXPECT_EQ(modem_input(sim->transcript()).find("\\x00"), std::string::npos) << "data went out";
     EXPECT_EQ(answer("AT+CSQ"), csq_answer);
