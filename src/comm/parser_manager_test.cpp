@@ -9,8 +9,7 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
+namespace {
 
 using strings = std::vector<std::string>;
 
@@ -148,9 +147,7 @@ std::string show(const strings &blocks)
     return s;
 }
 
-class TranscriptTest : public testing::TestWithParam<const char *>
-{
-};
+class TranscriptTest : public testing::TestWithParam<const char *> {};
 
 TEST_P(TranscriptTest, SameResultsHoweverTheBytesAreChunked)
 {
@@ -196,9 +193,10 @@ TEST_P(TranscriptTest, SameResultsHoweverTheBytesAreChunked)
 }
 
 INSTANTIATE_TEST_SUITE_P(Captured, TranscriptTest,
-                         testing::Values("csq_creg.txt", "ati_boot.txt", "cops_scan.txt", "cmgl_pdu.txt", "errors.txt",
-                                         "numeric.txt", "cmgs_prompt.txt", "qind_urc.txt", "ring_clip.txt", "cusd.txt",
-                                         "powered_down.txt", "qeng_qfupl.txt", "creg_all.txt"));
+                         testing::Values("csq_creg.txt", "ati_boot.txt", "cops_scan.txt", "cmgl_pdu.txt",
+                                         "errors.txt", "numeric.txt", "cmgs_prompt.txt", "qind_urc.txt",
+                                         "ring_clip.txt", "cusd.txt", "powered_down.txt", "qeng_qfupl.txt",
+                                         "creg_all.txt"));
 
 // --- Result codes and token -------------------------------------------------------
 
@@ -247,17 +245,10 @@ TEST(AtsIdFindTest, FindsTheCodeThatEndsAResponse)
 TEST(TokenTest, TakenFromTheCommandName)
 {
     const std::pair<const char *, const char *> rows[] = {
-        {"AT+CSQ\r", "CSQ"},
-        {"AT+COPS=?\r", "COPS"},
-        {"AT+CREG?\r", "CREG"},
-        {"at+cgdcont?\r", "CGDCONT"},
-        {"AT^SYSINFO\r", "SYSINFO"},
-        {"AT+QCFG=\"band\"\r", "QCFG"},
-        {"ATI\r", ""},
-        {"ATE0\r", "0"},
-        {"AT\r", "AT"},
-        {"AT+ABCDEFGHIJKLMNO=1\r", "ABCDEFGHIJKLMNO"},
-        {"AT+ABCDEFGHIJKLMNOP=1\r", ""},
+        {"AT+CSQ\r", "CSQ"},       {"AT+COPS=?\r", "COPS"},  {"AT+CREG?\r", "CREG"},
+        {"at+cgdcont?\r", "CGDCONT"}, {"AT^SYSINFO\r", "SYSINFO"}, {"AT+QCFG=\"band\"\r", "QCFG"},
+        {"ATI\r", ""},             {"ATE0\r", "0"},          {"AT\r", "AT"},
+        {"AT+ABCDEFGHIJKLMNO=1\r", "ABCDEFGHIJKLMNO"},       {"AT+ABCDEFGHIJKLMNOP=1\r", ""},
     };
     auto p = parser::create();
     for (const auto &[cmd, token] : rows) {
@@ -290,111 +281,35 @@ TEST(WorkTest, SplitsTheHistoryIntoResponseUrcsAndRest)
         {"answer still arriving", "AT+CSQ\r", "\r\n+CSQ: 20,99\r\n", waits, "", {}, "\r\n+CSQ: 20,99\r\n"},
         {"nothing awaited without a token", "ATI\r", "\r\nQuectel\r\n", 0, "", {}, "\r\nQuectel\r\n"},
         {"prompt", "AT+CMGS=23\r", "\r\n> ", PARSER_STATUS_PROMPT, "\r\n> ", {}, ""},
-        {"token lines and the plain lines between them",
-         "AT+CMGL=4\r",
-         "\r\n+CMTI: \"SM\",1\r\n\r\n+CMGL: 0,1,,3\r\n000000\r\n+CMGL: 1,1,,3\r\n000000\r\n\r\nOK\r\n",
-         done | urc,
-         "\r\n+CMGL: 0,1,,3\r\n000000\r\n+CMGL: 1,1,,3\r\n000000\r\n\r\nOK\r\n",
-         {"\r\n+CMTI: \"SM\",1\r\n"},
-         ""},
-        {"token compared without case",
-         "AT+CSQ\r",
-         "\r\n+csq: 1,2\r\n\r\nOK\r\n",
-         done,
-         "\r\n+csq: 1,2\r\n\r\nOK\r\n",
-         {},
-         ""},
-        {"a URC inside the answer stays in it",
-         "AT+CSQ\r",
-         "\r\n+CSQ: 20,99\r\n\r\n+CREG: 1\r\n\r\nOK\r\n",
-         done,
-         "\r\n+CSQ: 20,99\r\n\r\n+CREG: 1\r\n\r\nOK\r\n",
-         {},
-         ""},
-        {"plain answer starts after the last URC",
-         "AT+CGSN\r",
-         "\r\n+CREG: 5\r\n\r\n867698041234567\r\n\r\nOK\r\n",
-         done | urc,
-         "\r\n867698041234567\r\n\r\nOK\r\n",
-         {"\r\n+CREG: 5\r\n"},
-         ""},
-        {"plain lines before the token line are dropped",
-         "AT+CPIN?\r",
-         "\r\nRDY\r\n\r\n+CPIN: READY\r\n\r\nOK\r\n",
-         done,
-         "\r\n+CPIN: READY\r\n\r\nOK\r\n",
-         {},
-         ""},
-        {"RING ends a plain answer's lead-in",
-         "AT+CGMR\r",
-         "\r\nRING\r\n\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n",
-         done | urc,
-         "\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n",
-         {"\r\nRING\r\n"},
-         ""},
-        {"bytes after the result code stay",
-         "AT+CSQ\r",
-         "\r\n+CSQ: 1,2\r\n\r\nOK\r\n\r\n+CRE",
-         done,
-         "\r\n+CSQ: 1,2\r\n\r\nOK\r\n",
-         {},
-         "\r\n+CRE"},
-        {"upload report is a URC, not data",
-         "AT+QFUPL=\"a\",3\r",
-         "\r\n+QFUPL: 3,6162\r\n\r\nOK\r\n",
-         done | urc,
-         "\r\nOK\r\n",
-         {"\r\n+QFUPL: 3,6162\r\n"},
-         ""},
-        {"four bytes or less in front stay",
-         "AT+CSQ\r",
-         "\r\n\r\n\r\n+CSQ: 1,2\r\n\r\nOK\r\n",
-         done,
-         "\r\n+CSQ: 1,2\r\n\r\nOK\r\n",
-         {},
-         "\r\n\r\n"},
-        {"special URCs come before line URCs",
-         "AT+CSQ\r",
-         "\r\n+CREG: 1\r\n\r\n+CUSD: 1,\"Menu\r\n1 Top up\",15\r\n",
-         waits | urc,
-         "",
-         {"\r\n+CUSD: 1,\"Menu\r\n1 Top up\",15\r\n", "\r\n+CREG: 1\r\n"},
-         ""},
-        {"USSD without text is a plain URC line",
-         "AT+CSQ\r",
-         "\r\n+CUSD: 2\r\n",
-         waits | urc,
-         "",
-         {"\r\n+CUSD: 2\r\n"},
-         ""},
-        {"USSD text over 256 characters is not one URC",
-         "AT+CSQ\r",
-         "\r\n+CUSD: 0,\"" + std::string(257, 'a') + "\r\n",
-         waits | urc,
-         "",
-         {"\r\n+CUSD: 0,\"" + std::string(257, 'a') + "\r\n"},
-         ""},
-        {"USSD text that may still close waits",
-         "AT+CSQ\r",
-         "\r\n+CUSD: 0,\"" + std::string(254, 'a') + "\r\n",
-         waits,
-         "",
-         {},
-         "\r\n+CUSD: 0,\"" + std::string(254, 'a') + "\r\n"},
-        {"POWERED DOWN is one URC and the next keeps its line break",
-         "AT+CSQ\r",
-         "\r\nPOWERED DOWN\r\n\r\n+CREG: 0\r\n",
-         waits | urc,
-         "",
-         {"\r\nPOWERED DOWN\r\n", "\r\n+CREG: 0\r\n"},
-         ""},
-        {"idle URC after a query is delivered without a token",
-         nullptr,
-         "\r\n+CREG: 5\r\n",
-         urc,
-         "",
-         {"\r\n+CREG: 5\r\n"},
-         ""},
+        {"token lines and the plain lines between them", "AT+CMGL=4\r",
+         "\r\n+CMTI: \"SM\",1\r\n\r\n+CMGL: 0,1,,3\r\n000000\r\n+CMGL: 1,1,,3\r\n000000\r\n\r\nOK\r\n", done | urc,
+         "\r\n+CMGL: 0,1,,3\r\n000000\r\n+CMGL: 1,1,,3\r\n000000\r\n\r\nOK\r\n", {"\r\n+CMTI: \"SM\",1\r\n"}, ""},
+        {"token compared without case", "AT+CSQ\r", "\r\n+csq: 1,2\r\n\r\nOK\r\n", done, "\r\n+csq: 1,2\r\n\r\nOK\r\n", {}, ""},
+        {"a URC inside the answer stays in it", "AT+CSQ\r", "\r\n+CSQ: 20,99\r\n\r\n+CREG: 1\r\n\r\nOK\r\n", done,
+         "\r\n+CSQ: 20,99\r\n\r\n+CREG: 1\r\n\r\nOK\r\n", {}, ""},
+        {"plain answer starts after the last URC", "AT+CGSN\r", "\r\n+CREG: 5\r\n\r\n867698041234567\r\n\r\nOK\r\n",
+         done | urc, "\r\n867698041234567\r\n\r\nOK\r\n", {"\r\n+CREG: 5\r\n"}, ""},
+        {"plain lines before the token line are dropped", "AT+CPIN?\r", "\r\nRDY\r\n\r\n+CPIN: READY\r\n\r\nOK\r\n",
+         done, "\r\n+CPIN: READY\r\n\r\nOK\r\n", {}, ""},
+        {"RING ends a plain answer's lead-in", "AT+CGMR\r", "\r\nRING\r\n\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n",
+         done | urc, "\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n", {"\r\nRING\r\n"}, ""},
+        {"bytes after the result code stay", "AT+CSQ\r", "\r\n+CSQ: 1,2\r\n\r\nOK\r\n\r\n+CRE", done,
+         "\r\n+CSQ: 1,2\r\n\r\nOK\r\n", {}, "\r\n+CRE"},
+        {"upload report is a URC, not data", "AT+QFUPL=\"a\",3\r", "\r\n+QFUPL: 3,6162\r\n\r\nOK\r\n", done | urc,
+         "\r\nOK\r\n", {"\r\n+QFUPL: 3,6162\r\n"}, ""},
+        {"four bytes or less in front stay", "AT+CSQ\r", "\r\n\r\n\r\n+CSQ: 1,2\r\n\r\nOK\r\n", done,
+         "\r\n+CSQ: 1,2\r\n\r\nOK\r\n", {}, "\r\n\r\n"},
+        {"special URCs come before line URCs", "AT+CSQ\r", "\r\n+CREG: 1\r\n\r\n+CUSD: 1,\"Menu\r\n1 Top up\",15\r\n",
+         waits | urc, "", {"\r\n+CUSD: 1,\"Menu\r\n1 Top up\",15\r\n", "\r\n+CREG: 1\r\n"}, ""},
+        {"USSD without text is a plain URC line", "AT+CSQ\r", "\r\n+CUSD: 2\r\n", waits | urc, "", {"\r\n+CUSD: 2\r\n"}, ""},
+        {"USSD text over 256 characters is not one URC", "AT+CSQ\r", "\r\n+CUSD: 0,\"" + std::string(257, 'a') + "\r\n",
+         waits | urc, "", {"\r\n+CUSD: 0,\"" + std::string(257, 'a') + "\r\n"}, ""},
+        {"USSD text that may still close waits", "AT+CSQ\r", "\r\n+CUSD: 0,\"" + std::string(254, 'a') + "\r\n", waits,
+         "", {}, "\r\n+CUSD: 0,\"" + std::string(254, 'a') + "\r\n"},
+        {"POWERED DOWN is one URC and the next keeps its line break", "AT+CSQ\r",
+         "\r\nPOWERED DOWN\r\n\r\n+CREG: 0\r\n", waits | urc, "", {"\r\nPOWERED DOWN\r\n", "\r\n+CREG: 0\r\n"}, ""},
+        {"idle URC after a query is delivered without a token", nullptr, "\r\n+CREG: 5\r\n", urc, "",
+         {"\r\n+CREG: 5\r\n"}, ""},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
@@ -432,8 +347,7 @@ TEST(BadInputTest, HistoryOverTheLimitIsDroppedWithAPreview)
     // 70 KB of a listing whose final result code never comes, in tty-sized reads.
     std::string listing;
     for (int i = 0; listing.size() < 70 * 1024; i++)
-        listing += "\r\n+CMGL: " + std::to_string(i) +
-                   ",1,,30\r\n07911326040000F0040B911346610089F60000208062917314080CC8F71D14969741F977FD07";
+        listing += "\r\n+CMGL: " + std::to_string(i) + ",1,,30\r\n07911326040000F0040B911346610089F60000208062917314080CC8F71D14969741F977FD07";
     listing.resize(70 * 1024);
     auto p = parser::create();
     for (size_t off = 0; off < listing.size(); off += 8192) {
@@ -464,8 +378,7 @@ TEST(BadInputTest, GarbageGoesOnceAUrcOrAnAnswerFollows)
         auto p = parser::create();
         feed_chunk(*p, junk, "AT+CSQ\r");
         take_urcs(*p);
-        EXPECT_TRUE(feed_chunk(*p, "\n\r\n+CREG: 1\r\n\r\n+CSQ: 1,2\r\n\r\nOK\r\n", "AT+CSQ\r") &
-                    PARSER_STATUS_COMPLETE);
+        EXPECT_TRUE(feed_chunk(*p, "\n\r\n+CREG: 1\r\n\r\n+CSQ: 1,2\r\n\r\nOK\r\n", "AT+CSQ\r") & PARSER_STATUS_COMPLETE);
         EXPECT_EQ(esc({p->get_data(), p->get_len()}), esc("\r\n+CSQ: 1,2\r\n\r\nOK\r\n"));
     }
 }
@@ -474,14 +387,9 @@ TEST(BadInputTest, GarbageGoesOnceAUrcOrAnAnswerFollows)
 // leak (the sanitizer build checks), and what comes out must fit what went in.
 TEST(BadInputTest, FuzzedTrafficKeepsTheParserConsistent)
 {
-    const strings words = {"\r\n",      "\r",        "\n",
-                           "OK",        "ERROR",     "+CME ERROR: ",
-                           "> ",        "CONNECT",   "RING",
-                           "+CREG: 1",  "+CSQ: ",    "+CUSD: ",
-                           "0,\"",      "\",15",     "POWERED DOWN",
-                           "+QFUPL",    "0",         "1",
-                           "4",         ",",         std::string(1, '\0'),
-                           "?Time out", "NO CARRIER"};
+    const strings words = {"\r\n", "\r", "\n", "OK", "ERROR", "+CME ERROR: ", "> ", "CONNECT", "RING", "+CREG: 1",
+                           "+CSQ: ", "+CUSD: ", "0,\"", "\",15", "POWERED DOWN", "+QFUPL", "0", "1", "4", ",",
+                           std::string(1, '\0'), "?Time out", "NO CARRIER"};
     const char *const cmds[] = {"AT+CSQ\r", "AT+CUSD=1\r", "ATI\r", "AT+QFUPL=\"f\"\r", nullptr};
     std::mt19937 rng(7);
     for (int run = 0; run < 300; run++) {
