@@ -1,7 +1,6 @@
 #include "comm/cmm_test_support.h"
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -14,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -33,11 +33,6 @@ int64_t now_ms()
 {
     using namespace std::chrono;
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
-int remove_entry(const char *path, const struct stat *, int, struct FTW *)
-{
-    return ::remove(path);
 }
 
 // One line from fd within timeout_ms.
@@ -87,16 +82,17 @@ temp_root::temp_root()
     if (!mkdtemp(tmpl))
         return;
     path_ = tmpl;
-    mkdir((path_ + "/dev").c_str(), 0755);
-    mkdir((path_ + "/tmp").c_str(), 0755);
+    std::filesystem::create_directories(path_ + "/dev");
+    std::filesystem::create_directories(path_ + "/tmp");
     setenv("WWANCTL_ROOT", path_.c_str(), 1);
 }
 
 temp_root::~temp_root()
 {
     unsetenv("WWANCTL_ROOT");
+    std::error_code ec;
     if (!path_.empty())
-        nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+        std::filesystem::remove_all(path_, ec);
 }
 
 // --- simulator ----------------------------------------------------------------
@@ -262,14 +258,9 @@ void test_modem::new_event(uint32_t event, const void *data)
     events.push_back(rec);
 }
 
-void test_modem::notify_error(ubus_request_data *req, int status, ujson &reply)
+void test_modem::notify_error(ubus_request_data *, int status, ujson &)
 {
     bus_errors.push_back(status);
-    if (!bus_ctx)
-        return;
-    reply.add_int("errno", status);
-    reply.add_string("error", act_status_str(static_cast<uint32_t>(status)));
-    ubus_send_reply(bus_ctx, req, reply.get_blobmsg());
 }
 
 size_t test_modem::queued() const

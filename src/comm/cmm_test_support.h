@@ -116,7 +116,7 @@ class test_modem : public cmm_modem
     modem *driver_modem() override { return &mdm_; }
     const modem_driver *driver() const override { return driver_; }
     parser &response_parser() override { return *parser_; }
-    ubus_context *bus() override { return bus_ctx; }
+    ubus_context *bus() override { return nullptr; }
     list_head *request_list() override { return &queue_; }
     request *get_request() override;
     void finish_request(request *req, int failed) override;
@@ -132,7 +132,6 @@ class test_modem : public cmm_modem
     size_t queued() const;
 
     std::unique_ptr<comm_manager> cmm;
-    ubus_context *bus_ctx = nullptr; // errors are sent on it when set
     std::vector<reply_record> replies;
     std::vector<finished_record> finished;
     std::vector<event_record> events;

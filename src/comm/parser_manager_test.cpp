@@ -176,15 +176,6 @@ TEST_P(TranscriptTest, SameResultsHoweverTheBytesAreChunked)
             bytes.emplace_back(1, c);
         return bytes;
     }));
-    for (size_t bi = 0; bi < t.blocks.size(); bi++) {
-        std::string all = joined(t.blocks[bi].chunks);
-        for (size_t k = 1; k < all.size(); k++)
-            ASSERT_TRUE(check("block " + std::to_string(bi) + " split after \"" + esc(all.substr(0, k)) + "\"",
-                              [&](size_t i) {
-                                  std::string b = joined(t.blocks[i].chunks);
-                                  return i == bi ? strings{b.substr(0, k), b.substr(k)} : strings{b};
-                              }));
-    }
     std::mt19937 rng(20261123);
     for (int round = 0; round < 200; round++) {
         std::vector<strings> plan;
@@ -329,18 +320,6 @@ TEST(WorkTest, SplitsTheHistoryIntoResponseUrcsAndRest)
         EXPECT_EQ(take_urcs(*p), r.urcs);
         EXPECT_EQ(esc({p->get_hdata(), p->get_hlen()}), esc(r.left));
     }
-}
-
-TEST(WorkTest, FlushEmptiesTheResponseAndKeepsTheHistory)
-{
-    auto p = parser::create();
-    feed_chunk(*p, "\r\n+CSQ: 1,2\r\n\r\nOK\r\n\r\n+CR", "AT+CSQ\r");
-    EXPECT_EQ(p->result_id(), ATS_OK);
-    p->flush();
-    EXPECT_EQ(p->get_len(), 0u);
-    EXPECT_EQ(p->status(), 0u);
-    EXPECT_EQ(p->result_id(), ATS_NONE);
-    EXPECT_EQ(std::string(p->get_hdata(), p->get_hlen()), "\r\n+CR");
 }
 
 TEST(SanitizeTest, LeftoverCodesAreCutAndZeroBytesReadAsText)

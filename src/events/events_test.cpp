@@ -95,42 +95,6 @@ class EventsTest : public ::testing::Test
 const std::initializer_list<const char *> signal_keys = {"rssi_value", "rscp_value", "ecio_value", "rsrp_value",
                                                          "sinr_value", "rsrq_value", "ber_value"};
 
-TEST_F(EventsTest, RegistrationsCarryTheirNamesAndValueKinds)
-{
-    struct {
-        uint32_t id;
-        const char *name;
-        uint32_t type;
-        bool has_cb;
-    } rows[] = {
-        {EVT_SERVICE_MODE, "service_mode", CACHE_DATA_INT32, true},
-        {EVT_ACT, "act", CACHE_DATA_INT32, false},
-        {EVT_RSRP, "rsrp_value", CACHE_DATA_INT32, false},
-        {EVT_NETWORK_STATE, "network_state", CACHE_DATA_INT32, true},
-        {EVT_NETWORK_STATE_PS, "network_state", CACHE_DATA_INT32, true},
-        {EVT_EMM_ERROR, "emm_error", CACHE_DATA_UJSON, false},
-        {EVT_PIN_STATE, "pin_state", CACHE_DATA_INT32, true},
-        {EVT_SMS_INDEX, "sms_index", CACHE_DATA_INT32, false},
-        {EVT_SND_SMS, "snd_sms", CACHE_DATA_UJSON, false},
-        {EVT_SERVICE_DATA, "service_data_value", CACHE_DATA_UJSON, true},
-        {EVT_SIM_STATUS, "sim_status", CACHE_DATA_INT32, true},
-        {EVT_RING, "ring", CACHE_DATA_UJSON, true},
-        {EVT_NO_CARRIER, "no_carrier", CACHE_DATA_UJSON, true},
-        {EVT_BAND_CHANGE, "band_change", CACHE_DATA_UJSON, true},
-        {EVT_OPERATOR, "operator", CACHE_DATA_INT32, true},
-        {EVT_SIM_CHANGE, "sim_change", CACHE_DATA_INT32, true},
-    };
-    for (const auto &row : rows) {
-        const evt_desc *desc = event_find(row.id);
-        ASSERT_NE(desc, nullptr) << row.id;
-        EXPECT_STREQ(desc->name, row.name);
-        EXPECT_EQ(desc->type, row.type) << row.name;
-        EXPECT_EQ(desc->cb != nullptr, row.has_cb) << row.name;
-    }
-    for (uint32_t unused : {19u, 20u, 25u})
-        EXPECT_EQ(event_find(unused), nullptr);
-}
-
 TEST_F(EventsTest, ServiceModeDropsWhatTheNewModeMadeStale)
 {
     struct {
@@ -159,33 +123,62 @@ TEST_F(EventsTest, ServiceModeDropsWhatTheNewModeMadeStale)
     }
 }
 
-TEST_F(EventsTest, PinStateOkReadsTheSimAgainAndAsksForTheOperator)
+// What each event leaves in the cache and which requests and events it sets off.
+TEST_F(EventsTest, EventsDropStaleKeysAndAskForWhatTheyMadeStale)
 {
-    for (const char *k : {"iccid", "op_format", "operator", "sim_pin1", "operator_scan"})
-        mdm.put(k);
-    fire(EVT_PIN_STATE, 1);
-    EXPECT_EQ(mdm.text("pin_state_str"), "OK");
-    EXPECT_EQ(present({"iccid", "op_format", "operator", "sim_pin1", "operator_scan"}),
-              (std::vector<const char *>{"sim_pin1", "operator_scan"}));
-    std::vector<std::pair<uint32_t, std::string>> want = {
-        {ACT_GET_PIN_COUNT, ""}, {ACT_GET_IMSI, ""}, {ACT_GET_SMS_MODE, ""}, {ACT_GET_ICCID, ""}};
-    EXPECT_EQ(mdm.refreshed, want);
-    EXPECT_EQ(mdm.forced, std::vector<uint32_t>{EVT_OPERATOR});
-}
-
-TEST_F(EventsTest, PinStateChainStopsAtAFailedRequestAndNothingRunsWhilePaused)
-{
-    mdm.failing_action = ACT_GET_IMSI;
-    fire(EVT_PIN_STATE, 1);
-    EXPECT_EQ(mdm.refreshed.size(), 2u);
-    EXPECT_TRUE(mdm.forced.empty());
-
-    test_modem paused;
-    paused.is_paused = true;
-    uint32_t ok = 1;
-    event_find(EVT_PIN_STATE)->cb(paused, EVT_PIN_STATE, &ok);
-    EXPECT_TRUE(paused.refreshed.empty());
-    EXPECT_EQ(paused.text("pin_state_str"), "OK") << "the cache is kept up to date all the same";
+    using reqs = std::vector<std::pair<uint32_t, std::string>>;
+    using keys = std::vector<const char *>;
+    const reqs pin_ok = {{ACT_GET_PIN_COUNT, ""}, {ACT_GET_IMSI, ""}, {ACT_GET_SMS_MODE, ""}, {ACT_GET_ICCID, ""}};
+    const keys sim = {"iccid", "op_format", "operator", "sim_pin1", "operator_scan"};
+    const keys band = {"rssi_value", "ber_value", "band_str", "band_id", "reg_lac"};
+    const struct {
+        const char *what;
+        keys put;
+        uint32_t id, value;
+        const char *data; // a JSON argument instead of the number
+        uint32_t failing;
+        bool paused;
+        keys kept;
+        reqs refreshed;
+        std::vector<uint32_t> forced;
+        std::string broadcast;
+    } rows[] = {
+        // clang-format off
+        {"PIN ok: the SIM is read again", sim, EVT_PIN_STATE, 1, nullptr, 0, false, {"sim_pin1", "operator_scan"}, pin_ok, {EVT_OPERATOR}, ""},
+        {"PIN ok: the chain stops at a failed request", {}, EVT_PIN_STATE, 1, nullptr, ACT_GET_IMSI, false, {}, {pin_ok[0], pin_ok[1]}, {}, ""},
+        {"PIN ok while paused", {}, EVT_PIN_STATE, 1, nullptr, 0, true, {}, {}, {EVT_OPERATOR}, ""},
+        {"operator: long format, then read", {}, EVT_OPERATOR, 0, nullptr, 0, false, {}, {{ACT_SET_OPER_SELECTION, "long"}, {ACT_GET_OPER_SELECTION, ""}}, {}, ""},
+        {"operator: long format refused", {}, EVT_OPERATOR, 0, nullptr, ACT_SET_OPER_SELECTION, false, {}, {{ACT_SET_OPER_SELECTION, "long"}}, {}, ""},
+        {"SIM change", {"operator_scan"}, EVT_SIM_CHANGE, 2, nullptr, 0, false, {}, {}, {}, "sim.changed 2/1-1.2"},
+        {"service data names its keys", {"response", "state_id", "coding_scheme", "imsi"}, EVT_SERVICE_DATA, 0, R"({"response":"Guthaben: 12,34 EUR","state_id":1})", 0, false, {"coding_scheme", "imsi"}, {}, {}, ""},
+        {"SIM status is a number", {"coding_scheme", "imsi"}, EVT_SIM_STATUS, 1, nullptr, 0, false, {"coding_scheme", "imsi"}, {}, {}, ""},
+        {"band change", band, EVT_BAND_CHANGE, 0, "{}", 0, false, {"reg_lac"}, {}, {}, ""},
+        {"registration", {}, EVT_NETWORK_STATE, 1, nullptr, 0, false, {}, {{ACT_GET_VOLTE_READY, ""}}, {}, ""},
+        {"packet registration", {}, EVT_NETWORK_STATE_PS, 5, nullptr, 0, false, {}, {{ACT_GET_VOLTE_READY, ""}}, {}, ""},
+        // clang-format on
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.what);
+        test_modem m;
+        m.failing_action = r.failing;
+        m.is_paused = r.paused;
+        for (const char *k : r.put)
+            m.put(k);
+        uint32_t value = r.value;
+        auto data = r.data ? services_test::from_json(r.data) : nullptr;
+        event_find(r.id)->cb(m, r.id, data ? static_cast<void *>(data.get()) : &value);
+        keys kept;
+        for (const char *k : r.put)
+            if (m.has(k))
+                kept.push_back(k);
+        EXPECT_EQ(kept, r.kept);
+        EXPECT_EQ(m.refreshed, r.refreshed);
+        EXPECT_EQ(m.forced, r.forced);
+        std::string sent;
+        for (const auto &[name, payload] : m.broadcasts)
+            sent += name + " " + payload;
+        EXPECT_EQ(sent, r.broadcast);
+    }
 }
 
 TEST_F(EventsTest, PinStatesWithoutAUsableSimDropItsSecrets)
@@ -195,7 +188,7 @@ TEST_F(EventsTest, PinStatesWithoutAUsableSimDropItsSecrets)
         const char *text;
         bool drops_secrets;
     } rows[] = {
-        {2, "Not ready", true},   {10, "SIM not inserted", true}, {13, "SIM failure", true},
+        {2, "Not ready", true},     {10, "SIM not inserted", true}, {13, "SIM failure", true},
         {4, "Required PIN", false}, {99, "Unknown", false},         {0, "Unknown", false},
     };
     for (const auto &row : rows) {
@@ -209,65 +202,6 @@ TEST_F(EventsTest, PinStatesWithoutAUsableSimDropItsSecrets)
     }
     EXPECT_TRUE(mdm.refreshed.empty());
     EXPECT_TRUE(mdm.forced.empty());
-}
-
-TEST_F(EventsTest, OperatorChangeSetsTheLongFormatThenReadsTheOperator)
-{
-    fire(EVT_OPERATOR, 0);
-    std::vector<std::pair<uint32_t, std::string>> want = {{ACT_SET_OPER_SELECTION, "long"},
-                                                          {ACT_GET_OPER_SELECTION, ""}};
-    EXPECT_EQ(mdm.refreshed, want);
-
-    test_modem failing;
-    failing.failing_action = ACT_SET_OPER_SELECTION;
-    uint32_t none = 0;
-    event_find(EVT_OPERATOR)->cb(failing, EVT_OPERATOR, &none);
-    EXPECT_EQ(failing.refreshed.size(), 1u);
-}
-
-TEST_F(EventsTest, SimChangeIsBroadcastOnceAndForgetsTheScan)
-{
-    mdm.put("operator_scan");
-    fire(EVT_SIM_CHANGE, 2);
-    EXPECT_FALSE(mdm.has("operator_scan"));
-    EXPECT_EQ(mdm.broadcasts, (std::vector<std::pair<std::string, std::string>>{{"sim.changed", "2/1-1.2"}}));
-}
-
-TEST_F(EventsTest, DataEventsDropTheKeysTheyName)
-{
-    for (const char *k : {"response", "state_id", "coding_scheme", "imsi"})
-        mdm.put(k);
-    auto data = ujson::create();
-    data->add_string("response", "Guthaben: 12,34 EUR");
-    data->add_int("state_id", 1);
-    fire(EVT_SERVICE_DATA, *data);
-    EXPECT_EQ(present({"response", "state_id", "coding_scheme", "imsi"}),
-              (std::vector<const char *>{"coding_scheme", "imsi"}));
-
-    // The SIM status is a number: it names nothing.
-    fire(EVT_SIM_STATUS, 1);
-    EXPECT_EQ(present({"coding_scheme", "imsi"}).size(), 2u);
-}
-
-TEST_F(EventsTest, BandChangeDropsSignalAndBand)
-{
-    for (const char *k : signal_keys)
-        mdm.put(k);
-    mdm.put("band_str");
-    mdm.put("band_id");
-    mdm.put("reg_lac");
-    auto data = ujson::create();
-    fire(EVT_BAND_CHANGE, *data);
-    EXPECT_EQ(present({"rssi_value", "ber_value", "band_str", "band_id", "reg_lac"}),
-              std::vector<const char *>{"reg_lac"});
-}
-
-TEST_F(EventsTest, RegistrationChangeAsksWhetherVoiceOverLteIsReady)
-{
-    fire(EVT_NETWORK_STATE, 1);
-    fire(EVT_NETWORK_STATE_PS, 5);
-    std::vector<std::pair<uint32_t, std::string>> want = {{ACT_GET_VOLTE_READY, ""}, {ACT_GET_VOLTE_READY, ""}};
-    EXPECT_EQ(mdm.refreshed, want);
 }
 
 // ---- asynchronous calls -------------------------------------------------------------

@@ -2,10 +2,8 @@
 
 #include "util/converter.h"
 #include "util/gsm7_tables.h"
+#include "util/root_test_support.h"
 
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -118,7 +116,7 @@ TEST(PduDecodeDeliver, Examples)
         // Developer's Home SMS tutorial, received PDU; international sender; zone byte 08 reads -0.
         {"07911326040000F0040B911346610089F60000208062917314080CC8F71D14969741F977FD07", "+31641600986",
          "How are you?", 1030390661},
-        // The rest built after TS 23.040: alphanumeric senders of 4 and 7 characters (no fill '@').
+        // The rest built by hand: alphanumeric senders of 4 and 7 characters (no fill '@').
         {"000407D049B7F90D00004220112100000002E834", "Info", "hi", noon},
         {"00040DD049B7F93D6D4E0100004220112100000002E834", "InfoSMS", "hi", noon},
         // "*#12ABC" semi-octets, zone -6 h (bit 3 of the zone), DCS group 15 with 7-bit text.
@@ -370,21 +368,15 @@ TEST(PduEncode, RoundTrip)
 
 TEST(PduEncode, LongTextTailGoesToFile)
 {
-    char dir[] = "/tmp/pdu_test_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string root = dir;
-    ASSERT_EQ(system(("mkdir " + root + "/tmp").c_str()), 0);
-    setenv("WWANCTL_ROOT", dir, 1);
+    temp_root root;
     std::string text;
     for (int i = 0; i < 153 * 11; i++)
         text += static_cast<char>('a' + i % 26);
+    root.write("/tmp/.keep", "");
     std::vector<pdu_submit> out;
     EXPECT_EQ(pdu_encode("+4912345", text, out), 0);
     EXPECT_EQ(out.size(), 11u);
-    std::ifstream f(root + "/tmp/sms_+4912345");
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(f), {}), text.substr(10 * 153));
-    unsetenv("WWANCTL_ROOT");
-    EXPECT_EQ(system(("rm -r " + root).c_str()), 0);
+    EXPECT_EQ(root.read("/tmp/sms_+4912345"), text.substr(10 * 153));
 }
 
 } // namespace

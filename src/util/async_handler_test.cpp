@@ -2,7 +2,6 @@
 
 #include "ubus/modem_api.h"
 #include "util/cache_manager.h"
-#include "util/log.h"
 #include "util/services_test_support.h"
 #include "util/ujson.h"
 
@@ -12,7 +11,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <regex>
 #include <set>
 #include <string>
 #include <unistd.h>
@@ -112,7 +110,6 @@ class AsyncManager : public ::testing::Test
 
     void TearDown() override
     {
-        log_level(0);
         mgr.reset();
         for (const async_call &c : test_calls)
             async_unregister(c.id);
@@ -165,16 +162,12 @@ TEST_F(AsyncManager, CallsThatCannotRunAreDropped)
         int queue_result;
         size_t invoked;
         size_t requests;
-        const char *log;
     };
     const row rows[] = {
-        {"prepare refuses the value", R"({"validate":true})", true, 0, 0, 0, 0, ""},
-        {"driver lacks the action", R"({"number":"1"})", false, 0, 0, 0, 0, ""},
-        {"driver error", R"({"number":"1"})", true, ACT_STATUS_NOT_SUPPORTED, 0, 1, 0,
-         "call_async error: [MODEM] An error (7) occurred: Functionality not supported for `1-1 [2C7C:0125]` "
-         "modem!\n"},
-        {"request not queued", R"({"number":"1"})", true, 0, 1, 1, 1,
-         "call_async error: [MODEM] Failed to create new internal request for `1-1 [2C7C:0125]` modem!\n"},
+        {"prepare refuses the value", R"({"validate":true})", true, 0, 0, 0, 0},
+        {"driver lacks the action", R"({"number":"1"})", false, 0, 0, 0, 0},
+        {"driver error", R"({"number":"1"})", true, ACT_STATUS_NOT_SUPPORTED, 0, 1, 0},
+        {"request not queued", R"({"number":"1"})", true, 0, 1, 1, 1},
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
@@ -191,7 +184,7 @@ TEST_F(AsyncManager, CallsThatCannotRunAreDropped)
 
         testing::internal::CaptureStdout();
         run_loop();
-        EXPECT_EQ(log_lines(testing::internal::GetCapturedStdout()), r.log);
+        testing::internal::GetCapturedStdout();
         EXPECT_EQ(m.invoked.size(), r.invoked);
         EXPECT_EQ(m.requests.size(), r.requests);
     }
@@ -204,9 +197,7 @@ TEST_F(AsyncManager, RefusedPushesQueueNothing)
     EXPECT_EQ(mgr->push(mdm, 77, sms.get(), 10, ACT_SEND_SMS), 1);
     EXPECT_EQ(mgr->push(mdm, 0, nullptr, 10, ACT_SEND_SMS), 1);
     EXPECT_EQ(mgr->push(mdm, 0, sms.get(), 10, ACT_SEND_SMS), 1) << "no pipe yet";
-    EXPECT_EQ(log_lines(testing::internal::GetCapturedStdout()),
-              "push error: [ASYNC] Unable to find async call by `77` id! for `1-1 [2C7C:0125]` modem!\n"
-              "push error: [ASYNC] Fd write error: errno 9: Bad file descriptor\n");
+    testing::internal::GetCapturedStdout();
 
     // the refused call is not left behind for a later wake-up; plain values
     // are copied with their size
@@ -219,30 +210,6 @@ TEST_F(AsyncManager, RefusedPushesQueueNothing)
     run_loop();
     EXPECT_EQ(g_seen, (std::vector<std::string>{"+37060000000/13/30", "7/4/5"}));
     EXPECT_TRUE(mdm.requests.empty()) << "a call its prepare refuses reaches no driver";
-}
-
-TEST_F(AsyncManager, LogsItsWork)
-{
-    log_level(1);
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(mgr->init(mdm), 0);
-    auto sms = from_json(R"({"number":"1"})");
-    ASSERT_EQ(mgr->push(mdm, 0, sms.get(), 10, ACT_SEND_SMS), 0);
-    run_loop();
-    ASSERT_EQ(write(mgr->send_fd(), "1", 1), 1); // a ping without a call
-    run_loop();
-    int r = mgr->recv_fd(), w = mgr->send_fd();
-    mgr.reset();
-    std::string pipe = std::to_string(r) + " / " + std::to_string(w);
-    EXPECT_EQ(log_lines(testing::internal::GetCapturedStdout()),
-              "init debug: [ASYNC] Async dispatcher pipe opened: " + pipe +
-                  " for `1-1 [2C7C:0125]` modem\n"
-                  "push debug: [ASYNC] New async call pushed: 0 (Sending SMS) for `1-1 [2C7C:0125]` modem\n"
-                  "__worker_cb debug: [ASYNC] Received new async call ping!\n"
-                  "__worker_cb debug: [ASYNC] Received new async call ping!\n"
-                  "__worker_cb error: [ASYNC] Async waiting queue is empty!\n"
-                  "~asyncmgr debug: [ASYNC] Closing dispatcher pipe " +
-                  pipe + "\n");
 }
 
 TEST_F(AsyncManager, DestroyReleasesQueuedAndWaitingCalls)

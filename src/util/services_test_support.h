@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 #include <memory>
-#include <regex>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -36,12 +35,6 @@ inline void run_loop(int ms = 20)
     uloop_timeout_set(&stop, ms);
     uloop_run();
     uloop_timeout_cancel(&stop);
-}
-
-// Log output with each "[function:line] " prefix reduced to "function ".
-inline std::string log_lines(const std::string &out)
-{
-    return std::regex_replace(out, std::regex(R"(\[([^:\]]+):[0-9]+\] )"), "$1 ");
 }
 
 } // namespace services_test

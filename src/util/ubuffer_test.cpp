@@ -2,10 +2,12 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace
+{
 
 std::string content(const ubuffer &b)
 {
@@ -25,63 +27,46 @@ TEST(UbufferTest, StartsEmptyWithoutStorage)
     EXPECT_EQ(b->cut(0, 5), 0u);
 }
 
-TEST(UbufferTest, GrowthTakesAtLeastOneKilobyteOrWhatIsNeeded)
+// Growth takes at least a kilobyte, else what is needed (not the need minus
+// the free space); content that exactly fills the storage does not grow it
+// and still has its terminator (ASan catches an overrun). Copy replaces the
+// content without writing a terminator.
+TEST(UbufferTest, GrowthAndTerminator)
 {
-    auto b = ubuffer::create();
-    EXPECT_EQ(b->append("x", 1), 1u);
-    EXPECT_EQ(b->cap(), 1024u);
-    EXPECT_EQ(b->len(), 1u);
-    EXPECT_EQ(b->grow_cnt(), 1u);
-    EXPECT_EQ(b->buffer()[1], 0);
-
-    auto big = ubuffer::create();
-    std::string data(3000, 'a');
-    EXPECT_EQ(big->append(data.data(), 3000), 3000u);
-    EXPECT_EQ(big->cap(), 3000u);
-    EXPECT_EQ(big->grow_cnt(), 1u);
-
-    // The second growth adds need (not need minus free space).
-    EXPECT_EQ(big->append("bc", 2), 2u);
-    EXPECT_EQ(big->cap(), 4024u);
-    EXPECT_EQ(big->grow_cnt(), 2u);
-    EXPECT_EQ(content(*big), data + "bc");
-}
-
-TEST(UbufferTest, AppendThatExactlyFillsCapacityDoesNotGrow)
-{
-    auto b = ubuffer::create();
-    std::string first(1000, 'a'), rest(24, 'b');
-    b->append(first.data(), 1000);
-    b->append(rest.data(), 24);
-    EXPECT_EQ(b->len(), 1024u);
-    EXPECT_EQ(b->cap(), 1024u);
-    EXPECT_EQ(b->grow_cnt(), 1u);
-    EXPECT_EQ(b->buffer()[1024], 0);
-
-    // After a second growth the content can again fill the capacity and the
-    // terminator still fits (ASan would catch an overrun here).
-    std::string more(1024, 'c');
-    b->append(more.data(), 1024);
-    EXPECT_EQ(b->cap(), 2048u);
-    EXPECT_EQ(b->len(), 2048u);
-    EXPECT_EQ(b->buffer()[2048], 0);
-    EXPECT_EQ(b->cut(0, 2047), 2047u);
-    EXPECT_EQ(content(*b), "c");
-}
-
-TEST(UbufferTest, CopyReplacesContentWithoutTerminator)
-{
-    auto b = ubuffer::create();
-    b->append("abcdefghijklmnop", 16);
-    EXPECT_EQ(b->copy("0123456789", 10), 10u);
-    EXPECT_EQ(b->len(), 10u);
-    EXPECT_EQ(std::memcmp(b->buffer(), "0123456789klmnop", 16), 0);
-
-    auto fresh = ubuffer::create();
-    std::string data(1500, 'z');
-    EXPECT_EQ(fresh->copy(data.data(), 1500), 1500u);
-    EXPECT_EQ(fresh->cap(), 1500u); // grown by n itself, not n - cap
-    EXPECT_EQ(content(*fresh), data);
+    struct row {
+        const char *what;
+        std::vector<std::pair<char, uint32_t>> steps; // 'a'ppend or 'c'opy n bytes
+        uint32_t cap, grows;
+    };
+    const row rows[] = {
+        {"one byte takes a kilobyte", {{'a', 1}}, 1024, 1},
+        {"more than a kilobyte takes what is needed", {{'a', 3000}}, 3000, 1},
+        {"second growth adds the need", {{'a', 3000}, {'a', 2}}, 4024, 2},
+        {"exactly full does not grow", {{'a', 1000}, {'a', 24}}, 1024, 1},
+        {"full again after a growth", {{'a', 1000}, {'a', 24}, {'a', 1024}}, 2048, 2},
+        {"copy over longer content", {{'a', 16}, {'c', 10}}, 1024, 1},
+        {"copy grows by what is needed", {{'c', 1500}}, 1500, 1},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.what);
+        auto b = ubuffer::create();
+        std::string want;
+        char fill = 'A';
+        for (const auto &[op, n] : r.steps) {
+            std::string data(n, fill++);
+            EXPECT_EQ(op == 'a' ? b->append(data.data(), n) : b->copy(data.data(), n), n);
+            want = op == 'a' ? want + data : data + want.substr(std::min<size_t>(n, want.size()));
+        }
+        EXPECT_EQ(b->cap(), r.cap);
+        EXPECT_EQ(b->grow_cnt(), r.grows);
+        EXPECT_EQ(std::string(reinterpret_cast<const char *>(b->buffer()), want.size()), want);
+        if (r.steps.back().first == 'a') {
+            EXPECT_EQ(b->len(), want.size());
+            EXPECT_EQ(b->buffer()[b->len()], 0);
+        } else {
+            EXPECT_EQ(b->len(), r.steps.back().second);
+        }
+    }
 }
 
 TEST(UbufferTest, CutRemovesAStretchAndKeepsTheTerminator)
@@ -90,13 +75,11 @@ TEST(UbufferTest, CutRemovesAStretchAndKeepsTheTerminator)
         uint32_t pos, n, removed;
         const char *left;
     } cases[] = {
-        {8, 5, 2, "abcdefgh"},   // clipped at the end
+        {8, 5, 2, "abcdefgh"},    // clipped at the end
         {10, 3, 0, "abcdefghij"}, // position equal to len
         {11, 3, 0, "abcdefghij"}, // position beyond len
         {0, 0, 0, "abcdefghij"},  // nothing asked
-        {0, 3, 3, "defghij"},
-        {4, 2, 2, "abcdghij"},
-        {0, 100, 10, ""},
+        {0, 3, 3, "defghij"},     {4, 2, 2, "abcdghij"}, {0, 100, 10, ""},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(testing::Message() << "cut(" << c.pos << ", " << c.n << ")");
