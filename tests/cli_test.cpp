@@ -13,8 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include "util/root_test_support.h"
-
 extern char **environ;
 
 namespace
@@ -134,25 +132,6 @@ TEST(CliTest, AnalysisReportMatchesGoldenFile)
     EXPECT_NE(list.find("] debug: [MODEM_DRIVER] \tgeneric = Generic AT\n"), std::string::npos);
     EXPECT_NE(list.find("] debug: [MODEM_DRIVER] \tquectel,eg06,a = Quectel EG06-A AT\n" + golden("analysis.txt")),
               std::string::npos);
-}
-
-// Without a bus the manager cannot start: the daemon says so and exits 1,
-// for the service manager to start it again.
-TEST(CliTest, WithoutABusTheManagerFailsToInitialize)
-{
-    temp_root root;
-    Result quiet = run({"-c"});
-    Result debug = run({"-c", "-D"});
-    EXPECT_EQ(quiet.status, 1);
-    EXPECT_EQ(quiet.out.rfind(std::string(banner) + "wwanctl running\n[", 0), 0u) << quiet.out;
-    EXPECT_NE(quiet.out.find("] error: [MODEM_MANAGER] Failed to initialize ubus subsystem!\n"
-                             "Unable to initialize modem manager!\n"),
-              std::string::npos)
-        << quiet.out;
-    EXPECT_EQ(quiet.out.find("] debug: "), std::string::npos);
-    EXPECT_EQ(debug.status, 1);
-    EXPECT_NE(debug.out.find("wwanctl running\n[main:"), std::string::npos) << debug.out;
-    EXPECT_NE(debug.out.find("] debug: Compressed AT logging is enabled!\n"), std::string::npos) << debug.out;
 }
 
 } // namespace

@@ -28,9 +28,12 @@ void add(const temp_root &root, const fake_device &d)
         {"busnum", d.busnum}, {"devpath", d.devpath}, {"idVendor", d.vid}, {"idProduct", d.pid}};
     for (auto &[name, value] : attrs)
         if (std::find(d.omit.begin(), d.omit.end(), name) == d.omit.end())
-            root.write(dir + "/" + name, value + "\n");
-    for (auto &[iface, tty] : d.ttys)
+            root.write(dir + "/" + name, value + "\r\nsecond line\n"); // the value is the first line
+    for (auto &[iface, tty] : d.ttys) {
+        root.write(dir + ":1." + std::to_string(iface) + "/driver/module", ""); // entries other than the port
+        root.write(dir + ":1." + std::to_string(iface) + "/uevent", "");
         root.write(dir + ":1." + std::to_string(iface) + "/" + tty + "/dev", "");
+    }
 }
 
 // "<usb_id> <ids> <baud> <cmd> <gps> <data>"
@@ -145,30 +148,6 @@ TEST(UsbScan, FindsModemsAndSkipsBadEntries)
     EXPECT_EQ(scan_usb_subsystem(found), -1);
     testing::internal::GetCapturedStdout();
     EXPECT_TRUE(found.empty());
-}
-
-TEST(UsbScan, AttributeValueAndSerialPortName)
-{
-    temp_root root;
-    root.write("/dev1/product", "EG25-G\nsecond line\n");
-    root.write("/dev1/empty", "");
-    root.write("/dev1/crlf", "0125\r\n");
-    const struct {
-        const char *name;
-        std::optional<std::string> value;
-    } rows[] = {{"product", "EG25-G"}, {"crlf", "0125"}, {"empty", std::nullopt}, {"missing", std::nullopt}};
-    for (const auto &r : rows)
-        EXPECT_EQ(get_dir_value(root / "/dev1", r.name), r.value) << r.name;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(get_dir_value(root / "/nowhere", "idVendor"), std::nullopt);
-    testing::internal::GetCapturedStdout();
-
-    root.write("/if/driver/x", "");
-    root.write("/if/uevent", "");
-    EXPECT_EQ(get_serial_port_name(root / "/if"), std::nullopt);
-    root.write("/if/ttyUSB7/dev", "");
-    EXPECT_EQ(get_serial_port_name(root / "/if"), "/dev/ttyUSB7");
-    EXPECT_EQ(get_serial_port_name(root / "/gone"), std::nullopt);
 }
 
 // ---- board file -------------------------------------------------------------

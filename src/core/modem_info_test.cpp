@@ -1,6 +1,7 @@
 #include "core/modem_info.h"
 
 #include "drivers/generic/modem_band.h"
+
 #include "util/ujson.h"
 
 #include "wwan/ubox.h"
@@ -262,31 +263,6 @@ TEST(ModemInfoReply, CapabilitiesOfAModel)
     fill_gps_array(*j, "none", 0, 0);
     EXPECT_EQ(json(*j), R"({"gps":{"sentences":["GGA","GSV","GSV+GSA+GNS"],"prefix":["GP","BD"]},)"
                         R"("none":{"sentences":[],"prefix":[]}})");
-}
-
-// The band helpers used to write the rows agree with the band tables.
-TEST(ModemInfoTable, BandHelpersMatchTheBandTables)
-{
-    namespace d = band_mask::detail;
-    for (unsigned mhz : d::gsm_order)
-        EXPECT_EQ(band_mask::gsm({mhz}), modem_info_gsm_band_val("GSM_" + std::to_string(mhz))) << mhz;
-    for (unsigned band : d::wcdma_order) {
-        if (band) {
-            EXPECT_EQ(band_mask::wcdma({band}), wcdma_band_val(std::to_string(band))) << band;
-        }
-    }
-    for (unsigned band : d::lte_order) {
-        EXPECT_EQ(band_mask::lte({band}), modem_info_lte_band_val("LTE_B" + std::to_string(band))) << band;
-        EXPECT_EQ(band_mask::lte({band}), modem_info_lte_nb_band_val("LTE_NB" + std::to_string(band))) << band;
-    }
-    for (size_t i = 0; i < std::size(d::nr_order); i++) {
-        std::string n = std::to_string(d::nr_order[i]);
-        EXPECT_EQ(band_mask::nsa_5g({d::nr_order[i]}), modem_info_nsa_5g_band_val("NSA_5G_N" + n)) << n;
-        if (i < d::sa_count) {
-            EXPECT_EQ(band_mask::sa_5g({d::nr_order[i]}), modem_info_5g_band_val("5G_N" + n)) << n;
-        }
-    }
-    EXPECT_EQ(band_mask::lte({1, 3, 7, 8, 20, 28}), 278730u);
 }
 
 // Every row names real bands, features and sentences, and its reported lists

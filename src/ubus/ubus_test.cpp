@@ -545,6 +545,7 @@ TEST_F(BusApi, ModemObjectNeedsAFreeName)
 
 // ---- events ----
 
+// Events and notifications themselves run in the end-to-end hot-plug tests.
 TEST_F(BusApi, EventEnvironmentForHotplugScripts)
 {
     auto data = ujson::create();
@@ -554,65 +555,6 @@ TEST_F(BusApi, EventEnvironmentForHotplugScripts)
     EXPECT_EQ(json_text(ubus_fill_event_data(mdm, "pin_state", data.get())->get_blobmsg()),
               R"({"env":["OBJECT_NAME=gsm.modem0","MODEM_ID=1-1","EVENT_NAME=pin_state",)"
               R"("DATA={\"state\":\"SIM PIN\"}"]})");
-}
-
-std::vector<std::string> g_seen; // "<type or method> <json>", events and notifications alike
-
-int record_call(ubus_context *, ubus_object *, ubus_request_data *, const char *method, blob_attr *msg)
-{
-    g_seen.push_back(std::string("hotplug ") + method + " " + json_text(msg));
-    return 0;
-}
-
-// Broadcasts reach event listeners and notifications the subscribers; the
-// hotplug service is called only when asked for.
-TEST_F(BusApi, EventsReachListenersSubscribersAndHotplugWhenAsked)
-{
-    g_seen.clear();
-    ubus_event_handler listener{};
-    listener.cb = [](ubus_context *, ubus_event_handler *, const char *type, blob_attr *msg) {
-        g_seen.push_back(std::string(type) + " " + json_text(msg));
-    };
-    ASSERT_EQ(ubus_register_event_handler(client, &listener, "gsm.*"), 0);
-    ubus_subscriber sub{};
-    sub.cb = [](ubus_context *, ubus_object *, ubus_request_data *, const char *method, blob_attr *msg) {
-        g_seen.push_back(std::string(method) + " " + json_text(msg));
-        return 0;
-    };
-    ASSERT_EQ(ubus_register_subscriber(client, &sub), 0);
-    ASSERT_EQ(ubus_subscribe(client, &sub, modem_id), 0);
-    ASSERT_TRUE(run_until(2000, [&] { return mdm.object.obj.has_subscribers; }));
-    static const ubus_method methods[] = {UBUS_METHOD_NOARG("call", record_call)};
-    static ubus_object_type type = UBUS_OBJECT_TYPE("hotplug.gsm", methods);
-    ubus_object hotplug{};
-    hotplug.name = "hotplug.gsm";
-    hotplug.type = &type;
-    hotplug.methods = methods;
-    hotplug.n_methods = 1;
-    ASSERT_EQ(ubus_add_object(client, &hotplug), 0);
-
-    auto usb = ujson::create();
-    usb->add_string("usb_id", "1-1");
-    auto pin = ujson::create();
-    pin->add_string("state", "READY");
-    EXPECT_EQ(ubus_broadcast_event(mdm, "gsm.modem.powerdown", usb.get(), false), 0);
-    EXPECT_EQ(ubus_notify_event(mdm, &mdm.object.obj, "pin_state", pin.get(), -1, false), 0);
-    EXPECT_EQ(ubus_broadcast_event(mdm, "gsm.modem.hang", nullptr, false), 0);
-    // This process answers the hotplug call only after the daemon's wait.
-    ubus_notify_event(mdm, &mdm.object.obj, "signal", pin.get(), -1, true);
-    ASSERT_TRUE(run_until(5000, [&] { return g_seen.size() == 5; }));
-    run_until(200, [] { return false; });
-    EXPECT_EQ(g_seen, (std::vector<std::string>{
-                          R"(gsm.modem.powerdown {"usb_id":"1-1"})",
-                          R"(pin_state {"state":"READY"})",
-                          "gsm.modem.hang {}",
-                          R"(signal {"state":"READY"})",
-                          R"(hotplug call {"env":["OBJECT_NAME=gsm.modem0","MODEM_ID=1-1","EVENT_NAME=signal",)"
-                          R"("DATA={\"state\":\"READY\"}"]})",
-                      }));
-    ubus_remove_object(client, &hotplug);
-    ubus_unregister_subscriber(client, &sub);
-    ubus_unregister_event_handler(client, &listener);
 }
 
 } // namespace
