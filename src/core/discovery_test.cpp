@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,25 +15,31 @@ namespace
 
 // ---- USB scan ---------------------------------------------------------------
 
-// One device directory of the USB tree with its serial interfaces.
+// One device directory of the USB tree with its serial interfaces: ports
+// "1 2" are ttyUSB1 under interface 1 and ttyUSB2 under 2, "0:tty/ttyACM0" an
+// entry of its own; the attribute file omit is left out.
 struct fake_device {
-    std::string busnum, devpath, vid, pid;
-    std::map<int, std::string> ttys; // interface number -> entry under it
-    std::vector<std::string> omit;   // attribute files left out
+    std::string usb_id, ids, ports, omit = "";
 };
 
 void add(const temp_root &root, const fake_device &d)
 {
-    std::string dir = "/sys/bus/usb/devices/" + d.busnum + "-" + d.devpath;
-    const std::map<std::string, std::string> attrs = {
-        {"busnum", d.busnum}, {"devpath", d.devpath}, {"idVendor", d.vid}, {"idProduct", d.pid}};
+    const std::string dir = "/sys/bus/usb/devices/" + d.usb_id;
+    const size_t dash = d.usb_id.find('-');
+    const std::map<std::string, std::string> attrs = {{"busnum", d.usb_id.substr(0, dash)},
+                                                      {"devpath", d.usb_id.substr(dash + 1)},
+                                                      {"idVendor", d.ids.substr(0, 4)},
+                                                      {"idProduct", d.ids.substr(5)}};
     for (auto &[name, value] : attrs)
-        if (std::find(d.omit.begin(), d.omit.end(), name) == d.omit.end())
+        if (name != d.omit)
             root.write(dir + "/" + name, value + "\r\nsecond line\n"); // the value is the first line
-    for (auto &[iface, tty] : d.ttys) {
-        root.write(dir + ":1." + std::to_string(iface) + "/driver/module", ""); // entries other than the port
-        root.write(dir + ":1." + std::to_string(iface) + "/uevent", "");
-        root.write(dir + ":1." + std::to_string(iface) + "/" + tty + "/dev", "");
+    std::istringstream ports(d.ports);
+    for (std::string port; ports >> port;) {
+        const size_t colon = port.find(':');
+        const std::string iface = dir + ":1." + port.substr(0, colon);
+        root.write(iface + "/driver/module", ""); // entries other than the port
+        root.write(iface + "/uevent", "");
+        root.write(iface + "/" + (colon == std::string::npos ? "ttyUSB" + port : port.substr(colon + 1)) + "/dev", "");
     }
 }
 
@@ -43,83 +50,59 @@ std::string text(const modem_descriptor &d)
            d.data_port;
 }
 
-const char *ec25 = R"({"desc":"EC25","boudrate":115200,"control":2,"gps":1,"data":3})";
-const std::map<int, std::string> four_ports = {{0, "ttyUSB0"}, {1, "ttyUSB1"}, {2, "ttyUSB2"}, {3, "ttyUSB3"}};
-const std::string ec25_1_1 = "1-1 2c7c:0125 115200 /dev/ttyUSB2 /dev/ttyUSB1 /dev/ttyUSB3";
-
 TEST(UsbScan, FindsModemsAndSkipsBadEntries)
 {
+    const std::string ec25 = R"({"desc":"EC25","boudrate":115200,"control":2,"gps":1,"data":3})";
+    const std::string ec25_1_1 = "1-1 2c7c:0125 115200 /dev/ttyUSB2 /dev/ttyUSB1 /dev/ttyUSB3";
     const struct {
         const char *what;
         std::vector<fake_device> devices;
-        std::string ids, description;   // one description file
+        std::string description;        // of the first device's ids
         std::vector<std::string> found; // sorted by usb_id
     } cases[] = {
-        {"ports by interface number", {{"1", "1", "2c7c", "0125", four_ports, {}}}, "2c7c:0125", ec25, {ec25_1_1}},
+        {"ports by interface number", {{"1-1", "2c7c:0125", "0 1 2 3"}}, ec25, {ec25_1_1}},
         {"a device without a description file is ignored",
-         {{"1", "0", "1d6b", "0002", four_ports, {}}, {"2", "1.3", "0bda", "8153", four_ports, {}}},
-         "2c7c:0125",
-         ec25,
+         {{"1-0", "1d6b:0002", "0 1 2 3"}, {"2-1.3", "0bda:8153", "0 1 2 3"}},
+         "",
          {}},
         {"a missing attribute file skips the entry",
-         {{"1", "1", "2c7c", "0125", four_ports, {"busnum"}}, {"1", "2", "2c7c", "0125", four_ports, {"idProduct"}}},
-         "2c7c:0125",
+         {{"1-1", "2c7c:0125", "0 1 2 3", "busnum"}, {"1-2", "2c7c:0125", "0 1 2 3", "idProduct"}},
          ec25,
          {}},
-        {"missing GNSS port skips the modem", {{"1", "1", "2c7c", "0125", {}, {}}}, "2c7c:0125", ec25, {}},
+        {"missing GNSS port skips the modem", {{"1-1", "2c7c:0125", ""}}, ec25, {}},
         {"optional GNSS port may be missing (boolean flag)",
-         {{"1", "1", "2c7c", "0125", {{2, "ttyUSB2"}, {3, "ttyUSB3"}}, {}}},
-         "2c7c:0125",
+         {{"1-1", "2c7c:0125", "2 3"}},
          R"({"boudrate":115200,"control":2,"gps":1,"gps_optional":true,"data":3})",
          {"1-1 2c7c:0125 115200 /dev/ttyUSB2  /dev/ttyUSB3"}},
         {"optional GNSS port may be missing (numeric flag)",
-         {{"1", "1", "2c7c", "0125", {{2, "ttyUSB2"}}, {}}},
-         "2c7c:0125",
+         {{"1-1", "2c7c:0125", "2"}},
          R"({"boudrate":9600,"control":2,"gps":1,"gps_optional":1})",
          {"1-1 2c7c:0125 9600 /dev/ttyUSB2  "}},
-        {"missing data port skips the modem",
-         {{"3", "1.2", "2c7c", "0125", {{1, "ttyUSB1"}, {2, "ttyUSB2"}}, {}}},
-         "2c7c:0125",
-         ec25,
-         {}},
+        {"missing data port skips the modem", {{"3-1.2", "2c7c:0125", "1 2"}}, ec25, {}},
         {"data wins over data_secondary",
-         {{"1", "1", "2c7c", "0125", four_ports, {}}},
-         "2c7c:0125",
+         {{"1-1", "2c7c:0125", "0 1 2 3"}},
          R"({"boudrate":115200,"control":2,"gps":1,"data":3,"data_secondary":0})",
          {ec25_1_1}},
         {"data_secondary is the data port when data is absent",
-         {{"1", "1", "2c7c", "0125", four_ports, {}}},
-         "2c7c:0125",
+         {{"1-1", "2c7c:0125", "0 1 2 3"}},
          R"({"boudrate":115200,"control":2,"gps":1,"data_secondary":0})",
          {"1-1 2c7c:0125 115200 /dev/ttyUSB2 /dev/ttyUSB1 /dev/ttyUSB0"}},
         {"a missing data_secondary port leaves the data port empty",
-         {{"1", "1", "2c7c", "0125", {{1, "ttyUSB1"}, {2, "ttyUSB2"}}, {}}},
-         "2c7c:0125",
+         {{"1-1", "2c7c:0125", "1 2"}},
          R"({"boudrate":115200,"control":2,"gps":1,"data_secondary":4})",
          {"1-1 2c7c:0125 115200 /dev/ttyUSB2 /dev/ttyUSB1 "}},
         {"serial_control selects a built-in UART",
-         {{"1", "1", "1e2d", "00b3", {{1, "ttyUSB1"}}, {}}},
-         "1e2d:00b3",
+         {{"1-1", "1e2d:00b3", "1"}},
          R"({"boudrate":921600,"control":2,"gps":1,"serial_control":1})",
          {"1-1 1e2d:00b3 921600 /dev/ttyS1 /dev/ttyUSB1 "}},
-        {"missing command port skips the modem",
-         {{"1", "1", "2c7c", "0125", {{1, "ttyUSB1"}, {3, "ttyUSB3"}}, {}}},
-         "2c7c:0125",
-         ec25,
-         {}},
-        {"malformed description file",
-         {{"1", "1", "2c7c", "0125", four_ports, {}}},
-         "2c7c:0125",
-         R"({"boudrate":115200,"control":2,)",
-         {}},
+        {"missing command port skips the modem", {{"1-1", "2c7c:0125", "1 3"}}, ec25, {}},
+        {"malformed description file", {{"1-1", "2c7c:0125", "0 1 2 3"}}, R"({"boudrate":115200,"control":2,)", {}},
         {"an ACM port under the interface's tty class directory",
-         {{"2", "1", "1bc7", "1201", {{0, "tty/ttyACM0"}, {6, "tty/ttyACM3"}}, {}}},
-         "1bc7:1201",
+         {{"2-1", "1bc7:1201", "0:tty/ttyACM0 6:tty/ttyACM3"}},
          R"({"boudrate":115200,"control":0,"gps":6})",
          {"2-1 1bc7:1201 115200 /dev/ttyACM0 /dev/ttyACM3 "}},
         {"one bad modem does not stop the scan",
-         {{"1", "1", "2c7c", "0125", {}, {}}, {"1", "2", "2c7c", "0125", four_ports, {}}},
-         "2c7c:0125",
+         {{"1-1", "2c7c:0125", ""}, {"1-2", "2c7c:0125", "0 1 2 3"}},
          ec25,
          {"1-2 2c7c:0125 115200 /dev/ttyUSB2 /dev/ttyUSB1 /dev/ttyUSB3"}},
     };
@@ -129,7 +112,8 @@ TEST(UsbScan, FindsModemsAndSkipsBadEntries)
         root.write("/sys/bus/usb/devices/.keep", "");
         for (auto &d : c.devices)
             add(root, d);
-        root.write("/lib/network/wwan/" + c.ids, c.description);
+        if (!c.description.empty())
+            root.write("/lib/network/wwan/" + c.devices[0].ids, c.description);
 
         std::vector<modem_descriptor> found;
         testing::internal::CaptureStdout();
