@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -20,12 +21,14 @@
 #include "core/modem_driver.h"
 #include "core/modem_info.h"
 #include "ubus/modem_api.h"
+#include "ubus/bus_test_support.h"
 #include "ubus/ubus.h"
 #include "util/cache_manager.h"
 #include "util/log.h"
 #include "util/ujson.h"
 
 using namespace cmm_test;
+using bus_test::call_result;
 
 namespace
 {
@@ -50,30 +53,20 @@ struct event_log {
     std::vector<std::string> seen; // "<type> <json>"
 };
 
-struct call_result {
-    bool done = false;
-    int status = -1;
-    std::string reply;
-};
-
-class ModemInstance : public ::testing::Test
+class ModemInstance : public bus_test::fixture
 {
   protected:
     void SetUp() override
     {
-        if (access(WWAN_BUSD, X_OK) != 0 || sim_executable().empty())
-            GTEST_SKIP() << "wwan-busd or wwan-modem-sim is not built";
+        if (sim_executable().empty())
+            GTEST_SKIP() << "wwan-modem-sim is not built";
+        ASSERT_NO_FATAL_FAILURE(fixture::SetUp());
+        if (IsSkipped())
+            return;
         if (getenv("MODEM_TEST_DEBUG"))
             log_level(1);
-        std::string sock = root.path() + "/ubus.sock";
-        broker = test_support::start_broker(WWAN_BUSD, sock);
-        ASSERT_GT(broker, 0);
-        ASSERT_EQ(uloop_init(), 0);
-        server = ubus_connect(sock.c_str());
-        client = ubus_connect(sock.c_str());
-        ASSERT_TRUE(server && client);
-        ubus_add_uloop(server);
-        ubus_add_uloop(client);
+        for (const char *dir : {"/dev", "/tmp"})
+            std::filesystem::create_directories(root / dir);
         mgr.ctx = server;
         ASSERT_EQ(ubus_init(mgr), 0);
         events.handler.cb = [](ubus_context *, ubus_event_handler *ev, const char *type, blob_attr *msg) {
@@ -86,19 +79,11 @@ class ModemInstance : public ::testing::Test
     {
         mdm.reset();
         sim.reset();
-        if (client) {
+        if (client)
             ubus_unregister_event_handler(client, &events.handler);
-            ubus_free(client);
-        }
-        if (server) {
-            if (mgr.object.obj.id)
-                ubus_remove_object(server, &mgr.object.obj);
-            ubus_free(server);
-        }
-        ubus_cleanup();
-        test_support::stop_process(broker);
-        uloop_done();
-        log_level(0);
+        if (server && mgr.object.obj.id)
+            ubus_remove_object(server, &mgr.object.obj);
+        fixture::TearDown();
     }
 
     // A modem on the simulator, initialised; identification not started.
@@ -144,52 +129,18 @@ class ModemInstance : public ::testing::Test
         return "";
     }
 
-    // Starts a call; the result fills in as the loop runs.
-    void call_async(const char *method, const char *json, call_result &r, ubus_request &req)
-    {
-        blob_buf b = {};
-        blob_buf_init(&b, 0);
-        if (json) {
-            EXPECT_TRUE(blobmsg_add_json_from_string(&b, json)) << json;
-        }
-        ASSERT_EQ(ubus_invoke_async(client, modem_id, method, b.head, &req), 0);
-        req.data_cb = [](ubus_request *rq, int, blob_attr *msg) {
-            static_cast<call_result *>(rq->priv)->reply = json_text(msg);
-        };
-        req.complete_cb = [](ubus_request *rq, int ret) {
-            auto *res = static_cast<call_result *>(rq->priv);
-            res->status = ret;
-            res->done = true;
-        };
-        req.priv = &r;
-        ubus_complete_request_async(client, &req);
-        blob_buf_free(&b);
-    }
-
-    call_result call(const char *method, const char *json = nullptr)
-    {
-        call_result r;
-        ubus_request req = {};
-        call_async(method, json, r, req);
-        if (!run_until(8000, [&] { return r.done; }))
-            ubus_abort_request(client, &req);
-        return r;
-    }
+    call_result call(const char *method, const char *json = nullptr) { return fixture::call(modem_id, method, json); }
 
     // A hanging modem busy with an exec the caller of r waits for.
-    void hang_busy(call_result &r, ubus_request &req)
+    void hang_busy(call_result &r)
     {
         ASSERT_NO_FATAL_FAILURE(go_live());
         ASSERT_NO_FATAL_FAILURE(wait_idle());
         sim->control("hang");
-        call_async("exec", R"({"command":"AT+CSQ","timeout":60})", r, req);
+        call_async(modem_id, "exec", R"({"command":"AT+CSQ","timeout":60})", r);
         ASSERT_TRUE(run_until(3000, [&] { return mdm->get_request_count() == 1 && mdm->is_busy(); }));
     }
 
-    temp_root root;
-    pid_t broker = -1;
-    ubus_context *server = nullptr;
-    ubus_context *client = nullptr;
     test_manager mgr;
     event_log events;
     std::unique_ptr<modem_sim> sim;
@@ -297,8 +248,7 @@ TEST_F(ModemInstance, CacheUpkeepDropsOnlyAnOldOperatorScan)
 TEST_F(ModemInstance, BusyModemIsDeclaredHungByTheWatchdog)
 {
     call_result r;
-    ubus_request req = {};
-    ASSERT_NO_FATAL_FAILURE(hang_busy(r, req));
+    ASSERT_NO_FATAL_FAILURE(hang_busy(r));
     EXPECT_EQ(mdm->get_current_state(), static_cast<uint32_t>(MODEM_STATE_EXECUTING));
     mdm->ping();
     EXPECT_EQ(mdm->ping_state(), static_cast<uint32_t>(MODEM_PING_ANSWERING));
@@ -322,8 +272,7 @@ TEST_F(ModemInstance, BusyModemIsDeclaredHungByTheWatchdog)
 TEST_F(ModemInstance, TrafficClearsTheWatchdogOfABusyModem)
 {
     call_result r;
-    ubus_request req = {};
-    ASSERT_NO_FATAL_FAILURE(hang_busy(r, req));
+    ASSERT_NO_FATAL_FAILURE(hang_busy(r));
     mdm->ping();
     run_until(2000, [] { return false; });
     sim->control("urc +CREG: 1");
@@ -462,8 +411,7 @@ TEST_F(ModemInstance, PendingCallIsAnsweredOnceLaterOrWhenDropped)
     for (bool answered : {true, false}) {
         SCOPED_TRACE(answered);
         call_result r;
-        ubus_request req = {};
-        call_async("get_imsi", nullptr, r, req);
+        call_async(modem_id, "get_imsi", nullptr, r);
         bool taken = run_until(5000, [&] { return g_pending != nullptr; });
         EXPECT_TRUE(taken);
         run_until(300, [] { return false; });

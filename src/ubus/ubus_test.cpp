@@ -7,48 +7,25 @@
 #include "wwan/ubox.h"
 #include <libubus.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "tests/support/process_test_support.h"
-
 #include "comm/request.h"
 #include "core/modem.h"
 #include "core/modem_driver.h"
+#include "ubus/bus_test_support.h"
 #include "ubus/modem_api.h"
-#include "util/log.h"
-#include "util/root_test_support.h"
 #include "util/ujson.h"
 
 namespace
 {
 
-std::string json_text(blob_attr *attr)
-{
-    char *j = attr ? blobmsg_format_json(attr, true) : nullptr;
-    std::string s = j ? j : "";
-    std::free(j);
-    return s;
-}
-
-bool run_until(int timeout_ms, const std::function<bool()> &pred)
-{
-    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= until)
-            return false;
-        uloop_run_timeout(5);
-    }
-    return true;
-}
+using namespace bus_test;
 
 // ---- the test driver ----
 
@@ -212,30 +189,16 @@ class test_manager : public ubus_manager
     std::vector<std::string> calls;
 };
 
-struct call_result {
-    bool done = false;
-    int status = -1;
-    std::string reply;
-};
-
-class BusApi : public ::testing::Test
+class BusApi : public fixture
 {
   protected:
     static void SetUpTestSuite() { fill_test_driver(); }
 
     void SetUp() override
     {
-        if (access(WWAN_BUSD, X_OK) != 0)
-            GTEST_SKIP() << "wwan-busd is not built";
-        sock = root.path() + "/ubus.sock";
-        broker = test_support::start_broker(WWAN_BUSD, sock);
-        ASSERT_GT(broker, 0);
-        ASSERT_EQ(uloop_init(), 0);
-        server = ubus_connect(sock.c_str());
-        client = ubus_connect(sock.c_str());
-        ASSERT_TRUE(server && client);
-        ubus_add_uloop(server);
-        ubus_add_uloop(client);
+        ASSERT_NO_FATAL_FAILURE(fixture::SetUp());
+        if (IsSkipped())
+            return;
         mgr.ctx = server;
         mdm.ctx = server;
         ASSERT_EQ(ubus_init(mgr), 0);
@@ -245,63 +208,19 @@ class BusApi : public ::testing::Test
         g_invocations.clear();
         g_id_status = ACT_STATUS_OK;
     }
-
     void TearDown() override
     {
-        if (server) {
-            if (mdm.object.name)
-                ubus_remove_object(server, &mdm.object.obj);
-            ubus_free(server);
-        }
-        if (client)
-            ubus_free(client);
-        ubus_cleanup();
-        test_support::stop_process(broker);
-        uloop_done();
-        log_level(0);
+        if (server && mdm.object.name)
+            ubus_remove_object(server, &mdm.object.obj);
+        fixture::TearDown();
     }
 
-    // The members of json and, with levels, a member "extra" of that many
-    // nested tables.
     call_result call_on(uint32_t obj, const char *method, const char *json = nullptr, int levels = 0)
     {
-        blob_buf b = {};
-        blob_buf_init(&b, 0);
-        if (json) {
-            EXPECT_TRUE(blobmsg_add_json_from_string(&b, json)) << json;
-        }
-        std::vector<void *> open;
-        for (int i = 0; i < levels; i++)
-            open.push_back(blobmsg_open_table(&b, i ? "n" : "extra"));
-        for (auto it = open.rbegin(); it != open.rend(); ++it)
-            blobmsg_close_table(&b, *it);
-
-        call_result r;
-        ubus_request req = {};
-        if (ubus_invoke_async(client, obj, method, b.head, &req) == 0) {
-            req.data_cb = [](ubus_request *rq, int, blob_attr *msg) {
-                static_cast<call_result *>(rq->priv)->reply = json_text(msg);
-            };
-            req.complete_cb = [](ubus_request *rq, int ret) {
-                auto *res = static_cast<call_result *>(rq->priv);
-                res->status = ret;
-                res->done = true;
-            };
-            req.priv = &r;
-            ubus_complete_request_async(client, &req);
-            if (!run_until(5000, [&] { return r.done; }))
-                ubus_abort_request(client, &req);
-        }
-        blob_buf_free(&b);
-        return r;
+        return fixture::call(obj, method, json, levels, 5000);
     }
     call_result call(const char *method, const char *json = nullptr) { return call_on(modem_id, method, json); }
 
-    temp_root root;
-    std::string sock;
-    pid_t broker = -1;
-    ubus_context *server = nullptr;
-    ubus_context *client = nullptr;
     test_manager mgr;
     test_modem mdm;
     uint32_t modem_id = 0, gsm_id = 0;
