@@ -58,7 +58,10 @@ class fake_service
     }
     ~fake_service()
     {
-        test_support::stop_process(pid_);
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL); // its loop never looks for a stop request
+            waitpid(pid_, nullptr, 0);
+        }
         close(report_);
     }
 
