@@ -12,11 +12,13 @@
 #include <unistd.h>
 
 #include <map>
+#include <sstream>
 
 namespace
 {
 
 using bytes = std::vector<uint8_t>;
+using lines = std::vector<std::string>;
 
 bytes from_hex(const std::string &hex)
 {
@@ -26,454 +28,360 @@ bytes from_hex(const std::string &hex)
     return r;
 }
 
-struct sink : ubusd::transport {
-    std::map<uint32_t, std::vector<bytes>> out;
-    void send(uint32_t client, const uint8_t *msg, size_t len, int fd) override
-    {
-        out[client].emplace_back(msg, msg + len);
-        if (fd >= 0)
-            close(fd);
-    }
-    std::vector<bytes> take(uint32_t client) { return std::exchange(out[client], {}); }
-};
+const char *const msg_names[] = {"HELLO", "STATUS", "DATA",      "PING",        "LOOKUP", "INVOKE",
+                                 "ADD",   "REMOVE", "SUBSCRIBE", "UNSUBSCRIBE", "NOTIFY", "MONITOR"};
+const char *const status_names[] = {"ok", "bad-command", "bad-argument", "no-method", "not-found", "no-data", "denied"};
 
-// A decoded copy of a sent message.
-struct seen {
-    bytes raw;
-    ubus_wire::msg m;
-    explicit seen(const bytes &b) : raw(b) { EXPECT_TRUE(ubus_wire::decode(raw.data(), raw.size(), &m)); }
-    seen(const seen &o) : raw(o.raw) { ubus_wire::decode(raw.data(), raw.size(), &m); }
-    int status() const { return m.attr[UBUS_ATTR_STATUS] ? (int)ubus_wire::get_u32(m.attr[UBUS_ATTR_STATUS]) : -1; }
-    uint32_t u32(int a) const { return m.attr[a] ? ubus_wire::get_u32(m.attr[a]) : 0; }
-    std::string str(int a) const { return m.attr[a] ? ubus_wire::get_str(m.attr[a]) : ""; }
-};
-
-std::vector<seen> decode_all(const std::vector<bytes> &v)
-{
-    return std::vector<seen>(v.begin(), v.end());
-}
-
-// The attributes of a request; 0 and nullptr are left out.
-struct attrs {
-    uint32_t obj = 0;
-    const char *method = nullptr;
-    uint32_t target = 0;
-    const char *path = nullptr;
-    bool no_reply = false;
-    const char *sig_hex = nullptr; // a whole SIGNATURE attribute
-};
-
-class BrokerCore : public ::testing::Test
+// The broker driven without sockets. A request and each message the broker
+// sends are one line of text: the type, then attributes as key=value, with
+// clients and objects by name (ids nobody named print as @1, @2, ...).
+class Broker : public ::testing::Test
 {
   protected:
-    sink out;
+    struct sink : ubusd::transport {
+        std::vector<std::pair<uint32_t, bytes>> sent;
+        void send(uint32_t client, const uint8_t *msg, size_t len, int fd) override
+        {
+            sent.emplace_back(client, bytes(msg, msg + len));
+            if (fd >= 0)
+                close(fd);
+        }
+    } out;
     ubusd::broker core{out};
     struct blob_buf b = {};
     uint16_t seq = 0;
+    std::map<std::string, uint32_t> ids;
+    std::map<uint32_t, std::string> names;
+    std::string new_name; // for the object an ADD creates
+    int anonymous = 0;
 
-    ~BrokerCore() override { blob_buf_free(&b); }
+    ~Broker() override { blob_buf_free(&b); }
 
-    uint32_t connect(const char *user = "alice", uid_t uid = 0, gid_t gid = 0)
+    void name(const std::string &n, uint32_t id)
     {
-        uint32_t id = core.connect({uid, gid, user, user});
-        core.hello(id);
-        out.take(id);
-        return id;
+        ids[n] = id;
+        names[id] = n;
+    }
+    std::string name_of(uint32_t id)
+    {
+        if (id < UBUS_SYSTEM_OBJECT_MAX)
+            return std::to_string(id);
+        if (!names.count(id)) // the first new id after an ADD is its object's
+            name(new_name.empty() ? "@" + std::to_string(++anonymous) : std::exchange(new_name, ""), id);
+        return names[id];
+    }
+    uint32_t id_of(const std::string &n) { return ids.count(n) ? ids[n] : std::stoul(n); }
+
+    void connect(const std::string &who, uid_t uid = 0, gid_t gid = 0)
+    {
+        name(who, core.connect({uid, gid, who, who}));
+        core.hello(ids[who]);
+        EXPECT_EQ(take(0), lines{who + " HELLO peer=" + who});
     }
 
-    std::vector<seen> send(uint32_t client, int type, uint32_t peer = 0)
+    // Sends a request from a client: "TYPE key=value ...", where "as=NAME"
+    // names the object an ADD creates (default: its path); or the event
+    // object's "listen OBJECT [PATTERN]" and "send NAME [nodata]"; or
+    // "disconnect". What the broker sent, in order.
+    lines run(const std::string &from, const std::string &req)
     {
+        std::istringstream in(req);
+        std::string type, tok;
+        in >> type;
+        if (type == "connect") {
+            uid_t uid = 0, gid = 0;
+            in >> uid >> gid;
+            connect(from, uid, gid);
+            return {};
+        }
+        if (type == "disconnect") {
+            core.disconnect(ids[from]);
+            return take(-1);
+        }
+        uint32_t peer = 0;
+        uint16_t s = ++seq;
+        blob_buf_init(&b, 0);
+        if (type == "listen" || type == "send") {
+            std::string what, arg;
+            in >> what >> arg;
+            peer = UBUS_SYSTEM_OBJECT_EVENT;
+            blob_put_int32(&b, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_EVENT);
+            blob_put_string(&b, UBUS_ATTR_METHOD, type == "listen" ? "register" : "send");
+            void *d = blob_nest_start(&b, UBUS_ATTR_DATA);
+            if (type == "listen") {
+                blobmsg_add_u32(&b, "object", id_of(what));
+                if (!arg.empty())
+                    blobmsg_add_string(&b, "pattern", arg == "''" ? "" : arg.c_str());
+            } else {
+                blobmsg_add_string(&b, "id", what.c_str());
+                if (arg != "nodata") {
+                    void *t = blobmsg_open_table(&b, "data");
+                    blobmsg_add_string(&b, "k", "v");
+                    blobmsg_close_table(&b, t);
+                }
+            }
+            blob_nest_end(&b, d);
+            type = "INVOKE";
+        }
+        new_name.clear();
+        while (in >> tok) {
+            size_t eq = tok.find('=');
+            std::string k = tok.substr(0, eq), v = eq == std::string::npos ? "" : tok.substr(eq + 1);
+            if (k == "peer")
+                peer = id_of(v);
+            else if (k == "seq")
+                s = std::stoi(v);
+            else if (k == "as")
+                new_name = v;
+            else if (k == "status")
+                blob_put_int32(&b, UBUS_ATTR_STATUS, std::stoi(v));
+            else if (k == "path")
+                blob_put_string(&b, UBUS_ATTR_OBJPATH, (new_name = v).c_str());
+            else if (k == "obj" || k == "type" || k == "target")
+                blob_put_int32(&b,
+                               k == "obj"    ? UBUS_ATTR_OBJID
+                               : k == "type" ? UBUS_ATTR_OBJTYPE
+                                             : UBUS_ATTR_TARGET,
+                               id_of(v));
+            else if (k == "method")
+                blob_put_string(&b, UBUS_ATTR_METHOD, v.c_str());
+            else if (k == "no_reply")
+                blob_put_int8(&b, UBUS_ATTR_NO_REPLY, 1);
+            else if (k == "data") {
+                void *d = blob_nest_start(&b, UBUS_ATTR_DATA);
+                EXPECT_TRUE(blobmsg_add_json_from_string(&b, v.c_str())) << v;
+                blob_nest_end(&b, d);
+            } else if (k == "sig") { // methods without arguments
+                void *sig = blob_nest_start(&b, UBUS_ATTR_SIGNATURE);
+                std::istringstream methods(v);
+                for (std::string m; std::getline(methods, m, ',');)
+                    blobmsg_close_table(&b, blobmsg_open_table(&b, m.c_str()));
+                blob_nest_end(&b, sig);
+            } else if (k == "rawsig") {
+                bytes sig = from_hex(v);
+                blob_put_raw(&b, sig.data(), sig.size());
+            } else
+                ADD_FAILURE() << "unknown attribute " << k;
+        }
+        auto t = std::find(std::begin(msg_names), std::end(msg_names), type);
         bytes frame;
-        ubus_wire::encode(frame, type, ++seq, peer, b.head);
-        core.receive(client, frame.data(), frame.size(), -1);
-        return decode_all(out.take(client));
+        ubus_wire::encode(frame, t != std::end(msg_names) ? t - msg_names : std::stoi(type), s, peer, b.head);
+        core.receive(ids[from], frame.data(), frame.size(), -1);
+        return take(s);
     }
 
-    std::vector<seen> request(uint32_t client, int type, const attrs &a, uint32_t peer = 0)
+    // The lines of what was sent since the last call; seq shows where it is
+    // not the request's.
+    lines take(int s)
     {
-        blob_buf_init(&b, 0);
-        if (a.path)
-            blob_put_string(&b, UBUS_ATTR_OBJPATH, a.path);
-        if (a.obj)
-            blob_put_int32(&b, UBUS_ATTR_OBJID, a.obj);
-        if (a.method)
-            blob_put_string(&b, UBUS_ATTR_METHOD, a.method);
-        if (a.target)
-            blob_put_int32(&b, UBUS_ATTR_TARGET, a.target);
-        if (a.no_reply)
-            blob_put_int8(&b, UBUS_ATTR_NO_REPLY, 1);
-        if (a.sig_hex) {
-            bytes sig = from_hex(a.sig_hex);
-            blob_put_raw(&b, sig.data(), sig.size());
-        }
-        return send(client, type, peer);
+        lines r;
+        for (auto &[to, raw] : std::exchange(out.sent, {}))
+            r.push_back(line(to, raw, s));
+        return r;
     }
 
-    // Publishes path (nullptr: anonymous) with the given methods, which take
-    // no arguments; the new object's id.
-    uint32_t add(uint32_t client, const char *path, std::initializer_list<const char *> methods = {"m"})
+    std::string line(uint32_t to, bytes raw, int s)
     {
-        blob_buf_init(&b, 0);
-        if (path) {
-            blob_put_string(&b, UBUS_ATTR_OBJPATH, path);
-            void *sig = blob_nest_start(&b, UBUS_ATTR_SIGNATURE);
-            for (const char *m : methods)
-                blobmsg_close_table(&b, blobmsg_open_table(&b, m));
-            blob_nest_end(&b, sig);
+        ubus_wire::msg m;
+        if (!ubus_wire::decode(raw.data(), raw.size(), &m))
+            return "undecodable";
+        auto *a = m.attr;
+        std::string l = name_of(to) + " " + (m.type < std::size(msg_names) ? msg_names[m.type] : "?");
+        if (m.type == UBUS_MSG_MONITOR) // a copy of another message
+            return l;
+        if (m.seq != s)
+            l += " seq=" + std::to_string(m.seq);
+        if (m.peer)
+            l += " peer=" + name_of(m.peer);
+        if (a[UBUS_ATTR_STATUS]) {
+            uint32_t st = ubus_wire::get_u32(a[UBUS_ATTR_STATUS]);
+            l += " status=" + (st < std::size(status_names) ? status_names[st] : std::to_string(st));
         }
-        auto r = send(client, UBUS_MSG_ADD_OBJECT);
-        EXPECT_EQ(r.back().status(), 0) << (path ? path : "(anonymous)");
-        return r.front().u32(UBUS_ATTR_OBJID);
+        if (a[UBUS_ATTR_OBJPATH])
+            l += " path=" + std::string(ubus_wire::get_str(a[UBUS_ATTR_OBJPATH]));
+        if (a[UBUS_ATTR_OBJID]) {
+            uint32_t id = ubus_wire::get_u32(a[UBUS_ATTR_OBJID]);
+            l += " obj=" + name_of(id);
+        }
+        for (auto [attr, key] :
+             {std::pair{UBUS_ATTR_METHOD, " method="}, {UBUS_ATTR_USER, " user="}, {UBUS_ATTR_GROUP, " group="}})
+            if (a[attr])
+                l += key + std::string(ubus_wire::get_str(a[attr]));
+        if (a[UBUS_ATTR_OBJTYPE])
+            l += " type=" + name_of(ubus_wire::get_u32(a[UBUS_ATTR_OBJTYPE]));
+        if (a[UBUS_ATTR_TARGET])
+            l += " target=" + name_of(ubus_wire::get_u32(a[UBUS_ATTR_TARGET]));
+        if (a[UBUS_ATTR_ACTIVE])
+            l += " active=" + std::to_string(blob_get_int8(a[UBUS_ATTR_ACTIVE]));
+        for (auto [attr, key] : {std::pair{UBUS_ATTR_SIGNATURE, " sig="}, {UBUS_ATTR_SUBSCRIBERS, " subs="}}) {
+            if (!a[attr])
+                continue;
+            l += key;
+            ubus_wire::for_each_child(a[attr], [&](struct blob_attr *c) {
+                l += (l.back() == '=' ? "" : ",") +
+                     (attr == UBUS_ATTR_SIGNATURE ? blobmsg_name(c) : name_of(blob_get_u32(c)));
+            });
+        }
+        if (a[UBUS_ATTR_DATA]) {
+            char *json = blobmsg_format_json(a[UBUS_ATTR_DATA], true);
+            std::string d = json ? json : "?";
+            free(json);
+            l += " data=";
+            for (size_t i = 0, n; i < d.size(); i += n) {      // ids by name
+                n = d.find_first_not_of("-0123456789", i) - i; // as printed: signed
+                l += n > 3 ? name_of(uint32_t(std::stol(d.substr(i, n)))) : d.substr(i, n ? n : 1);
+                n = n ? n : 1;
+            }
+        }
+        return l;
     }
 
-    // A call of the event object: "register" (object, pattern) or "send"
-    // (id, a data table).
-    int event_call(uint32_t client, const char *method, uint32_t obj, const char *name, bool data = true)
+    struct step {
+        const char *from, *request;
+        lines sent;
+    };
+    // Runs the steps: each request and what the broker sent for it.
+    void play(const std::vector<step> &steps)
     {
-        blob_buf_init(&b, 0);
-        blob_put_int32(&b, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_EVENT);
-        blob_put_string(&b, UBUS_ATTR_METHOD, method);
-        void *d = blob_nest_start(&b, UBUS_ATTR_DATA);
-        if (obj)
-            blobmsg_add_u32(&b, "object", obj);
-        if (name)
-            blobmsg_add_string(&b, std::string(method) == "send" ? "id" : "pattern", name);
-        if (data) {
-            void *t = blobmsg_open_table(&b, "data");
-            blobmsg_add_string(&b, "k", "v");
-            blobmsg_close_table(&b, t);
+        for (const step &st : steps) {
+            SCOPED_TRACE(std::string(st.from) + ": " + st.request);
+            EXPECT_EQ(run(st.from, st.request), st.sent);
         }
-        blob_nest_end(&b, d);
-        auto r = send(client, UBUS_MSG_INVOKE, UBUS_SYSTEM_OBJECT_EVENT);
-        return r.size() == 1 ? r[0].status() : -100;
-    }
-    int listen(uint32_t client, uint32_t obj, const char *pattern)
-    {
-        return event_call(client, "register", obj, pattern, false);
     }
 };
 
-TEST_F(BrokerCore, HelloAndAddAnswerWithTheRequestSeqAndPeer)
+// clang-format off
+TEST_F(Broker, ObjectsAreAddedListedByPathAndRemovedWithTheirType)
 {
-    uint32_t id = core.connect({});
-    core.hello(id);
-    auto h = decode_all(out.take(id));
-    ASSERT_EQ(h.size(), 1u);
-    EXPECT_EQ(h[0].raw.size(), 12u);
-    EXPECT_EQ(h[0].m.type, UBUS_MSG_HELLO);
-    EXPECT_EQ(h[0].m.peer, id);
-    EXPECT_GE(id, 1024u);
-
-    auto r = request(id, UBUS_MSG_ADD_OBJECT, {});
-    ASSERT_EQ(r.size(), 2u);
-    EXPECT_EQ(r[0].m.type, UBUS_MSG_DATA);
-    EXPECT_EQ(r[0].m.seq, seq);
-    EXPECT_GE(r[0].u32(UBUS_ATTR_OBJID), 1024u);
-    EXPECT_EQ(r[0].m.attr[UBUS_ATTR_OBJTYPE], nullptr);
-    EXPECT_EQ(r[1].m.type, UBUS_MSG_STATUS);
-    EXPECT_EQ(r[1].m.seq, seq);
-    EXPECT_EQ(r[1].status(), 0);
-    EXPECT_EQ(r[1].raw.size(), 8u + 12) << "STATUS carries only the status";
+    connect("A");
+    play({
+        {"A", "LOOKUP", {"A STATUS status=ok"}},
+        {"A", "ADD as=sub", {"A DATA obj=sub", "A STATUS status=ok"}},
+        {"A", "ADD path=b sig=m", {"A DATA obj=b type=@1", "A STATUS status=ok"}},
+        {"A", "ADD path=a.x sig=m", {"A DATA obj=a.x type=@2", "A STATUS status=ok"}},
+        {"A", "ADD path=ab sig=m", {"A DATA obj=ab type=@3", "A STATUS status=ok"}},
+        {"A", "ADD path=a sig=m,n", {"A DATA obj=a type=@4", "A STATUS status=ok"}},
+        {"A", "ADD path=x type=305419896", {"A DATA obj=x", "A STATUS status=ok"}}, // unknown type: not listed
+        {"A", "ADD path=two type=@4", {"A DATA obj=two", "A STATUS status=ok"}},
+        {"A", "LOOKUP", {"A DATA path=a obj=a type=@4 sig=m,n", "A DATA path=a.x obj=a.x type=@2 sig=m",
+                         "A DATA path=ab obj=ab type=@3 sig=m", "A DATA path=b obj=b type=@1 sig=m",
+                         "A DATA path=two obj=two type=@4 sig=m,n", "A STATUS status=ok"}},
+        {"A", "LOOKUP path=a*", {"A DATA path=a obj=a type=@4 sig=m,n", "A DATA path=a.x obj=a.x type=@2 sig=m",
+                                 "A DATA path=ab obj=ab type=@3 sig=m", "A STATUS status=ok"}},
+        {"A", "LOOKUP path=a.*", {"A DATA path=a.x obj=a.x type=@2 sig=m", "A STATUS status=ok"}},
+        {"A", "LOOKUP path=ab", {"A DATA path=ab obj=ab type=@3 sig=m", "A STATUS status=ok"}},
+        {"A", "LOOKUP path=x", {"A STATUS status=not-found"}},
+        {"A", "LOOKUP path=", {"A STATUS status=bad-argument"}},
+        {"A", "REMOVE obj=a", {"A DATA obj=a", "A STATUS status=ok"}},
+        {"A", "REMOVE obj=two", {"A DATA obj=two type=@4", "A STATUS status=ok"}},
+    });
+    EXPECT_EQ(core.type_count(), 3u);
 }
 
-// Requests refused, or answered without data: the replies' statuses in order
-// (-1: a DATA message). Client a owns "svc", its anonymous object "sub" and
-// has a handler; client b owns "theirs".
-TEST_F(BrokerCore, RefusedRequestsAnswerWithOneStatus)
+TEST_F(Broker, RefusedRequestsAnswerWithOneStatus)
 {
-    uint32_t a = connect("a"), other = connect("b");
-    enum who : uint32_t { none, svc, sub, theirs, unknown, monitor };
-    std::map<uint32_t, uint32_t> id{{none, 0}, {monitor, UBUS_SYSTEM_OBJECT_MONITOR}};
-    id[svc] = add(a, "svc");
-    id[sub] = add(a, nullptr);
-    id[theirs] = add(other, nullptr);
-    id[unknown] = id[svc] ^ 1;
-    const int inval = UBUS_STATUS_INVALID_ARGUMENT, denied = UBUS_STATUS_PERMISSION_DENIED,
-              notfound = UBUS_STATUS_NOT_FOUND, badcmd = UBUS_STATUS_INVALID_COMMAND,
-              nomethod = UBUS_STATUS_METHOD_NOT_FOUND;
-    // Signatures with an unnamed method, and with a string argument.
-    const char *unnamed = "0600000c8200000800000000", *string_arg = "060000188200001400016d008300000a0001610078000000";
-    struct row {
-        const char *what;
-        int type;
-        bool from_other;
-        who obj;
-        const char *method;
-        who target;
-        const char *path, *sig_hex;
-        bool no_reply;
-        std::vector<int> statuses;
-    } rows[] = {
-        // clang-format off
-        {"HELLO is the broker's", UBUS_MSG_HELLO, false, none, nullptr, none, nullptr, nullptr, false, {badcmd}},
-        {"MONITOR is the broker's", UBUS_MSG_MONITOR, false, none, nullptr, none, nullptr, nullptr, false, {badcmd}},
-        {"unknown type", 200, false, none, nullptr, none, nullptr, nullptr, false, {badcmd}},
-        {"ping echoed", UBUS_MSG_PING, false, none, nullptr, none, "x", nullptr, false, {-1, 0}},
-        {"duplicate path", UBUS_MSG_ADD_OBJECT, false, none, nullptr, none, "svc", nullptr, false, {inval}},
-        {"unnamed method", UBUS_MSG_ADD_OBJECT, false, none, nullptr, none, "bad", unnamed, false, {inval}},
-        {"string argument", UBUS_MSG_ADD_OBJECT, false, none, nullptr, none, "bad", string_arg, false, {inval}},
-        {"remove without id", UBUS_MSG_REMOVE_OBJECT, false, none, nullptr, none, nullptr, nullptr, false, {inval}},
-        {"remove unknown", UBUS_MSG_REMOVE_OBJECT, false, unknown, nullptr, none, nullptr, nullptr, false, {notfound}},
-        {"remove another's", UBUS_MSG_REMOVE_OBJECT, true, svc, nullptr, none, nullptr, nullptr, false, {denied}},
-        {"invoke without method", UBUS_MSG_INVOKE, false, svc, nullptr, none, nullptr, nullptr, false, {inval}},
-        {"invoke unknown object", UBUS_MSG_INVOKE, false, unknown, "m", none, nullptr, nullptr, false, {notfound}},
-        {"bad monitor method", UBUS_MSG_INVOKE, false, monitor, "nosuch", none, nullptr, nullptr, false, {nomethod}},
-        {"subscribe to itself", UBUS_MSG_SUBSCRIBE, false, sub, nullptr, sub, nullptr, nullptr, false, {inval}},
-        {"subscribe without target", UBUS_MSG_SUBSCRIBE, false, sub, nullptr, none, nullptr, nullptr, false, {inval}},
-        {"subscribe to unknown", UBUS_MSG_SUBSCRIBE, false, sub, nullptr, unknown, nullptr, nullptr, false, {notfound}},
-        {"another's subscriber", UBUS_MSG_SUBSCRIBE, false, theirs, nullptr, svc, nullptr, nullptr, false, {inval}},
-        {"anonymous target of b", UBUS_MSG_SUBSCRIBE, false, sub, nullptr, theirs, nullptr, nullptr, false, {notfound}},
-        {"notify without method", UBUS_MSG_NOTIFY, false, svc, nullptr, none, nullptr, nullptr, false, {inval}},
-        {"notify for another's object", UBUS_MSG_NOTIFY, true, svc, "x", none, nullptr, nullptr, false, {denied}},
-        {"notify asking no reply", UBUS_MSG_NOTIFY, false, svc, "x", none, nullptr, nullptr, true, {}},
-        // clang-format on
-    };
-    for (const row &r : rows) {
-        SCOPED_TRACE(r.what);
-        std::vector<int> statuses;
-        attrs at{id[r.obj], r.method, id[r.target], r.path, r.no_reply, r.sig_hex};
-        for (const seen &s : request(r.from_other ? other : a, r.type, at, 77))
-            statuses.push_back(s.m.type == UBUS_MSG_DATA ? -1 : s.status());
-        EXPECT_EQ(statuses, r.statuses);
-    }
-    EXPECT_EQ(core.object_count(), 3u) << "nothing was added or removed";
-
-    // Event registrations: the object must be the caller's, the pattern
-    // present and not reserved.
-    struct {
-        uint32_t obj;
-        const char *pattern;
-        int status;
-    } regs[] = {
-        {id[sub], "a.*", 0},          {id[sub], nullptr, inval}, {5, "a", denied},
-        {id[unknown], "a", notfound}, {id[theirs], "a", denied}, {id[sub], "", denied},
-    };
-    for (const auto &r : regs) {
-        SCOPED_TRACE(r.pattern ? r.pattern : "(none)");
-        EXPECT_EQ(listen(a, r.obj, r.pattern), r.status);
-    }
-    EXPECT_EQ(event_call(a, "send", 0, "x", false), inval) << "data table missing";
-    EXPECT_EQ(event_call(a, "send", 0, "ubus.fake"), denied) << "reserved name";
-    EXPECT_EQ(event_call(a, "nosuch", 0, nullptr), badcmd);
+    connect("A");
+    connect("B");
+    play({
+        {"A", "ADD path=svc sig=m", {"A DATA obj=svc type=@1", "A STATUS status=ok"}},
+        {"A", "ADD as=sub", {"A DATA obj=sub", "A STATUS status=ok"}},
+        {"B", "ADD as=theirs", {"B DATA obj=theirs", "B STATUS status=ok"}},
+        {"A", "HELLO", {"A STATUS status=bad-command"}},
+        {"A", "MONITOR", {"A STATUS status=bad-command"}},
+        {"A", "200", {"A STATUS status=bad-command"}},
+        {"A", "PING path=x", {"A DATA path=x", "A STATUS status=ok"}},
+        {"A", "ADD path=svc sig=m", {"A STATUS status=bad-argument"}},
+        {"A", "ADD path=bad rawsig=0600000c8200000800000000", {"A STATUS status=bad-argument"}}, // unnamed method
+        {"A", "ADD path=bad rawsig=060000188200001400016d008300000a0001610078000000", // string argument
+         {"A STATUS status=bad-argument"}},
+        {"A", "REMOVE", {"A STATUS status=bad-argument"}},
+        {"A", "REMOVE obj=4242", {"A STATUS status=not-found"}},
+        {"B", "REMOVE obj=svc", {"B STATUS status=denied"}},
+        {"A", "INVOKE obj=svc", {"A STATUS status=bad-argument"}},
+        {"A", "INVOKE obj=4242 method=m", {"A STATUS status=not-found"}},
+        {"A", "INVOKE obj=3 method=nosuch", {"A STATUS status=no-method"}},
+        {"A", "SUBSCRIBE obj=sub target=sub", {"A STATUS status=bad-argument"}},
+        {"A", "SUBSCRIBE obj=sub", {"A STATUS status=bad-argument"}},
+        {"A", "SUBSCRIBE obj=sub target=4242", {"A STATUS status=not-found"}},
+        {"A", "SUBSCRIBE obj=theirs target=svc", {"A STATUS status=bad-argument"}},
+        {"A", "SUBSCRIBE obj=sub target=theirs", {"A STATUS status=not-found"}}, // anonymous
+        {"A", "NOTIFY obj=svc", {"A STATUS status=bad-argument"}},
+        {"B", "NOTIFY obj=svc method=x", {"B STATUS status=denied"}},
+        {"A", "NOTIFY obj=svc method=x no_reply", {}},
+        {"A", "listen sub", {"A STATUS peer=1 status=bad-argument"}},
+        {"A", "listen 5 a", {"A STATUS peer=1 status=denied"}},
+        {"A", "listen 4242 a", {"A STATUS peer=1 status=not-found"}},
+        {"A", "listen theirs a", {"A STATUS peer=1 status=denied"}},
+        {"A", "listen sub ''", {"A STATUS peer=1 status=denied"}},
+        {"A", "send x nodata", {"A STATUS peer=1 status=bad-argument"}},
+        {"A", "send ubus.fake", {"A STATUS peer=1 status=denied"}},
+        {"A", "INVOKE obj=1 method=nosuch peer=1 data={}", {"A STATUS peer=1 status=bad-command"}},
+        {"A", "listen sub a.*", {"A STATUS peer=1 status=ok"}},
+    });
+    EXPECT_EQ(core.object_count(), 3u);
 }
 
-TEST_F(BrokerCore, LookupListsTypedObjectsInPathOrder)
+TEST_F(Broker, InvokeIsForwardedAndRepliesComeBackFromTheObject)
 {
-    uint32_t c = connect();
-    auto empty = request(c, UBUS_MSG_LOOKUP, {});
-    ASSERT_EQ(empty.size(), 1u);
-    EXPECT_EQ(empty[0].status(), 0) << "listing an empty bus is not an error";
-    for (const char *p : {"b", "a.x", "ab", "a"})
-        add(c, p);
-    add(c, nullptr);
-    blob_buf_init(&b, 0);
-    blob_put_string(&b, UBUS_ATTR_OBJPATH, "x");
-    blob_put_int32(&b, UBUS_ATTR_OBJTYPE, 0x12345678); // unknown type: not listed
-    ASSERT_EQ(send(c, UBUS_MSG_ADD_OBJECT).back().status(), 0);
-
-    struct {
-        const char *pattern;
-        std::vector<std::string> paths;
-        int status;
-    } rows[] = {
-        {nullptr, {"a", "a.x", "ab", "b"}, 0},
-        {"a*", {"a", "a.x", "ab"}, 0},
-        {"a.*", {"a.x"}, 0},
-        {"ab", {"ab"}, 0},
-        {"x", {}, UBUS_STATUS_NOT_FOUND},
-        {"", {}, UBUS_STATUS_INVALID_ARGUMENT},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.pattern ? row.pattern : "(all)");
-        std::vector<std::string> paths;
-        int status = -1;
-        for (auto &s : request(c, UBUS_MSG_LOOKUP, {.path = row.pattern})) {
-            if (s.m.type != UBUS_MSG_DATA) {
-                status = s.status();
-                continue;
-            }
-            paths.push_back(s.str(UBUS_ATTR_OBJPATH));
-            EXPECT_NE(s.m.attr[UBUS_ATTR_SIGNATURE], nullptr);
-            EXPECT_NE(s.u32(UBUS_ATTR_OBJTYPE), 0u);
-        }
-        EXPECT_EQ(paths, row.paths);
-        EXPECT_EQ(status, row.status);
-    }
+    connect("O");
+    connect("C");
+    play({
+        {"O", "ADD path=svc sig=m", {"O DATA obj=svc type=@1", "O STATUS status=ok"}},
+        {"C", "INVOKE peer=svc obj=svc method=m data={\"a\":1}",
+         {"O INVOKE peer=C obj=svc method=m user=C group=C data={\"a\":1}"}},
+        {"O", "DATA seq=2 peer=C obj=svc data={\"r\":2}", {"C DATA peer=svc obj=svc data={\"r\":2}"}},
+        {"O", "STATUS seq=2 peer=C status=0 obj=svc", {"C STATUS peer=svc status=ok obj=svc"}},
+        {"C", "STATUS seq=2 peer=C status=0 obj=svc", {}}, // not the object's owner
+        {"C", "disconnect", {}},
+        {"O", "STATUS seq=2 peer=C status=0 obj=svc", {}},
+    });
 }
 
-TEST_F(BrokerCore, TypesAreSharedAndReportedGoneWithTheirLastObject)
+TEST_F(Broker, EventsGoToEachMatchingObjectOnceButNeverBackToTheSender)
 {
-    uint32_t c = connect();
-    auto r = request(c, UBUS_MSG_ADD_OBJECT, {.path = "one", .sig_hex = "06000004"});
-    uint32_t first = r.front().u32(UBUS_ATTR_OBJID), type = r.front().u32(UBUS_ATTR_OBJTYPE);
-    ASSERT_NE(type, 0u);
-    blob_buf_init(&b, 0);
-    blob_put_string(&b, UBUS_ATTR_OBJPATH, "two");
-    blob_put_int32(&b, UBUS_ATTR_OBJTYPE, type);
-    r = send(c, UBUS_MSG_ADD_OBJECT);
-    uint32_t second = r.front().u32(UBUS_ATTR_OBJID);
-    EXPECT_EQ(r.front().m.attr[UBUS_ATTR_OBJTYPE], nullptr) << "no type id echoed when none was created";
-    EXPECT_EQ(core.type_count(), 1u);
-
-    r = request(c, UBUS_MSG_REMOVE_OBJECT, {.obj = first});
-    ASSERT_EQ(r.size(), 2u);
-    EXPECT_EQ(r[0].m.attr[UBUS_ATTR_OBJTYPE], nullptr);
-    r = request(c, UBUS_MSG_REMOVE_OBJECT, {.obj = second});
-    ASSERT_EQ(r.size(), 2u);
-    EXPECT_EQ(r[0].u32(UBUS_ATTR_OBJTYPE), type);
-    EXPECT_EQ(core.type_count(), 0u);
+    connect("S");
+    connect("R");
+    play({
+        {"S", "ADD as=own", {"S DATA obj=own", "S STATUS status=ok"}},
+        {"R", "ADD as=h1", {"R DATA obj=h1", "R STATUS status=ok"}},
+        {"R", "ADD as=h2", {"R DATA obj=h2", "R STATUS status=ok"}},
+        {"S", "listen own *", {"S STATUS peer=1 status=ok"}},
+        {"R", "listen h1 net.*", {"R STATUS peer=1 status=ok"}},
+        {"R", "listen h1 net.up", {"R STATUS peer=1 status=ok"}},
+        {"R", "listen h2 net.upx", {"R STATUS peer=1 status=ok"}},
+        {"S", "send net.up", {"R INVOKE seq=1 obj=h1 method=net.up data={\"k\":\"v\"}", "S STATUS peer=1 status=ok"}},
+        {"S", "send net.down", {"R INVOKE seq=2 obj=h1 method=net.down data={\"k\":\"v\"}",
+                                "S STATUS peer=1 status=ok"}},
+        {"S", "ADD path=svc", {"S INVOKE seq=3 obj=own method=ubus.object.add data={\"id\":svc,\"path\":\"svc\"}",
+                               "S DATA obj=svc", "S STATUS status=ok"}},
+    });
 }
 
-TEST_F(BrokerCore, InvokeIsForwardedAndRepliesComeBackFromTheObject)
+TEST_F(Broker, SubscriptionActivatesNotifiesAndEnds)
 {
-    uint32_t owner = connect("owner"), caller = connect("caller");
-    uint32_t obj = add(owner, "svc");
-    blob_buf_init(&b, 0);
-    blob_put_int32(&b, UBUS_ATTR_OBJID, obj);
-    blob_put_string(&b, UBUS_ATTR_METHOD, "m");
-    blob_nest_end(&b, blob_nest_start(&b, UBUS_ATTR_DATA));
-    EXPECT_TRUE(send(caller, UBUS_MSG_INVOKE, obj).empty()) << "no status from the broker";
-    uint16_t call_seq = seq;
-    auto fwd = decode_all(out.take(owner));
-    ASSERT_EQ(fwd.size(), 1u);
-    EXPECT_EQ(fwd[0].m.type, UBUS_MSG_INVOKE);
-    EXPECT_EQ(fwd[0].m.seq, call_seq);
-    EXPECT_EQ(fwd[0].m.peer, caller);
-    EXPECT_EQ(fwd[0].u32(UBUS_ATTR_OBJID), obj);
-    EXPECT_EQ(fwd[0].str(UBUS_ATTR_METHOD), "m");
-    EXPECT_EQ(fwd[0].str(UBUS_ATTR_USER), "caller");
-    EXPECT_EQ(fwd[0].str(UBUS_ATTR_GROUP), "caller");
-    ASSERT_NE(fwd[0].m.attr[UBUS_ATTR_DATA], nullptr);
-
-    // Owner answers to the caller; the broker names the object instead.
-    bytes data, status;
-    blob_buf_init(&b, 0);
-    blob_put_int32(&b, UBUS_ATTR_OBJID, obj);
-    blob_put(&b, UBUS_ATTR_DATA, nullptr, 0);
-    ubus_wire::encode(data, UBUS_MSG_DATA, call_seq, caller, b.head);
-    core.receive(owner, data.data(), data.size(), -1);
-    blob_buf_init(&b, 0);
-    blob_put_int32(&b, UBUS_ATTR_STATUS, 0);
-    blob_put_int32(&b, UBUS_ATTR_OBJID, obj);
-    ubus_wire::encode(status, UBUS_MSG_STATUS, call_seq, caller, b.head);
-    core.receive(owner, status.data(), status.size(), -1);
-    EXPECT_TRUE(out.take(owner).empty());
-    auto back = decode_all(out.take(caller));
-    ASSERT_EQ(back.size(), 2u);
-    EXPECT_EQ(back[0].m.type, UBUS_MSG_DATA);
-    EXPECT_EQ(back[0].m.peer, obj);
-    EXPECT_EQ(back[0].m.seq, call_seq);
-    EXPECT_EQ(bytes(back[0].raw.begin() + 8, back[0].raw.end()), bytes(data.begin() + 8, data.end()))
-        << "payload forwarded unchanged";
-    EXPECT_EQ(back[1].m.type, UBUS_MSG_STATUS);
-    EXPECT_EQ(back[1].m.peer, obj);
-
-    // Replies from a non-owner, or to a client that is gone, are dropped.
-    core.receive(caller, status.data(), status.size(), -1);
-    EXPECT_TRUE(out.take(caller).empty());
-    core.disconnect(caller);
-    core.receive(owner, status.data(), status.size(), -1);
-    EXPECT_TRUE(out.take(caller).empty());
-}
-
-TEST_F(BrokerCore, EventsGoToEachMatchingObjectOnceButNeverBackToTheSender)
-{
-    uint32_t sender = connect(), rx = connect();
-    uint32_t own = add(sender, nullptr), h1 = add(rx, nullptr), h2 = add(rx, nullptr);
-    ASSERT_EQ(listen(sender, own, "*"), 0);
-    ASSERT_EQ(listen(rx, h1, "net.*"), 0);
-    ASSERT_EQ(listen(rx, h1, "net.up"), 0);
-    ASSERT_EQ(listen(rx, h2, "net.upx"), 0);
-
-    EXPECT_EQ(event_call(sender, "send", 0, "net.up"), 0) << "one reply: nothing for the sender's own handler";
-    auto got = decode_all(out.take(rx));
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].m.type, UBUS_MSG_INVOKE);
-    EXPECT_EQ(got[0].m.peer, 0u);
-    EXPECT_EQ(got[0].u32(UBUS_ATTR_OBJID), h1);
-    EXPECT_EQ(got[0].str(UBUS_ATTR_METHOD), "net.up");
-    EXPECT_EQ(got[0].m.attr[UBUS_ATTR_USER], nullptr);
-    ASSERT_NE(got[0].m.attr[UBUS_ATTR_DATA], nullptr);
-    EXPECT_STREQ(blobmsg_name(static_cast<const struct blob_attr *>(blob_data(got[0].m.attr[UBUS_ATTR_DATA]))), "k");
-    uint16_t first_seq = got[0].m.seq;
-    event_call(sender, "send", 0, "net.down");
-    got = decode_all(out.take(rx));
-    ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].m.seq, (uint16_t)(first_seq + 1)) << "broker-wide delivery counter";
-
-    // Object events reach the publisher too, before its reply.
-    ASSERT_EQ(listen(rx, h2, "ubus.object.*"), 0);
-    auto r = request(rx, UBUS_MSG_ADD_OBJECT, {.path = "svc"});
-    ASSERT_EQ(r.size(), 3u);
-    EXPECT_EQ(r[0].str(UBUS_ATTR_METHOD), "ubus.object.add");
-    EXPECT_EQ(r[1].m.type, UBUS_MSG_DATA);
-    EXPECT_EQ(r[2].m.type, UBUS_MSG_STATUS);
-}
-
-TEST_F(BrokerCore, SubscriptionActivatesNotifiesAndEnds)
-{
-    uint32_t owner = connect(), watcher = connect();
-    uint32_t target = add(owner, "svc"), sub = add(watcher, nullptr);
-    auto active = [&](int seq, int on) {
-        auto r = decode_all(out.take(owner));
-        ASSERT_EQ(r.size(), 1u);
-        EXPECT_EQ(r[0].m.type, UBUS_MSG_NOTIFY);
-        EXPECT_EQ(r[0].m.seq, seq);
-        EXPECT_EQ(r[0].u32(UBUS_ATTR_OBJID), target);
-        ASSERT_NE(r[0].m.attr[UBUS_ATTR_ACTIVE], nullptr);
-        EXPECT_EQ(blob_get_int8(r[0].m.attr[UBUS_ATTR_ACTIVE]), on);
-    };
-    ASSERT_EQ(request(watcher, UBUS_MSG_SUBSCRIBE, {.obj = sub, .target = target}).back().status(), 0);
-    active(1, 1);
-
-    auto st = request(owner, UBUS_MSG_NOTIFY, {.obj = target, .method = "changed"}, target);
-    uint16_t nseq = seq;
-    ASSERT_EQ(st.size(), 1u);
-    EXPECT_EQ(st[0].status(), 0);
-    EXPECT_EQ(st[0].m.peer, target);
-    ASSERT_NE(st[0].m.attr[UBUS_ATTR_SUBSCRIBERS], nullptr);
-    const auto *entry = static_cast<const struct blob_attr *>(blob_data(st[0].m.attr[UBUS_ATTR_SUBSCRIBERS]));
-    EXPECT_EQ(blob_id(entry), 0u);
-    EXPECT_EQ(blob_get_u32(entry), sub);
-    auto inv = decode_all(out.take(watcher));
-    ASSERT_EQ(inv.size(), 1u);
-    EXPECT_EQ(inv[0].m.type, UBUS_MSG_INVOKE);
-    EXPECT_EQ(inv[0].m.seq, nseq);
-    EXPECT_EQ(inv[0].m.peer, owner);
-    EXPECT_EQ(inv[0].u32(UBUS_ATTR_OBJID), sub);
-    EXPECT_EQ(inv[0].str(UBUS_ATTR_METHOD), "changed");
-
-    // The subscriber's answer reaches the notifier, named by the subscriber.
-    blob_buf_init(&b, 0);
-    blob_put_int32(&b, UBUS_ATTR_STATUS, 0);
-    blob_put_int32(&b, UBUS_ATTR_OBJID, sub);
-    bytes ans;
-    ubus_wire::encode(ans, UBUS_MSG_STATUS, nseq, owner, b.head);
-    core.receive(watcher, ans.data(), ans.size(), -1);
-    auto fwd = decode_all(out.take(owner));
-    ASSERT_EQ(fwd.size(), 1u);
-    EXPECT_EQ(fwd[0].m.peer, sub);
-
-    // The last subscriber leaving deactivates the target; a second watcher
-    // is told when the target goes.
-    uint32_t w2 = connect(), sub2 = add(w2, nullptr);
-    ASSERT_EQ(request(w2, UBUS_MSG_SUBSCRIBE, {.obj = sub2, .target = target}).back().status(), 0);
-    core.disconnect(watcher);
-    EXPECT_TRUE(out.take(owner).empty()) << "still watched";
-    core.disconnect(w2);
-    active(2, 0);
-    w2 = connect(), sub2 = add(w2, nullptr);
-    ASSERT_EQ(request(w2, UBUS_MSG_SUBSCRIBE, {.obj = sub2, .target = target}).back().status(), 0);
-    core.disconnect(owner);
-    auto gone = decode_all(out.take(w2));
-    ASSERT_EQ(gone.size(), 1u);
-    EXPECT_EQ(gone[0].m.type, UBUS_MSG_UNSUBSCRIBE);
-    EXPECT_EQ(gone[0].u32(UBUS_ATTR_OBJID), sub2);
-    EXPECT_EQ(gone[0].u32(UBUS_ATTR_TARGET), target);
+    connect("O");
+    connect("W");
+    connect("V");
+    play({
+        {"O", "ADD path=svc sig=m", {"O DATA obj=svc type=@1", "O STATUS status=ok"}},
+        {"W", "ADD as=sub", {"W DATA obj=sub", "W STATUS status=ok"}},
+        {"V", "ADD as=sub2", {"V DATA obj=sub2", "V STATUS status=ok"}},
+        {"W", "SUBSCRIBE obj=sub target=svc", {"O NOTIFY seq=1 obj=svc active=1", "W STATUS status=ok"}},
+        {"O", "NOTIFY peer=svc obj=svc method=changed", {"O STATUS peer=svc status=ok obj=svc subs=sub",
+                                                         "W INVOKE peer=O obj=sub method=changed user=O group=O"}},
+        {"W", "STATUS seq=5 peer=O status=0 obj=sub", {"O STATUS peer=sub status=ok obj=sub"}},
+        {"V", "SUBSCRIBE obj=sub2 target=svc", {"V STATUS status=ok"}},
+        {"W", "disconnect", {}}, // still watched
+        {"V", "disconnect", {"O NOTIFY seq=2 obj=svc active=0"}},
+        {"W", "connect", {}},
+        {"W", "ADD as=sub3", {"W DATA obj=sub3", "W STATUS status=ok"}},
+        {"W", "SUBSCRIBE obj=sub3 target=svc", {"O NOTIFY seq=3 obj=svc active=1", "W STATUS status=ok"}},
+        {"O", "disconnect", {"W UNSUBSCRIBE seq=0 obj=sub3 target=svc"}},
+    });
     EXPECT_EQ(core.object_count(), 1u);
     EXPECT_EQ(core.type_count(), 0u);
 }
-
+// clang-format on
 TEST(EventMatch, TrailingStarIsAPrefixAnythingElseIsExact)
 {
     struct {
@@ -619,151 +527,86 @@ TEST(AclTable, OnlySoundFilesOfRootOrTheBrokerUserAreLoaded)
     EXPECT_EQ(ubusd::acl_table::load(dir / "/missing", 0, &notes).size(), 0u);
 }
 
-class BrokerAcl : public BrokerCore
-{
-  protected:
-    void SetUp() override
-    {
-        ubusd::acl_table t;
-        ASSERT_TRUE(t.add_json(guest_acl, "guest"));
-        core.set_acl(std::move(t));
-    }
-};
-
 // What a guest (and others) may do with the objects and events of root.
-// LOOKUP rows: method holds what is listed, "path:method,method path:...".
-TEST_F(BrokerAcl, RequestsAreCheckedAgainstTheCallersRules)
+// clang-format off
+TEST_F(Broker, RequestsAreCheckedAgainstTheCallersRules)
 {
-    uint32_t root = connect("root");
-    std::map<std::string, uint32_t> obj{{"svc", add(root, "svc", {"m", "n", "x"})}, {"other", add(root, "other")}};
-    add(root, "empty", {});
-    add(root, "pub.a", {"q", "r"});
-    obj["anon"] = add(root, nullptr);
-    obj["gone"] = obj["svc"] ^ 0x4000;
-    enum op { invoke, lookup, publish, subscribe, listen, send, monitor };
-    const int denied = UBUS_STATUS_PERMISSION_DENIED;
-    struct {
-        const char *user;
-        uid_t uid;
-        gid_t gid;
-        op o;
-        const char *name, *method;
-        int status;
-    } rows[] = {
-        // clang-format off
-        {"guest", 1000, 1000, invoke, "svc", "m", 0},
-        {"guest", 1000, 1000, invoke, "svc", "x", 0},
-        {"guest", 1000, 1000, invoke, "svc", "n", denied},
-        {"guest", 1000, 1000, invoke, "other", "m", denied},
-        {"guest", 1000, 1000, invoke, "anon", "anything", 0},
-        {"guest", 1000, 1000, invoke, "gone", "m", UBUS_STATUS_NOT_FOUND},
-        {"admin", 0, 0, invoke, "other", "m", 0},
-        {"guest", 1000, 1000, lookup, nullptr, "empty: pub.a:q,r svc:m,x", 0},
-        {"root", 0, 0, lookup, "svc", "svc:m,n,x", 0},
-        {"guest", 1000, 1000, lookup, "other", "", 0}, // found, but not shown
-        {"guest", 1000, 1000, lookup, "nothere", "", UBUS_STATUS_NOT_FOUND},
-        {"guest", 1000, 1000, publish, "guest.a", nullptr, 0},
-        {"guest", 1000, 1000, publish, "svc2", nullptr, UBUS_STATUS_INVALID_ARGUMENT},
-        {"guest", 1000, 1000, subscribe, "svc", nullptr, 0},
-        {"guest", 1000, 1000, subscribe, "other", nullptr, UBUS_STATUS_NOT_FOUND},
-        {"guest", 1000, 1000, listen, "net.up", nullptr, 0},
-        {"guest", 1000, 1000, listen, "net.*", nullptr, 0},
-        {"guest", 1000, 1000, listen, "*", nullptr, denied},
-        {"guest", 1000, 1000, listen, "ubus.object.add", nullptr, denied},
-        {"guest", 1000, 1000, send, "guest.ev", nullptr, 0},
-        {"guest", 1000, 1000, send, "net.up", nullptr, denied},
-        {"root", 0, 0, monitor, nullptr, nullptr, 0},
-        {"guest", 0, 5, monitor, nullptr, nullptr, denied},
-        {"guest", 5, 0, monitor, nullptr, nullptr, denied},
-        {"guest", 1000, 1000, monitor, nullptr, nullptr, denied},
-        // clang-format on
-    };
-    for (auto &r : rows) {
-        SCOPED_TRACE(std::string(r.user) + " " + std::to_string(r.o) + " " + (r.name ? r.name : ""));
-        uint32_t c = connect(r.user, r.uid, r.gid), own = add(c, nullptr);
-        std::vector<seen> replies;
-        switch (r.o) {
-        case invoke:
-            replies = request(c, UBUS_MSG_INVOKE, {.obj = obj[r.name], .method = r.method}, obj[r.name]);
-            // Forwarded: the owner got it and answers itself.
-            EXPECT_EQ(replies.empty() ? (int)out.take(root).size() - 1 : replies.back().status(), r.status);
-            break;
-        case lookup: {
-            std::string shown;
-            for (auto &s : request(c, UBUS_MSG_LOOKUP, {.path = r.name})) {
-                if (s.m.type != UBUS_MSG_DATA) {
-                    EXPECT_EQ(s.status(), r.status);
-                    continue;
-                }
-                shown += (shown.empty() ? "" : " ") + s.str(UBUS_ATTR_OBJPATH) + ":";
-                std::string sep;
-                ubus_wire::for_each_child(s.m.attr[UBUS_ATTR_SIGNATURE], [&](struct blob_attr *m) {
-                    shown += std::exchange(sep, ",") + blobmsg_name(m);
-                });
-            }
-            EXPECT_EQ(shown, r.method);
-            break;
-        }
-        case publish:
-            replies = request(c, UBUS_MSG_ADD_OBJECT, {.path = r.name, .sig_hex = "06000004"});
-            EXPECT_EQ(replies.size(), r.status ? 1u : 2u) << "no DATA before a refusal";
-            EXPECT_EQ(replies.back().status(), r.status);
-            break;
-        case subscribe:
-            EXPECT_EQ(request(c, UBUS_MSG_SUBSCRIBE, {.obj = own, .target = obj[r.name]}).back().status(), r.status);
-            break;
-        case listen:
-            EXPECT_EQ(BrokerCore::listen(c, own, r.name), r.status);
-            break;
-        case send:
-            EXPECT_EQ(event_call(c, "send", 0, r.name), r.status);
-            break;
-        case monitor:
-            EXPECT_EQ(request(c, UBUS_MSG_INVOKE, {.obj = UBUS_SYSTEM_OBJECT_MONITOR, .method = "add"}).back().status(),
-                      r.status);
-            request(root, UBUS_MSG_PING, {.path = "AT+CPIN=\"4321\""});
-            EXPECT_EQ(out.take(c).empty(), r.status != 0) << "copies of another client's traffic";
-            break;
-        }
-        out.take(root);
-        core.disconnect(c);
-    }
-    core.set_owner(1000, 1000);
-    uint32_t own = connect("guest", 1000, 1000);
-    EXPECT_EQ(request(own, UBUS_MSG_INVOKE, {.obj = UBUS_SYSTEM_OBJECT_MONITOR, .method = "add"}).back().status(), 0)
-        << "the broker's own user";
+    ubusd::acl_table t;
+    ASSERT_TRUE(t.add_json(guest_acl, "guest"));
+    core.set_acl(std::move(t));
+    connect("root");
+    connect("guest", 1000, 1000);
+    play({
+        {"root", "ADD path=svc sig=m,n,x", {"root DATA obj=svc type=@1", "root STATUS status=ok"}},
+        {"root", "ADD path=other sig=m", {"root DATA obj=other type=@2", "root STATUS status=ok"}},
+        {"root", "ADD path=empty sig=", {"root DATA obj=empty type=@3", "root STATUS status=ok"}},
+        {"root", "ADD path=pub.a sig=q,r", {"root DATA obj=pub.a type=@4", "root STATUS status=ok"}},
+        {"root", "ADD as=anon", {"root DATA obj=anon", "root STATUS status=ok"}},
+        {"guest", "ADD as=own", {"guest DATA obj=own", "guest STATUS status=ok"}},
+        {"guest", "INVOKE peer=svc obj=svc method=m",
+         {"root INVOKE peer=guest obj=svc method=m user=guest group=guest"}},
+        {"guest", "INVOKE peer=svc obj=svc method=x",
+         {"root INVOKE peer=guest obj=svc method=x user=guest group=guest"}},
+        {"guest", "INVOKE peer=svc obj=svc method=n", {"guest STATUS peer=svc status=denied"}},
+        {"guest", "INVOKE peer=other obj=other method=m", {"guest STATUS peer=other status=denied"}},
+        {"guest", "INVOKE peer=anon obj=anon method=any",
+         {"root INVOKE peer=guest obj=anon method=any user=guest group=guest"}},
+        {"guest", "INVOKE obj=4242 method=m", {"guest STATUS status=not-found"}},
+        {"admin", "connect 0 0", {}},
+        {"admin", "INVOKE peer=other obj=other method=m",
+         {"root INVOKE peer=admin obj=other method=m user=admin group=admin"}},
+        {"guest", "LOOKUP", {"guest DATA path=empty obj=empty type=@3 sig=",
+                             "guest DATA path=pub.a obj=pub.a type=@4 sig=q,r",
+                             "guest DATA path=svc obj=svc type=@1 sig=m,x", "guest STATUS status=ok"}},
+        {"root", "LOOKUP path=svc", {"root DATA path=svc obj=svc type=@1 sig=m,n,x", "root STATUS status=ok"}},
+        {"guest", "LOOKUP path=other", {"guest STATUS status=ok"}}, // found, but not shown
+        {"guest", "LOOKUP path=nothere", {"guest STATUS status=not-found"}},
+        {"guest", "ADD path=guest.a sig=", {"guest DATA obj=guest.a type=@5", "guest STATUS status=ok"}},
+        {"guest", "ADD path=svc2 sig=", {"guest STATUS status=bad-argument"}},
+        {"guest", "SUBSCRIBE obj=own target=svc", {"root NOTIFY seq=1 obj=svc active=1", "guest STATUS status=ok"}},
+        {"guest", "SUBSCRIBE obj=own target=other", {"guest STATUS status=not-found"}},
+        {"guest", "listen own net.up", {"guest STATUS peer=1 status=ok"}},
+        {"guest", "listen own net.*", {"guest STATUS peer=1 status=ok"}},
+        {"guest", "listen own *", {"guest STATUS peer=1 status=denied"}},
+        {"guest", "listen own ubus.object.add", {"guest STATUS peer=1 status=denied"}},
+        {"guest", "send guest.ev", {"guest STATUS peer=1 status=ok"}},
+        {"guest", "send net.up", {"guest STATUS peer=1 status=denied"}},
+        {"guest", "INVOKE obj=3 method=add", {"guest STATUS status=denied"}},
+        {"g5", "connect 0 5", {}},
+        {"g5", "INVOKE obj=3 method=add", {"g5 STATUS status=denied"}},
+        {"u5", "connect 5 0", {}},
+        {"u5", "INVOKE obj=3 method=add", {"u5 STATUS status=denied"}},
+        {"admin", "INVOKE obj=3 method=add", {"admin MONITOR", "admin STATUS status=ok"}},
+        {"root", "PING path=x", {"admin MONITOR", "admin MONITOR", "root DATA path=x",
+                                  "admin MONITOR", "root STATUS status=ok"}},
+    });
+    core.set_owner(1000, 1000); // the broker's own user
+    play({{"guest", "INVOKE obj=3 method=add",
+           {"admin MONITOR", "admin MONITOR", "guest MONITOR", "guest STATUS status=ok"}}});
 }
 
-TEST_F(BrokerAcl, QueryListsRulesOnTheCallersObjectsAndReloadsAreAnnounced)
+TEST_F(Broker, QueryListsRulesOnTheCallersObjectsAndReloadsAreAnnounced)
 {
     ubusd::acl_table t;
     ASSERT_TRUE(t.add_json(guest_acl, "guest"));
     ASSERT_TRUE(t.add_json(staff_acl, "staff"));
     core.set_acl(std::move(t));
-    uint32_t root = connect("root");
-    add(root, "svc");
-    add(root, "plain");
-    ASSERT_EQ(listen(root, add(root, nullptr), "ubus.acl.*"), 0);
-
-    auto r = request(root, UBUS_MSG_INVOKE, {.obj = UBUS_SYSTEM_OBJECT_ACL, .method = "query"});
-    ASSERT_EQ(r.size(), 2u);
-    EXPECT_EQ(r[1].status(), 0);
-    ASSERT_NE(r[0].m.attr[UBUS_ATTR_DATA], nullptr);
-    char *text = blobmsg_format_json(r[0].m.attr[UBUS_ATTR_DATA], true);
-    ASSERT_NE(text, nullptr);
-    EXPECT_STREQ(text, R"({"seq":2,"acl":[{"obj":"svc","user":"guest","methods":["m","x"]},)"
-                       R"({"obj":"svc","group":"staff","methods":["n"],"priv":{"level":2}}]})");
-    free(text);
-
+    connect("root");
+    play({
+        {"root", "ADD path=svc sig=m", {"root DATA obj=svc type=@1", "root STATUS status=ok"}},
+        {"root", "ADD path=plain sig=m", {"root DATA obj=plain type=@2", "root STATUS status=ok"}},
+        {"root", "ADD as=own", {"root DATA obj=own", "root STATUS status=ok"}},
+        {"root", "listen own ubus.acl.*", {"root STATUS peer=1 status=ok"}},
+        {"root", "INVOKE obj=2 method=query",
+         {"root DATA obj=2 data={\"seq\":1,\"acl\":[{\"obj\":\"svc\",\"user\":\"guest\",\"methods\":[\"m\",\"x\"]},"
+          "{\"obj\":\"svc\",\"group\":\"staff\",\"methods\":[\"n\"],\"priv\":{\"level\":2}}]}",
+                                              "root STATUS status=ok"}},
+    });
     core.set_acl(ubusd::acl_table());
-    auto ev = decode_all(out.take(root));
-    ASSERT_EQ(ev.size(), 1u);
-    EXPECT_EQ(ev[0].str(UBUS_ATTR_METHOD), "ubus.acl.sequence");
-    auto *seqattr = static_cast<struct blob_attr *>(blob_data(ev[0].m.attr[UBUS_ATTR_DATA]));
-    EXPECT_STREQ(blobmsg_name(seqattr), "sequence");
-    EXPECT_EQ(blobmsg_get_u32(seqattr), 3u);
-    EXPECT_EQ(core.acl_sequence(), 3u);
+    EXPECT_EQ(take(-1), lines{"root INVOKE seq=1 obj=own method=ubus.acl.sequence data={\"sequence\":2}"});
+    EXPECT_EQ(core.acl_sequence(), 2u);
 }
+// clang-format on
 
 // The socket front end on socket pairs, driven by uloop in this thread.
 class ServerBuffers : public ::testing::Test
@@ -838,22 +681,11 @@ class ServerBuffers : public ::testing::Test
     {
         bytes m(total, 0);
         uint32_t top = total - 8, pad = top - 4;
-        const uint8_t hdr[] = {0,
-                               UBUS_MSG_LOOKUP,
-                               0,
-                               1,
-                               0,
-                               0,
-                               0,
-                               0,
-                               0,
-                               uint8_t(top >> 16),
-                               uint8_t(top >> 8),
-                               uint8_t(top),
-                               20,
-                               uint8_t(pad >> 16),
-                               uint8_t(pad >> 8),
-                               uint8_t(pad)};
+        // clang-format off
+        const uint8_t hdr[] = {0, UBUS_MSG_LOOKUP, 0, 1, 0, 0, 0, 0,
+                               0, uint8_t(top >> 16), uint8_t(top >> 8), uint8_t(top),
+                               20, uint8_t(pad >> 16), uint8_t(pad >> 8), uint8_t(pad)};
+        // clang-format on
         std::copy(std::begin(hdr), std::end(hdr), m.begin());
         return m;
     }
