@@ -28,12 +28,6 @@ boot
   urc RDY
   delay 100
   urc +QIND: SMS DONE
-fota
-  delay 100
-  urc +QIND: "FOTA","START"
-  delay 100
-  urc +QIND: "FOTA","END",0
-  boot
 powerdown
   delay 50
   urc POWERED DOWN
@@ -74,38 +68,17 @@ on AT+CMGS=*
   line +CMGS: {mr},{text}
   add mr 1 256
   ok
-on AT+PE
-  prompt error
-  ok
-on AT+PN
-  prompt
-  ok
 on AT+SLOW
   delay 200
   line first
   delay 300
   line second
   ok
-on AT+CHUNK
-  line 0123456789
-  split 5 40
-  ok
 on AT+QPOWD
   ok
   powerdown
-on AT+RESET
-  ok
-  boot
-on AT+LATEURC
-  ok
-  delay 50
-  urc +CUSD: 0,"done",15
 on AT+LONG=*
   ok
-on AT+CUSD=1,"*"
-  ok
-  after 1s
-    urc +CUSD: 0,"answer to $1",15
 on AT+RING
   set call ringing
   ok
@@ -114,12 +87,6 @@ on AT+CHUP
   set call none
   cancel ring
   ok
-on AT+NAMED
-  ok
-  after 500 named
-    urc FIRST
-  after 800 named
-    urc SECOND
 action ring
   if call != ringing
     stop
@@ -198,190 +165,97 @@ TEST_F(ModemTest, Exchanges)
         std::vector<std::string> steps;
         std::string timeline;
     } rows[] = {
+        // clang-format off
         // Line handling.
-        {"echo repeats each line as typed, ATE0 too",
-         "set echo 1\n",
-         {"AT\r", "ATE0\r", "AT\r"},
+        {"echo repeats each line as typed, ATE0 too", "set echo 1\n", {"AT\r", "ATE0\r", "AT\r"},
          "@0 AT\r\r\nOK\r\nATE0\r\r\nOK\r\n\r\nOK\r\n"},
-        {"commands on one line share one final result",
-         "",
-         {"AT+CSQ;+CREG?\r"},
+        {"commands on one line share one final result", "", {"AT+CSQ;+CREG?\r"},
          "@0 \r\n+CSQ: 20,99\r\n\r\n+CREG: 0,1\r\n\r\nOK\r\n"},
-        {"the first failing command ends the line",
-         "",
-         {"AT+CSQ;+BOGUS;+CREG?\r", "ATQ0V0\r", "AT\r"},
+        {"the first failing command ends the line", "", {"AT+CSQ;+BOGUS;+CREG?\r", "ATQ0V0\r", "AT\r"},
          "@0 \r\n+CSQ: 20,99\r\n\r\nERROR\r\n\r\nERROR\r\n\r\nOK\r\n"},
-        {"ATV0 numbers results, its own already",
-         "",
-         {"ATV0\r", "AT+CSQ\r", "AT+NOSUCH\r", "ATV1\r", "AT!\r"},
+        {"ATV0 numbers results, its own already", "", {"ATV0\r", "AT+CSQ\r", "AT+NOSUCH\r", "ATV1\r", "AT!\r"},
          "@0 0\r+CSQ: 20,99\r\n0\r4\r\r\nOK\r\n\r\nERROR\r\n"},
-        {"the daemon's set-up: Ctrl-Z, CR, +++ then ATE0V1",
-         "set echo 1\n",
-         {"\x1a\r", "+++", "ATE0V1\r", "AT\r"},
+        {"the daemon's set-up: Ctrl-Z, CR, +++ then ATE0V1", "set echo 1\n", {"\x1a\r", "+++", "ATE0V1\r", "AT\r"},
          "@0 \r+++ATE0V1\r\r\nOK\r\n\r\nOK\r\n"},
         {"backspace edits the line", "", {"AT+CSX\bQ\r"}, "@0 \r\n+CSQ: 20,99\r\n\r\nOK\r\n"},
-        {"when picks the rule; CME errors follow AT+CMEE and ATV",
-         "",
-         {"AT+CPIN?\r", "AT+SET=sim,absent\r", "AT+CPIN?\r", "AT+CMEE=2\r", "AT+CPIN?\r", "AT+CMEE=0\r", "AT+CPIN?\r",
-          "AT+CMEE=1\r", "ATV0\r", "AT+CPIN?\r"},
-         "@0 \r\n+CPIN: READY\r\n\r\nOK\r\n\r\nOK\r\n\r\n+CME ERROR: 10\r\n\r\nOK\r\n\r\n+CME ERROR: SIM not "
-         "inserted\r\n\r\nOK\r\n\r\nERROR\r\n\r\nOK\r\n0\r+CME ERROR: 10\r\n"},
+        {"when picks the rule; CME errors follow AT+CMEE and ATV", "", {"AT+CPIN?\r", "AT+SET=sim,absent\r", "AT+CPIN?\r", "AT+CMEE=2\r", "AT+CPIN?\r", "AT+CMEE=0\r", "AT+CPIN?\r", "AT+CMEE=1\r", "ATV0\r", "AT+CPIN?\r"},
+         "@0 \r\n+CPIN: READY\r\n\r\nOK\r\n\r\nOK\r\n\r\n+CME ERROR: 10\r\n\r\nOK\r\n\r\n+CME ERROR: SIM not inserted\r\n\r\nOK\r\n\r\nERROR\r\n\r\nOK\r\n0\r+CME ERROR: 10\r\n"},
         // The prompt.
-        {"text after the prompt, in one write or not; the reference wraps at 256",
-         "",
-         {"AT+CMGS=5\r", "00\x1a", "+200", "AT+CMGS=5\r01\x1a", "+400", "AT+CMGS=5\r02\x1a\r", "+600"},
-         "@0 \r\n> @100 \r\n+CMGS: 254,00\r\n\r\nOK\r\n@200 \r\n> @300 \r\n+CMGS: 255,01\r\n\r\nOK\r\n@400 \r\n> "
-         "@500 \r\n+CMGS: 0,02\r\n\r\nOK\r\n"},
+        {"text after the prompt, in one write or not; the reference wraps at 256", "", {"AT+CMGS=5\r", "00\x1a", "+200", "AT+CMGS=5\r01\x1a", "+400", "AT+CMGS=5\r02\x1a\r", "+600"},
+         "@0 \r\n> @100 \r\n+CMGS: 254,00\r\n\r\nOK\r\n@200 \r\n> @300 \r\n+CMGS: 255,01\r\n\r\nOK\r\n@400 \r\n> @500 \r\n+CMGS: 0,02\r\n\r\nOK\r\n"},
         {"text is echoed while echo is on", "set echo 1\n", {"AT+CMGS=2\r", "AB", "+1000"}, "@0 AT+CMGS=2\r\r\n> AB"},
-        {"a CR in the text asks for the next line",
-         "",
-         {"AT+CMGS=\"+4917\"\r", "line one\r", "line two\x1a", "+200"},
+        {"a CR in the text asks for the next line", "", {"AT+CMGS=\"+4917\"\r", "line one\r", "line two\x1a", "+200"},
          "@0 \r\n> \r\n> @100 \r\n+CMGS: 254,line one\rline two\r\n\r\nOK\r\n"},
-        {"command lines at the prompt are text",
-         "",
-         {"AT+CMGS=9\r", "AT+QPOWD\r", "AT+RESET\x1a", "+200"},
+        {"command lines at the prompt are text", "", {"AT+CMGS=9\r", "AT+QPOWD\r", "AT+RESET\x1a", "+200"},
          "@0 \r\n> \r\n> @100 \r\n+CMGS: 254,AT+QPOWD\rAT+RESET\r\n\r\nOK\r\n"},
-        {"ESC cancels: nothing sent, the reference unused",
-         "",
-         {"AT+CMGS=3\r", "0011\x1b", "+1000", "AT+GET=mr\r"},
+        {"ESC cancels: nothing sent, the reference unused", "", {"AT+CMGS=3\r", "0011\x1b", "+1000", "AT+GET=mr\r"},
          "@0 \r\n> \r\nOK\r\n@1000 \r\n254\r\n\r\nOK\r\n"},
-        {"ESC gets the answer the prompt names",
-         "",
-         {"AT+PE\r", "x\x1b", "AT+PN\r", "x\x1b", "ATV0\r", "AT+PE\r", "x\x1b", "AT+CMGS=1\r", "x\x1b", "+1000"},
+        {"ESC gets the answer the prompt names", "on AT+PE\n  prompt error\n  ok\non AT+PN\n  prompt\n  ok\n", {"AT+PE\r", "x\x1b", "AT+PN\r", "x\x1b", "ATV0\r", "AT+PE\r", "x\x1b", "AT+CMGS=1\r", "x\x1b", "+1000"},
          "@0 \r\n> \r\nERROR\r\n\r\n> 0\r\r\n> 4\r\r\n> 0\r"},
-        {"an absurd reference does not overflow",
-         "",
-         {"AT+SET=mr,123456789012345678901234567890\r", "AT+CMGS=1\r0\x1a", "+200", "AT+GET=mr\r"},
+        {"an absurd reference does not overflow", "", {"AT+SET=mr,123456789012345678901234567890\r", "AT+CMGS=1\r0\x1a", "+200", "AT+GET=mr\r"},
          "@0 \r\nOK\r\n\r\n> @100 \r\n+CMGS: 123456789012345678901234567890,0\r\n\r\nOK\r\n@200 \r\n79\r\n\r\nOK\r\n"},
         // Data mode after CONNECT: bytes are the file's, not echoed, not lines;
         // each one restarts the silence timer, silence ends the upload.
-        {"upload bytes are data",
-         "set echo 1\nset ufs_total 100\non AT+QFUPL=*\n  ufs\n",
-         {"AT+QFUPL=\"a\",5,1\r", "AT", "+900", "\r\x1a", "+1800", "Z", "+2000", "AT\r"},
+        {"upload bytes are data", "set echo 1\nset ufs_total 100\non AT+QFUPL=*\n  ufs\n", {"AT+QFUPL=\"a\",5,1\r", "AT", "+900", "\r\x1a", "+1800", "Z", "+2000", "AT\r"},
          "@0 AT+QFUPL=\"a\",5,1\r\r\nCONNECT\r\n@1800 \r\n+QFUPL: 5,164e\r\n\r\nOK\r\n@2000 AT\r\r\nOK\r\n"},
-        {"silence ends an upload",
-         "set ufs_total 100\non AT+QFUPL=*\n  ufs\n",
-         {"AT+QFUPL=\"a\",5,1\r", "AB", "+2000", "AT\r"},
+        {"silence ends an upload", "set ufs_total 100\non AT+QFUPL=*\n  ufs\n", {"AT+QFUPL=\"a\",5,1\r", "AB", "+2000", "AT\r"},
          "@0 \r\nCONNECT\r\n@1000 \r\n+CME ERROR: 421\r\n@2000 \r\nOK\r\n"},
         // Time.
-        {"delays hold back the rest of the answer",
-         "",
-         {"AT+SLOW\r", "+1000"},
-         "@200 \r\nfirst\r\n@500 second\r\n\r\nOK\r\n"},
-        {"input waits until the answer in progress is out",
-         "",
-         {"AT+SLOW\rAT\r", "+1000"},
+        {"delays hold back the answer; input waits until it is out", "", {"AT+SLOW\rAT\r", "+1000"},
          "@200 \r\nfirst\r\n@500 second\r\n\r\nOK\r\n\r\nOK\r\n"},
-        {"split sends the answer in two pieces", "", {"AT+CHUNK\r", "+100"}, "@0 \r\n012@40 3456789\r\n\r\nOK\r\n"},
-        {"a URC after the final result", "", {"AT+LATEURC\r", "+100"}, "@0 \r\nOK\r\n@50 \r\n+CUSD: 0,\"done\",15\r\n"},
-        {"latency delays the answer, not the echo",
-         "set echo 1\nlatency 30\n",
-         {"AT\r", "+100"},
+        {"split sends the answer in two pieces", "on AT+CHUNK\n  line 0123456789\n  split 5 40\n  ok\n", {"AT+CHUNK\r", "+100"}, "@0 \r\n012@40 3456789\r\n\r\nOK\r\n"},
+        {"a URC after the final result", "on AT+LATEURC\n  ok\n  delay 50\n  urc +CUSD: 0,\"done\",15\n", {"AT+LATEURC\r", "+100"}, "@0 \r\nOK\r\n@50 \r\n+CUSD: 0,\"done\",15\r\n"},
+        {"latency delays the answer, not the echo", "set echo 1\nlatency 30\n", {"AT\r", "+100"},
          "@0 AT\r@30 \r\nOK\r\n"},
-        {"slowness adds to the latency, after a prompt too, until 0",
-         "latency 30\n",
-         {"ctl slow 400", "AT\r", "+1000", "AT+CMGS=2\r00\x1a", "+3000", "ctl slow 0", "AT\r", "+4000"},
+        {"slowness adds to the latency, after a prompt too, until 0", "latency 30\n", {"ctl slow 400", "AT\r", "+1000", "AT+CMGS=2\r00\x1a", "+3000", "ctl slow 0", "AT\r", "+4000"},
          "@430 \r\nOK\r\n@1430 \r\n> @1960 \r\n+CMGS: 254,00\r\n\r\nOK\r\n@3030 \r\nOK\r\n"},
-        {"periodic URCs wait for an idle line",
-         "set echo 1\nevery 1s +CREG: 1\n",
-         {"+2500", "A", "+3200", "T\r", "+4000"},
+        {"periodic URCs wait for an idle line", "set echo 1\nevery 1s +CREG: 1\n", {"+2500", "A", "+3200", "T\r", "+4000"},
          "@1000 \r\n+CREG: 1\r\n@2000 \r\n+CREG: 1\r\n@2500 A@3200 T\r\r\nOK\r\n@4000 \r\n+CREG: 1\r\n"},
-        {"an injected URC waits for the answer in progress",
-         "",
-         {"AT+SLOW\r", "ctl urc +CREG: 5", "+1000"},
+        {"an injected URC waits for the answer in progress", "", {"AT+SLOW\r", "ctl urc +CREG: 5", "+1000"},
          "@200 \r\nfirst\r\n@500 second\r\n\r\nOK\r\n\r\n+CREG: 5\r\n"},
-        {"the scenario's next URCs in a cycle",
-         "",
-         {"ctl next", "ctl next", "ctl next"},
+        {"the scenario's next URCs in a cycle", "", {"ctl next", "ctl next", "ctl next"},
          "@0 \r\n+CREG: 1\r\n\r\nRING\r\n\r\n+CREG: 1\r\n"},
-        {"after runs its block later",
-         "",
-         {"AT+CUSD=1,\"*100#\"\r", "+3000"},
+        {"after runs its block later", "on AT+CUSD=1,\"*\"\n  ok\n  after 1s\n    urc +CUSD: 0,\"answer to $1\",15\n", {"AT+CUSD=1,\"*100#\"\r", "+3000"},
          "@0 \r\nOK\r\n@1000 \r\n+CUSD: 0,\"answer to *100#\",15\r\n"},
-        {"a timer repeats until cancelled",
-         "",
-         {"AT+RING\r", "+7000", "AT+CHUP\r", "+20000"},
+        {"a timer repeats until cancelled", "", {"AT+RING\r", "+7000", "AT+CHUP\r", "+20000"},
          "@0 \r\nOK\r\n\r\nRING\r\n@3000 \r\nRING\r\n@6000 \r\nRING\r\n@7000 \r\nOK\r\n"},
-        {"a named timer started again replaces the pending one",
-         "",
-         {"AT+NAMED\r", "+2000"},
+        {"a named timer started again replaces the pending one", "on AT+NAMED\n  ok\n  after 500 named\n    urc FIRST\n  after 800 named\n    urc SECOND\n", {"AT+NAMED\r", "+2000"},
          "@0 \r\nOK\r\n@800 \r\nSECOND\r\n"},
         // Modes; each reset drops the pending timers.
-        {"boot: silent, input dropped, timers gone",
-         "",
-         {"AT+RING\r", "ctl boot", "AT\r", "+1000", "AT\r", "+20000"},
+        {"boot: silent, input dropped, timers gone", "", {"AT+RING\r", "ctl boot", "AT\r", "+1000", "AT\r", "+20000"},
          "@0 \r\nOK\r\n\r\nRING\r\n@500 \r\nRDY\r\n@600 \r\n+QIND: SMS DONE\r\n@1000 \r\nOK\r\n"},
-        {"a command restarts the modem",
-         "",
-         {"AT+RESET\r", "+1000"},
+        {"a command restarts the modem", "on AT+RESET\n  ok\n  boot\n", {"AT+RESET\r", "+1000"},
          "@0 \r\nOK\r\n@500 \r\nRDY\r\n@600 \r\n+QIND: SMS DONE\r\n"},
-        {"powered down by command: deaf until booted",
-         "",
-         {"AT+RING\r", "AT+QPOWD\r", "AT\r", "+1000", "ctl boot", "+2000", "AT\r", "+20000"},
-         "@0 \r\nOK\r\n\r\nRING\r\n\r\nOK\r\n@50 \r\nPOWERED DOWN\r\n@1500 \r\nRDY\r\n@1600 \r\n+QIND: SMS "
-         "DONE\r\n@2000 \r\nOK\r\n"},
-        {"firmware update: only its URCs, then a boot",
-         "",
-         {"AT+RING\r", "ctl fota", "AT\r", "+150", "AT\r", "+1000", "AT\r", "+20000"},
-         "@0 \r\nOK\r\n\r\nRING\r\n@100 \r\n+QIND: \"FOTA\",\"START\"\r\n@200 \r\n+QIND: \"FOTA\",\"END\",0\r\n@700 "
-         "\r\nRDY\r\n@800 \r\n+QIND: SMS DONE\r\n@1000 \r\nOK\r\n"},
-        {"hang drops the answer in progress",
-         "",
-         {"AT+SLOW\r", "AT+RING\r", "ctl hang", "AT\r", "+5000", "ctl unhang", "AT\r", "+20000"},
+        {"powered down by command: deaf until booted", "", {"AT+RING\r", "AT+QPOWD\r", "AT\r", "+1000", "ctl boot", "+2000", "AT\r", "+20000"},
+         "@0 \r\nOK\r\n\r\nRING\r\n\r\nOK\r\n@50 \r\nPOWERED DOWN\r\n@1500 \r\nRDY\r\n@1600 \r\n+QIND: SMS DONE\r\n@2000 \r\nOK\r\n"},
+        {"firmware update: only its URCs, then a boot", "fota\n  delay 100\n  urc +QIND: \"FOTA\",\"START\"\n  delay 100\n  urc +QIND: \"FOTA\",\"END\",0\n  boot\n", {"AT+RING\r", "ctl fota", "AT\r", "+150", "AT\r", "+1000", "AT\r", "+20000"},
+         "@0 \r\nOK\r\n\r\nRING\r\n@100 \r\n+QIND: \"FOTA\",\"START\"\r\n@200 \r\n+QIND: \"FOTA\",\"END\",0\r\n@700 \r\nRDY\r\n@800 \r\n+QIND: SMS DONE\r\n@1000 \r\nOK\r\n"},
+        {"hang drops the answer in progress", "", {"AT+SLOW\r", "AT+RING\r", "ctl hang", "AT\r", "+5000", "ctl unhang", "AT\r", "+20000"},
          "@5000 \r\nOK\r\n"},
-        {"held: everything answered in order on release",
-         "set echo 1\n",
-         {"ctl hold", "AT+CSQ\rATE0\r", "AT+SLOW\rAT+CREG?\r", "+10000", "ctl release", "+11000"},
-         "@10000 AT+CSQ\r\r\n+CSQ: 20,99\r\n\r\nOK\r\nATE0\r\r\nOK\r\n@10200 \r\nfirst\r\n@10500 "
-         "second\r\n\r\nOK\r\n\r\n+CREG: 0,1\r\n\r\nOK\r\n"},
-        {"hold freezes an answer in progress",
-         "",
-         {"AT+SLOW\r", "+250", "ctl hold", "+5250", "ctl release"},
+        {"held: everything answered in order on release", "set echo 1\n", {"ctl hold", "AT+CSQ\rATE0\r", "AT+SLOW\rAT+CREG?\r", "+10000", "ctl release", "+11000"},
+         "@10000 AT+CSQ\r\r\n+CSQ: 20,99\r\n\r\nOK\r\nATE0\r\r\nOK\r\n@10200 \r\nfirst\r\n@10500 second\r\n\r\nOK\r\n\r\n+CREG: 0,1\r\n\r\nOK\r\n"},
+        {"hold freezes an answer in progress", "", {"AT+SLOW\r", "+250", "ctl hold", "+5250", "ctl release"},
          "@200 \r\nfirst\r\n@5250 second\r\n\r\nOK\r\n"},
-        {"hold keeps the text at a prompt",
-         "",
-         {"AT+CMGS=2\r", "ctl hold", "0102\x1a", "+1000", "ctl release", "+1200"},
+        {"hold keeps the text at a prompt", "", {"AT+CMGS=2\r", "ctl hold", "0102\x1a", "+1000", "ctl release", "+1200"},
          "@0 \r\n> @1100 \r\n+CMGS: 254,0102\r\n\r\nOK\r\n"},
-        {"held: no URCs, and periodic ones not caught up",
-         "every 1s +CREG: 1\n",
-         {"ctl hold", "ctl urc +CMTI: \"SM\",1", "+3500", "ctl release", "+4600"},
+        {"held: no URCs, and periodic ones not caught up", "every 1s +CREG: 1\n", {"ctl hold", "ctl urc +CMTI: \"SM\",1", "+3500", "ctl release", "+4600"},
          "@3500 \r\n+CMTI: \"SM\",1\r\n@4000 \r\n+CREG: 1\r\n"},
         // Variables across a boot: the scenario's come back, kept ones and
         // the operator's stay, a rule's later change to those wins.
-        {"boot resets settings but not kept or operator values",
-         "",
-         {"ATV0\r", "AT+SET=pin_left,1\r", "AT+SET=mr,7\r", "ctl set csq 5", "ctl boot", "+1000",
-          "AT+CSQ;+GET=pin_left;+GET=mr\r", "ctl set pin_left 3", "AT+SET=pin_left,2\r", "ctl boot", "+2000",
-          "AT+GET=pin_left\r"},
-         "@0 0\r0\r0\r@500 \r\nRDY\r\n@600 \r\n+QIND: SMS DONE\r\n@1000 \r\n+CSQ: "
-         "5,99\r\n\r\n1\r\n\r\n254\r\n\r\nOK\r\n\r\nOK\r\n@1500 \r\nRDY\r\n@1600 \r\n+QIND: SMS DONE\r\n@2000 "
-         "\r\n2\r\n\r\nOK\r\n"},
+        {"boot resets settings but not kept or operator values", "", {"ATV0\r", "AT+SET=pin_left,1\r", "AT+SET=mr,7\r", "ctl set csq 5", "ctl boot", "+1000", "AT+CSQ;+GET=pin_left;+GET=mr\r", "ctl set pin_left 3", "AT+SET=pin_left,2\r", "ctl boot", "+2000", "AT+GET=pin_left\r"},
+         "@0 0\r0\r0\r@500 \r\nRDY\r\n@600 \r\n+QIND: SMS DONE\r\n@1000 \r\n+CSQ: 5,99\r\n\r\n1\r\n\r\n254\r\n\r\nOK\r\n\r\nOK\r\n@1500 \r\nRDY\r\n@1600 \r\n+QIND: SMS DONE\r\n@2000 \r\n2\r\n\r\nOK\r\n"},
         // Conditions, blocks and actions.
-        {"on lines in a row share a rule; unknown answers the rest",
-         "on AT+GMR\non AT+CGMR\n  line rev\n  ok\nunknown\n  cme 4\n",
-         {"AT+GMR\r", "AT+CGMR\r", "AT+X\r"},
+        {"on lines in a row share a rule; unknown answers the rest", "on AT+GMR\non AT+CGMR\n  line rev\n  ok\nunknown\n  cme 4\n", {"AT+GMR\r", "AT+CGMR\r", "AT+X\r"},
          "@0 \r\nrev\r\n\r\nOK\r\n\r\nrev\r\n\r\nOK\r\n\r\n+CME ERROR: 4\r\n"},
-        {"nested blocks; stop ends the rule",
-         "on AT+T=[01],[01]\n  set a $1\n  if a = 1\n    if $2 = 1\n      line both\n      ok\n      stop\n"
-         "    line only a\n  line end\n  ok\n",
-         {"AT+T=1,1\r", "AT+T=1,0\r", "AT+T=0,1\r"},
+        {"nested blocks; stop ends the rule", "on AT+T=[01],[01]\n  set a $1\n  if a = 1\n    if $2 = 1\n      line both\n      ok\n      stop\n    line only a\n  line end\n  ok\n", {"AT+T=1,1\r", "AT+T=1,0\r", "AT+T=0,1\r"},
          "@0 \r\nboth\r\n\r\nOK\r\n\r\nonly a\r\nend\r\n\r\nOK\r\n\r\nend\r\n\r\nOK\r\n"},
-        {"captures name variables",
-         "set apn1 internet\non AT+APN=[1-3],\"*\"\n  set apn$1 $2\n  add n$1 1\n  ok\n"
-         "on AT+APN?\n  do show 1\n  do show 2\n  do show 3\n  ok\n"
-         "action show\n  if apn$1 !=\n    line +APN: $1,\"{apn$1}\",{n$1}\n",
-         {"AT+APN=3,\"ims\"\r", "AT+APN=3,\"ims\"\r", "AT+APN?\r"},
+        {"captures name variables", "set apn1 internet\non AT+APN=[1-3],\"*\"\n  set apn$1 $2\n  add n$1 1\n  ok\non AT+APN?\n  do show 1\n  do show 2\n  do show 3\n  ok\naction show\n  if apn$1 !=\n    line +APN: $1,\"{apn$1}\",{n$1}\n", {"AT+APN=3,\"ims\"\r", "AT+APN=3,\"ims\"\r", "AT+APN?\r"},
          "@0 \r\nOK\r\n\r\nOK\r\n\r\n+APN: 1,\"internet\",\r\n+APN: 3,\"ims\",2\r\n\r\nOK\r\n"},
-        {"an action runs inside the answer; its stop ends only the action",
-         "on AT+GO=*\n  ok\n  do note $1 two\n  urc after\non AT+LOOP\n  do loop\n  ok\n"
-         "action note\n  urc +NOTE: $1,$2\n  if $1 = quiet\n    stop\n  urc +LOUD\naction loop\n  do loop\n",
-         {"AT+GO=quiet\r", "AT+GO=x\r", "AT+LOOP\r"},
-         "@0 \r\nOK\r\n\r\n+NOTE: quiet,two\r\n\r\nafter\r\n\r\nOK\r\n\r\n+NOTE: x,two\r\n\r\n+LOUD\r\n\r\nafter\r\n"
-         "\r\nOK\r\n"},
-        {"an operator's action changes the world while the modem is hung",
-         "action call_in\n  set number $1\n  urc RING\n",
-         {"ctl do call_in +4917", "ctl hang", "ctl do call_in +4930", "+1000", "ctl unhang", "AT+GET=number\r"},
+        {"an action runs inside the answer; its stop ends only the action", "on AT+GO=*\n  ok\n  do note $1 two\n  urc after\non AT+LOOP\n  do loop\n  ok\naction note\n  urc +NOTE: $1,$2\n  if $1 = quiet\n    stop\n  urc +LOUD\naction loop\n  do loop\n", {"AT+GO=quiet\r", "AT+GO=x\r", "AT+LOOP\r"},
+         "@0 \r\nOK\r\n\r\n+NOTE: quiet,two\r\n\r\nafter\r\n\r\nOK\r\n\r\n+NOTE: x,two\r\n\r\n+LOUD\r\n\r\nafter\r\n\r\nOK\r\n"},
+        {"an operator's action changes the world while the modem is hung", "action call_in\n  set number $1\n  urc RING\n", {"ctl do call_in +4917", "ctl hang", "ctl do call_in +4930", "+1000", "ctl unhang", "AT+GET=number\r"},
          "@0 \r\nRING\r\n@1000 \r\n+4930\r\n\r\nOK\r\n"},
+        // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.name);
@@ -475,47 +349,24 @@ TEST_F(ModemTest, OperatorCommands)
         std::vector<std::string> steps;
         std::string timeline;
     } rows[] = {
-        {"urc and raw are expanded, urc framed",
-         "",
-         {"ctl urc +CSQ: {csq},99", "ctl raw \\r\\nRDY\\r\\n"},
+        // clang-format off
+        {"urc and raw are expanded, urc framed", "", {"ctl urc +CSQ: {csq},99", "ctl raw \\r\\nRDY\\r\\n"},
          "@0 \r\n+CSQ: 20,99\r\n\r\nRDY\r\n"},
-        {"do runs an action with its arguments",
-         call_in,
-         {"ctl actions", "ctl do call_in  +4917 ", "ctl timers", "+3000", "ctl timers", "AT+GET=number\r",
-          "ctl do call_out"},
-         "@0 [call_in\nring\nOK\n]\r\nRING\r\n[ring\nOK\n]@3000 \r\nRING\r\n\r\n+4917\r\n\r\nOK\r\n"
-         "[ERROR the scenario has no action 'call_out' (try actions)\n]"},
-        {"set, get and echo",
-         "",
-         {"ctl set csq 7", "ctl get csq", "AT+CSQ\r", "ctl echo on", "AT\r"},
+        {"do runs an action with its arguments", call_in, {"ctl actions", "ctl do call_in  +4917 ", "ctl timers", "+3000", "ctl timers", "AT+GET=number\r", "ctl do call_out"},
+         "@0 [call_in\nring\nOK\n]\r\nRING\r\n[ring\nOK\n]@3000 \r\nRING\r\n\r\n+4917\r\n\r\nOK\r\n[ERROR the scenario has no action 'call_out' (try actions)\n]"},
+        {"set, get and echo", "", {"ctl set csq 7", "ctl get csq", "AT+CSQ\r", "ctl echo on", "AT\r"},
          "@0 [7\nOK\n]\r\n+CSQ: 7,99\r\n\r\nOK\r\nAT\r\r\nOK\r\n"},
-        {"mode changes",
-         "",
-         {"ctl hang", "ctl mode", "AT\r", "ctl unhang", "AT\r", "ctl powerdown", "ctl mode", "+100", "ctl boot",
-          "ctl mode", "+1000", "ctl mode"},
-         "@0 [hung\nOK\n]\r\nOK\r\n[off\nOK\n]@50 \r\nPOWERED DOWN\r\n@100 [booting\nOK\n]@600 \r\nRDY\r\n@700 "
-         "\r\n+QIND: SMS DONE\r\n@1000 [normal\nOK\n]"},
-        {"hold and release",
-         "",
-         {"ctl hold", "ctl mode", "ctl hold", "AT+CSQ\rAT\r", "ctl urc RING", "+5000", "ctl release", "ctl mode",
-          "ctl hang", "ctl hold"},
-         "@0 [held\nOK\n][ERROR not normal but held\n]@5000 \r\nRING\r\n\r\n+CSQ: 20,99\r\n\r\nOK\r\n\r\nOK\r\n"
-         "[normal\nOK\n][ERROR not normal but hung\n]"},
-        {"slow takes a duration",
-         "",
-         {"ctl slow 250", "AT\r", "+1000", "ctl slow 2s", "AT\r", "+4000", "ctl slow 40ms", "AT\r", "+5000",
-          "ctl slow 0", "AT\r"},
+        {"mode changes", "", {"ctl hang", "ctl mode", "AT\r", "ctl unhang", "AT\r", "ctl powerdown", "ctl mode", "+100", "ctl boot", "ctl mode", "+1000", "ctl mode"},
+         "@0 [hung\nOK\n]\r\nOK\r\n[off\nOK\n]@50 \r\nPOWERED DOWN\r\n@100 [booting\nOK\n]@600 \r\nRDY\r\n@700 \r\n+QIND: SMS DONE\r\n@1000 [normal\nOK\n]"},
+        {"hold and release", "", {"ctl hold", "ctl mode", "ctl hold", "AT+CSQ\rAT\r", "ctl urc RING", "+5000", "ctl release", "ctl mode", "ctl hang", "ctl hold"},
+         "@0 [held\nOK\n][ERROR not normal but held\n]@5000 \r\nRING\r\n\r\n+CSQ: 20,99\r\n\r\nOK\r\n\r\nOK\r\n[normal\nOK\n][ERROR not normal but hung\n]"},
+        {"slow takes a duration", "", {"ctl slow 250", "AT\r", "+1000", "ctl slow 2s", "AT\r", "+4000", "ctl slow 40ms", "AT\r", "+5000", "ctl slow 0", "AT\r"},
          "@250 \r\nOK\r\n@3000 \r\nOK\r\n@4040 \r\nOK\r\n@5000 \r\nOK\r\n"},
-        {"the prompt is a mode",
-         "",
-         {"AT+CMGS=1\r", "ctl mode", "\x1b", "ctl mode"},
+        {"the prompt is a mode", "", {"AT+CMGS=1\r", "ctl mode", "\x1b", "ctl mode"},
          "@0 \r\n> [prompt\nOK\n]\r\nOK\r\n[normal\nOK\n]"},
-        {"a hung-up line is final",
-         "",
-         {"ctl hangup", "ctl mode", "ctl urc RING", "ctl raw x", "ctl next", "ctl hang", "ctl hold", "ctl release",
-          "ctl slow 1", "ctl boot", "ctl fota", "ctl powerdown", "ctl hangup", "AT\r", "+5000", "ctl get csq"},
-         "@0 [hungup\nOK\n]" + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up +
-             hung_up + hung_up + "@5000 [20\nOK\n]"},
+        {"a hung-up line is final", "", {"ctl hangup", "ctl mode", "ctl urc RING", "ctl raw x", "ctl next", "ctl hang", "ctl hold", "ctl release", "ctl slow 1", "ctl boot", "ctl fota", "ctl powerdown", "ctl hangup", "AT\r", "+5000", "ctl get csq"},
+         "@0 [hungup\nOK\n]" + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up + hung_up + "@5000 [20\nOK\n]"},
+        // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.name);

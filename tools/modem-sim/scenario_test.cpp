@@ -12,62 +12,47 @@ namespace modem_sim
 namespace
 {
 
+// Each row one refusal: statements outside or out of order in a rule, bad escapes, durations, numbers and names,
+// 'else' without or after its 'if', blocks missing or at no level above, unknown actions, includes from plain
+// text, stored messages with a bad storage, status or hex.
 TEST(ScenarioParse, ErrorsNameTheLine)
 {
     const struct {
-        const char *text;
         int line;
+        std::vector<const char *> texts;
     } rows[] = {
-        {"on AT\n  ok\nbogus\n", 3},
-        {"  ok\n", 1},                      // statement outside a rule
-        {"on AT\n  ok\n  when a = b\n", 3}, // 'when' after statements
-        {"on AT\n  line bad \\q escape\n", 2},
-        {"on AT\n  line {unterminated\n", 2},
-        {"on AT\n  raw no quotes\n", 2},
-        {"on AT\n  delay soon\n", 2},
-        {"on AT\n  split 0 10\n", 2},
-        {"on AT\n  cme ten\n", 2},
-        {"on AT\n  prompt maybe\n", 2},
-        {"on AT\n  ok extra\n", 2},
-        {"on\n", 1},
-        {"every 0 RING\n", 1},
-        {"set bad*name 1\n", 1},
-        {"\n\non AT\n  frobnicate\n", 4},
-        {"on AT\n  else\n    ok\n", 2},                                     // 'else' without an 'if'
-        {"on AT\n  if a = 1\n    ok\n  else\n    ok\n  else\n    ok\n", 6}, // two of them
-        {"on AT\n  if a = 1\n  ok\n", 2},                                   // 'if' without its block
-        {"on AT\n  after 1s\non AT+X\n  ok\n", 2},                          // ... before the next rule
-        {"on AT\n  ok\n    error\n", 3},                                    // deeper without an opener
-        {"on AT\n    if a = 1\n      ok\n  ok\n", 4},                       // back to no level above
-        {"on AT\n  if a = 1\n      ok\n    ok\n", 4},                       // between two levels
-        {"on AT\n  if a\n    ok\n", 2},                                     // no comparison
-        {"on AT\n  if a ? 1\n    ok\n", 2},
-        {"on AT\n  if b@d = 1\n    ok\n", 2},
-        {"on AT\n  if a = {x\n    ok\n", 2},
-        {"on AT\n  if a = 1\n    when b = 2\n", 3}, // 'when' only at the top
-        {"on AT\n  if a = 1\n    prompt\n", 3},     // prompt only at the top
-        {"action a\n  prompt\n", 2},                // ... of a rule or block
-        {"on AT\n  after 0 x\n    ok\n", 2},
-        {"on AT\n  after 1s bad*name\n    ok\n", 2},
-        {"on AT\n  cancel\n", 2},
-        {"on AT\n  do\n", 2},
-        {"on AT\n  ok\n\non AT+X\n  do nothing_here\n", 5}, // unknown action
-        {"action\n", 1},
-        {"keep ok bad*name\n", 1},
-        {"include other.scn\n", 1}, // plain text has no directory to include from
-        {"on AT\n  sms later\n", 2},
-        {"message XX 1 00040000\n", 1}, // no such storage
-        {"message ME 4 00040000\n", 1}, // no such status
-        {"message ME 1 0004000\n", 1},  // odd hex
-        {"message ME 1 07040000\n", 1}, // shorter than its SMSC field
+        // clang-format off
+        {1, {
+            "  ok\n", "on\n", "every 0 RING\n", "set bad*name 1\n", "action\n", "keep ok bad*name\n",
+            "include other.scn\n", "message XX 1 00040000\n", "message ME 4 00040000\n", "message ME 1 0004000\n",
+            "message ME 1 07040000\n"}},
+        {2, {
+            "on AT\n  line bad \\q escape\n", "on AT\n  line {unterminated\n", "on AT\n  raw no quotes\n",
+            "on AT\n  delay soon\n", "on AT\n  split 0 10\n", "on AT\n  cme ten\n", "on AT\n  prompt maybe\n",
+            "on AT\n  ok extra\n", "on AT\n  else\n    ok\n", "on AT\n  if a = 1\n  ok\n",
+            "on AT\n  after 1s\non AT+X\n  ok\n", "on AT\n  if a\n    ok\n", "on AT\n  if a ? 1\n    ok\n",
+            "on AT\n  if b@d = 1\n    ok\n", "on AT\n  if a = {x\n    ok\n", "action a\n  prompt\n",
+            "on AT\n  after 0 x\n    ok\n", "on AT\n  after 1s bad*name\n    ok\n", "on AT\n  cancel\n",
+            "on AT\n  do\n", "on AT\n  sms later\n"}},
+        {3, {
+            "on AT\n  ok\nbogus\n", "on AT\n  ok\n  when a = b\n", "on AT\n  ok\n    error\n",
+            "on AT\n  if a = 1\n    when b = 2\n", "on AT\n  if a = 1\n    prompt\n"}},
+        {4, {
+            "\n\non AT\n  frobnicate\n", "on AT\n    if a = 1\n      ok\n  ok\n",
+            "on AT\n  if a = 1\n      ok\n    ok\n"}},
+        {5, {"on AT\n  ok\n\non AT+X\n  do nothing_here\n"}},
+        {6, {"on AT\n  if a = 1\n    ok\n  else\n    ok\n  else\n    ok\n"}},
+        // clang-format on
     };
     for (const auto &r : rows) {
-        SCOPED_TRACE(r.text);
-        Scenario sc;
-        ParseError err;
-        EXPECT_FALSE(parse_scenario(r.text, &sc, &err));
-        EXPECT_EQ(err.line, r.line);
-        EXPECT_FALSE(err.message.empty());
+        for (const char *text : r.texts) {
+            SCOPED_TRACE(text);
+            Scenario sc;
+            ParseError err;
+            EXPECT_FALSE(parse_scenario(text, &sc, &err));
+            EXPECT_EQ(err.line, r.line);
+            EXPECT_FALSE(err.message.empty());
+        }
     }
 }
 
@@ -111,96 +96,71 @@ TEST(PatternMatch, Table)
 {
     const struct {
         const char *pattern, *text;
-        bool match;
         std::vector<std::string> caps;
-    } rows[] = {
-        {"AT+CSQ", "at+csq", true, {}}, // modems ignore case
-        {"AT+CSQ", "AT+CSQ=?", false, {}},
-        {"AT+CSQ", "AT+CS", false, {}},
-        {"AT+CMGS=*", "AT+CMGS=", true, {""}},
-        {"AT+COPS=*,*", "AT+COPS=1,2,\"26201\"", true, {"1", "2,\"26201\""}}, // shortest first
-        {"AT+CMEE=[012]", "AT+CMEE=2", true, {"2"}},
-        {"AT+CMEE=[012]", "AT+CMEE=3", false, {}},
-        {"AT+CMEE=[012]", "AT+CMEE=12", false, {}},
-        {"AT+QCFG=\"nwscanmode\",[0-8]", "at+qcfg=\"NWSCANMODE\",3", true, {"3"}},
-        {"AT+QCFG=\"nwscanmode\",[0-8]", "AT+QCFG=\"nwscanmode\",9", false, {}},
-        {"AT+CPIN=\"*\"", "AT+CPIN=\"1234\"", true, {"1234"}},
-        {"AT+CPIN=\"*\"", "AT+CPIN=1234", false, {}},
-        {"*", "", true, {""}},
+    } matches[] = {
+        {"AT+CSQ", "at+csq", {}}, // modems ignore case
+        {"AT+CMGS=*", "AT+CMGS=", {""}},
+        {"AT+COPS=*,*", "AT+COPS=1,2,\"26201\"", {"1", "2,\"26201\""}}, // shortest first
+        {"AT+CMEE=[012]", "AT+CMEE=2", {"2"}},
+        {"AT+QCFG=\"nwscanmode\",[0-8]", "at+qcfg=\"NWSCANMODE\",3", {"3"}},
+        {"AT+CPIN=\"*\"", "AT+CPIN=\"1234\"", {"1234"}},
+        {"*", "", {""}},
     };
-    for (const auto &r : rows) {
-        SCOPED_TRACE(std::string(r.pattern) + " vs " + r.text);
+    for (const auto &r : matches) {
         std::vector<std::string> caps{"stale"};
-        EXPECT_EQ(match_pattern(r.pattern, r.text, &caps), r.match);
-        if (r.match) {
-            EXPECT_EQ(caps, r.caps);
-        }
+        EXPECT_TRUE(match_pattern(r.pattern, r.text, &caps)) << r.pattern << " vs " << r.text;
+        EXPECT_EQ(caps, r.caps) << r.pattern << " vs " << r.text;
+    }
+    // clang-format off
+    const std::pair<const char *, const char *> misses[] = {
+        {"AT+CSQ", "AT+CSQ=?"}, {"AT+CSQ", "AT+CS"}, {"AT+CMEE=[012]", "AT+CMEE=3"}, {"AT+CMEE=[012]", "AT+CMEE=12"},
+        {"AT+QCFG=\"nwscanmode\",[0-8]", "AT+QCFG=\"nwscanmode\",9"}, {"AT+CPIN=\"*\"", "AT+CPIN=1234"}};
+    // clang-format on
+    for (const auto &[pattern, text] : misses) {
+        std::vector<std::string> caps;
+        EXPECT_FALSE(match_pattern(pattern, text, &caps)) << pattern << " vs " << text;
     }
 }
 
 TEST(ExpandText, EscapesVariablesAndCaptures)
 {
     const struct {
-        const char *text;
-        const char *out; // null: refused
+        const char *text, *out;
     } rows[] = {
         {"+CMGS: {mr}\\r\\n$1/$2/$3 \\{x\\} \\x41\\z\\e \\$1 cost $", "+CMGS: 41\r\na/b/ {x} A\x1a\x1b $1 cost $"},
         {"{apn$2}/{apn$3}/[{nothing}]", "ims/?/[]"}, // a missing capture leaves "apn"
-        {"\\", nullptr},
-        {"\\q", nullptr},
-        {"\\x4", nullptr},
-        {"\\xZZ", nullptr},
-        {"{", nullptr},
-        {"{bad name}", nullptr},
-        {"{a$}", nullptr},
-        {"{$0}", nullptr},
     };
     auto lookup = [](std::string_view n) {
         return n == "mr" ? std::string("41") : n == "apnb" ? std::string("ims") : n == "apn" ? "?" : std::string();
     };
+    std::string out, bad;
     for (const auto &r : rows) {
-        SCOPED_TRACE(r.text);
-        std::string out, bad;
-        EXPECT_EQ(expand_text(r.text, {"a", "b"}, lookup, &out, &bad), r.out != nullptr) << bad;
-        if (r.out) {
-            EXPECT_EQ(out, r.out);
-        } else {
-            EXPECT_FALSE(bad.empty());
-        }
+        EXPECT_TRUE(expand_text(r.text, {"a", "b"}, lookup, &out, &bad)) << bad;
+        EXPECT_EQ(out, r.out);
+    }
+    for (const char *text : {"\\", "\\q", "\\x4", "\\xZZ", "{", "{bad name}", "{a$}", "{$0}"}) {
+        bad.clear();
+        EXPECT_FALSE(expand_text(text, {"a", "b"}, lookup, &out, &bad)) << text;
+        EXPECT_FALSE(bad.empty()) << text;
     }
     EXPECT_EQ(resolve_name("pdp$1_$2", {"3", "act"}), "pdp3_act");
 }
 
 TEST(ContainedIn, MasksAndLists)
 {
-    const struct {
-        const char *part, *whole;
-        bool in;
-    } rows[] = {
-        // Hex masks, bit by bit, either side of any length and case.
-        {"0x80000", "0x1a0000800d5", true},
-        {"80000", "0x1a0000800d5", true},
-        {"0X1A0000800D5", "0x1a0000800d5", true},
-        {"0x00000000000000000000001", "0x1", true}, // leading zeros count for nothing
-        {"0x2", "0x1a0000800d5", false},            // one bit the whole lacks
-        {"0x100000000000", "0x1a0000800d5", false}, // beyond the whole's digits
-        {"0x1", "0x0", false},
-        {"0x", "0xff", false}, // no digits
-        {"0xg1", "0xff", false},
-        {"", "0xff", false},
-        {"0x20000000000000000", "0x3ffffffffffffffff", true}, // above 64 bits
-        // Lists separated by ':', item by item, ignoring case.
-        {"1:3:7:20", "1:2:3:4:5:7:8:20:28", true},
-        {"2", "1:20", false}, // items, not substrings
-        {"1:3:99", "1:3:7", false},
-        {"lte:NR5G", "WCDMA:LTE:NR5G", true},
-        {"1::3", "1:3", false}, // an empty item
-        {"1:", "1:3", false},
-        {"", "1:3", true}, // the empty list
-    };
-    for (const auto &r : rows) {
-        SCOPED_TRACE(std::string(r.part) + " in " + r.whole);
-        EXPECT_EQ(contained_in(r.part, r.whole), r.in);
+    using Pairs = std::vector<std::pair<const char *, const char *>>;
+    // clang-format off
+    const Pairs in = {
+        {"0x80000", "0x1a0000800d5"}, {"80000", "0x1a0000800d5"}, {"0X1A0000800D5", "0x1a0000800d5"},
+        {"0x00000000000000000000001", "0x1"}, {"0x20000000000000000", "0x3ffffffffffffffff"},
+        {"1:3:7:20", "1:2:3:4:5:7:8:20:28"}, {"lte:NR5G", "WCDMA:LTE:NR5G"}, {"", "1:3"}};
+    const Pairs not_in = {
+        {"0x2", "0x1a0000800d5"}, {"0x100000000000", "0x1a0000800d5"}, {"0x1", "0x0"}, {"0x", "0xff"},
+        {"0xg1", "0xff"}, {"", "0xff"}, {"2", "1:20"}, {"1:3:99", "1:3:7"}, {"1::3", "1:3"}, {"1:", "1:3"}};
+    // clang-format on
+    for (const Pairs *rows : {&in, &not_in}) {
+        for (const auto &[part, whole] : *rows)
+            EXPECT_EQ(contained_in(part, whole), rows == &in) << part << " in " << whole;
     }
 }
 

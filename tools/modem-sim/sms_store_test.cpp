@@ -59,46 +59,38 @@ TEST_F(SmsStoreTest, CommandsFollowStoragesStatusesAndModes)
     ASSERT_EQ(store_.store("ME", rec_unread, deliver_pdu, vars_), 0);
     ASSERT_EQ(store_.store("ME", rec_read, deliver_pdu, vars_), 1);
     vars_["mr"] = "255";
+    // The SIM holds nothing; AT+CMGL lists unread by default, and listing has read them; index 7 is empty; what
+    // AT+CNMI leaves out stays. Sending: the length given is the TPDU's (with or without an SMSC; odd, not hex or
+    // not a SUBMIT refused), the reference wraps after 255; parts sent apart are joined, the same part again is a
+    // message of its own.
     play({
-        {"AT+CPMS=\"SM\"", "+CPMS: 0,50,2,255,2,255\nOK"},
-        {"AT+CMGL=4", "OK"}, // the SIM holds nothing
-        {"AT+CPMS=\"ME\",\"BM\"", "+CMS ERROR: 302"},
-        {"AT+CPMS=\"ME\"", "+CPMS: 2,255,2,255,2,255\nOK"},
-        {"AT+CMGL=0", "+CMGL: 0,0,,28\n" + deliver_pdu + "\nOK"},
-        {"AT+CMGL", "OK"}, // unread by default, and listing has read it
-        {"AT+CMGL=5", "+CMS ERROR: 304"},
-        {"AT+CMGL=\"ALL\"", "+CMS ERROR: 302"},
-        {"AT+CMGR=7", "OK"}, // an empty index
-        {"AT+CMGR=255", "+CMS ERROR: 321"},
-        {"AT+CMGD=255", "+CMS ERROR: 321"},
-        {"AT+CMGD=0", "OK"},
-        {"AT+CMGD=0,5", "+CMS ERROR: 302"},
-        {"AT+CNMI=1,,2", "OK"},
-        {"AT+CNMI?", "+CNMI: 1,1,2,0,0\nOK"}, // what is left out stays
-        {"AT+CNMI=3", "+CMS ERROR: 302"},
-        // Sending: the length given is the TPDU's, the reference wraps after 255.
-        {"AT+CMGS=0", "+CMS ERROR: 304"},
-        {"AT+CMGS=165", "+CMS ERROR: 304"},
+        // clang-format off
+        {"AT+CPMS=\"SM\"", "+CPMS: 0,50,2,255,2,255\nOK"}, {"AT+CMGL=4", "OK"},
+        {"AT+CPMS=\"ME\",\"BM\"", "+CMS ERROR: 302"}, {"AT+CPMS=\"ME\"", "+CPMS: 2,255,2,255,2,255\nOK"},
+        {"AT+CMGL=0", "+CMGL: 0,0,,28\n" + deliver_pdu + "\nOK"}, {"AT+CMGL", "OK"},
+        {"AT+CMGL=5", "+CMS ERROR: 304"}, {"AT+CMGL=\"ALL\"", "+CMS ERROR: 302"}, {"AT+CMGR=7", "OK"},
+        {"AT+CMGR=255", "+CMS ERROR: 321"}, {"AT+CMGD=255", "+CMS ERROR: 321"}, {"AT+CMGD=0", "OK"},
+        {"AT+CMGD=0,5", "+CMS ERROR: 302"}, {"AT+CNMI=1,,2", "OK"}, {"AT+CNMI?", "+CNMI: 1,1,2,0,0\nOK"},
+        {"AT+CNMI=3", "+CMS ERROR: 302"}, {"AT+CMGS=0", "+CMS ERROR: 304"}, {"AT+CMGS=165", "+CMS ERROR: 304"},
         {"AT+CMGS=23", "+CMGS: 255\nOK", submit_pdu},
-        {"AT+CMGS=23", "+CMGS: 0\nOK", "0791947101670000" + submit_pdu.substr(2)}, // with an SMSC
-        {"AT+CMGS=24", "+CMS ERROR: 304", submit_pdu},
-        {"AT+CMGS=23", "+CMS ERROR: 304", submit_pdu.substr(1)},        // odd
-        {"AT+CMGS=23", "+CMS ERROR: 304", "0G" + submit_pdu.substr(2)}, // not hex
-        {"AT+CMGS=28", "+CMS ERROR: 304", deliver_pdu},                 // not a SUBMIT
-        // Parts sent apart are joined; the same part again is a message of its own.
-        {"AT+CMGS=23", "+CMGS: 1\nOK", part1_pdu},
-        {"AT+CMGS=23", "+CMGS: 2\nOK", part1_pdu},
-        {"AT+CMGS=23", "+CMGS: 3\nOK", part2_pdu},
+        {"AT+CMGS=23", "+CMGS: 0\nOK", "0791947101670000" + submit_pdu.substr(2)},
+        {"AT+CMGS=24", "+CMS ERROR: 304", submit_pdu}, {"AT+CMGS=23", "+CMS ERROR: 304", submit_pdu.substr(1)},
+        {"AT+CMGS=23", "+CMS ERROR: 304", "0G" + submit_pdu.substr(2)},
+        {"AT+CMGS=28", "+CMS ERROR: 304", deliver_pdu}, {"AT+CMGS=23", "+CMGS: 1\nOK", part1_pdu},
+        {"AT+CMGS=23", "+CMGS: 2\nOK", part1_pdu}, {"AT+CMGS=23", "+CMGS: 3\nOK", part2_pdu},
+        // clang-format on
     });
     ASSERT_EQ(store_.sent().size(), 4u);
     EXPECT_EQ(store_.sent()[3].mrs, (std::vector<int>{2, 3}));
     vars_["cmgf"] = "1";
     play({
+        // clang-format off
         {"AT+CMGL=\"REC UNREAD\"", "OK"},
         {"AT+CMGL=\"ALL\"", "+CMGL: 1,\"REC READ\",\"27838890001\",,\"99/03/29,15:16:59+08\"\nhellohello\nOK"},
         {"AT+CMGS=\"+49 170\"", "+CMS ERROR: 305"},
         {"AT+CMGS=\"+491701234567\",145", "+CMGS: 4\nOK", "\xF0\x9F\x98\x80"},
         {"AT+CMGS=\"+491701234567\"", "+CMS ERROR: 305", std::string(161, 'a')},
+        // clang-format on
     });
     EXPECT_EQ(store_.sent_text(), "+46708251358 1/1 GSM7 \"hellohello\"\n+46708251358 1/1 GSM7 \"hellohello\"\n"
                                   "+46708251358 1/2 GSM7 \"hi\" incomplete\n+46708251358 2/2 GSM7 \"hiya\"\n"
@@ -153,9 +145,10 @@ TEST_F(SmsStoreTest, FullStorageRefusesDeliveriesWholeAndFreedIndexesAreReused)
     vars_["sms_me_total"] = "3";
     EXPECT_EQ(store_.fill("ME", vars_), 3);
     play({
-        {"AT+CPMS?", "+CPMS: \"ME\",3,3,\"ME\",3,3,\"ME\",3,3\nOK"},
-        {"AT+CMGW=23", "+CMS ERROR: 322", submit_pdu},
+        // clang-format off
+        {"AT+CPMS?", "+CPMS: \"ME\",3,3,\"ME\",3,3,\"ME\",3,3\nOK"}, {"AT+CMGW=23", "+CMS ERROR: 322", submit_pdu},
         {"AT+CMGD=1", "OK"},
+        // clang-format on
     });
     // One free index, a text of two parts: nothing is stored.
     std::vector<std::string> urcs;
@@ -167,10 +160,10 @@ TEST_F(SmsStoreTest, FullStorageRefusesDeliveriesWholeAndFreedIndexesAreReused)
     EXPECT_EQ(urcs, std::vector<std::string>{"+CMTI: \"ME\",1"}); // the lowest free index
     // Written into <mem2> with the status given (default 2, STO UNSENT); listed by that status alone.
     play({
-        {"AT+CMGD=0", "OK"},
-        {"AT+CMGW=23,3", "+CMGW: 0\nOK", submit_pdu},
-        {"AT+CMGL=3", "+CMGL: 0,3,,23\n" + submit_pdu + "\nOK"},
-        {"AT+CMGW=23,4", "+CMS ERROR: 304", submit_pdu},
+        // clang-format off
+        {"AT+CMGD=0", "OK"}, {"AT+CMGW=23,3", "+CMGW: 0\nOK", submit_pdu},
+        {"AT+CMGL=3", "+CMGL: 0,3,,23\n" + submit_pdu + "\nOK"}, {"AT+CMGW=23,4", "+CMS ERROR: 304", submit_pdu},
+        // clang-format on
     });
     vars_["cmgf"] = "1";
     play({{"AT+CMGW=\"+4917\"", "+CMS ERROR: 303"}});

@@ -33,17 +33,17 @@ void put(UfsStore &st, const std::string &name, const std::string &data)
     st.finish_upload();
 }
 
+// An odd last byte counts as the high byte: "\x12\x34\x56" is 0x1234 ^ 0x5600.
 TEST(UfsStore, ChecksumIsTheXorOfBigEndianPairs)
 {
     const struct {
         std::string data;
         uint16_t sum;
     } rows[] = {
-        {"", 0},
-        {"\x12", 0x1200}, // odd last byte: the high byte
-        {"\x12\x34\x12\x34", 0},
-        {"\x12\x34\x56", 0x4434}, // 0x1234 ^ 0x5600
+        // clang-format off
+        {"", 0}, {"\x12", 0x1200}, {"\x12\x34\x12\x34", 0}, {"\x12\x34\x56", 0x4434},
         {std::string("\0\xff", 2), 0x00ff},
+        // clang-format on
     };
     for (const auto &r : rows)
         EXPECT_EQ(UfsStore::checksum(r.data), r.sum) << testing::PrintToString(r.data);
@@ -80,41 +80,27 @@ TEST(UfsStore, CommandsAnswerByWhatIsStored)
     put(st, "two.txt", "ab");
     put(st, "update.bin", "pkg");
     put(st, "RAM:r", "xyz");
+    // 10 of 1000 taken; no SD card; an upload needs its size and no acknowledged mode; a pattern that matches
+    // nothing lists nothing, one missing file by name is an error; "*" empties UFS only.
     const struct {
         const char *cmd;
         const char *answer;
     } rows[] = {
-        {"AT+QFUPL=\"big\",991", "CME 420"}, // 10 of 1000 taken
-        {"AT+QFUPL=\"one.bin\",1", "CME 407"},
-        {"AT+QFUPL=\"a/b\",1", "CME 406"},
-        {"AT+QFUPL=\"..\",1", "CME 406"},
-        {"AT+QFUPL=\"\",1", "CME 406"},
-        {"AT+QFUPL=\"SD:x\",1", "CME 400"}, // no SD card
-        {"AT+QFUPL=\"x\"", "CME 425"},      // the size is needed
-        {"AT+QFUPL=\"x\",0", "CME 425"},
-        {"AT+QFUPL=\"x\",1,0", "CME 425"},
-        {"AT+QFUPL=\"x\",1,5,1", "CME 425"}, // acknowledged mode
-        {"AT+QFUPL=x,1", "ERROR"},
-        {"AT+QFUPL=\"x,1", "ERROR"},
-        {"AT+QFLST=\"*.bin\"", "+QFLST: \"one.bin\",5|+QFLST: \"update.bin\",3|OK"},
-        {"AT+QFLST=\"UFS:two.txt\"", "+QFLST: \"two.txt\",2|OK"},
-        {"AT+QFLST=\"RAM:*\"", "+QFLST: \"RAM:r\",3|OK"},
-        {"AT+QFLST=\"*.zip\"", "OK"},     // a pattern that matches nothing
-        {"AT+QFLST=\"none\"", "CME 405"}, // one file by name that is not there
-        {"AT+QFLDS", "+QFLDS: 990,1000|OK"},
-        {"AT+QFLDS=\"RAM\"", "+QFLDS: 97,100|OK"},
-        {"AT+QFLDS=\"SD\"", "CME 400"},
-        {"AT+QFOTADL=\"/data/ufs/update.bin\"", "OK+fota"},
-        {"AT+QFOTADL=\"/data/ufs/other.bin\"", "CME 405"},
-        {"AT+QFOTADL=\"http://example.com/a.bin\"", "CME 400"},
-        {"AT+QFOTADL=/data/ufs/update.bin", "ERROR"},
-        {"AT+QFDEL=\"none\"", "CME 405"},
-        {"AT+QFDEL=\"one.bin\"", "OK"},
-        {"AT+QFLDS=\"UFS\"", "+QFLDS: 995,1000|OK"},
-        {"AT+QFDEL=\"*\"", "OK"},
-        {"AT+QFLST", "OK"},
-        {"AT+QFLST=\"RAM:*\"", "+QFLST: \"RAM:r\",3|OK"}, // "*" empties UFS only
-        {"AT+CSQ", "none"},
+        // clang-format off
+        {"AT+QFUPL=\"big\",991", "CME 420"}, {"AT+QFUPL=\"one.bin\",1", "CME 407"},
+        {"AT+QFUPL=\"a/b\",1", "CME 406"}, {"AT+QFUPL=\"..\",1", "CME 406"}, {"AT+QFUPL=\"\",1", "CME 406"},
+        {"AT+QFUPL=\"SD:x\",1", "CME 400"}, {"AT+QFUPL=\"x\"", "CME 425"}, {"AT+QFUPL=\"x\",0", "CME 425"},
+        {"AT+QFUPL=\"x\",1,0", "CME 425"}, {"AT+QFUPL=\"x\",1,5,1", "CME 425"}, {"AT+QFUPL=x,1", "ERROR"},
+        {"AT+QFUPL=\"x,1", "ERROR"}, {"AT+QFLST=\"*.bin\"", "+QFLST: \"one.bin\",5|+QFLST: \"update.bin\",3|OK"},
+        {"AT+QFLST=\"UFS:two.txt\"", "+QFLST: \"two.txt\",2|OK"}, {"AT+QFLST=\"RAM:*\"", "+QFLST: \"RAM:r\",3|OK"},
+        {"AT+QFLST=\"*.zip\"", "OK"}, {"AT+QFLST=\"none\"", "CME 405"}, {"AT+QFLDS", "+QFLDS: 990,1000|OK"},
+        {"AT+QFLDS=\"RAM\"", "+QFLDS: 97,100|OK"}, {"AT+QFLDS=\"SD\"", "CME 400"},
+        {"AT+QFOTADL=\"/data/ufs/update.bin\"", "OK+fota"}, {"AT+QFOTADL=\"/data/ufs/other.bin\"", "CME 405"},
+        {"AT+QFOTADL=\"http://example.com/a.bin\"", "CME 400"}, {"AT+QFOTADL=/data/ufs/update.bin", "ERROR"},
+        {"AT+QFDEL=\"none\"", "CME 405"}, {"AT+QFDEL=\"one.bin\"", "OK"},
+        {"AT+QFLDS=\"UFS\"", "+QFLDS: 995,1000|OK"}, {"AT+QFDEL=\"*\"", "OK"}, {"AT+QFLST", "OK"},
+        {"AT+QFLST=\"RAM:*\"", "+QFLST: \"RAM:r\",3|OK"}, {"AT+CSQ", "none"},
+        // clang-format on
     };
     for (const auto &r : rows) {
         EXPECT_EQ(text(st.command(r.cmd, vars)), r.answer) << r.cmd;
