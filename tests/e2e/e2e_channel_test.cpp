@@ -65,13 +65,13 @@ TEST_F(Channel, SocketClientsAreAnsweredAndSeeUrcsAfterQueries)
     ASSERT_TRUE(watcher.connected);
     expect_exec(*bus, "gsm.modem0", "AT+CREG?", "\r\n+CREG: 0,1\r\n\r\nOK\r\n");
     ASSERT_NE(sim.control("urc +CREG: 5").find("OK"), std::string::npos);
-    EXPECT_TRUE(bus->wait_until(call_ms, [&] { return watcher.text().find("\r\n+CREG: 5\r\n") != std::string::npos; }))
+    EXPECT_TRUE(wait_until(call_ms, [&] { return watcher.text().find("\r\n+CREG: 5\r\n") != std::string::npos; }))
         << watcher.text();
     expect_exec(*bus, "gsm.modem0", "AT+CREG?", "\r\n+CREG: 0,1\r\n\r\nOK\r\n");
 
     socket_client one(path);
     ASSERT_TRUE(one.send_text("AT+" + std::string(9000, 'X') + "\r\nAT+CIMI\r\n"));
-    EXPECT_TRUE(bus->wait_until(call_ms, [&] { return one.text() == "\r\nERROR\r\n" + cimi_answer; }))
+    EXPECT_TRUE(wait_until(call_ms, [&] { return one.text() == "\r\nERROR\r\n" + cimi_answer; }))
         << testing::PrintToString(one.text());
     EXPECT_TRUE(bus->events_of("gsm.modem.hang").empty());
     EXPECT_EQ(bus->call("gsm.modem0", "info").reply.number("ping_state"), 0);
