@@ -94,21 +94,18 @@ class Hotplug : public DaemonTest
         fs::create_directories(*root / "/sys/bus/usb/devices");
     }
 
-    // The events "gsm.modem_gone" of object.
-    std::vector<bus_message> gone(const std::string &object)
+    // The messages among all that name object ("object_name").
+    static std::vector<bus_message> naming(const std::vector<bus_event> &all, const std::string &object)
     {
         std::vector<bus_message> out;
-        for (const bus_event &e : bus->events_of("gsm.modem_gone"))
+        for (const bus_event &e : all)
             if (e.data.text("object_name") == object)
                 out.push_back(e.data);
         return out;
     }
-    size_t new_modem_notes(const std::string &object)
+    std::vector<bus_message> gone(const std::string &object)
     {
-        size_t n = 0;
-        for (const bus_event &e : bus->notifications_of("gsm.new_modem"))
-            n += e.data.text("object_name") == object;
-        return n;
+        return naming(bus->events_of("gsm.modem_gone"), object);
     }
 };
 
@@ -182,7 +179,9 @@ TEST_F(Hotplug, ModemIsServedFromPlugToUnplugAndAgain)
     // gsm.modem2 comes up, is announced and answers; its id.
     auto expect_served = [&]() -> uint32_t {
         uint32_t id = wait_modem("gsm.modem2");
-        EXPECT_TRUE(wait_until(call_ms, [&] { return new_modem_notes("gsm.modem2") == plugged + 1; }));
+        EXPECT_TRUE(wait_until(call_ms, [&] {
+            return naming(bus->notifications_of("gsm.new_modem"), "gsm.modem2").size() == plugged + 1;
+        }));
         plugged++;
         EXPECT_EQ(
             static_cast<uint32_t>(bus->notifications_of("gsm.new_modem").back().data.number("object_id").value_or(0)),
