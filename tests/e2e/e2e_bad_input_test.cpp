@@ -13,67 +13,68 @@ namespace
 using BadInput = ServedModemTest;
 
 struct hostile {
-    const char *object, *method;
+    const char *method;
     std::string args;
     int status;    // of the call
     int error = 0; // the reply's "errno" when it answers (2: invalid arguments)
+    const char *object = "gsm.modem0";
 };
 
 const std::string huge(10240, 'A');
 
+// clang-format off
 const hostile hostile_calls[] = {
     // Not one command line, or a time-out out of range.
-    {"gsm.modem0", "exec", "{}", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm.modem0", "exec", R"({"command":5})", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm.modem0", "exec", R"({"command":"AT+)" + huge + R"("})", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm.modem0", "exec", R"({"command":"AT\rAT+CFUN=0"})", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm.modem0", "exec", R"({"command":"AT\nAT+CFUN=0"})", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm.modem0", "exec", R"({"command":"AT+CMGF=1\u001a"})", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm.modem0", "exec", R"({"command":"AT\u001b"})", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm.modem0", "exec", R"({"command":"AT+COPS=1,0,\"x"})", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm.modem0", "exec", R"({"command":"AT+CSQ","timeout":0})", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm.modem0", "exec", R"({"command":"AT+CSQ","timeout":3601})", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm.modem0", "exec", R"({"command":"AT+CSQ","timeout":2147483647})", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm.modem0", "exec", R"({"command":"CFUN=0"})", UBUS_STATUS_INVALID_COMMAND},
-    {"gsm.modem0", "update_modem_func", R"({"state_id":"1"})", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm.modem0", "set_net_reg_stat", R"({"mode":1})", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm", "enable_debug", "{}", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm", "attach", "{}", UBUS_STATUS_INVALID_ARGUMENT},
-    {"gsm", "deattach", R"({"usbid":7})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"exec", "{}", UBUS_STATUS_INVALID_ARGUMENT},
+    {"exec", R"({"command":5})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"exec", R"({"command":"AT+)" + huge + R"("})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"exec", R"({"command":"AT\rAT+CFUN=0"})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"exec", R"({"command":"AT\nAT+CFUN=0"})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"exec", R"({"command":"AT+CMGF=1\u001a"})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"exec", R"({"command":"AT\u001b"})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"exec", R"({"command":"AT+COPS=1,0,\"x"})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"exec", R"({"command":"AT+CSQ","timeout":0})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"exec", R"({"command":"AT+CSQ","timeout":3601})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"exec", R"({"command":"AT+CSQ","timeout":2147483647})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"exec", R"({"command":"CFUN=0"})", UBUS_STATUS_INVALID_COMMAND},
+    {"update_modem_func", R"({"state_id":"1"})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"set_net_reg_stat", R"({"mode":1})", UBUS_STATUS_INVALID_ARGUMENT},
+    {"enable_debug", "{}", UBUS_STATUS_INVALID_ARGUMENT, 0, "gsm"},
+    {"attach", "{}", UBUS_STATUS_INVALID_ARGUMENT, 0, "gsm"},
+    {"deattach", R"({"usbid":7})", UBUS_STATUS_INVALID_ARGUMENT, 0, "gsm"},
     // Arguments that would reach past their command.
-    {"gsm.modem0", "set_pin_code", R"({"code":"1234\r\nAT+CFUN=0"})", 0, 2},
-    {"gsm.modem0", "set_puk_code", R"({"puk":"12345678","pin":"12\"34"})", 0, 2},
-    {"gsm.modem0", "set_pdp_ctx", R"({"cid":1,"apn":"internet\u001aAT"})", 0, 2},
-    {"gsm.modem0", "set_pdp_ctx", R"({"cid":1,"apn":"a","addr":"10.0.0.1\u001b"})", 0, 2},
-    {"gsm.modem0", "set_pdp_ctx", R"({"cid":99,"apn":"internet"})", 0, 2},
-    {"gsm.modem0", "set_operator_selection", R"({"mode":"manual","format":"numeric","operator":"26201\";+CFUN=0;\""})",
-     0, 2},
-    {"gsm.modem0", "set_ussd", R"({"mode":"enable","request":"*100#\r"})", 0, 2},
-    {"gsm.modem0", "send_voice_call", R"({"number":"+49301;+CFUN=0"})", 0, 2},
-    {"gsm.modem0", "set_fac_lock", R"({"facility":"SC\r","state":"lock","pass":"1234"})", 0, 2},
-    {"gsm.modem0", "set_new_pass", R"({"facility":"SC","old_pass":"1234","new_pass":"12345678901234567890123456789"})",
-     0, 2},
-    {"gsm.modem0", "get_pdp_addr", R"({"index":-1})", 0, 2},
-    {"gsm.modem0", "set_net_reg_stat", R"({"mode":"enable\n"})", 0, 2},
-    {"gsm.modem0", "send_sms", R"({"number":"+49170\r\nAT+CFUN=0","text":"x"})", 0, 2},
-    {"gsm.modem0", "send_sms", R"({"number":"+49170\u001a","text":"x"})", 0, 2},
-    {"gsm.modem0", "send_sms", R"({"number":"+49\"170","text":"x"})", 0, 2},
-    {"gsm.modem0", "send_sms", R"({"number":"123456789012345678901234","text":"x"})", 0, 2},
-    {"gsm.modem0", "send_sms", R"({"number":"+49 170","text":"x"})", 0, 2},
-    {"gsm.modem0", "set_msg_storage", R"({"mem1":"XX","mem2":"SM","mem3":"SM"})", 0, 2},
+    {"set_pin_code", R"({"code":"1234\r\nAT+CFUN=0"})", 0, 2},
+    {"set_puk_code", R"({"puk":"12345678","pin":"12\"34"})", 0, 2},
+    {"set_pdp_ctx", R"({"cid":1,"apn":"internet\u001aAT"})", 0, 2},
+    {"set_pdp_ctx", R"({"cid":1,"apn":"a","addr":"10.0.0.1\u001b"})", 0, 2},
+    {"set_pdp_ctx", R"({"cid":99,"apn":"internet"})", 0, 2},
+    {"set_operator_selection", R"({"mode":"manual","format":"numeric","operator":"26201\";+CFUN=0;\""})", 0, 2},
+    {"set_ussd", R"({"mode":"enable","request":"*100#\r"})", 0, 2},
+    {"send_voice_call", R"({"number":"+49301;+CFUN=0"})", 0, 2},
+    {"set_fac_lock", R"({"facility":"SC\r","state":"lock","pass":"1234"})", 0, 2},
+    {"set_new_pass", R"({"facility":"SC","old_pass":"1234","new_pass":"12345678901234567890123456789"})", 0, 2},
+    {"get_pdp_addr", R"({"index":-1})", 0, 2},
+    {"set_net_reg_stat", R"({"mode":"enable\n"})", 0, 2},
+    {"send_sms", R"({"number":"+49170\r\nAT+CFUN=0","text":"x"})", 0, 2},
+    {"send_sms", R"({"number":"+49170\u001a","text":"x"})", 0, 2},
+    {"send_sms", R"({"number":"+49\"170","text":"x"})", 0, 2},
+    {"send_sms", R"({"number":"123456789012345678901234","text":"x"})", 0, 2},
+    {"send_sms", R"({"number":"+49 170","text":"x"})", 0, 2},
+    {"set_msg_storage", R"({"mem1":"XX","mem2":"SM","mem3":"SM"})", 0, 2},
     // Outside the module's bands or of another family.
-    {"gsm.modem0", "set_lte_band", R"({"bands":["LTE_B71"]})", 0, 2},
-    {"gsm.modem0", "set_lte_band", R"({"bands":["NSA_5G_N78"]})", 0, 2},
-    {"gsm.modem0", "set_lte_band", R"({"bands":["LTE_B3\""]})", 0, 2},
-    {"gsm.modem0", "set_lte_band", R"({"bands":[]})", 0, 2},
-    {"gsm.modem0", "set_mbn_select", R"({"mbn_name":"a\"b"})", 0, 2},
-    {"gsm.modem0", "set_mbn_select", R"({"mbn_name":"../x"})", 0, 2},
-    {"gsm.modem0", "gnss_start", R"({"fix_max_time":0})", 0, 2},
-    {"gsm.modem0", "set_nmea", R"({"satellite":"glonass","types":["RMC"]})", 0, 2},
+    {"set_lte_band", R"({"bands":["LTE_B71"]})", 0, 2},
+    {"set_lte_band", R"({"bands":["NSA_5G_N78"]})", 0, 2},
+    {"set_lte_band", R"({"bands":["LTE_B3\""]})", 0, 2},
+    {"set_lte_band", R"({"bands":[]})", 0, 2},
+    {"set_mbn_select", R"({"mbn_name":"a\"b"})", 0, 2},
+    {"set_mbn_select", R"({"mbn_name":"../x"})", 0, 2},
+    {"gnss_start", R"({"fix_max_time":0})", 0, 2},
+    {"set_nmea", R"({"satellite":"glonass","types":["RMC"]})", 0, 2},
     // Files: a size that is not the file's, a name that is a pattern.
-    {"gsm.modem0", "upload_file", R"({"path":"/tmp/blob.bin","size":5})", 0, 2},
-    {"gsm.modem0", "delete_file", R"({"path":"*"})", 0, 2},
+    {"upload_file", R"({"path":"/tmp/blob.bin","size":5})", 0, 2},
+    {"delete_file", R"({"path":"*"})", 0, 2},
 };
+// clang-format on
 
 TEST_F(BadInput, HostileCallsAreRefusedAndNothingReachesTheModem)
 {

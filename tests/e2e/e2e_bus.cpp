@@ -1,9 +1,9 @@
 #include "tests/e2e/e2e_bus.h"
 
+#include "tests/bus/bus_harness.h"
 #include "wwan/ubox.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -31,31 +31,24 @@ struct json_blob {
 
 } // namespace
 
-bus_message::bus_message(const blob_attr *msg, bool table) : table_(table)
+bus_message::bus_message(blob_attr *msg, bool table)
 {
     if (!msg)
         return;
-    data_.resize((blob_pad_len(msg) + sizeof(uint64_t) - 1) / sizeof(uint64_t));
-    std::memcpy(data_.data(), msg, blob_pad_len(msg));
-    char *s = blobmsg_format_json(const_cast<blob_attr *>(msg), !table);
+    len_ = table ? blobmsg_data_len(msg) : blob_len(msg);
+    data_.resize(len_ / sizeof(uint64_t) + 1);
+    std::memcpy(data_.data(), table ? blobmsg_data(msg) : blob_data(msg), len_);
+    char *s = blobmsg_format_json(msg, !table);
     json_ = s ? s : "";
     std::free(s);
 }
 
 blob_attr *bus_message::find(const char *key) const
 {
-    if (data_.empty())
-        return nullptr;
-    auto *head = reinterpret_cast<blob_attr *>(const_cast<uint64_t *>(data_.data()));
-    // A message's members follow the container's header; a table's its name.
-    size_t rem = table_ ? blobmsg_data_len(head) : blob_len(head);
-    blob_attr *cur;
-    __blob_for_each_attr(cur, static_cast<blob_attr *>(table_ ? blobmsg_data(head) : blob_data(head)), rem)
-    {
-        if (blobmsg_check_attr(cur, true) && std::strcmp(blobmsg_name(cur), key) == 0)
-            return cur;
-    }
-    return nullptr;
+    const blobmsg_policy policy = {key, BLOBMSG_TYPE_UNSPEC};
+    blob_attr *found = nullptr;
+    blobmsg_parse(&policy, 1, &found, const_cast<uint64_t *>(data_.data()), static_cast<unsigned>(len_));
+    return found;
 }
 
 std::optional<std::string> bus_message::text(const char *key) const
@@ -67,18 +60,8 @@ std::optional<std::string> bus_message::text(const char *key) const
 std::optional<int64_t> bus_message::number(const char *key) const
 {
     blob_attr *a = find(key);
-    switch (a ? blobmsg_type(a) : BLOBMSG_TYPE_UNSPEC) {
-    case BLOBMSG_TYPE_INT8:
-        return blobmsg_get_u8(a);
-    case BLOBMSG_TYPE_INT16:
-        return static_cast<int16_t>(blobmsg_get_u16(a));
-    case BLOBMSG_TYPE_INT32:
-        return static_cast<int32_t>(blobmsg_get_u32(a));
-    case BLOBMSG_TYPE_INT64:
-        return static_cast<int64_t>(blobmsg_get_u64(a));
-    default:
-        return std::nullopt;
-    }
+    const int type = a ? blobmsg_type(a) : BLOBMSG_TYPE_UNSPEC;
+    return type >= BLOBMSG_TYPE_INT64 && type <= BLOBMSG_TYPE_INT8 ? std::optional(blobmsg_cast_s64(a)) : std::nullopt;
 }
 
 std::optional<bus_message> bus_message::table(const char *key) const
@@ -108,17 +91,6 @@ bus_client::~bus_client()
     if (subscription_)
         ubus_unregister_subscriber(ctx_, &subscription_->sub);
     ubus_free(ctx_);
-}
-
-bool bus_client::wait_until(int timeout_ms, const std::function<bool()> &pred)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        uloop_run_timeout(10);
-    }
-    return true;
 }
 
 std::optional<uint32_t> bus_client::object_id(const std::string &path)
@@ -169,7 +141,7 @@ call_result bus_client::call(const std::string &path, const std::string &method,
     if (!pending) {
         r.done = true;
         r.status = object_id(path) ? UBUS_STATUS_UNKNOWN_ERROR : UBUS_STATUS_NOT_FOUND;
-    } else if (!wait_until(timeout_ms, [&] { return pending->done(); })) {
+    } else if (!bus_test::wait_until(timeout_ms, [&] { return pending->done(); })) {
         r.status = UBUS_STATUS_TIMEOUT;
     } else {
         r = pending->result();

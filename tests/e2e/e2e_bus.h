@@ -5,7 +5,6 @@
 #include <libubus.h>
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,7 +27,7 @@ class bus_message
 {
   public:
     bus_message() = default;
-    explicit bus_message(const blob_attr *msg, bool table = false);
+    explicit bus_message(blob_attr *msg, bool table = false);
 
     const std::string &json() const { return json_; }
     bool has(const char *key) const { return find(key) != nullptr; }
@@ -39,8 +38,8 @@ class bus_message
   private:
     blob_attr *find(const char *key) const;
 
-    std::vector<uint64_t> data_; // the blob, aligned
-    bool table_ = false;
+    std::vector<uint64_t> data_; // the members, aligned
+    size_t len_ = 0;
     std::string json_;
 };
 
@@ -83,9 +82,6 @@ class bus_client
 
     bool connected() const { return ctx_ != nullptr; }
     ubus_context *context() const { return ctx_; }
-
-    // Runs the event loop until pred holds or timeout_ms passed; pred's value.
-    bool wait_until(int timeout_ms, const std::function<bool()> &pred);
 
     std::optional<uint32_t> object_id(const std::string &path);
     // Object paths on the bus that match pattern ("gsm.modem*").

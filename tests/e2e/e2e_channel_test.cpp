@@ -3,10 +3,10 @@
 // answered, an over-long line is refused without spoiling the next, and none
 // of that looks like a hung modem.
 #include "tests/e2e/e2e_harness.h"
+#include "wwan/ubox.h"
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace e2e
@@ -19,13 +19,7 @@ const std::string cimi_answer = "\r\n262011234567890\r\n\r\nOK\r\n";
 class socket_client
 {
   public:
-    explicit socket_client(const std::string &path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_un sa{};
-        sa.sun_family = AF_UNIX;
-        snprintf(sa.sun_path, sizeof(sa.sun_path), "%s", path.c_str());
-        connected = connect(fd_, reinterpret_cast<sockaddr *>(&sa), sizeof(sa)) == 0;
-    }
+    explicit socket_client(const std::string &path) : fd_(usock(USOCK_UNIX, path.c_str(), nullptr)) {}
     ~socket_client() { close(fd_); }
     socket_client(const socket_client &) = delete;
     socket_client &operator=(const socket_client &) = delete;
@@ -46,7 +40,7 @@ class socket_client
         }
         return in_;
     }
-    bool connected = false;
+    bool connected() const { return fd_ >= 0; }
 
   private:
     int fd_;
@@ -62,16 +56,16 @@ TEST_F(Channel, SocketClientsAreAnsweredAndSeeUrcsAfterQueries)
     const std::string path = *root / "/dev/modem0";
 
     socket_client watcher(path);
-    ASSERT_TRUE(watcher.connected);
+    ASSERT_TRUE(watcher.connected());
     expect_exec(*bus, "gsm.modem0", "AT+CREG?", "\r\n+CREG: 0,1\r\n\r\nOK\r\n");
     ASSERT_NE(sim.control("urc +CREG: 5").find("OK"), std::string::npos);
-    EXPECT_TRUE(bus->wait_until(call_ms, [&] { return watcher.text().find("\r\n+CREG: 5\r\n") != std::string::npos; }))
+    EXPECT_TRUE(wait_until(call_ms, [&] { return watcher.text().find("\r\n+CREG: 5\r\n") != std::string::npos; }))
         << watcher.text();
     expect_exec(*bus, "gsm.modem0", "AT+CREG?", "\r\n+CREG: 0,1\r\n\r\nOK\r\n");
 
     socket_client one(path);
     ASSERT_TRUE(one.send_text("AT+" + std::string(9000, 'X') + "\r\nAT+CIMI\r\n"));
-    EXPECT_TRUE(bus->wait_until(call_ms, [&] { return one.text() == "\r\nERROR\r\n" + cimi_answer; }))
+    EXPECT_TRUE(wait_until(call_ms, [&] { return one.text() == "\r\nERROR\r\n" + cimi_answer; }))
         << testing::PrintToString(one.text());
     EXPECT_TRUE(bus->events_of("gsm.modem.hang").empty());
     EXPECT_EQ(bus->call("gsm.modem0", "info").reply.number("ping_state"), 0);

@@ -1,12 +1,7 @@
 #include "tests/e2e/e2e_harness.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <iostream>
 #include <sstream>
@@ -17,80 +12,13 @@
 namespace e2e
 {
 
-namespace
+std::unique_ptr<process> spawn(const std::vector<std::string> &argv, const std::string &out_file,
+                               const std::string &err_file)
 {
-
-int64_t now_ms()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
-} // namespace
-
-child_process::child_process(const std::vector<std::string> &argv, const std::string &root, const std::string &out_file,
-                             const std::string &err_file)
-{
-    std::vector<std::string> args = argv;
-    std::vector<char *> cargs;
-    for (auto &a : args)
-        cargs.push_back(a.data());
-    cargs.push_back(nullptr);
-    pid_t parent = getpid();
-    pid_ = fork();
-    if (pid_ != 0)
-        return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    int out = open(out_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    int err = open(err_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    int in = open("/dev/null", O_RDONLY);
-    if (getppid() != parent || out < 0 || err < 0 || in < 0)
-        _exit(127);
-    setenv("WWANCTL_ROOT", root.c_str(), 1);
-    dup2(in, STDIN_FILENO);
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    execv(cargs[0], cargs.data());
-    _exit(127);
-}
-
-child_process::~child_process()
-{
-    stop(SIGKILL);
-}
-
-bool child_process::running()
-{
-    int status;
-    if (pid_ <= 0 || waitpid(pid_, &status, WNOHANG) != pid_)
-        return pid_ > 0;
-    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    pid_ = -1;
-    return false;
-}
-
-int child_process::stop(int sig, int timeout_ms)
-{
-    if (running())
-        kill(pid_, sig);
-    for (int64_t deadline = now_ms() + timeout_ms; running() && now_ms() < deadline;)
-        usleep(10000);
-    return running() ? -1 : status_;
-}
-
-double child_process::cpu_seconds()
-{
-    // Fields after the command name, which is in parentheses: state is the
-    // 3rd field, utime and stime the 14th and 15th.
-    std::ifstream f("/proc/" + std::to_string(pid_) + "/stat");
-    std::string stat((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-    std::istringstream in(stat.substr(stat.rfind(')') + 2));
-    std::string skipped;
-    for (int field = 3; field <= 13; field++)
-        in >> skipped;
-    unsigned long long utime = 0, stime = 0;
-    in >> utime >> stime;
-    return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+    std::vector<std::string> sh = {"/bin/sh", "-c",     R"(o=$1 e=$2; shift 2; exec "$@" >>"$o" 2>>"$e")",
+                                   "sh",      out_file, err_file};
+    sh.insert(sh.end(), argv.begin(), argv.end());
+    return std::make_unique<process>(sh);
 }
 
 modem_sim::modem_sim(const temp_root &root, const std::string &tty, const std::string &scenario)
@@ -98,14 +26,16 @@ modem_sim::modem_sim(const temp_root &root, const std::string &tty, const std::s
 {
     const std::string base = "/sim-" + tty;
     std::filesystem::create_directories(root / "/dev");
-    proc_ = std::make_unique<child_process>(
-        std::vector<std::string>{WWAN_MODEM_SIM, "-s", scenario, "-n", "-l", root / ("/dev/" + tty), "-c",
-                                 root / (base + ".sock"), "-t", root / (base + ".log")},
-        root.path(), root / (base + ".out"), root / (base + ".err"));
+    proc_ = spawn({WWAN_MODEM_SIM, "-s", scenario, "-n", "-l", root / ("/dev/" + tty), "-c", root / (base + ".sock"),
+                   "-t", root / (base + ".log")},
+                  root / (base + ".out"), root / (base + ".err"));
     // Ready once it printed its terminal and answers on its control socket.
-    for (int64_t deadline = now_ms() + 10000; !ready_ && now_ms() < deadline && proc_->running(); usleep(20000))
-        ready_ =
-            root.read(base + ".out").find('\n') != std::string::npos && control("mode").find("OK") != std::string::npos;
+    ready_ = wait_until(10000,
+                        [&] {
+                            return !proc_->running() || (root.read(base + ".out").find('\n') != std::string::npos &&
+                                                         control("mode").find("OK") != std::string::npos);
+                        }) &&
+             proc_->running();
 }
 
 std::string modem_sim::control(const std::string &command)
@@ -192,7 +122,7 @@ void expect_timeout_reply(const call_result &r, const std::string &command)
 
 bool wait_idle(bus_client &bus, const std::string &path, int timeout_ms)
 {
-    return bus.wait_until(timeout_ms, [&] {
+    return wait_until(timeout_ms, [&] {
         call_result r = bus.call(path, "info", "{}", 5000);
         return r.status == 0 && r.reply.number("request_count") == 0;
     });
@@ -220,7 +150,7 @@ void DaemonTest::TearDown()
         call_result r = bus->call("gsm", "info");
         EXPECT_EQ(r.status, 0) << "gsm info at the end";
         EXPECT_TRUE(r.reply.table("mdm_stats")) << r.reply.json();
-        EXPECT_EQ(daemon->stop(SIGTERM), 0) << "wwanctl exit status on SIGTERM";
+        EXPECT_EQ(daemon->stop(SIGTERM, 15000), 0) << "wwanctl exit status on SIGTERM";
     }
     if (HasFailure()) {
         // The end of the log is what explains a failure.
@@ -252,14 +182,13 @@ modem_sim &DaemonTest::plug(const usb_device &dev, const std::string &model, con
 
 void DaemonTest::spawn_daemon()
 {
-    daemon = std::make_unique<child_process>(std::vector<std::string>{WWANCTL_EXE, "-D"}, root->path(),
-                                             *root / "/wwanctl.log", *root / "/wwanctl.err");
+    daemon = spawn({WWANCTL_EXE, "-D"}, *root / "/wwanctl.log", *root / "/wwanctl.err");
 }
 
 void DaemonTest::start_daemon()
 {
     spawn_daemon();
-    ASSERT_TRUE(bus->wait_until(start_ms, [&] { return bus->object_id("gsm") || !daemon->running(); }));
+    ASSERT_TRUE(wait_until(start_ms, [&] { return bus->object_id("gsm") || !daemon->running(); }));
     ASSERT_TRUE(daemon->running()) << "wwanctl ended at start";
     // The object is added before the event handlers are registered; an
     // answered call means the event loop runs, so both are in place and
@@ -270,7 +199,7 @@ void DaemonTest::start_daemon()
 uint32_t DaemonTest::wait_modem(const std::string &path, int timeout_ms)
 {
     std::optional<uint32_t> id;
-    bus->wait_until(timeout_ms, [&] { return (id = bus->object_id(path)).has_value() || !daemon->running(); });
+    wait_until(timeout_ms, [&] { return (id = bus->object_id(path)).has_value() || !daemon->running(); });
     EXPECT_TRUE(id.has_value()) << path << " did not appear";
     return id.value_or(0);
 }
@@ -283,7 +212,7 @@ std::optional<int64_t> DaemonTest::num_modems()
 
 bool DaemonTest::wait_log(const std::string &part, size_t n)
 {
-    return bus->wait_until(start_ms, [&] { return logged(part) >= n; });
+    return wait_until(start_ms, [&] { return logged(part) >= n; });
 }
 
 modem_sim &ServedModemTest::serve(const usb_device &dev, const std::string &model, const std::string &scenario)
@@ -314,7 +243,7 @@ int64_t ServedModemTest::call_errno(const std::string &method, const std::string
 
 bool ServedModemTest::notified(const std::string &name, const std::function<bool(const bus_message &)> &pred)
 {
-    return bus->wait_until(call_ms, [&] {
+    return wait_until(call_ms, [&] {
         for (const bus_event &e : bus->notifications_of(name))
             if (pred(e.data))
                 return true;

@@ -14,33 +14,19 @@
 #include <gtest/gtest.h>
 
 #include "src/util/root_test_support.h"
+#include "tests/bus/bus_harness.h"
 #include "tests/e2e/e2e_bus.h"
 
 namespace e2e
 {
 
-// A child process with WWANCTL_ROOT set, dying with the test (parent death
-// signal); stdout and stderr go to files. Killed and reaped on destruction.
-class child_process
-{
-  public:
-    child_process(const std::vector<std::string> &argv, const std::string &root, const std::string &out_file,
-                  const std::string &err_file);
-    ~child_process();
-    child_process(const child_process &) = delete;
-    child_process &operator=(const child_process &) = delete;
+using bus_test::process;
+using bus_test::wait_until;
 
-    bool running();
-    // Sends sig (unless it has ended) and waits up to timeout_ms: the exit
-    // status, 128 + signal when killed, -1 when it did not end.
-    int stop(int sig, int timeout_ms = 15000);
-    // Processor time it used so far (user + system), in seconds.
-    double cpu_seconds();
-
-  private:
-    pid_t pid_ = -1;
-    int status_ = -1;
-};
+// argv as a child process (with the test's environment, WWANCTL_ROOT
+// included), its stdout and stderr appended to out_file and err_file.
+std::unique_ptr<process> spawn(const std::vector<std::string> &argv, const std::string &out_file,
+                               const std::string &err_file);
 
 // wwan-modem-sim on a pty linked at $ROOT/dev/<tty>, with its control socket
 // and transcript in the root.
@@ -62,7 +48,7 @@ class modem_sim
   private:
     const temp_root &root_;
     std::string tty_;
-    std::unique_ptr<child_process> proc_;
+    std::unique_ptr<process> proc_;
     bool ready_ = false;
 };
 
@@ -128,7 +114,7 @@ class DaemonTest : public ::testing::Test
     std::string bus_socket;
     pid_t broker = -1;
     std::unique_ptr<bus_client> bus;
-    std::unique_ptr<child_process> daemon;
+    std::unique_ptr<process> daemon;
     std::vector<std::unique_ptr<modem_sim>> sims;
 };
 

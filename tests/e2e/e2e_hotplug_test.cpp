@@ -5,7 +5,6 @@
 #include "tests/e2e/e2e_harness.h"
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -60,26 +59,14 @@ class Hotplug : public DaemonTest
 
     // Runs argv with exactly env (plus PATH and WWANCTL_ROOT), stderr to
     // hotplug.err in the root; its exit status.
-    int run(std::vector<std::string> argv, const hotplug_env &env)
+    int run(const std::vector<std::string> &argv, const hotplug_env &env)
     {
-        std::vector<std::string> vars = {"PATH=" + (*root / "/bin") + ":/usr/bin:/bin", "WWANCTL_ROOT=" + root->path()};
+        std::vector<std::string> cmd = {"/usr/bin/env", "-i", "PATH=" + (*root / "/bin") + ":/usr/bin:/bin",
+                                        "WWANCTL_ROOT=" + root->path()};
         for (const auto &[k, v] : env)
-            vars.push_back(k + "=" + v);
-        std::vector<char *> envp, args;
-        for (std::string &v : vars)
-            envp.push_back(v.data());
-        for (std::string &a : argv)
-            args.push_back(a.data());
-        envp.push_back(nullptr);
-        args.push_back(nullptr);
-        pid_t pid = fork();
-        if (pid == 0) {
-            if (freopen((*root / "/hotplug.err").c_str(), "a", stderr))
-                execve(args[0], args.data(), envp.data());
-            _exit(127);
-        }
-        int status = -1;
-        return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            cmd.push_back(k + "=" + v);
+        cmd.insert(cmd.end(), argv.begin(), argv.end());
+        return spawn(cmd, "/dev/null", *root / "/hotplug.err")->stop(0, call_ms);
     }
 
     int run_script(const hotplug_env &env) { return run({"/bin/sh", package_files + "/wwanctl.hotplug"}, env); }
@@ -92,7 +79,7 @@ class Hotplug : public DaemonTest
         EXPECT_EQ(run_script(env), 0) << root->read("/hotplug.err");
         EXPECT_EQ(run({*root / "/bin/ubus", "send", "hotplug.marker", "{}"}, {}), 0);
         std::vector<bus_event> out;
-        EXPECT_TRUE(bus->wait_until(call_ms, [&] {
+        EXPECT_TRUE(wait_until(call_ms, [&] {
             out.assign(bus->events().begin() + static_cast<std::ptrdiff_t>(before), bus->events().end());
             return !out.empty() && out.back().type == "hotplug.marker";
         })) << "the marker did not arrive";
@@ -107,21 +94,18 @@ class Hotplug : public DaemonTest
         fs::create_directories(*root / "/sys/bus/usb/devices");
     }
 
-    // The events "gsm.modem_gone" of object.
-    std::vector<bus_message> gone(const std::string &object)
+    // The messages among all that name object ("object_name").
+    static std::vector<bus_message> naming(const std::vector<bus_event> &all, const std::string &object)
     {
         std::vector<bus_message> out;
-        for (const bus_event &e : bus->events_of("gsm.modem_gone"))
+        for (const bus_event &e : all)
             if (e.data.text("object_name") == object)
                 out.push_back(e.data);
         return out;
     }
-    size_t new_modem_notes(const std::string &object)
+    std::vector<bus_message> gone(const std::string &object)
     {
-        size_t n = 0;
-        for (const bus_event &e : bus->notifications_of("gsm.new_modem"))
-            n += e.data.text("object_name") == object;
-        return n;
+        return naming(bus->events_of("gsm.modem_gone"), object);
     }
 };
 
@@ -185,17 +169,19 @@ TEST_F(Hotplug, ModemIsServedFromPlugToUnplugAndAgain)
     size_t plugged = 0, gone_seen = 0;
     // The n-th gsm.modem_gone names the object that had id, which then leaves.
     auto expect_gone = [&](uint32_t id) {
-        ASSERT_TRUE(bus->wait_until(call_ms, [&] { return gone("gsm.modem2").size() == gone_seen + 1; }));
+        ASSERT_TRUE(wait_until(call_ms, [&] { return gone("gsm.modem2").size() == gone_seen + 1; }));
         bus_message g = gone("gsm.modem2")[gone_seen++];
         EXPECT_EQ(g.text("modem_id"), "1-1") << g.json();
         EXPECT_EQ(static_cast<uint32_t>(g.number("object_id").value_or(0)), id) << g.json();
-        EXPECT_TRUE(bus->wait_until(call_ms, [&] { return !bus->object_id("gsm.modem2"); })) << "gsm.modem2 stays";
+        EXPECT_TRUE(wait_until(call_ms, [&] { return !bus->object_id("gsm.modem2"); })) << "gsm.modem2 stays";
         EXPECT_EQ(num_modems(), 0);
     };
     // gsm.modem2 comes up, is announced and answers; its id.
     auto expect_served = [&]() -> uint32_t {
         uint32_t id = wait_modem("gsm.modem2");
-        EXPECT_TRUE(bus->wait_until(call_ms, [&] { return new_modem_notes("gsm.modem2") == plugged + 1; }));
+        EXPECT_TRUE(wait_until(call_ms, [&] {
+            return naming(bus->notifications_of("gsm.new_modem"), "gsm.modem2").size() == plugged + 1;
+        }));
         plugged++;
         EXPECT_EQ(
             static_cast<uint32_t>(bus->notifications_of("gsm.new_modem").back().data.number("object_id").value_or(0)),
@@ -250,7 +236,7 @@ TEST_F(Hotplug, ModemIsServedFromPlugToUnplugAndAgain)
             EXPECT_EQ(bus->call("gsm", "attach", R"({"usbid":"1-1"})").status, 0);
             id = expect_served();
             EXPECT_EQ(bus->call("gsm", "attach", R"({"usbid":"1-1"})").status, 0);
-            ASSERT_TRUE(bus->wait_until(call_ms, [&] { return gone("gsm.modem2").size() == gone_seen + 1; }));
+            ASSERT_TRUE(wait_until(call_ms, [&] { return gone("gsm.modem2").size() == gone_seen + 1; }));
             gone_seen++;
             uint32_t fresh = expect_served();
             EXPECT_NE(fresh, id) << "the old object is still there";

@@ -16,17 +16,14 @@ struct step {
 };
 
 struct family {
-    const char *name, *pid, *model, *scenario;
+    const char *model, *pid, *scenario;
     std::vector<step> steps;
 };
 
+// clang-format off
 const family families[] = {
     // AT+QCFG bands in three hex fields, QENG SINR in steps of 1/5 dB from -20.
-    {"EC25",
-     "0125",
-     "EC25",
-     "ec25",
-     {{"get_firmware", "{}", R"("firmware_full":"EC25EFAR06A06M4G_01.001.01.001")"},
+    {"EC25", "0125", "ec25", {{"get_firmware", "{}", R"("firmware_full":"EC25EFAR06A06M4G_01.001.01.001")"},
       {"get_signal_query", "{}", R"("mode":"LTE")"},
       {"get_signal_query", "{}", R"("sinr":12,)"},
       {"get_serving_cell", "{}", R"("band":"B3")"},
@@ -41,11 +38,7 @@ const family families[] = {
       {"set_5g_sa_band", R"({"bands":["5G_N78"]})", nullptr, UBUS_STATUS_NOT_SUPPORTED}}},
     // AT+QNWPREFCFG band lists and modes, the serving-cell forms with the 5G
     // SINR scale (2 * raw - 20 dB on the LTE anchor), the 5GS registration.
-    {"RM520N",
-     "0801",
-     "RM520N",
-     "rm520n",
-     {{"get_serving_cell", "{}", R"("band":"n78")"},
+    {"RM520N", "0801", "rm520n", {{"get_serving_cell", "{}", R"("band":"n78")"},
       {"get_serving_cell", "{}", R"("rat":"NR5G-SA")"},
       {"get_net_mode_type", "{}", R"("mode":"5G-SA")"},
       {"get_ca_info", "{}", R"("role":"pcc","rat":"NR5G","band":"n78")"},
@@ -64,11 +57,7 @@ const family families[] = {
       {"set_gsm_band", R"({"bands":["GSM_900"]})", nullptr, UBUS_STATUS_NOT_SUPPORTED}}},
     // GSM, LTE Cat-M1 and NB-IoT band fields, scan sequence codes, and its own
     // numbering of the radio in registration reports (8: E-UTRAN).
-    {"BG96",
-     "0296",
-     "BG96",
-     "bg96",
-     {{"set_net_ereg_stat", R"({"mode":"enable_loc"})", ""},
+    {"BG96", "0296", "bg96", {{"set_net_ereg_stat", R"({"mode":"enable_loc"})", ""},
       {"get_net_ereg_stat", "{}", R"("act_id":8)"},
       {"get_signal_query", "{}", R"("mode":"CAT-M1")"},
       {"get_signal_query", "{}", R"("sinr":19)"},
@@ -80,6 +69,7 @@ const family families[] = {
       {"get_mbn_list", "{}", R"("name":"Commercial-DT")"},
       {"set_wcdma_band", R"({"bands":["WCDMA_2100"]})", nullptr, UBUS_STATUS_NOT_SUPPORTED}}},
 };
+// clang-format on
 
 class Quectel : public ServedModemTest, public testing::WithParamInterface<family>
 {
@@ -106,7 +96,7 @@ TEST_P(Quectel, FamilyFormats)
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, Quectel, testing::ValuesIn(families),
-                         [](const auto &info) { return std::string(info.param.name); });
+                         [](const auto &info) { return std::string(info.param.model); });
 
 } // namespace
 } // namespace e2e

@@ -88,7 +88,7 @@ TEST_F(Sms, StoredMessagesAreReadWholeAndDeletedByTheirParts)
     sim.control(std::string("sms pdu ") + telekom_part1);
     EXPECT_TRUE(notified("sms_index", [](const bus_message &m) { return m.number("sms_index") == 5; }));
     EXPECT_EQ(message_at(ok("read_sms", R"({"index":-1})"), 5), "");
-    EXPECT_TRUE(bus->wait_until(call_ms, [&] { return sim.control("sms list").find("\n5 ") == std::string::npos; }))
+    EXPECT_TRUE(wait_until(call_ms, [&] { return sim.control("sms list").find("\n5 ") == std::string::npos; }))
         << sim.control("sms list");
 
     // Part 2 gone: a placeholder, or nothing with strip.
@@ -198,7 +198,7 @@ TEST_F(Files, UploadListDeleteAndFirmwareUpdate)
         }
         return s;
     };
-    EXPECT_TRUE(bus->wait_until(15000, [&] { return states().find("END") != std::string::npos; })) << states();
+    EXPECT_TRUE(wait_until(15000, [&] { return states().find("END") != std::string::npos; })) << states();
     EXPECT_EQ(states(), "START UPDATING1 UPDATING50 UPDATING100 END ");
 }
 

@@ -44,6 +44,7 @@ struct acl_case {
 
 using ubusd::acl_op;
 
+// clang-format off
 const acl_case cases[] = {
     // Watching.
     {"daemon events", &watcher, acl_op::listen, "gsm.*", nullptr, true, true},
@@ -65,8 +66,7 @@ const acl_case cases[] = {
     {"raw AT", &watcher, acl_op::access, "gsm.modem0", "exec", false, false},
     {"modem identity", &watcher, acl_op::access, "gsm.modem0", "info", false, false},
     {"modem signal", &watcher, acl_op::access, "gsm.modem2", "get_signal", false, true},
-    {"a method of the daemon object through a modem grant", &watcher, acl_op::access, "gsm", "get_signal", false,
-     false},
+    {"a daemon method through a modem grant", &watcher, acl_op::access, "gsm", "get_signal", false, false},
     // Outside the group nothing at all.
     {"stranger: events", &stranger, acl_op::listen, "gsm.*", nullptr, false, false},
     {"stranger: notifications", &stranger, acl_op::subscribe, "gsm.modem0", nullptr, false, false},
@@ -74,6 +74,7 @@ const acl_case cases[] = {
     {"stranger: modem signal", &stranger, acl_op::access, "gsm.modem0", "get_signal", false, false},
     {"a user named like the group", &wwan_user_other_group, acl_op::listen, "gsm.*", nullptr, false, false},
 };
+// clang-format on
 
 TEST(PackageAcl, GrantsWatchingOnlyUnlessTheOwnerGrantsMore)
 {

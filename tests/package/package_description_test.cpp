@@ -47,14 +47,13 @@ struct layout_case {
 };
 
 // Interfaces of the Qualcomm-based modules: 0 DM, 1 NMEA, 2 AT, 3 PPP.
+// clang-format off
 const layout_case layouts[] = {
-    {"all serial interfaces",
-     {{0, "ttyUSB0"}, {1, "ttyUSB1"}, {2, "ttyUSB2"}, {3, "ttyUSB3"}},
-     "/dev/ttyUSB2",
-     "/dev/ttyUSB1"},
+    {"all", {{0, "ttyUSB0"}, {1, "ttyUSB1"}, {2, "ttyUSB2"}, {3, "ttyUSB3"}}, "/dev/ttyUSB2", "/dev/ttyUSB1"},
     {"a composition without the NMEA port", {{0, "ttyUSB0"}, {2, "ttyUSB1"}, {3, "ttyUSB2"}}, "/dev/ttyUSB1", ""},
     {"the AT port not bound yet", {{0, "ttyUSB0"}, {1, "ttyUSB1"}}, nullptr, nullptr},
 };
+// clang-format on
 
 TEST(PackageDescriptions, CoverTheModelTableAndAreFoundOnTheirPorts)
 {
