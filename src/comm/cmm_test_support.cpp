@@ -197,8 +197,8 @@ std::string modem_sim::transcript() const
 
 // --- modem double -------------------------------------------------------------
 
-test_modem::test_modem(std::string tty, const modem_driver *driver, uint32_t baud)
-    : tty_(std::move(tty)), baud_(baud), driver_(driver), parser_(parser::create())
+test_modem::test_modem(std::string tty, const modem_driver *driver)
+    : tty_(std::move(tty)), driver_(driver), parser_(parser::create())
 {
     mdm_.set_identity("1-1.2", "2C7C:0125");
     INIT_LIST_HEAD(&queue_);
@@ -218,7 +218,6 @@ request *test_modem::queue(std::string_view command, uint32_t action, uint32_t t
         create_request(action, reply_cb, this, command.data(), static_cast<uint32_t>(command.size()), timeout, nullptr);
     if (!req)
         return nullptr;
-    req->number = ++numbers_;
     list_add_tail(&req->list, &queue_);
     if (cmm)
         cmm->ping();
@@ -232,30 +231,13 @@ request *test_modem::get_request()
 
 void test_modem::finish_request(request *req, int failed)
 {
-    finished.push_back(
-        {std::string(req->command, strnlen(req->command, req->length)), req->action, failed, req->number});
+    finished.push_back({std::string(req->command, strnlen(req->command, req->length)), req->action, failed});
     clean_request(req, 1);
-}
-
-void test_modem::release_pending_request()
-{
-    released++;
-    awaited.clear();
 }
 
 void test_modem::new_event(uint32_t event, const void *data)
 {
-    event_record rec;
-    rec.event = event;
-    if (event == 15) {
-        auto *json = static_cast<const ujson *>(data);
-        const char *r = json->get_string("response");
-        rec.response = r ? r : "";
-        rec.value = json->get_int("state_id");
-    } else {
-        rec.value = *static_cast<const int32_t *>(data);
-    }
-    events.push_back(rec);
+    events.push_back({event, event == 29 ? *static_cast<const int32_t *>(data) : 0});
 }
 
 void test_modem::notify_error(ubus_request_data *, int status, ujson &)
@@ -266,29 +248,15 @@ void test_modem::notify_error(ubus_request_data *, int status, ujson &)
 size_t test_modem::queued() const
 {
     size_t n = 0;
-    const list_head *p;
-    for (p = queue_.next; p != &queue_; p = p->next)
+    for (const list_head *p = queue_.next; p != &queue_; p = p->next)
         n++;
     return n;
 }
 
-void test_modem::reply_cb(modem *, uint32_t action, ujson *reply, void *ctx)
+void test_modem::reply_cb(modem *, uint32_t, ujson *reply, void *ctx)
 {
-    auto *self = static_cast<test_modem *>(ctx);
-    reply_record rec;
-    rec.action = action;
-    if (reply->exists("request"))
-        rec.request = reply->get_string("request");
-    if (reply->exists("response"))
-        rec.response = reply->get_string("response");
-    rec.has_errno = reply->exists("errno");
-    if (rec.has_errno)
-        rec.err = reply->get_int("errno");
-    if (char *json = blobmsg_format_json(reply->get_blobmsg(), true)) {
-        rec.json = json;
-        std::free(json);
-    }
-    self->replies.push_back(rec);
+    const char *response = reply->exists("response") ? reply->get_string("response") : "";
+    static_cast<test_modem *>(ctx)->replies.push_back({response, json_text(reply->get_blobmsg())});
 }
 
 bool run_until(int timeout_ms, const std::function<bool()> &pred)

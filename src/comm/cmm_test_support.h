@@ -76,11 +76,7 @@ std::string sim_executable();
 
 // What a completion callback received.
 struct reply_record {
-    uint32_t action = 0;
-    std::string request;
     std::string response;
-    int32_t err = 0;
-    bool has_errno = false;
     std::string json;
 };
 
@@ -88,20 +84,18 @@ struct finished_record {
     std::string command;
     uint32_t action = 0;
     int failed = 0;
-    uint64_t number = 0;
 };
 
 struct event_record {
     uint32_t event = 0;
-    int32_t value = 0;    // event 29
-    std::string response; // event 15
+    int32_t value = 0; // event 29 only
 };
 
 // The modem the channel serves in tests: a real queue, a real parser.
 class test_modem : public cmm_modem
 {
   public:
-    test_modem(std::string tty, const modem_driver *driver, uint32_t baud = 115200);
+    test_modem(std::string tty, const modem_driver *driver);
     ~test_modem() override;
 
     // Queues an internal request whose answer lands in replies, and pings.
@@ -111,7 +105,7 @@ class test_modem : public cmm_modem
     const char *id() const override { return mdm_.id(); }
     const char *vid_pid() const override { return mdm_.vid_pid(); }
     const char *tty_path() const override { return tty_.c_str(); }
-    uint32_t baud_rate() const override { return baud_; }
+    uint32_t baud_rate() const override { return 115200; }
     const char *object_name() const override { return "gsm.modem0"; }
     modem *driver_modem() override { return &mdm_; }
     const modem_driver *driver() const override { return driver_; }
@@ -120,7 +114,7 @@ class test_modem : public cmm_modem
     list_head *request_list() override { return &queue_; }
     request *get_request() override;
     void finish_request(request *req, int failed) override;
-    void release_pending_request() override;
+    void release_pending_request() override { awaited.clear(); }
     void tty_ready() override { ready++; }
     void trigger_hang() override { hangs++; }
     void input_received() override { inputs++; }
@@ -141,18 +135,15 @@ class test_modem : public cmm_modem
     int ready = 0;
     int hangs = 0;
     int inputs = 0;
-    int released = 0;
 
   private:
     static void reply_cb(modem *mdm, uint32_t action, ujson *reply, void *ctx);
 
     modem mdm_;
     std::string tty_;
-    uint32_t baud_;
     const modem_driver *driver_;
     std::unique_ptr<parser> parser_;
     list_head queue_;
-    uint64_t numbers_ = 0;
 };
 
 // Runs the event loop until pred holds or timeout_ms passed; pred's result.

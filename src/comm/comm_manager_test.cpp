@@ -338,6 +338,20 @@ TEST_F(CommManager, FailedWritesAnswerTheirRequestsAndThirtyOneDeclareTheModemHu
     }
 }
 
+// A paused channel (firmware update) writes nothing until resumed.
+TEST_F(CommManager, PausedChannelHoldsRequestsUntilResumed)
+{
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    mdm->cmm->set_paused(true);
+    mdm->queue("AT+CSQ");
+    idle(150);
+    EXPECT_TRUE(mdm->finished.empty());
+    EXPECT_EQ(count(modem_input(sim->transcript()), "AT+CSQ"), 0u);
+    mdm->cmm->set_paused(false);
+    ASSERT_TRUE(wait_finished(1));
+    EXPECT_EQ(mdm->replies.at(0).response, csq_answer);
+}
+
 // --- URCs -----------------------------------------------------------------------
 
 // A URC reaches its driver handler wherever it comes: idle, in front of an
@@ -521,6 +535,39 @@ TEST_F(CommManager, SilentModemGetsOnlyProbesUntilItAnswers)
     }
 }
 
+// A command longer than the port takes at once goes out whole; when it
+// expires half-written, backspaces erase the fragment before the probe.
+TEST_F(CommManager, LongCommandIsWrittenWholeOrItsFragmentErased)
+{
+    const std::string cmd = "AT+LONG=" + std::string(60000, '7');
+    for (const bool stall : {false, true}) {
+        SCOPED_TRACE(stall ? "modem stops reading" : "modem reads");
+        ASSERT_NO_FATAL_FAILURE(open_channel(scenario("on AT+LONG=*\n  line +LONG: 1\n  ok\n")));
+        if (stall)
+            sim->signal(SIGSTOP);
+        request *req = mdm->queue(cmd);
+        if (stall) {
+            idle(200);
+            EXPECT_TRUE(mdm->cmm->writing());
+            expire(*mdm, req);
+            sim->signal(SIGCONT);
+        } else {
+            ASSERT_TRUE(wait_finished(1, 10000));
+        }
+        EXPECT_EQ(answer("AT+CSQ", 8000), csq_answer);
+        std::string in = modem_input(sim->transcript());
+        size_t erased = in.find("\\x08");
+        if (stall) {
+            ASSERT_NE(erased, std::string::npos) << "no backspace erased the fragment";
+            EXPECT_LT(erased, in.find("AT+CMEE?")) << "the probe went out before the fragment was erased";
+        } else {
+            EXPECT_EQ(mdm->finished.at(0).failed, 0);
+            EXPECT_NE(in.find(cmd + "\\r"), std::string::npos) << "the modem did not get the command whole";
+        }
+        restart();
+    }
+}
+
 // "AT+CMGS=5" on its own leaves the modem at its prompt; when it expires the
 // prompt is cancelled before anything else is written.
 TEST_F(CommManager, CommandExpiringAtAPromptIsCancelledWithEsc)
@@ -608,6 +655,39 @@ TEST_F(CommManagerAvp, LinesAreFramedBoundedAndChecked)
         }
         restart();
     }
+}
+
+// Clients arriving while every descriptor is taken get the error line and
+// are closed; the daemon goes on serving the next client.
+TEST_F(CommManagerAvp, ClientsArrivingWhileOutOfDescriptorsAreRefusedWithTheErrorLine)
+{
+    ASSERT_NO_FATAL_FAILURE(open_avp(scenario("")));
+    rlimit old{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+    std::vector<std::unique_ptr<avp_peer>> waiting;
+    for (int i = 0; i < 3; i++)
+        waiting.push_back(std::make_unique<avp_peer>(root.path() + "/dev/modem0"));
+    // The fillers stand for the other clients holding every descriptor left.
+    testing::internal::CaptureStdout();
+    std::vector<int> fillers{dup(0)};
+    ASSERT_GE(fillers[0], 0);
+    rlimit tight{static_cast<rlim_t>(fillers[0] + 1), old.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+    for (int fd; (fd = dup(0)) >= 0;)
+        fillers.push_back(fd);
+    idle(200);
+    for (int fd : fillers)
+        close(fd);
+    setrlimit(RLIMIT_NOFILE, &old);
+    testing::internal::GetCapturedStdout();
+    for (auto &c : waiting) {
+        c->poll();
+        EXPECT_EQ(c->received(), comm_manager::avp_error);
+    }
+    avp_peer later(root.path() + "/dev/modem0");
+    ASSERT_TRUE(later.send("AT+CSQ\n"));
+    ASSERT_TRUE(wait_received(later, csq_answer.size()));
+    EXPECT_EQ(later.received(), csq_answer);
 }
 
 // ---- raw data after CONNECT (file upload) -------------------------------------

@@ -2,14 +2,14 @@
 
 #include <cstdio>
 #include <fstream>
-#include <functional>
 #include <random>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-namespace {
+namespace
+{
 
 using strings = std::vector<std::string>;
 
@@ -107,7 +107,7 @@ strings take_urcs(parser &p)
 
 // Runs a transcript with each block's bytes cut by split(); returns per block
 // the URCs handed out and the response it ended with, one text per block.
-strings run(const transcript &t, const std::function<strings(size_t)> &split)
+strings run(const transcript &t, const std::vector<strings> &plan)
 {
     auto p = parser::create();
     strings out;
@@ -120,7 +120,7 @@ strings run(const transcript &t, const std::function<strings(size_t)> &split)
         in_flight |= b.kind == '>';
         bool more_parts = i + 1 < t.blocks.size() && t.blocks[i + 1].kind == '+';
         std::string got;
-        for (const auto &chunk : split(i)) {
+        for (const auto &chunk : plan[i]) {
             uint32_t st = feed_chunk(*p, chunk, in_flight ? cmd.c_str() : nullptr);
             for (const auto &u : take_urcs(*p))
                 got += "urc " + esc(u) + "\n";
@@ -147,7 +147,9 @@ std::string show(const strings &blocks)
     return s;
 }
 
-class TranscriptTest : public testing::TestWithParam<const char *> {};
+class TranscriptTest : public testing::TestWithParam<const char *>
+{
+};
 
 TEST_P(TranscriptTest, SameResultsHoweverTheBytesAreChunked)
 {
@@ -161,42 +163,35 @@ TEST_P(TranscriptTest, SameResultsHoweverTheBytesAreChunked)
             w += "urc " + esc(u) + "\n";
         want.push_back(w + (b.want.empty() ? "" : esc(b.want) + "\n"));
     }
-    auto check = [&](const std::string &how, const std::function<strings(size_t)> &split) {
-        strings got = run(t, split);
-        if (got != want)
-            ADD_FAILURE() << how << "\ngot:\n" << show(got) << "want:\n" << show(want);
-        return got == want;
-    };
-
-    ASSERT_TRUE(check("as captured", [&](size_t i) { return t.blocks[i].chunks; }));
-    ASSERT_TRUE(check("one chunk per block", [&](size_t i) { return strings{joined(t.blocks[i].chunks)}; }));
-    ASSERT_TRUE(check("one byte at a time", [&](size_t i) {
-        strings bytes;
-        for (char c : joined(t.blocks[i].chunks))
-            bytes.emplace_back(1, c);
-        return bytes;
-    }));
+    // Rounds -3..-1: as captured, one chunk per block, one byte at a time; then
+    // each block cut in three at random places.
     std::mt19937 rng(20261123);
-    for (int round = 0; round < 200; round++) {
+    for (int round = -3; round < 200; round++) {
         std::vector<strings> plan;
-        std::string how = "three chunks:";
         for (const auto &b : t.blocks) {
             std::string all = joined(b.chunks);
             size_t x = rng() % (all.size() + 1), y = rng() % (all.size() + 1);
             if (x > y)
                 std::swap(x, y);
-            plan.push_back({all.substr(0, x), all.substr(x, y - x), all.substr(y)});
-            how += " [" + esc(plan.back()[0]) + "|" + esc(plan.back()[1]) + "|" + esc(plan.back()[2]) + "]";
+            plan.push_back(round == -3   ? b.chunks
+                           : round == -2 ? strings{all}
+                           : round == -1 ? strings(all.size())
+                                         : strings{all.substr(0, x), all.substr(x, y - x), all.substr(y)});
+            for (size_t k = 0; round == -1 && k < all.size(); k++)
+                plan.back()[k] = all.substr(k, 1);
         }
-        ASSERT_TRUE(check(how, [&](size_t i) { return plan[i]; }));
+        std::string how;
+        for (const auto &p : plan)
+            for (const auto &c : p)
+                how += esc(c) + "|";
+        ASSERT_EQ(show(run(t, plan)), show(want)) << "round " << round << ": " << how;
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Captured, TranscriptTest,
-                         testing::Values("csq_creg.txt", "ati_boot.txt", "cops_scan.txt", "cmgl_pdu.txt",
-                                         "errors.txt", "numeric.txt", "cmgs_prompt.txt", "qind_urc.txt",
-                                         "ring_clip.txt", "cusd.txt", "powered_down.txt", "qeng_qfupl.txt",
-                                         "creg_all.txt"));
+                         testing::Values("csq_creg.txt", "ati_boot.txt", "cops_scan.txt", "cmgl_pdu.txt", "errors.txt",
+                                         "numeric.txt", "cmgs_prompt.txt", "qind_urc.txt", "ring_clip.txt", "cusd.txt",
+                                         "powered_down.txt", "qeng_qfupl.txt", "creg_all.txt"));
 
 // --- Result codes and token -------------------------------------------------------
 
@@ -208,6 +203,7 @@ TEST(AtsIdFindTest, FindsTheCodeThatEndsAResponse)
         uint32_t id, pos, len;
         int numeric;
     };
+    // clang-format off
     const row rows[] = {
         {"verbose OK after data", "\r\n+CSQ: 20,99\r\n\r\nOK\r\n", ATS_OK, 15, 6, 0},
         {"lower id wins over an earlier code", "\r\nERROR\r\n\r\nOK\r\n", ATS_OK, 9, 6, 0},
@@ -228,6 +224,7 @@ TEST(AtsIdFindTest, FindsTheCodeThatEndsAResponse)
         {"nothing", "\r\n+CREG: 1\r\n", ATS_NONE, 12, 0, 1},
         {"empty text", "", ATS_NONE, 0, 0, 1},
     };
+    // clang-format on
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
         uint32_t pos = 99, len = 99;
@@ -244,12 +241,21 @@ TEST(AtsIdFindTest, FindsTheCodeThatEndsAResponse)
 
 TEST(TokenTest, TakenFromTheCommandName)
 {
+    // clang-format off
     const std::pair<const char *, const char *> rows[] = {
-        {"AT+CSQ\r", "CSQ"},       {"AT+COPS=?\r", "COPS"},  {"AT+CREG?\r", "CREG"},
-        {"at+cgdcont?\r", "CGDCONT"}, {"AT^SYSINFO\r", "SYSINFO"}, {"AT+QCFG=\"band\"\r", "QCFG"},
-        {"ATI\r", ""},             {"ATE0\r", "0"},          {"AT\r", "AT"},
-        {"AT+ABCDEFGHIJKLMNO=1\r", "ABCDEFGHIJKLMNO"},       {"AT+ABCDEFGHIJKLMNOP=1\r", ""},
+        {"AT+CSQ\r", "CSQ"},
+        {"AT+COPS=?\r", "COPS"},
+        {"AT+CREG?\r", "CREG"},
+        {"at+cgdcont?\r", "CGDCONT"},
+        {"AT^SYSINFO\r", "SYSINFO"},
+        {"AT+QCFG=\"band\"\r", "QCFG"},
+        {"ATI\r", ""},
+        {"ATE0\r", "0"},
+        {"AT\r", "AT"},
+        {"AT+ABCDEFGHIJKLMNO=1\r", "ABCDEFGHIJKLMNO"},
+        {"AT+ABCDEFGHIJKLMNOP=1\r", ""},
     };
+    // clang-format on
     auto p = parser::create();
     for (const auto &[cmd, token] : rows) {
         SCOPED_TRACE(cmd);
@@ -275,42 +281,30 @@ TEST(WorkTest, SplitsTheHistoryIntoResponseUrcsAndRest)
         std::string left;
     };
     const uint32_t done = PARSER_STATUS_COMPLETE, urc = PARSER_STATUS_URC, waits = PARSER_STATUS_INCOMPLETE;
+    // clang-format off
     const row rows[] = {
         {"whole answer", "AT+CSQ\r", "\r\n+CSQ: 20,99\r\n\r\nOK\r\n", done, "\r\n+CSQ: 20,99\r\n\r\nOK\r\n", {}, ""},
         {"URC while the answer is awaited", "AT+CSQ\r", "\r\n+CREG: 1\r\n", waits | urc, "", {"\r\n+CREG: 1\r\n"}, ""},
         {"answer still arriving", "AT+CSQ\r", "\r\n+CSQ: 20,99\r\n", waits, "", {}, "\r\n+CSQ: 20,99\r\n"},
         {"nothing awaited without a token", "ATI\r", "\r\nQuectel\r\n", 0, "", {}, "\r\nQuectel\r\n"},
         {"prompt", "AT+CMGS=23\r", "\r\n> ", PARSER_STATUS_PROMPT, "\r\n> ", {}, ""},
-        {"token lines and the plain lines between them", "AT+CMGL=4\r",
-         "\r\n+CMTI: \"SM\",1\r\n\r\n+CMGL: 0,1,,3\r\n000000\r\n+CMGL: 1,1,,3\r\n000000\r\n\r\nOK\r\n", done | urc,
-         "\r\n+CMGL: 0,1,,3\r\n000000\r\n+CMGL: 1,1,,3\r\n000000\r\n\r\nOK\r\n", {"\r\n+CMTI: \"SM\",1\r\n"}, ""},
+        {"token lines and the plain lines between them", "AT+CMGL=4\r", "\r\n+CMTI: \"SM\",1\r\n\r\n+CMGL: 0,1,,3\r\n000000\r\n+CMGL: 1,1,,3\r\n000000\r\n\r\nOK\r\n", done | urc, "\r\n+CMGL: 0,1,,3\r\n000000\r\n+CMGL: 1,1,,3\r\n000000\r\n\r\nOK\r\n", {"\r\n+CMTI: \"SM\",1\r\n"}, ""},
         {"token compared without case", "AT+CSQ\r", "\r\n+csq: 1,2\r\n\r\nOK\r\n", done, "\r\n+csq: 1,2\r\n\r\nOK\r\n", {}, ""},
-        {"a URC inside the answer stays in it", "AT+CSQ\r", "\r\n+CSQ: 20,99\r\n\r\n+CREG: 1\r\n\r\nOK\r\n", done,
-         "\r\n+CSQ: 20,99\r\n\r\n+CREG: 1\r\n\r\nOK\r\n", {}, ""},
-        {"plain answer starts after the last URC", "AT+CGSN\r", "\r\n+CREG: 5\r\n\r\n867698041234567\r\n\r\nOK\r\n",
-         done | urc, "\r\n867698041234567\r\n\r\nOK\r\n", {"\r\n+CREG: 5\r\n"}, ""},
-        {"plain lines before the token line are dropped", "AT+CPIN?\r", "\r\nRDY\r\n\r\n+CPIN: READY\r\n\r\nOK\r\n",
-         done, "\r\n+CPIN: READY\r\n\r\nOK\r\n", {}, ""},
-        {"RING ends a plain answer's lead-in", "AT+CGMR\r", "\r\nRING\r\n\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n",
-         done | urc, "\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n", {"\r\nRING\r\n"}, ""},
-        {"bytes after the result code stay", "AT+CSQ\r", "\r\n+CSQ: 1,2\r\n\r\nOK\r\n\r\n+CRE", done,
-         "\r\n+CSQ: 1,2\r\n\r\nOK\r\n", {}, "\r\n+CRE"},
-        {"upload report is a URC, not data", "AT+QFUPL=\"a\",3\r", "\r\n+QFUPL: 3,6162\r\n\r\nOK\r\n", done | urc,
-         "\r\nOK\r\n", {"\r\n+QFUPL: 3,6162\r\n"}, ""},
-        {"four bytes or less in front stay", "AT+CSQ\r", "\r\n\r\n\r\n+CSQ: 1,2\r\n\r\nOK\r\n", done,
-         "\r\n+CSQ: 1,2\r\n\r\nOK\r\n", {}, "\r\n\r\n"},
-        {"special URCs come before line URCs", "AT+CSQ\r", "\r\n+CREG: 1\r\n\r\n+CUSD: 1,\"Menu\r\n1 Top up\",15\r\n",
-         waits | urc, "", {"\r\n+CUSD: 1,\"Menu\r\n1 Top up\",15\r\n", "\r\n+CREG: 1\r\n"}, ""},
+        {"a URC inside the answer stays in it", "AT+CSQ\r", "\r\n+CSQ: 20,99\r\n\r\n+CREG: 1\r\n\r\nOK\r\n", done, "\r\n+CSQ: 20,99\r\n\r\n+CREG: 1\r\n\r\nOK\r\n", {}, ""},
+        {"plain answer starts after the last URC", "AT+CGSN\r", "\r\n+CREG: 5\r\n\r\n867698041234567\r\n\r\nOK\r\n", done | urc, "\r\n867698041234567\r\n\r\nOK\r\n", {"\r\n+CREG: 5\r\n"}, ""},
+        {"plain lines before the token line are dropped", "AT+CPIN?\r", "\r\nRDY\r\n\r\n+CPIN: READY\r\n\r\nOK\r\n", done, "\r\n+CPIN: READY\r\n\r\nOK\r\n", {}, ""},
+        {"RING ends a plain answer's lead-in", "AT+CGMR\r", "\r\nRING\r\n\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n", done | urc, "\r\nEC25EFAR06A06M4G\r\n\r\nOK\r\n", {"\r\nRING\r\n"}, ""},
+        {"bytes after the result code stay", "AT+CSQ\r", "\r\n+CSQ: 1,2\r\n\r\nOK\r\n\r\n+CRE", done, "\r\n+CSQ: 1,2\r\n\r\nOK\r\n", {}, "\r\n+CRE"},
+        {"upload report is a URC, not data", "AT+QFUPL=\"a\",3\r", "\r\n+QFUPL: 3,6162\r\n\r\nOK\r\n", done | urc, "\r\nOK\r\n", {"\r\n+QFUPL: 3,6162\r\n"}, ""},
+        {"four bytes or less in front stay", "AT+CSQ\r", "\r\n\r\n\r\n+CSQ: 1,2\r\n\r\nOK\r\n", done, "\r\n+CSQ: 1,2\r\n\r\nOK\r\n", {}, "\r\n\r\n"},
+        {"special URCs come before line URCs", "AT+CSQ\r", "\r\n+CREG: 1\r\n\r\n+CUSD: 1,\"Menu\r\n1 Top up\",15\r\n", waits | urc, "", {"\r\n+CUSD: 1,\"Menu\r\n1 Top up\",15\r\n", "\r\n+CREG: 1\r\n"}, ""},
         {"USSD without text is a plain URC line", "AT+CSQ\r", "\r\n+CUSD: 2\r\n", waits | urc, "", {"\r\n+CUSD: 2\r\n"}, ""},
-        {"USSD text over 256 characters is not one URC", "AT+CSQ\r", "\r\n+CUSD: 0,\"" + std::string(257, 'a') + "\r\n",
-         waits | urc, "", {"\r\n+CUSD: 0,\"" + std::string(257, 'a') + "\r\n"}, ""},
-        {"USSD text that may still close waits", "AT+CSQ\r", "\r\n+CUSD: 0,\"" + std::string(254, 'a') + "\r\n", waits,
-         "", {}, "\r\n+CUSD: 0,\"" + std::string(254, 'a') + "\r\n"},
-        {"POWERED DOWN is one URC and the next keeps its line break", "AT+CSQ\r",
-         "\r\nPOWERED DOWN\r\n\r\n+CREG: 0\r\n", waits | urc, "", {"\r\nPOWERED DOWN\r\n", "\r\n+CREG: 0\r\n"}, ""},
-        {"idle URC after a query is delivered without a token", nullptr, "\r\n+CREG: 5\r\n", urc, "",
-         {"\r\n+CREG: 5\r\n"}, ""},
+        {"USSD text over 256 characters is not one URC", "AT+CSQ\r", "\r\n+CUSD: 0,\"" + std::string(257, 'a') + "\r\n", waits | urc, "", {"\r\n+CUSD: 0,\"" + std::string(257, 'a') + "\r\n"}, ""},
+        {"USSD text that may still close waits", "AT+CSQ\r", "\r\n+CUSD: 0,\"" + std::string(254, 'a') + "\r\n", waits, "", {}, "\r\n+CUSD: 0,\"" + std::string(254, 'a') + "\r\n"},
+        {"POWERED DOWN is one URC and the next keeps its line break", "AT+CSQ\r", "\r\nPOWERED DOWN\r\n\r\n+CREG: 0\r\n", waits | urc, "", {"\r\nPOWERED DOWN\r\n", "\r\n+CREG: 0\r\n"}, ""},
+        {"idle URC after a query is delivered without a token", nullptr, "\r\n+CREG: 5\r\n", urc, "", {"\r\n+CREG: 5\r\n"}, ""},
     };
+    // clang-format on
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
         auto p = parser::create();
@@ -347,7 +341,8 @@ TEST(BadInputTest, HistoryOverTheLimitIsDroppedWithAPreview)
     // 70 KB of a listing whose final result code never comes, in tty-sized reads.
     std::string listing;
     for (int i = 0; listing.size() < 70 * 1024; i++)
-        listing += "\r\n+CMGL: " + std::to_string(i) + ",1,,30\r\n07911326040000F0040B911346610089F60000208062917314080CC8F71D14969741F977FD07";
+        listing += "\r\n+CMGL: " + std::to_string(i) +
+                   ",1,,30\r\n07911326040000F0040B911346610089F60000208062917314080CC8F71D14969741F977FD07";
     listing.resize(70 * 1024);
     auto p = parser::create();
     for (size_t off = 0; off < listing.size(); off += 8192) {
@@ -365,6 +360,7 @@ TEST(BadInputTest, HistoryOverTheLimitIsDroppedWithAPreview)
 
 TEST(BadInputTest, GarbageGoesOnceAUrcOrAnAnswerFollows)
 {
+    // clang-format off
     const std::pair<const char *, std::string> rows[] = {
         {"line noise", "\r\n\x7f\xfe\x01garbage\r\n"},
         {"zero bytes", std::string("\r\n\0\0\0\r\n", 7)},
@@ -373,12 +369,14 @@ TEST(BadInputTest, GarbageGoesOnceAUrcOrAnAnswerFollows)
         {"line feeds", "\n\n\n\n\n"},
         {"half a URC", "+CREG: "},
     };
+    // clang-format on
     for (const auto &[what, junk] : rows) {
         SCOPED_TRACE(what);
         auto p = parser::create();
         feed_chunk(*p, junk, "AT+CSQ\r");
         take_urcs(*p);
-        EXPECT_TRUE(feed_chunk(*p, "\n\r\n+CREG: 1\r\n\r\n+CSQ: 1,2\r\n\r\nOK\r\n", "AT+CSQ\r") & PARSER_STATUS_COMPLETE);
+        EXPECT_TRUE(feed_chunk(*p, "\n\r\n+CREG: 1\r\n\r\n+CSQ: 1,2\r\n\r\nOK\r\n", "AT+CSQ\r") &
+                    PARSER_STATUS_COMPLETE);
         EXPECT_EQ(esc({p->get_data(), p->get_len()}), esc("\r\n+CSQ: 1,2\r\n\r\nOK\r\n"));
     }
 }
@@ -387,9 +385,14 @@ TEST(BadInputTest, GarbageGoesOnceAUrcOrAnAnswerFollows)
 // leak (the sanitizer build checks), and what comes out must fit what went in.
 TEST(BadInputTest, FuzzedTrafficKeepsTheParserConsistent)
 {
-    const strings words = {"\r\n", "\r", "\n", "OK", "ERROR", "+CME ERROR: ", "> ", "CONNECT", "RING", "+CREG: 1",
-                           "+CSQ: ", "+CUSD: ", "0,\"", "\",15", "POWERED DOWN", "+QFUPL", "0", "1", "4", ",",
-                           std::string(1, '\0'), "?Time out", "NO CARRIER"};
+    const strings words = {"\r\n",      "\r",        "\n",
+                           "OK",        "ERROR",     "+CME ERROR: ",
+                           "> ",        "CONNECT",   "RING",
+                           "+CREG: 1",  "+CSQ: ",    "+CUSD: ",
+                           "0,\"",      "\",15",     "POWERED DOWN",
+                           "+QFUPL",    "0",         "1",
+                           "4",         ",",         std::string(1, '\0'),
+                           "?Time out", "NO CARRIER"};
     const char *const cmds[] = {"AT+CSQ\r", "AT+CUSD=1\r", "ATI\r", "AT+QFUPL=\"f\"\r", nullptr};
     std::mt19937 rng(7);
     for (int run = 0; run < 300; run++) {

@@ -14,19 +14,6 @@ std::string content(const ubuffer &b)
     return std::string(reinterpret_cast<const char *>(b.buffer()), b.len());
 }
 
-TEST(UbufferTest, StartsEmptyWithoutStorage)
-{
-    auto b = ubuffer::create();
-    ASSERT_TRUE(b);
-    EXPECT_EQ(b->buffer(), nullptr);
-    EXPECT_EQ(b->len(), 0u);
-    EXPECT_EQ(b->cap(), 0u);
-    EXPECT_EQ(b->grow_cnt(), 0u);
-    b->flush(); // no storage to touch
-    EXPECT_EQ(b->len(), 0u);
-    EXPECT_EQ(b->cut(0, 5), 0u);
-}
-
 // Growth takes at least a kilobyte, else what is needed (not the need minus
 // the free space); content that exactly fills the storage does not grow it
 // and still has its terminator (ASan catches an overrun). Copy replaces the
