@@ -7,9 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <functional>
-#include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -87,13 +85,11 @@ class recording_modem : public modem
   private:
     void record(uint32_t id, const void *data, bool forced)
     {
-        event e{id, forced, 0, nullptr};
-        const bool is_data = std::find(data_events.begin(), data_events.end(), id) != data_events.end();
-        if (is_data && data)
+        event &e = events.emplace_back(event{id, forced, 0, nullptr});
+        if (data && std::count(data_events.begin(), data_events.end(), id))
             e.data = static_cast<const ujson *>(data)->clone();
         else if (data)
             e.number = *static_cast<const int32_t *>(data);
-        events.push_back(std::move(e));
     }
 };
 
@@ -120,12 +116,8 @@ class driver_test : public ::testing::Test
   protected:
     void SetUp() override
     {
-        cache = cache_manager::create();
-        ASSERT_TRUE(cache);
         mdm.set_identity("1-1.2", "2C7C:0125");
         mdm.set_cache(cache.get());
-        reply = ujson::create();
-        ASSERT_TRUE(reply);
     }
     void TearDown() override
     {
@@ -153,10 +145,8 @@ class driver_test : public ::testing::Test
         reply = ujson::create();
         return reply.get();
     }
-    std::string field(const char *key) const
-    {
-        return reply->exists(key) && reply->get_string(key) ? reply->get_string(key) : "<none>";
-    }
+    // A reply value; "<none>" or -999 when the key is absent.
+    std::string field(const char *key) const { return reply->exists(key) ? reply->get_string(key) : "<none>"; }
     int32_t number(const char *key) const { return reply->exists(key) ? reply->get_int(key) : -999; }
     std::string cached(const char *key) const
     {
@@ -171,25 +161,21 @@ class driver_test : public ::testing::Test
         return json;
     }
     static std::string as_json(const ujson &json) { return json_text(json.get_blobmsg()); }
-    // "<status>[ <command>]" of a build from JSON arguments.
+    // "<status>[ <command>]" of a build from JSON arguments; "<status> <reply>"
+    // of a parse, then " <event>=<value>" per event raised; run() does either.
     std::string built(act_func fn, const std::string &json)
     {
         int status = build(fn, json_of(json).get());
         return std::to_string(status) + (command().empty() ? "" : " " + command());
     }
-    // A build from JSON arguments or a parse of an answer, as built() and parsed() show them.
-    enum step { BUILD, PARSE };
-    std::string run(step s, act_func fn, const std::string &text)
-    {
-        return s == BUILD ? built(fn, text) : parsed(fn, text);
-    }
-    // "<status> <reply>" of a parse, then " <event>=<value>" per event raised.
     std::string parsed(act_func fn, const std::string &answer)
     {
         mdm.events.clear();
         int status = parse(fn, answer);
         return std::to_string(status) + " " + as_json(*reply) + (mdm.events.empty() ? "" : " " + raised());
     }
+    enum step { BUILD, PARSE };
+    std::string run(step s, act_func fn, const std::string &text) { return s ? parsed(fn, text) : built(fn, text); }
     // The events raised: "<event>=<value>" each ("!" after a forced one),
     // then "<bus event>=<payload>" per broadcast.
     std::string raised() const
@@ -204,8 +190,8 @@ class driver_test : public ::testing::Test
     }
 
     recording_modem mdm;
-    std::unique_ptr<cache_manager> cache;
-    std::unique_ptr<ujson> reply;
+    std::unique_ptr<cache_manager> cache = cache_manager::create();
+    std::unique_ptr<ujson> reply = ujson::create();
     request req;
     std::string response;
 };

@@ -4,8 +4,6 @@
 #include <cstring>
 #include <ctime>
 #include <map>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include "wwan/ubox.h"
@@ -26,11 +24,6 @@ const std::pair<const char *, const char *> short_keys[] = {
 class NetTest : public driver_test
 {
   protected:
-    void SetUp() override
-    {
-        driver_test::SetUp();
-        pin(PIN_STATE_OK);
-    }
     // The PIN state as the event manager caches it; a negative one is absent.
     void pin(int32_t state)
     {
@@ -38,41 +31,36 @@ class NetTest : public driver_test
         if (state >= 0)
             cache->update_item("pin_state", CACHE_DATA_INT32, &state, sizeof(state));
     }
+    // Drops the keys cached and what the modem recorded; the SIM is usable.
     void forget(std::initializer_list<const char *> keys)
     {
         for (const char *key : keys)
             cache->remove_item_name(key);
+        pin(PIN_STATE_OK);
         mdm.events.clear();
         mdm.refreshed.clear();
         mdm.iface_actions.clear();
     }
-    // "name=value" for the keys the reply holds, in short_keys' order.
-    std::string replied() const
+    // "name=value" for the keys the reply (the raw response as "yes") or the
+    // cache holds, in short_keys' order.
+    std::string listed(bool from_cache) const
     {
         std::map<std::string, std::string> got;
         blob_attr *a;
         size_t rem;
-        blobmsg_for_each_attr(a, reply->get_blobmsg(), rem)
-        {
-            bool number = blobmsg_type(a) == BLOBMSG_TYPE_INT32;
-            got[blobmsg_name(a)] = number ? std::to_string(static_cast<int32_t>(blobmsg_get_u32(a))) : "yes";
-            if (blobmsg_type(a) == BLOBMSG_TYPE_STRING && std::strcmp(blobmsg_name(a), "response") != 0)
-                got[blobmsg_name(a)] = blobmsg_get_string(a);
-        }
+        blobmsg_for_each_attr(a, reply->get_blobmsg(), rem) got[blobmsg_name(a)] =
+            blobmsg_type(a) == BLOBMSG_TYPE_INT32      ? std::to_string(static_cast<int32_t>(blobmsg_get_u32(a)))
+            : std::strcmp(blobmsg_name(a), "response") ? blobmsg_get_string(a)
+                                                       : "yes";
         std::string s;
-        for (auto [key, name] : short_keys)
-            if (got.count(key))
-                s += (s.empty() ? "" : " ") + std::string(name) + "=" + got[key];
-        return s;
-    }
-    // The same for the cache.
-    std::string kept() const
-    {
-        std::string s;
-        for (auto [key, name] : short_keys)
-            if (const cache_item *item = cache->get_item(key))
+        for (auto [key, name] : short_keys) {
+            const cache_item *item = from_cache ? cache->get_item(key) : nullptr;
+            if (item || (!from_cache && got.count(key)))
                 s += (s.empty() ? "" : " ") + std::string(name) + "=" +
-                     (item->text() ? item->text() : std::to_string(item->get<int32_t>()));
+                     (!item          ? got[key]
+                      : item->text() ? item->text()
+                                     : std::to_string(item->get<int32_t>()));
+        }
         return s;
     }
     // Events as "id=value" ("!" when forced), then refreshed actions.
@@ -116,11 +104,12 @@ TEST_F(NetTest, RegistrationAnswers)
     // clang-format on
     for (const auto &row : rows) {
         SCOPED_TRACE(row.capture);
+        forget({});
         pin(row.pin);
         EXPECT_EQ(row.fn(&mdm, row.phase, fresh_reply(reg.at(row.capture)), &req), row.status);
-        EXPECT_EQ(replied(), row.reply);
+        EXPECT_EQ(listed(false), row.reply);
     }
-    pin(PIN_STATE_OK);
+    forget({});
     ASSERT_EQ(parse(get_net_ereg_stat, reg.at("cereg_ts27007")), 0);
     EXPECT_EQ(as_json(*reply),
               R"j({"mode_id":3,"mode":"Enabled (with location information)","max_mode_id":3,"max_mode":"Enabled )j"
@@ -167,8 +156,8 @@ TEST_F(NetTest, AllReportsGiveTheRegistrationThatCounts)
         for (const char *t : {"c5greg", "cereg", "cgreg", "creg"})
             tables += reply->exists(t) ? (tables.empty() ? "" : " ") + std::string(t) : "";
         EXPECT_EQ(tables, row.tables);
-        EXPECT_EQ(replied(), row.reply);
-        EXPECT_EQ(kept(), row.cache);
+        EXPECT_EQ(listed(false), row.reply);
+        EXPECT_EQ(listed(true), row.cache);
         EXPECT_EQ(happened(), row.events);
     }
 }
@@ -177,7 +166,7 @@ TEST_F(NetTest, UrcsRaiseTheStateAndKeepTheCacheCoherent)
 {
     // cur_stat: the registration cached before; type -1: none
     // clang-format off
-    struct { urc_func handler; const char *capture; int32_t cur_type, cur_stat; int status; const char *happened, *cache; } rows[] = {
+    struct { urc_func handler; const char *capture; int32_t cur_type, cur_stat; int status; const char *happened, *cache; int32_t pin = PIN_STATE_OK; } rows[] = {
         // Complete and ranking at least as high: cached at once, with the service mode.
         {urc_cereg, "urc_cereg_loc", -1, 0, 0, "18=1 2=21", "s=1 tac=54537 ci=135086397 ract=8 type=2"},
         {urc_c5greg, "urc_c5greg_loc", NET_REG_EPS, 1, 0, "18=1 2=22", "s=1 tac=3824670 ci=37358981143 ract=11 type=3"},
@@ -188,45 +177,39 @@ TEST_F(NetTest, UrcsRaiseTheStateAndKeepTheCacheCoherent)
         // A lesser report changing leaves the registration alone.
         {urc_cgreg, "urc_cgreg_searching", NET_REG_EPS, 1, 0, "18=2", "s=1 type=2"},
         {urc_creg, "cme_error", -1, 0, ACT_STATUS_INVALID_URC, "", ""},
+        // Without a usable SIM the state is unknown.
+        {urc_creg, "urc_creg", -1, 0, 0, "17=4 2=2", "s=4 type=0", PIN_STATE_FAILURE},
     };
     // clang-format on
     for (const auto &row : rows) {
         SCOPED_TRACE(row.capture);
         forget({"reg_stat", "reg_act", "reg_tac", "reg_ci", "reg_type"});
+        pin(row.pin);
         if (row.cur_type >= 0) {
             cache->update_item("reg_stat", CACHE_DATA_INT32, &row.cur_stat, 4);
             cache->update_item("reg_type", CACHE_DATA_INT32, &row.cur_type, 4);
         }
         EXPECT_EQ(urc(row.handler, reg.at(row.capture)), row.status);
         EXPECT_EQ(happened(), row.happened);
-        EXPECT_EQ(kept(), row.cache);
+        EXPECT_EQ(listed(true), row.cache);
     }
-    pin(PIN_STATE_FAILURE);
-    forget({});
-    EXPECT_EQ(urc(urc_creg, reg.at("urc_creg")), 0);
-    EXPECT_EQ(happened(), "17=4 2=2") << "without a usable SIM the state is unknown";
 }
 
 TEST_F(NetTest, ScanTakesTheInterfacesDownAroundIt)
 {
-    // block: "block_ifup": -1 absent, 0 false, 1 true; answer: parsed after a successful build
+    // answer: parsed after a successful build
     // clang-format off
-    struct { int block; int iface_result, build_status; const char *answer; int parse_status; std::vector<int> iface; } rows[] = {
-        {-1, 0, 0, "scan_ec25", 0, {2, 1}},  {0, 0, 0, "scan_none", 0, {2, 1}},
-        {1, 0, 0, "scan_ec25", 0, {}},       {-1, 2, 0, "scan_ec25", 0, {2, 1}}, // an interface went away
-        {-1, 0, 0, "scan_error", 5, {2, 1}}, {-1, 1, 1, nullptr, 0, {2, 1}},     // a call failed: nothing is sent
-        {-1, 3, 1, nullptr, 0, {2, 1}},
+    struct { const char *args; int iface_result, build_status; const char *answer; int parse_status; std::vector<int> iface; } rows[] = {
+        {"{}", 0, 0, "scan_ec25", 0, {2, 1}},  {R"({"block_ifup":false})", 0, 0, "scan_none", 0, {2, 1}},
+        {R"({"block_ifup":true})", 0, 0, "scan_ec25", 0, {}}, {"{}", 2, 0, "scan_ec25", 0, {2, 1}}, // an interface went away
+        {"{}", 0, 0, "scan_error", 5, {2, 1}}, {"{}", 1, 1, nullptr, 0, {2, 1}}, {"{}", 3, 1, nullptr, 0, {2, 1}}, // a call failed: nothing is sent
     };
     // clang-format on
     for (const auto &row : rows) {
         SCOPED_TRACE(std::string(row.answer ? row.answer : "-") + " result " + std::to_string(row.iface_result));
         forget({"operator_scan"});
         mdm.iface_result = row.iface_result;
-        auto a = ujson::create();
-        if (row.block >= 0)
-            a->add_bool("block_ifup", row.block);
-        ASSERT_EQ(build(scan_op, a.get()), row.build_status);
-        EXPECT_EQ(command(), row.build_status ? "" : "AT+COPS=?\r");
+        EXPECT_EQ(built(scan_op, row.args), row.build_status ? "1" : "0 AT+COPS=?\r");
         EXPECT_EQ(row.answer ? parse(scan_op, ops.at(row.answer)) : 0, row.parse_status);
         EXPECT_EQ(mdm.iface_actions, row.iface);
         EXPECT_EQ(cache->get_item("operator_scan") != nullptr, row.answer && row.parse_status == 0);
@@ -275,9 +258,9 @@ TEST_F(NetTest, OperatorSelection)
             EXPECT_EQ(happened(), row.outcome);
         } else {
             EXPECT_EQ(parse(get_op_slc, ops.at(row.answer)), row.status);
-            EXPECT_EQ(replied(), row.outcome);
+            EXPECT_EQ(listed(false), row.outcome);
         }
-        EXPECT_EQ(kept(), row.cache);
+        EXPECT_EQ(listed(true), row.cache);
     }
 }
 

@@ -59,42 +59,30 @@ TEST_F(GenericPinTest, PinStateFromFunctionalityAndCpin)
 
 TEST_F(GenericPinTest, ImsiIsCachedAndDroppedWithAFailedAnswer)
 {
-    // imsi: reply and cache afterwards; "<none>": status 5
-    // clang-format off
-    const struct { const char *answer; const char *imsi; } rows[] = {
-        {"310260000000001\r\n0\r", "310260000000001"}, // ATV0
-        {"\r\n+CME ERROR: 10\r\n", "<none>"},
-    };
-    // clang-format on
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.answer);
-        bool valid = std::string(row.imsi) != "<none>";
-        EXPECT_EQ(parse(get_imsi, row.answer), valid ? ACT_STATUS_OK : ACT_STATUS_INVALID_RESPONSE);
-        EXPECT_EQ(field("imsi"), row.imsi);
-        EXPECT_EQ(cached("imsi"), row.imsi);
-    }
+    EXPECT_EQ(parse(get_imsi, "310260000000001\r\n0\r"), ACT_STATUS_OK); // ATV0
+    EXPECT_EQ(field("imsi"), "310260000000001");
+    EXPECT_EQ(cached("imsi"), "310260000000001");
+    EXPECT_EQ(parse(get_imsi, "\r\n+CME ERROR: 10\r\n"), ACT_STATUS_INVALID_RESPONSE);
+    EXPECT_EQ(field("imsi"), "<none>");
+    EXPECT_EQ(cached("imsi"), "<none>");
 }
 
 TEST_F(GenericPinTest, CpinUrcRaisesTheStateAndRereadsRegistration)
 {
-    // state: 0: refused, nothing raised
     // clang-format off
-    const struct { const char *line; int32_t state; } rows[] = {
-        {"\r\n+CPIN: READY\r\n", PIN_STATE_OK},
-        {"\r\n+CPIN: SIM PIN\r\n", PIN_STATE_PIN},
-        {"\r\n+CPIN: SOMETHING\r\n", 0},
+    const struct { const char *line; int status; const char *raised; } rows[] = {
+        {"\r\n+CPIN: READY\r\n", 0, "1=1"},
+        {"\r\n+CPIN: SIM PIN\r\n", 0, "1=4"},
+        {"\r\n+CPIN: SOMETHING\r\n", ACT_STATUS_INVALID_URC, ""},
     };
     // clang-format on
     for (const auto &row : rows) {
         SCOPED_TRACE(row.line);
         mdm.events.clear();
         mdm.refreshed.clear();
-        EXPECT_EQ(urc(urc_cpin, row.line), row.state ? ACT_STATUS_OK : ACT_STATUS_INVALID_URC);
-        ASSERT_EQ(mdm.events.size(), row.state ? 1u : 0u);
-        EXPECT_EQ(mdm.refreshed, row.state ? std::vector<uint32_t>{ACT_GET_NET_REG_STAT_ALL} : std::vector<uint32_t>{});
-        if (row.state) {
-            EXPECT_EQ(mdm.events[0].number, row.state);
-        }
+        EXPECT_EQ(urc(urc_cpin, row.line), row.status);
+        EXPECT_EQ(raised(), row.raised);
+        EXPECT_EQ(mdm.refreshed, std::vector<uint32_t>(*row.raised ? 1 : 0, ACT_GET_NET_REG_STAT_ALL));
     }
 }
 

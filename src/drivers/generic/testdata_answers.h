@@ -100,19 +100,15 @@ class driver_case_test : public driver_test
     // "<status>" and " event <id> [forced] <value>" per event of a report.
     std::string outcome_of(const named_fn &fn, bool build_case, const std::string &input)
     {
-        mdm.events.clear();
         std::string out;
-        if (build_case) {
-            auto json = ujson::create();
-            EXPECT_TRUE(blobmsg_add_json_from_string(json->buffer(), input.c_str())) << input;
-            out = std::to_string(build(fn.act, json.get()));
-            out += command().empty() ? "" : " " + command();
-        } else if (fn.act) {
+        mdm.events.clear();
+        if (build_case)
+            out = built(fn.act, input);
+        else if (fn.act) {
             out = std::to_string(parse(fn.act, input));
             out += " " + as_json(*reply);
-        } else {
+        } else
             out = std::to_string(urc(fn.urc, input));
-        }
         for (const auto &e : mdm.events)
             out += " event " + std::to_string(e.id) + (e.forced ? " forced " : " ") +
                    (e.data ? as_json(*e.data) : std::to_string(e.number));
