@@ -19,7 +19,6 @@ namespace
 
 const char *verbose_list = "\t\"echo\":{}\n"
                            "\t\"typed\":{\"num\":\"Integer\",\"name\":\"String\"}\n"
-                           "\t\"masked\":{\"num\":\"Integer\",\"d\":\"(unknown)\"}\n"
                            "\t\"whoami\":{}\n\t\"defer\":{}\n\t\"silent\":{}\n\t\"fail\":{}\n\t\"notify\":{}\n"
                            "\t\"state\":{}\n\t\"event\":{}\n\t\"events\":{}\n";
 

@@ -188,19 +188,11 @@ std::unique_ptr<process> start_peer(const std::string &socket)
     return p;
 }
 
-namespace
-{
-void stop_cb(struct uloop_timeout *)
-{
-    uloop_end();
-}
-} // namespace
-
 bool wait_until(int timeout_ms, const std::function<bool()> &fn)
 {
     int64_t end = now_ms() + timeout_ms;
     struct uloop_timeout t = {};
-    t.cb = stop_cb;
+    t.cb = [](struct uloop_timeout *) { uloop_end(); };
     while (!fn()) {
         if (now_ms() >= end)
             return false;

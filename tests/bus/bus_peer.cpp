@@ -26,12 +26,6 @@ const struct blobmsg_policy typed_policy[] = {
     {"name", BLOBMSG_TYPE_STRING},
 };
 
-const struct blobmsg_policy masked_policy[] = {
-    {"num", BLOBMSG_TYPE_INT32},
-    {"skipped", BLOBMSG_TYPE_STRING},
-    {"d", BLOBMSG_TYPE_DOUBLE},
-};
-
 int echo_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_request_data *req, const char *,
             struct blob_attr *msg)
 {
@@ -137,17 +131,11 @@ int events_cb(struct ubus_context *ctx, struct ubus_object *, struct ubus_reques
 }
 
 const struct ubus_method test_methods[] = {
-    UBUS_METHOD_NOARG("echo", echo_cb),
-    UBUS_METHOD("typed", typed_cb, typed_policy),
-    UBUS_METHOD_MASK("masked", echo_cb, masked_policy, (1 << 0) | (1 << 2)),
-    UBUS_METHOD_NOARG("whoami", whoami_cb),
-    UBUS_METHOD_NOARG("defer", defer_cb),
-    UBUS_METHOD_NOARG("silent", silent_cb),
-    UBUS_METHOD_NOARG("fail", fail_cb),
-    UBUS_METHOD_NOARG("notify", notify_cb),
-    UBUS_METHOD_NOARG("state", state_cb),
-    UBUS_METHOD_NOARG("event", event_cb),
-    UBUS_METHOD_NOARG("events", events_cb),
+    UBUS_METHOD_NOARG("echo", echo_cb),     UBUS_METHOD("typed", typed_cb, typed_policy),
+    UBUS_METHOD_NOARG("whoami", whoami_cb), UBUS_METHOD_NOARG("defer", defer_cb),
+    UBUS_METHOD_NOARG("silent", silent_cb), UBUS_METHOD_NOARG("fail", fail_cb),
+    UBUS_METHOD_NOARG("notify", notify_cb), UBUS_METHOD_NOARG("state", state_cb),
+    UBUS_METHOD_NOARG("event", event_cb),   UBUS_METHOD_NOARG("events", events_cb),
 };
 
 struct ubus_object_type test_type = UBUS_OBJECT_TYPE("test", test_methods);

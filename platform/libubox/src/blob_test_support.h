@@ -6,9 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -53,6 +55,64 @@ inline std::string to_hex(const std::vector<uint8_t> &v)
 inline std::string canon(const char *hex)
 {
     return to_hex(from_hex(hex));
+}
+
+// Adds blobmsg members to b from space-separated tokens:
+//   <t>[:name]=value   t is b (u8), h (u16), i (u32), l (u64), d (double) or s (string);
+//   f<type>[:name]=raw a field of that blobmsg type holding raw verbatim (no NUL);
+//   p=value            a plain INT32 attribute, not a blobmsg one;
+//   {[:name] [[:name]  open a table or array; } or ] closes the innermost.
+// Without ":" a member has no name; ":" alone gives it an empty one.
+inline void add(blob_buf *b, const std::string &tokens)
+{
+    std::vector<void *> open;
+    for (size_t pos = 0, end; pos < tokens.size(); pos = end + 1) {
+        end = std::min(tokens.find(' ', pos), tokens.size());
+        std::string tok = tokens.substr(pos, end - pos), value;
+        if (size_t eq = tok.find('='); eq != std::string::npos)
+            value = tok.substr(eq + 1), tok.resize(eq);
+        size_t colon = tok.find(':');
+        std::string name_text = colon == std::string::npos ? "" : tok.substr(colon + 1);
+        const char *name = colon == std::string::npos ? nullptr : name_text.c_str();
+        uint64_t n = std::strtoull(value.c_str(), nullptr, 0);
+        switch (tok.empty() ? ' ' : tok[0]) {
+        case 'b':
+            blobmsg_add_u8(b, name, static_cast<uint8_t>(n));
+            break;
+        case 'h':
+            blobmsg_add_u16(b, name, static_cast<uint16_t>(n));
+            break;
+        case 'i':
+            blobmsg_add_u32(b, name, static_cast<uint32_t>(n));
+            break;
+        case 'l':
+            blobmsg_add_u64(b, name, n);
+            break;
+        case 'd':
+            blobmsg_add_double(b, name, std::strtod(value.c_str(), nullptr));
+            break;
+        case 's':
+            blobmsg_add_string(b, name, value.c_str());
+            break;
+        case 'p':
+            blob_put_u32(b, BLOBMSG_TYPE_INT32, static_cast<uint32_t>(n));
+            break;
+        case 'f':
+            blobmsg_add_field(b, std::atoi(tok.c_str() + 1), name, value.empty() ? nullptr : value.data(),
+                              static_cast<unsigned>(value.size()));
+            break;
+        case '{':
+        case '[':
+            open.push_back(blobmsg_open_nested(b, name, tok[0] == '['));
+            break;
+        case '}':
+        case ']':
+            blob_nest_end(b, open.back()), open.pop_back();
+            break;
+        default:
+            ADD_FAILURE() << "bad token " << tok;
+        }
+    }
 }
 
 // A blob_buf freed at the end of the scope.

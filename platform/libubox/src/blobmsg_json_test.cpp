@@ -16,6 +16,7 @@
 namespace
 {
 
+using blob_test::add;
 using blob_test::canon;
 using blob_test::scoped_buf;
 
@@ -27,122 +28,63 @@ std::string text(char *s)
     return out;
 }
 
-void add_bad_type(blob_buf *b)
-{
-    blobmsg_add_field(b, 9, "bad", "x", 1);
-}
-
-TEST(BlobmsgFormat, LayoutCompactAndIndented)
+// Messages as text, compact (indent -1) or indented with tabs.
+TEST(BlobmsgFormat, MessagesAndValues)
 {
     struct row {
-        const char *what;
-        void (*fill)(blob_buf *);
+        const char *what, *tokens;
         int indent;
         const char *expect;
     } rows[] = {
         // clang-format off
-        {"compact",
-         [](blob_buf *b) {
-             blobmsg_add_u32(b, "a", 1);
-             void *c = blobmsg_open_array(b, "b");
-             blobmsg_add_u32(b, nullptr, 1), blobmsg_add_u32(b, nullptr, 2);
-             blobmsg_close_array(b, c);
-         },
-         -1, R"({"a":1,"b":[1,2]})"},
-        {"compact empty", [](blob_buf *) {}, -1, "{}"},
-        {"indent 0 empty keeps a tab line", [](blob_buf *) {}, 0, "{\n\t\n}"},
-        {"indent 0 nested",
-         [](blob_buf *b) {
-             void *t = blobmsg_open_table(b, "a");
-             void *c = blobmsg_open_array(b, "b");
-             blobmsg_add_u32(b, nullptr, 1);
-             blobmsg_close_array(b, c);
-             blobmsg_close_table(b, t);
-             blobmsg_add_string(b, "c", "x");
-         },
-         0, "{\n\t\"a\": {\n\t\t\"b\": [\n\t\t\t1\n\t\t]\n\t},\n\t\"c\": \"x\"\n}"},
-        {"indent capped at 16 tabs", [](blob_buf *b) { blobmsg_add_u32(b, "a", 1); }, 20,
-         "{\n\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\"a\": 1\n\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t}"},
-        {"array element names are dropped",
-         [](blob_buf *b) {
-             void *c = blobmsg_open_array(b, "l");
-             blobmsg_add_u32(b, "k", 2), blobmsg_add_string(b, "", "v");
-             blobmsg_close_array(b, c);
-         },
-         -1, R"({"l":[2,"v"]})"},
-        {"empty name in a table prints a bare value", [](blob_buf *b) { blobmsg_add_u32(b, "", 1); }, -1, "{1}"},
-        {"invalid element still gets its comma",
-         [](blob_buf *b) { blobmsg_add_u32(b, "a", 1), add_bad_type(b), blobmsg_add_u32(b, "c", 2); }, -1,
-         R"({"a":1,,"c":2})"},
-        {"invalid first element", [](blob_buf *b) { add_bad_type(b), blobmsg_add_u32(b, "a", 1); }, -1, R"({,"a":1})"},
-        {"truncated value is skipped",
-         [](blob_buf *b) { blobmsg_add_field(b, BLOBMSG_TYPE_INT64, "n", "\x01\x02\x03\x04", 4); }, -1, "{}"},
-        // clang-format on
-    };
-    for (const row &r : rows) {
-        SCOPED_TRACE(r.what);
-        scoped_buf sb;
-        r.fill(&sb.b);
-        EXPECT_EQ(text(blobmsg_format_json_indent(sb.b.head, true, r.indent)), r.expect);
-    }
-}
-
-TEST(BlobmsgFormat, ScalarValues)
-{
-    struct row {
-        const char *what;
-        void (*fill)(blob_buf *);
-        const char *expect;
-    } rows[] = {
-        // clang-format off
-        {"null", [](blob_buf *b) { blobmsg_add_field(b, BLOBMSG_TYPE_UNSPEC, "v", nullptr, 0); }, "null"},
-        {"false", [](blob_buf *b) { blobmsg_add_u8(b, "v", 0); }, "false"},
-        {"any non-zero byte is true", [](blob_buf *b) { blobmsg_add_u8(b, "v", 2); }, "true"},
-        {"int16 signed", [](blob_buf *b) { blobmsg_add_u16(b, "v", 0x8000); }, "-32768"},
-        {"int32 ids above 2^31 print negative", [](blob_buf *b) { blobmsg_add_u32(b, "v", 0x80000000u); },
-         "-2147483648"},
-        {"int64 max", [](blob_buf *b) { blobmsg_add_u64(b, "v", INT64_MAX); }, "9223372036854775807"},
-        {"int64 negative", [](blob_buf *b) { blobmsg_add_u64(b, "v", static_cast<uint64_t>(-5)); }, "-5"},
-        {"double", [](blob_buf *b) { blobmsg_add_double(b, "v", 0.1); }, "0.100000"},
-        {"negative zero", [](blob_buf *b) { blobmsg_add_double(b, "v", -0.0); }, "-0.000000"},
-        {"largest double", [](blob_buf *b) { blobmsg_add_double(b, "v", 1.7976931348623157e308); },
-         "179769313486231570814527423731704356798070567525844996598917476803157260780028538760589558632766878"
+        {"compact", "i:a=1 [:b i=1 i=2 ]", -1, R"({"a":1,"b":[1,2]})"},
+        {"compact empty", "", -1, "{}"},
+        {"indent 0 empty keeps a tab line", "", 0, "{\n\t\n}"},
+        {"indent 0 nested", "{:a [:b i=1 ] } s:c=x", 0, "{\n\t\"a\": {\n\t\t\"b\": [\n\t\t\t1\n\t\t]\n\t},\n\t\"c\": \"x\"\n}"},
+        {"indent capped at 16 tabs", "i:a=1", 20, "{\n\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\"a\": 1\n\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t}"},
+        {"array element names are dropped", "[:l i:k=2 s:=v ]", -1, R"({"l":[2,"v"]})"},
+        {"empty name in a table prints a bare value", "i:=1", -1, "{1}"},
+        {"invalid element still gets its comma", "i:a=1 f9:bad=x i:c=2", -1, R"({"a":1,,"c":2})"},
+        {"invalid first element", "f9:bad=x i:a=1", -1, R"({,"a":1})"},
+        {"truncated value is skipped", "f4:n=abcd", -1, "{}"},
+        {"null", "f0:v=", -1, R"({"v":null})"},
+        {"false", "b:v=0", -1, R"({"v":false})"},
+        {"any non-zero byte is true", "b:v=2", -1, R"({"v":true})"},
+        {"int16 signed", "h:v=0x8000", -1, R"({"v":-32768})"},
+        {"int32 ids above 2^31 print negative", "i:v=0x80000000", -1, R"({"v":-2147483648})"},
+        {"int64 max", "l:v=0x7fffffffffffffff", -1, R"({"v":9223372036854775807})"},
+        {"int64 negative", "l:v=-5", -1, R"({"v":-5})"},
+        {"double", "d:v=0.1", -1, R"({"v":0.100000})"},
+        {"negative zero", "d:v=-0.0", -1, R"({"v":-0.000000})"},
+        {"largest double", "d:v=1.7976931348623157e308", -1,
+         "{\"v\":179769313486231570814527423731704356798070567525844996598917476803157260780028538760589558632766878"
          "171540458953514382464234321326889464182768467546703537516986049910576551282076245490090389328944075"
          "868508455133942304583236903222948165808559332123348274797826204144723168738177180919299881250404026"
-         "184124858368.000000"},
+         "184124858368.000000}"},
         // JSON has no infinity or NaN: null, which reads back.
-        {"infinity is null", [](blob_buf *b) { blobmsg_add_double(b, "v", HUGE_VAL); }, "null"},
-        {"negative infinity is null", [](blob_buf *b) { blobmsg_add_double(b, "v", -HUGE_VAL); }, "null"},
-        {"not a number is null", [](blob_buf *b) { blobmsg_add_double(b, "v", std::nan("")); }, "null"},
-        {"string escapes", [](blob_buf *b) { blobmsg_add_string(b, "v", "a\"b\\c\b\n\t\r\f\x01\x1f/\x7f\xc3\xa9"); },
-         "\"a\\\"b\\\\c\\b\\n\\t\\r\\u000c\\u0001\\u001f/\x7f\xc3\xa9\""},
+        {"infinity is null", "d:v=inf", -1, R"({"v":null})"},
+        {"negative infinity is null", "d:v=-inf", -1, R"({"v":null})"},
+        {"not a number is null", "d:v=nan", -1, R"({"v":null})"},
+        {"string escapes", "s:v=a\"b\\c\b\n\t\r\f\x01\x1f/\x7f\xc3\xa9", -1,
+         "{\"v\":\"a\\\"b\\\\c\\b\\n\\t\\r\\u000c\\u0001\\u001f/\x7f\xc3\xa9\"}"},
         // clang-format on
     };
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
         scoped_buf sb;
-        r.fill(&sb.b);
-        EXPECT_EQ(text(blobmsg_format_json_value(sb.first())), r.expect);
-        EXPECT_EQ(text(blobmsg_format_json(sb.first(), false)), std::string("\"v\":") + r.expect);
+        add(&sb.b, r.tokens);
+        EXPECT_EQ(text(blobmsg_format_json_indent(sb.b.head, true, r.indent)), r.expect);
     }
 }
 
 TEST(BlobmsgFormat, EachEntryPointFollowsTheAttributeKind)
 {
     scoped_buf sb;
-    void *arr = blobmsg_open_array(&sb.b, "arr");
-    blobmsg_add_u32(&sb.b, nullptr, 1);
-    blobmsg_close_array(&sb.b, arr);
-    void *tbl = blobmsg_open_table(&sb.b, "tbl");
-    blobmsg_add_u32(&sb.b, "x", 1);
-    blobmsg_close_table(&sb.b, tbl);
+    add(&sb.b, "[:arr i=1 ] {:tbl i:x=1 }");
     void *data = blob_nest_start(&sb.b, 7); // plain ubus DATA attribute
-    blobmsg_add_string(&sb.b, "k", "v");
+    add(&sb.b, "s:k=v");
     blob_nest_end(&sb.b, data);
-    blobmsg_add_string(&sb.b, "", "bare");
-    blobmsg_add_string(&sb.b, "q\"", "n");
-    add_bad_type(&sb.b);
-
+    add(&sb.b, "s:=bare s:q\"=n f9:bad=x");
     blob_attr *a = sb.first(), *t = blob_next(a), *d = blob_next(t), *bare = blob_next(d);
     blob_attr *quoted = blob_next(bare), *bad = blob_next(quoted);
     struct row {
@@ -249,23 +191,14 @@ TEST(BlobmsgJson, RoundTripKeepsOrderAndTypes)
     }
 }
 
-// `levels` nested tables "n" under member "x", the innermost empty.
-void add_chain(blob_buf *b, int levels)
+// `levels` nested tables "n" under member "x", the innermost empty, as
+// add() tokens (first) and as JSON text.
+std::pair<std::string, std::string> chain(int levels)
 {
-    std::vector<void *> open;
-    for (int i = 0; i < levels; i++)
-        open.push_back(blobmsg_open_table(b, i ? "n" : "x"));
-    for (; !open.empty(); open.pop_back())
-        blobmsg_close_table(b, open.back());
-}
-
-// The same as JSON text, as a message and as the member's value.
-std::string chain_text(int levels)
-{
-    std::string head = "{\"x\":", tail;
+    std::string open = "{:x", close = " }", head = "{\"x\":", tail;
     for (int i = 1; i < levels; i++)
-        head += "{\"n\":", tail += "}";
-    return head + "{}" + tail + "}";
+        open += " {:n", close += " }", head += "{\"n\":", tail += "}";
+    return {open + close, head + "{}" + tail + "}"};
 }
 
 // Messages nested up to the limit are printed and read (from text, files and
@@ -277,10 +210,10 @@ TEST(BlobmsgJsonDepth, UpToTheLimitAndNothingBeyond)
     for (int levels : {WWAN_BLOBMSG_MAX_DEPTH, WWAN_BLOBMSG_MAX_DEPTH + 1, 120000}) {
         SCOPED_TRACE(levels);
         const bool ok = levels <= WWAN_BLOBMSG_MAX_DEPTH;
-        const std::string doc = chain_text(levels);
+        const auto [tokens, doc] = chain(levels);
         const std::string value = doc.substr(5, doc.size() - 6);
         scoped_buf sb;
-        add_chain(&sb.b, levels);
+        add(&sb.b, tokens);
         EXPECT_EQ(text(blobmsg_format_json(sb.b.head, true)), ok ? doc : "(null)");
         EXPECT_EQ(text(blobmsg_format_json_indent(sb.b.head, true, 0)) == "(null)", !ok);
         EXPECT_EQ(text(blobmsg_format_json_value(sb.first())), ok ? value : "(null)");
