@@ -44,20 +44,18 @@ TEST(CacheUpdate, ResultAndHeapFollowTheBytes)
         int result;
         int heap_delta;
     };
+    // clang-format off
     const row rows[] = {
-        {"identical bytes", CACHE_DATA_INT32, bytes<int32_t>(-70), CACHE_DATA_INT32, bytes<int32_t>(-70),
-         CACHE_ITEM_UNCHANGED, 0},
-        {"last byte differs", CACHE_DATA_INT64, bytes<int64_t>(0x0102030405060708), CACHE_DATA_INT64,
-         bytes<int64_t>(0x0102030405060709), CACHE_ITEM_CHANGED, 0},
+        {"identical bytes", CACHE_DATA_INT32, bytes<int32_t>(-70), CACHE_DATA_INT32, bytes<int32_t>(-70), CACHE_ITEM_UNCHANGED, 0},
+        {"last byte differs", CACHE_DATA_INT64, bytes<int64_t>(0x0102030405060708), CACHE_DATA_INT64, bytes<int64_t>(0x0102030405060709), CACHE_ITEM_CHANGED, 0},
         {"same text", CACHE_DATA_STRING, text("LTE"), CACHE_DATA_STRING, text("LTE"), CACHE_ITEM_UNCHANGED, 0},
         {"text grows", CACHE_DATA_STRING, text("LTE"), CACHE_DATA_STRING, text("WCDMA"), CACHE_ITEM_CHANGED, 2},
         {"text shrinks", CACHE_DATA_STRING, text("WCDMA"), CACHE_DATA_STRING, text("LTE"), CACHE_ITEM_CHANGED, -2},
-        {"same bytes, other type", CACHE_DATA_INT32, bytes<int32_t>(5), CACHE_DATA_UINT32, bytes<int32_t>(5),
-         CACHE_ITEM_CHANGED, 0},
-        {"wider integer", CACHE_DATA_INT32, bytes<int32_t>(5), CACHE_DATA_INT64, bytes<int64_t>(5), CACHE_ITEM_CHANGED,
-         4},
+        {"same bytes, other type", CACHE_DATA_INT32, bytes<int32_t>(5), CACHE_DATA_UINT32, bytes<int32_t>(5), CACHE_ITEM_CHANGED, 0},
+        {"wider integer", CACHE_DATA_INT32, bytes<int32_t>(5), CACHE_DATA_INT64, bytes<int64_t>(5), CACHE_ITEM_CHANGED, 4},
         {"double to flag", CACHE_DATA_DOUBLE, bytes(1.5), CACHE_DATA_BOOL, "\1", CACHE_ITEM_CHANGED, -7},
     };
+    // clang-format on
     for (const row &r : rows) {
         SCOPED_TRACE(r.what);
         auto cache = cache_manager::create();

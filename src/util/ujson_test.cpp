@@ -1,5 +1,6 @@
 #include "util/ujson.h"
 #include "util/root_test_support.h"
+#include "util/services_test_support.h"
 
 #include "wwan/blobmsg_depth.h"
 #include "wwan/ubox.h"
@@ -13,20 +14,7 @@
 namespace
 {
 
-std::string json(const ujson &j)
-{
-    char *s = blobmsg_format_json(j.get_blobmsg(), true);
-    std::string out = s ? s : "(null)";
-    std::free(s);
-    return out;
-}
-
-std::unique_ptr<ujson> from_json(const char *text)
-{
-    auto j = ujson::create();
-    EXPECT_TRUE(j && blobmsg_add_json_from_string(j->buffer(), text)) << text;
-    return j;
-}
+using namespace services_test;
 
 TEST(UjsonCreate, FromFile)
 {
@@ -49,7 +37,7 @@ TEST(UjsonCreate, FromFile)
         if (r.content)
             root.write("/f.json", r.content);
         auto j = ujson::create_file((root / "/f.json").c_str());
-        EXPECT_EQ(j ? json(*j) : "(none)", r.expect ? r.expect : "(none)");
+        EXPECT_EQ(j ? json_text(*j) : "(none)", r.expect ? r.expect : "(none)");
     }
     EXPECT_FALSE(ujson::create_file(nullptr));
 }
@@ -89,7 +77,7 @@ TEST(UjsonCreate, MessagesAndFilesNestedBeyondTheLimitAreRefused)
         auto file = ujson::create_file((root / "/deep.json").c_str());
         EXPECT_EQ(file != nullptr, accepted);
         if (file) {
-            EXPECT_EQ(json(*file), json(*msg));
+            EXPECT_EQ(json_text(*file), json_text(*msg));
         }
     }
 }
@@ -109,7 +97,7 @@ TEST(UjsonAdd, TypedFieldsAtTheCurrentLevel)
     j->add_bool(nullptr, false);
     j->close_array(a);
     j->close_table(t);
-    EXPECT_EQ(json(*j), R"({"s":"text","i":-2,"l":5000000000,"b":true,"d":2.500000,"t":{"a":[1,false]}})");
+    EXPECT_EQ(json_text(*j), R"({"s":"text","i":-2,"l":5000000000,"b":true,"d":2.500000,"t":{"a":[1,false]}})");
     EXPECT_EQ(j->len(), blob_len(j->get_blobmsg()));
 
     // encodings are blobmsg's: INT32, INT64, INT8, DOUBLE
@@ -193,7 +181,7 @@ TEST(UjsonClearName, HidesEveryMatchInPlace)
     EXPECT_EQ(j->get_int("a"), 0);
     EXPECT_EQ(j->get_int("b"), 2);
     EXPECT_EQ(j->len(), before);
-    EXPECT_EQ(json(*j), R"({1,"b":2,3})");
+    EXPECT_EQ(json_text(*j), R"({1,"b":2,3})");
 }
 
 TEST(UjsonSelect, WalksArrayElementsAndStopsAtTheArrayEnd)
@@ -221,7 +209,7 @@ TEST(UjsonCopy, AddBlobmsgCloneAndCloneValue)
     EXPECT_EQ(src->clone_value("name", *dst, "ifname"), 0);
     EXPECT_EQ(src->clone_value("info", *dst, "i"), 0);
     EXPECT_EQ(src->clone_value("absent", *dst, "x"), 0);
-    EXPECT_EQ(json(*dst), R"({"ifname":"wwan0","i":{"imei":"35"}})");
+    EXPECT_EQ(json_text(*dst), R"({"ifname":"wwan0","i":{"imei":"35"}})");
 
     // clone_value reads the root even while something is selected
     src->select_attr(static_cast<blob_attr *>(blobmsg_data(src->get_blobmsg())));
