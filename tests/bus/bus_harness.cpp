@@ -1,19 +1,16 @@
 #include "bus_harness.h"
 
+#include "tests/support/process_test_support.h"
 #include "wwan/ubox.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <memory>
 #include <stdio.h>
 
 namespace bus_test
@@ -29,28 +26,6 @@ int64_t now_ms()
     return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
 }
 
-pid_t spawn(const std::vector<std::string> &argv, int out_fd, int err_fd)
-{
-    std::vector<char *> args;
-    for (auto &a : argv)
-        args.push_back(const_cast<char *>(a.c_str()));
-    args.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        // Never outlive the test, even when it is killed.
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        int null = open("/dev/null", O_RDWR);
-        dup2(null, 0);
-        if (out_fd >= 0)
-            dup2(out_fd, 1);
-        if (err_fd >= 0)
-            dup2(err_fd, 2);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    return pid;
-}
-
 int decode_status(int st)
 {
     if (WIFEXITED(st))
@@ -62,16 +37,25 @@ int decode_status(int st)
 
 } // namespace
 
-process::process(const std::vector<std::string> &argv, bool capture)
+process::process(const std::vector<std::string> &argv, bool capture, int out_fd, int err_fd)
 {
     int p[2] = {-1, -1};
     if (capture && pipe2(p, O_CLOEXEC) < 0)
         return;
-    pid_ = spawn(argv, capture ? p[1] : -1, -1);
-    if (capture) {
-        close(p[1]);
-        out_ = p[0];
+    std::vector<char *> args;
+    for (auto &a : argv)
+        args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
+    if ((pid_ = fork()) == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // never outlive the test, even when it is killed
+        dup2(open("/dev/null", O_RDWR), 0);
+        dup2(capture ? p[1] : out_fd, 1);
+        dup2(err_fd, 2);
+        execv(args[0], args.data());
+        _exit(127);
     }
+    if (capture)
+        close(p[1]), out_ = p[0];
 }
 
 process::~process()
@@ -115,26 +99,8 @@ int process::stop(int sig, int timeout_ms)
 
 bool process::line(std::string *out, int timeout_ms)
 {
-    int64_t end = now_ms() + timeout_ms;
-    for (;;) {
-        size_t nl = buf_.find('\n');
-        if (nl != std::string::npos) {
-            *out = buf_.substr(0, nl);
-            buf_.erase(0, nl + 1);
-            return true;
-        }
-        int left = (int)(end - now_ms());
-        if (left <= 0 || out_ < 0)
-            return false;
-        struct pollfd pfd = {out_, POLLIN, 0};
-        if (poll(&pfd, 1, left) <= 0)
-            return false;
-        char tmp[256];
-        ssize_t n = read(out_, tmp, sizeof(tmp));
-        if (n <= 0)
-            return false;
-        buf_.append(tmp, n);
-    }
+    *out = out_ < 0 ? "" : test_support::read_line(out_, buf_, timeout_ms);
+    return !out->empty();
 }
 
 cli_result run_cli(const std::vector<std::string> &args, int timeout_ms)
@@ -143,15 +109,7 @@ cli_result run_cli(const std::vector<std::string> &args, int timeout_ms)
     FILE *out = tmpfile(), *err = tmpfile();
     std::vector<std::string> argv = {WWAN_BUS};
     argv.insert(argv.end(), args.begin(), args.end());
-    pid_t pid = spawn(argv, fileno(out), fileno(err));
-    int st = 0;
-    for (int64_t end = now_ms() + timeout_ms; waitpid(pid, &st, WNOHANG) == 0; usleep(2000)) {
-        if (now_ms() > end) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &st, 0);
-        }
-    }
-    r.code = decode_status(st);
+    r.code = process(argv, false, fileno(out), fileno(err)).stop(0, timeout_ms);
     for (auto [f, text] : {std::pair{out, &r.out}, std::pair{err, &r.err}}) {
         char buf[4096];
         rewind(f);
@@ -209,24 +167,6 @@ std::string json_of(struct blob_attr *attr)
     std::string r = s ? s : "(null)";
     free(s);
     return r;
-}
-
-long cpu_ticks(pid_t pid)
-{
-    FILE *f = fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
-    if (!f)
-        return -1;
-    char buf[1024];
-    size_t n = fread(buf, 1, sizeof(buf) - 1, f);
-    fclose(f);
-    buf[n] = 0;
-    // Fields after the command name (which may hold spaces): utime is the
-    // 14th field, stime the 15th.
-    const char *p = strrchr(buf, ')');
-    long utime, stime;
-    if (!p || sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &utime, &stime) != 2)
-        return -1;
-    return utime + stime;
 }
 
 } // namespace bus_test

@@ -9,10 +9,8 @@
 
 #include <functional>
 #include <memory>
-
 #include <string>
 #include <vector>
-#include <sys/types.h>
 
 namespace bus_test
 {
@@ -22,13 +20,14 @@ namespace bus_test
 class process
 {
   public:
-    // Starts argv; with capture, the child's stdout is readable by line().
-    process(const std::vector<std::string> &argv, bool capture = false);
+    // Starts argv; with capture, the child's stdout is readable by line(),
+    // else it goes to out_fd; stderr goes to err_fd (both: -1 inherits).
+    process(const std::vector<std::string> &argv, bool capture = false, int out_fd = -1, int err_fd = -1);
     ~process();
     process(const process &) = delete;
     process &operator=(const process &) = delete;
 
-    // Next stdout line within timeout_ms, or false.
+    // Next non-empty stdout line within timeout_ms, or false.
     bool line(std::string *out, int timeout_ms);
     // Sends sig and waits up to timeout_ms; returns the exit status
     // (128+signal if killed), or -1 if it did not end.
@@ -63,8 +62,5 @@ std::unique_ptr<process> start_peer(const std::string &socket);
 bool wait_until(int timeout_ms, const std::function<bool()> &fn);
 
 std::string json_of(struct blob_attr *attr);
-
-// The CPU time a process used (clock ticks), from /proc; -1 when unreadable.
-long cpu_ticks(pid_t pid);
 
 } // namespace bus_test

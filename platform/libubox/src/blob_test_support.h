@@ -61,7 +61,10 @@ inline std::string canon(const char *hex)
 //   <t>[:name]=value   t is b (u8), h (u16), i (u32), l (u64), d (double) or s (string);
 //   f<type>[:name]=raw a field of that blobmsg type holding raw verbatim (no NUL);
 //   p=value            a plain INT32 attribute, not a blobmsg one;
-//   {[:name] [[:name]  open a table or array; } or ] closes the innermost.
+//   {[:name] [[:name]  open a table or array; } or ] closes the innermost;
+//   @<id><t>=value     a plain blob attribute: t is b, h, i, l or s as above, x for
+//                      hex bytes, r for hex bytes that carry their own header;
+//   @<id>{             opens a plain nested attribute.
 // Without ":" a member has no name; ":" alone gives it an empty one.
 inline void add(blob_buf *b, const std::string &tokens)
 {
@@ -75,6 +78,28 @@ inline void add(blob_buf *b, const std::string &tokens)
         std::string name_text = colon == std::string::npos ? "" : tok.substr(colon + 1);
         const char *name = colon == std::string::npos ? nullptr : name_text.c_str();
         uint64_t n = std::strtoull(value.c_str(), nullptr, 0);
+        if (!tok.empty() && tok[0] == '@') {
+            char *t;
+            int id = static_cast<int>(std::strtol(tok.c_str() + 1, &t, 10));
+            std::vector<uint8_t> raw = from_hex(value.c_str());
+            if (*t == '{')
+                open.push_back(blob_nest_start(b, id));
+            else if (*t == 'x')
+                blob_put(b, id, raw.empty() ? static_cast<const void *>("") : raw.data(), unsigned(raw.size()));
+            else if (*t == 'r')
+                blob_put_raw(b, raw.data(), static_cast<unsigned>(raw.size()));
+            else if (*t == 'b')
+                blob_put_u8(b, id, static_cast<uint8_t>(n));
+            else if (*t == 'h')
+                blob_put_u16(b, id, static_cast<uint16_t>(n));
+            else if (*t == 'i')
+                blob_put_u32(b, id, static_cast<uint32_t>(n));
+            else if (*t == 'l')
+                blob_put_u64(b, id, n);
+            else
+                blob_put_string(b, id, value.c_str());
+            continue;
+        }
         switch (tok.empty() ? ' ' : tok[0]) {
         case 'b':
             blobmsg_add_u8(b, name, static_cast<uint8_t>(n));
