@@ -281,6 +281,10 @@ TEST(WorkTest, SplitsTheHistoryIntoResponseUrcsAndRest)
         std::string left;
     };
     const uint32_t done = PARSER_STATUS_COMPLETE, urc = PARSER_STATUS_URC, waits = PARSER_STATUS_INCOMPLETE;
+    // A USSD report whose text of n characters has a line break after 128.
+    auto ussd = [](size_t n) {
+        return "\r\n+CUSD: 0,\"" + std::string(128, 'a') + "\r\n" + std::string(n - 130, 'a') + "\",15\r\n";
+    };
     // clang-format off
     const row rows[] = {
         {"whole answer", "AT+CSQ\r", "\r\n+CSQ: 20,99\r\n\r\nOK\r\n", done, "\r\n+CSQ: 20,99\r\n\r\nOK\r\n", {}, ""},
@@ -300,6 +304,8 @@ TEST(WorkTest, SplitsTheHistoryIntoResponseUrcsAndRest)
         {"special URCs come before line URCs", "AT+CSQ\r", "\r\n+CREG: 1\r\n\r\n+CUSD: 1,\"Menu\r\n1 Top up\",15\r\n", waits | urc, "", {"\r\n+CUSD: 1,\"Menu\r\n1 Top up\",15\r\n", "\r\n+CREG: 1\r\n"}, ""},
         {"USSD without text is a plain URC line", "AT+CSQ\r", "\r\n+CUSD: 2\r\n", waits | urc, "", {"\r\n+CUSD: 2\r\n"}, ""},
         {"USSD text over 256 characters is not one URC", "AT+CSQ\r", "\r\n+CUSD: 0,\"" + std::string(257, 'a') + "\r\n", waits | urc, "", {"\r\n+CUSD: 0,\"" + std::string(257, 'a') + "\r\n"}, ""},
+        {"USSD text of 256 characters with a line break is one URC", "AT+CSQ\r", ussd(256), waits | urc, "", {ussd(256)}, ""},
+        {"USSD text of 257 characters is read line by line", "AT+CSQ\r", ussd(257), waits | urc, "", {"\r\n+CUSD: 0,\"" + std::string(128, 'a')}, ussd(257).substr(140)},
         {"USSD text that may still close waits", "AT+CSQ\r", "\r\n+CUSD: 0,\"" + std::string(254, 'a') + "\r\n", waits, "", {}, "\r\n+CUSD: 0,\"" + std::string(254, 'a') + "\r\n"},
         {"POWERED DOWN is one URC and the next keeps its line break", "AT+CSQ\r", "\r\nPOWERED DOWN\r\n\r\n+CREG: 0\r\n", waits | urc, "", {"\r\nPOWERED DOWN\r\n", "\r\n+CREG: 0\r\n"}, ""},
         {"idle URC after a query is delivered without a token", nullptr, "\r\n+CREG: 5\r\n", urc, "", {"\r\n+CREG: 5\r\n"}, ""},

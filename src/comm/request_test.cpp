@@ -1,7 +1,9 @@
 #include "comm/request.h"
 
-#include <cstring>
+#include <array>
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -15,88 +17,65 @@ request_ptr make(const std::string &cmd, uint32_t action = ACT_AT_COMMAND)
     return request_ptr(create_request(action, nullptr, nullptr, cmd.data(), cmd.size(), 10000, nullptr));
 }
 
-std::string command(const request &r)
-{
-    return std::string(r.command, r.length);
-}
+constexpr uint32_t at = ACT_AT_COMMAND, sms = ACT_SEND_SMS, complete = 2, prompt = 8;
 
-constexpr uint32_t complete = 2, prompt = 8;
-
-TEST(RequestTest, NormalisesTheLineEnd)
+// The line end a command is written with, where its first write stops and
+// where the first answer's line ends.
+TEST(RequestTest, LineEndAndFirstPart)
 {
+    const std::string z(1, '\x1a');
     const struct {
-        std::string in, out;
-        uint32_t ext_len;
-    } cases[] = {
-        {"AT+CSQ", std::string("AT+CSQ\r\0", 8), 0}, // the counted zero byte is written too
-        {"AT+CSQ\n", std::string("AT+CSQ\r\0", 8), 0},
-        {"AT+CSQ\r", "AT+CSQ\r", 0},
-        {"ATZ\\r", "ATZ\r", 0},
-        {"ATZ\\r\n", "ATZ\r", 0},
-        {"AT+CMGS=5\r0011\x1a", "AT+CMGS=5\r0011\x1a", 10},
-        {"AT+CFUN?\rAT+CPIN?\r", "AT+CFUN?\rAT+CPIN?\r", 9},
-        {"\n", std::string("\r\0", 2), 0},
+        std::string in;
+        uint32_t action;
+        std::string out; // "": as given
+        uint32_t ext_len, first_line_end;
+    } rows[] = {
+        {"AT+CSQ", at, std::string("AT+CSQ\r\0", 8), 0, 0}, // the counted zero byte is written too
+        {"AT+CSQ\r", at, "", 0, 0},
+        {"ATZ\\r", at, "ATZ\r", 0, 0},
+        {"ATZ\\r\n", at, "ATZ\r", 0, 0},
+        {"\n", at, std::string("\r\0", 2), 0, 0},
+        {"AT+CFUN?\rAT+CPIN?\r", at, "", 9, 9},
+        {"AT+CMGS=5\r0011" + z, at, "", 10, 10},
+        {"AT+CMGS=5\r0011" + z + "AT\r", at, "", 10, 15}, // a Ctrl-Z ends the first line
+        {"AT+CMGS=5\r0011" + z + "\r", at, "", 10, 10},   // too little after it
+        {"AT+CMGS=18\r0001000B911326880736F40000A900" + z, sms, "", 11, 11},
+        {"hello\\r", sms, "", 0, 0}, // SMS text is kept exactly
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::PrintToString(c.in));
-        auto r = make(c.in);
-        ASSERT_TRUE(r);
-        EXPECT_EQ(command(*r), c.out);
-        EXPECT_EQ(r->ext_len, c.ext_len);
+    for (const auto &r : rows) {
+        SCOPED_TRACE(testing::PrintToString(r.in));
+        auto req = make(r.in, r.action);
+        ASSERT_TRUE(req);
+        EXPECT_EQ(std::string(req->command, req->length), r.out.empty() ? r.in : r.out);
+        EXPECT_EQ(req->ext_len, r.ext_len);
+        EXPECT_EQ(req->first_line_end, r.first_line_end);
     }
     EXPECT_EQ(create_request(ACT_AT_COMMAND, nullptr, nullptr, "AT", 0, 1, nullptr), nullptr);
 }
 
-TEST(RequestTest, SmsTextIsKeptExactly)
+// Each answer (or the SMS prompt) releases the next part: its length, and
+// after it the answer's token offset and where the next part starts.
+TEST(RequestTest, PartsAdvanceOnTheirAnswer)
 {
-    std::string pdu = "AT+CMGS=18\r0001000B911326880736F40000A900\x1a";
-    auto r = make(pdu, ACT_SEND_SMS);
-    EXPECT_EQ(command(*r), pdu);
-    auto t = make("hello\\r", ACT_SEND_SMS);
-    EXPECT_EQ(command(*t), "hello\\r");
-}
-
-TEST(RequestTest, FirstLineEnd)
-{
-    EXPECT_EQ(make("AT+CSQ")->first_line_end, 0u);
-    EXPECT_EQ(make("AT+CFUN?\rAT+CPIN?\r")->first_line_end, 9u);
-    // A Ctrl-Z before the next carriage return extends it, when at least
-    // three characters remain from it.
-    EXPECT_EQ(make("AT+CMGS=5\r0011\x1a"
-                   "AT\r")
-                  ->first_line_end,
-              15u);
-    EXPECT_EQ(make("AT+CMGS=5\r0011\x1a\r")->first_line_end, 10u);
-}
-
-TEST(RequestTest, TwoPartSmsIsWrittenLineThenPdu)
-{
-    std::string cmd = "AT+CMGS=5\r00110A\x1a";
-    auto r = make(cmd, ACT_SEND_SMS);
-    ASSERT_EQ(r->ext_len, 10u); // first write: "AT+CMGS=5\r"
-    // The modem's prompt: the PDU part runs to and includes Ctrl-Z.
-    EXPECT_EQ(get_extended_length(r.get(), prompt), 7u);
-    set_extended_next(r.get(), prompt);
-    EXPECT_EQ(r->ext_len, 0u); // nothing left
-    EXPECT_EQ(r->token_offset, 0u);
-}
-
-TEST(RequestTest, ChainedCommandsAdvancePartByPart)
-{
-    auto r = make("AT+CFUN?\rAT+CPIN?\rAT+CSQ\r");
-    ASSERT_EQ(r->ext_len, 9u);
-    EXPECT_EQ(get_extended_length(r.get(), complete), 9u); // "AT+CPIN?\r"
-    set_extended_next(r.get(), complete);
-    EXPECT_EQ(r->token_offset, 9u); // the next answer belongs to AT+CPIN?
-    EXPECT_EQ(r->ext_len, 18u);
-    EXPECT_EQ(get_extended_length(r.get(), complete), 7u); // "AT+CSQ\r"
-    set_extended_next(r.get(), complete);
-    EXPECT_EQ(r->token_offset, 18u);
-    EXPECT_EQ(r->ext_len, 0u);
-
-    // Without a matching stop the part runs to the end of the command.
-    auto s = make("AT+A\rAT+B");
-    EXPECT_EQ(get_extended_length(s.get(), prompt), 6u);
+    const struct {
+        std::string cmd;
+        uint32_t action, status;
+        std::vector<std::array<uint32_t, 3>> steps; // part length, token offset, next part
+    } rows[] = {
+        {"AT+CMGS=5\r00110A\x1a", sms, prompt, {{7, 0, 0}}}, // the PDU runs to and includes Ctrl-Z
+        {"AT+CFUN?\rAT+CPIN?\rAT+CSQ\r", at, complete, {{9, 9, 18}, {7, 18, 0}}},
+        {"AT+A\rAT+B", at, prompt, {{6, 0, 0}}}, // no Ctrl-Z: the part runs to the end
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(testing::PrintToString(r.cmd));
+        auto req = make(r.cmd, r.action);
+        for (const auto &[len, token_offset, ext_len] : r.steps) {
+            EXPECT_EQ(get_extended_length(req.get(), r.status), len);
+            set_extended_next(req.get(), r.status);
+            EXPECT_EQ(req->token_offset, token_offset);
+            EXPECT_EQ(req->ext_len, ext_len);
+        }
+    }
 }
 
 TEST(RequestTest, CleanUnlinksFromItsQueue)
@@ -109,7 +88,8 @@ TEST(RequestTest, CleanUnlinksFromItsQueue)
     list_add_tail(&b->list, &queue);
     clean_request(a, 0);
     EXPECT_EQ(queue.next, &b->list);
-    clean_request(b, 1); // frees the extra data (ASan would report a leak otherwise)
+    clean_request(b,
+                  1); // frees the extra data (ASan would report a leak otherwise)
     EXPECT_TRUE(list_empty(&queue));
     clean_request(nullptr, 1);
 }
