@@ -2,18 +2,9 @@
 
 #include "util/cache_manager.h"
 #include "util/services_test_support.h"
-#include "util/ujson.h"
 
-#include "wwan/ubox.h"
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace
@@ -21,12 +12,8 @@ namespace
 
 using namespace services_test;
 
-struct notification {
-    std::string name;
-    std::string payload;
-    bool hotplug;
-};
-
+// Records notifications as `name=value` (`name!=` when hotplug too), the value
+// being the payload without its "modem_id" and, when keyed by the name, bare.
 class test_modem final : public evt_modem
 {
   public:
@@ -35,23 +22,26 @@ class test_modem final : public evt_modem
     cache_manager *cache() override { return cache_.get(); }
     int notify_event(const char *name, ujson &payload, bool hotplug) override
     {
-        sent.push_back({name, json_text(payload), hotplug});
+        std::string text = json_text(payload), tail = R"(,"modem_id":"1-1"})", key = "{\"" + std::string(name) + "\":";
+        if (text.ends_with(tail))
+            text = text.substr(0, text.size() - tail.size()) + "}";
+        if (text.starts_with(key))
+            text = text.substr(key.size(), text.size() - key.size() - 1);
+        log += std::string(" ") + name + (hotplug ? "!=" : "=") + text;
         return 0;
     }
 
     std::unique_ptr<cache_manager> cache_ = cache_manager::create();
-    std::vector<notification> sent;
+    std::string log;
 };
 
-// "id:value:cached value:notifications sent so far", per callback.
-std::vector<std::string> g_callbacks;
-
+// Logs `cb<id>=<value>/<cached value>`: the cache is updated first.
 void record_cb(evt_modem &mdm, uint32_t id, void *value)
 {
     const cache_item *item = mdm.cache()->get_item("pin_state");
-    g_callbacks.push_back(std::to_string(id) + ":" + std::to_string(*static_cast<int32_t *>(value)) + ":" +
-                          std::to_string(item ? item->get<int32_t>() : -1) + ":" +
-                          std::to_string(static_cast<test_modem &>(mdm).sent.size()));
+    static_cast<test_modem &>(mdm).log += " cb" + std::to_string(id) + "=" +
+                                          std::to_string(*static_cast<int32_t *>(value)) + "/" +
+                                          std::to_string(item ? item->get<int32_t>() : -1);
 }
 
 const evt_desc test_events[] = {
@@ -59,6 +49,19 @@ const evt_desc test_events[] = {
     {7, "rssi_value", CACHE_DATA_INT32, nullptr},  {901, "t_text", CACHE_DATA_STRING, nullptr},
     {902, "t_double", CACHE_DATA_DOUBLE, nullptr}, {903, "t_u32", CACHE_DATA_UINT32, nullptr},
     {904, "t_i64", CACHE_DATA_INT64, nullptr},     {905, "t_flag", CACHE_DATA_BOOL, nullptr},
+};
+
+// PUSH/FORCE (always notify) the text arg in the event's kind: the result;
+// nothing is sent or cached from inside a push. RUN: what was sent since the
+// last RUN. CACHED: the cached value of arg. DESTROY: "closed" when both pipe
+// ends are. REG registers arg under id (null: unregisters): the name found.
+enum op { INIT, PUSH, FORCE, RUN, CACHED, DESTROY, REG };
+
+struct step {
+    op what;
+    uint32_t id;
+    const char *arg;
+    const char *expect;
 };
 
 class EventManager : public ::testing::Test
@@ -69,191 +72,121 @@ class EventManager : public ::testing::Test
         ASSERT_EQ(uloop_init(), 0);
         for (const evt_desc &d : test_events)
             ASSERT_EQ(event_register(d), 0);
-        g_callbacks.clear();
-        mgr = evtmgr::create();
-        ASSERT_TRUE(mgr);
-        ASSERT_TRUE(mdm.cache());
     }
 
     void TearDown() override
     {
         mgr.reset();
-        for (const evt_desc &d : test_events)
-            event_unregister(d.id);
         uloop_done();
     }
 
-    test_modem mdm;
-    std::unique_ptr<evtmgr> mgr;
+    // Pushes a copy that dies right after the push: ASan reports a kept pointer.
+    int push(const step &s)
+    {
+        const char *a = s.arg ? s.arg : "";
+        int64_t n = std::strtoll(a, nullptr, 0);
+        double d = std::strtod(a, nullptr);
+        uint32_t type = event_find(s.id) ? event_find(s.id)->type : 0;
+        auto json = type == CACHE_DATA_UJSON ? from_json(a) : nullptr;
+        const char *p = type == CACHE_DATA_STRING   ? a
+                        : type == CACHE_DATA_DOUBLE ? reinterpret_cast<const char *>(&d)
+                                                    : reinterpret_cast<const char *>(&n);
+        std::vector<char> bytes(p, p + (type == CACHE_DATA_STRING ? std::strlen(a) + 1 : 8));
+        const void *v = !s.arg ? nullptr : json ? static_cast<void *>(json.get()) : bytes.data();
+        return mgr->push(*mdm, s.id, v, s.what == FORCE);
+    }
+
+    std::string run(const step &s)
+    {
+        std::string out;
+        switch (s.what) {
+        case INIT:
+            return std::to_string(mgr->init(*mdm));
+        case PUSH:
+        case FORCE:
+            out = std::to_string(push(s));
+            return mdm->log.empty() && mdm->cache()->item_count() == cached ? out : out + " and sent or cached";
+        case RUN:
+            run_loop();
+            out = mdm->log.empty() ? "" : mdm->log.substr(1);
+            mdm->log.clear();
+            cached = mdm->cache()->item_count();
+            return out;
+        case CACHED:
+            return json_text(*mdm->cache()->get_item(s.arg)->json());
+        case DESTROY: {
+            int r = mgr->recv_fd(), w = mgr->send_fd();
+            mgr.reset();
+            return fcntl(r, F_GETFD) == -1 && fcntl(w, F_GETFD) == -1 ? "closed" : "open";
+        }
+        case REG:
+            if (s.arg)
+                EXPECT_EQ(event_register({s.id, s.arg, CACHE_DATA_STRING, nullptr}), 0);
+            else
+                event_unregister(s.id);
+            return event_find(s.id) ? event_find(s.id)->name : "";
+        }
+        return "?";
+    }
+
+    std::unique_ptr<test_modem> mdm = std::make_unique<test_modem>();
+    std::unique_ptr<evtmgr> mgr = evtmgr::create();
+    int32_t cached = 0;
 };
 
-TEST_F(EventManager, DeliversOnTheLoopInOrderOnce)
+TEST_F(EventManager, Steps)
 {
-    ASSERT_EQ(mgr->init(mdm), 0);
-    int32_t rssi = -70, pin = 1;
-    char text[] = "LTE";
-    ASSERT_EQ(mgr->push(mdm, 7, &rssi, false), 0);
-    ASSERT_EQ(mgr->push(mdm, 901, text, false), 0);
-    ASSERT_EQ(mgr->push(mdm, 1, &pin, false), 0);
-    text[0] = rssi = pin = 0; // the events hold their own copies
-    EXPECT_TRUE(mdm.sent.empty()) << "nothing is sent from inside push";
-    EXPECT_EQ(mdm.cache()->item_count(), 0);
-
-    run_loop();
-    ASSERT_EQ(mdm.sent.size(), 3u);
-    EXPECT_EQ(mdm.sent[0].name, "rssi_value");
-    EXPECT_EQ(mdm.sent[1].name, "t_text");
-    EXPECT_EQ(mdm.sent[2].name, "pin_state");
-    EXPECT_EQ(mdm.cache()->get_item("rssi_value")->get<int32_t>(), -70);
-    EXPECT_STREQ(mdm.cache()->get_item("t_text")->text(), "LTE");
-
-    run_loop();
-    EXPECT_EQ(mdm.sent.size(), 3u);
-}
-
-TEST_F(EventManager, SendsOnlyOnChangeUnlessAlwaysNotify)
-{
-    struct row {
-        const char *what;
-        uint32_t id;
-        const void *first;
-        const void *second;
-        bool always;
-        size_t sent;
+    // clang-format off
+    const step steps[] = {
+        // refused pushes (unknown id, no value, no pipe yet) leave nothing behind for a later wake-up
+        {PUSH, 4242, "3", "1"},
+        {PUSH, 7, nullptr, "1"},
+        {PUSH, 7, "3", "1"},
+        {INIT, 0, nullptr, "0"},
+        {PUSH, 901, "x", "0"},
+        {RUN, 0, nullptr, R"(t_text="x")"},
+        // delivered on the loop in push order; sent only on change unless forced; the callback follows each notification
+        {PUSH, 7, "-70", "0"},
+        {PUSH, 901, "LTE", "0"},
+        {PUSH, 1, "1", "0"},
+        {PUSH, 1, "1", "0"},
+        {FORCE, 1, "1", "0"},
+        {PUSH, 1, "2", "0"},
+        {RUN, 0, nullptr, R"(rssi_value=-70 t_text="LTE" pin_state!=1 cb1=1/1 pin_state!=1 cb1=1/1 pin_state!=2 cb1=2/2)"},
+        {RUN, 0, nullptr, ""},
+        // the payload carries the value in its kind, a structured value as its members
+        {PUSH, 902, "2.25", "0"},
+        {PUSH, 903, "0xFFFFFFFF", "0"},
+        {PUSH, 904, "1099511627776", "0"},
+        {PUSH, 905, "1", "0"},
+        {PUSH, 6, R"({"sms_used":2,"number":"+37060000000"})", "0"},
+        {RUN, 0, nullptr, R"(t_double=2.250000 t_u32=-1 t_i64=1099511627776 t_flag=true snd_sms!={"sms_used":2,"number":"+37060000000"})"},
+        {CACHED, 0, "snd_sms", R"({"sms_used":2,"number":"+37060000000"})"},
+        // a pushed event keeps the registration it was pushed under; a second one replaces the first
+        {REG, 950, "before", "before"},
+        {PUSH, 950, "v", "0"},
+        {REG, 950, "after", "after"},
+        {RUN, 0, nullptr, R"(before="v")"},
+        {REG, 950, nullptr, ""},
+        {PUSH, 950, "v", "1"},
+        // destroying closes the pipe and drops what is queued; unregistering left the others
+        {PUSH, 7, "-60", "0"},
+        {DESTROY, 0, nullptr, "closed"},
+        {RUN, 0, nullptr, ""},
     };
-    const int32_t a = -70, b = -65;
-    const row rows[] = {
-        {"same number", 7, &a, &a, false, 1},
-        {"same number, always", 7, &a, &a, true, 2},
-        {"new number", 7, &a, &b, false, 2},
-        {"same text", 901, "LTE", "LTE", false, 1},
-        {"longer text", 901, "LTE", "LTE-A", false, 2},
-    };
-    ASSERT_EQ(mgr->init(mdm), 0);
-    for (const row &r : rows) {
-        SCOPED_TRACE(r.what);
-        test_modem fresh;
-        ASSERT_EQ(mgr->push(fresh, r.id, r.first, false), 0);
-        ASSERT_EQ(mgr->push(fresh, r.id, r.second, r.always), 0);
-        run_loop();
-        EXPECT_EQ(fresh.sent.size(), r.sent);
+    // clang-format on
+    for (size_t i = 0; i < std::size(steps); i++) {
+        SCOPED_TRACE("step " + std::to_string(i));
+        EXPECT_EQ(run(steps[i]), steps[i].expect);
     }
-}
-
-TEST_F(EventManager, PayloadCarriesTheValueInItsKind)
-{
-    auto sms = from_json(R"({"sms_used":2,"number":"+37060000000"})");
-    const double dbl = 2.25;
-    const uint32_t u32 = 0xFFFFFFFF;
-    const int64_t i64 = int64_t{1} << 40;
-    const uint8_t flag = 1;
-    const int32_t pin = 10;
-    struct row {
-        uint32_t id;
-        const void *value;
-        const char *payload;
-        bool hotplug;
-    };
-    const row rows[] = {
-        {901, "WCDMA", R"({"t_text":"WCDMA","modem_id":"1-1"})", false},
-        {902, &dbl, R"({"t_double":2.250000,"modem_id":"1-1"})", false},
-        {903, &u32, R"({"t_u32":-1,"modem_id":"1-1"})", false},
-        {904, &i64, R"({"t_i64":1099511627776,"modem_id":"1-1"})", false},
-        {905, &flag, R"({"t_flag":true,"modem_id":"1-1"})", false},
-        {6, sms.get(), R"({"sms_used":2,"number":"+37060000000","modem_id":"1-1"})", true},
-        {1, &pin, R"({"pin_state":10,"modem_id":"1-1"})", true},
-    };
-    ASSERT_EQ(mgr->init(mdm), 0);
-    for (const row &r : rows)
-        ASSERT_EQ(mgr->push(mdm, r.id, r.value, false), 0) << r.id;
-    run_loop();
-    ASSERT_EQ(mdm.sent.size(), std::size(rows));
-    for (size_t i = 0; i < std::size(rows); i++) {
-        SCOPED_TRACE(rows[i].id);
-        EXPECT_EQ(mdm.sent[i].payload, rows[i].payload);
-        EXPECT_EQ(mdm.sent[i].hotplug, rows[i].hotplug);
-    }
-    const cache_item *cached = mdm.cache()->get_item("snd_sms");
-    ASSERT_TRUE(cached && cached->json());
-    EXPECT_EQ(json_text(*cached->json()), R"({"sms_used":2,"number":"+37060000000"})");
-}
-
-TEST_F(EventManager, CallbackFollowsEachPublishedChange)
-{
-    ASSERT_EQ(mgr->init(mdm), 0);
-    const int32_t ok = 1, not_ready = 2;
-    ASSERT_EQ(mgr->push(mdm, 1, &ok, false), 0);
-    ASSERT_EQ(mgr->push(mdm, 1, &ok, false), 0); // unchanged: no callback
-    ASSERT_EQ(mgr->push(mdm, 1, &ok, true), 0);  // forced
-    ASSERT_EQ(mgr->push(mdm, 1, &not_ready, false), 0);
-    run_loop();
-    // after the cache update and the notification, never for an unchanged value
-    EXPECT_EQ(g_callbacks, (std::vector<std::string>{"1:1:1:1", "1:1:1:2", "1:2:2:3"}));
-}
-
-TEST_F(EventManager, RefusedPushesQueueNothing)
-{
-    int32_t v = 3;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(mgr->push(mdm, 4242, &v, false), 1);
-    EXPECT_EQ(mgr->push(mdm, 7, nullptr, false), 1);
-    EXPECT_EQ(mgr->push(mdm, 7, &v, false), 1) << "no pipe yet";
-    testing::internal::GetCapturedStdout();
-
-    // the refused event is not left behind for a later wake-up
-    ASSERT_EQ(mgr->init(mdm), 0);
-    ASSERT_EQ(mgr->push(mdm, 901, "x", false), 0);
-    run_loop();
-    ASSERT_EQ(mdm.sent.size(), 1u);
-    EXPECT_EQ(mdm.sent[0].name, "t_text");
-    EXPECT_EQ(mdm.cache()->get_item("rssi_value"), nullptr);
-}
-
-TEST_F(EventManager, DestroyClosesThePipeAndDropsQueuedEvents)
-{
-    ASSERT_EQ(mgr->init(mdm), 0);
-    int r = mgr->recv_fd(), w = mgr->send_fd();
-    int32_t rssi = -70;
-    ASSERT_EQ(mgr->push(mdm, 7, &rssi, false), 0);
-    mgr.reset(); // drops the queued event
-    EXPECT_EQ(fcntl(r, F_GETFD), -1);
-    EXPECT_EQ(fcntl(w, F_GETFD), -1);
-    run_loop();
-    EXPECT_TRUE(mdm.sent.empty());
-}
-
-TEST_F(EventManager, PushedEventsKeepTheirRegistration)
-{
-    ASSERT_EQ(mgr->init(mdm), 0);
-    ASSERT_EQ(event_register({950, "before", CACHE_DATA_STRING, nullptr}), 0);
-    ASSERT_EQ(mgr->push(mdm, 950, "v", false), 0);
-    ASSERT_EQ(event_register({950, "after", CACHE_DATA_STRING, nullptr}), 0);
-    ASSERT_NE(event_find(950), nullptr);
-    EXPECT_STREQ(event_find(950)->name, "after") << "a second registration replaces the first";
-    run_loop();
-    ASSERT_EQ(mdm.sent.size(), 1u);
-    EXPECT_EQ(mdm.sent[0].name, "before");
-
-    event_unregister(950);
-    EXPECT_EQ(event_find(950), nullptr);
-    EXPECT_EQ(mgr->push(mdm, 950, "v", false), 1);
-    EXPECT_NE(event_find(7), nullptr) << "others stay registered";
 }
 
 TEST(EventIpv6, HexGroupsEachFollowedByAColon)
 {
-    struct row {
-        uint8_t addr[16];
-        const char *text;
-    };
-    const row rows[] = {
-        {{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01},
-         "20:01:0D:B8:00:00:00:00:00:00:00:00:00:00:00:01:"},
-        {{0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0x02, 0x1a, 0x2b, 0xff, 0xfe, 0x3c, 0x4d, 0x5e},
-         "FE:80:00:00:00:00:00:00:02:1A:2B:FF:FE:3C:4D:5E:"},
-    };
-    for (const row &r : rows)
-        EXPECT_STREQ(convert_ipv6(r.addr).data(), r.text);
+    const uint8_t a[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01};
+    const uint8_t b[16] = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0x02, 0x1a, 0x2b, 0xff, 0xfe, 0x3c, 0x4d, 0x5e};
+    EXPECT_STREQ(convert_ipv6(a).data(), "20:01:0D:B8:00:00:00:00:00:00:00:00:00:00:00:01:");
+    EXPECT_STREQ(convert_ipv6(b).data(), "FE:80:00:00:00:00:00:00:02:1A:2B:FF:FE:3C:4D:5E:");
     EXPECT_STREQ(convert_ipv6(nullptr).data(), "");
 }
 
