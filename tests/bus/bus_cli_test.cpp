@@ -5,6 +5,8 @@
 
 #include "ubus_wire.h"
 
+#include "platform/libubox/src/blob_test_support.h"
+
 #include "wwan/ubox.h"
 
 #include <unistd.h>
@@ -96,113 +98,77 @@ TEST_F(BusFixture, CliListenPrintsMatchingEvents)
     EXPECT_EQ(listener.stop(0, 5000), 0) << "-t ends listen with status 0";
 }
 
-// A broker for one client on a thread: it greets, answers every LOOKUP with
-// the object "x" carrying the SIGNATURE attribute sig, and every INVOKE with
-// a DATA attribute of `levels` nested arrays.
-class fake_bus
+// A broker for one client: it greets, then answers every message with the object "x" carrying the SIGNATURE
+// attribute sig and a DATA attribute of `levels` nested arrays, and a STATUS 0.
+void fake_bus(int lfd, std::vector<uint8_t> sig, int levels)
 {
-  public:
-    fake_bus(const std::string &path, const std::string &sig_hex, int levels)
-    {
-        for (size_t i = 0; i + 1 < sig_hex.size(); i += 2)
-            sig_.push_back(std::stoi(sig_hex.substr(i, 2), nullptr, 16));
-        blob_buf_init(&data_, 0);
-        void *d = blob_nest_start(&data_, UBUS_ATTR_DATA);
-        std::vector<void *> open;
-        for (int i = 0; i < levels; i++)
-            open.push_back(blobmsg_open_array(&data_, "a"));
-        for (; !open.empty(); open.pop_back())
-            blobmsg_close_array(&data_, open.back());
-        blob_nest_end(&data_, d);
-        lfd_ = usock(USOCK_UNIX | USOCK_SERVER, path.c_str(), nullptr);
-        thread_ = std::thread([this] { serve(); });
+    struct blob_buf b = {};
+    blob_buf_init(&b, 0);
+    blob_put_int32(&b, UBUS_ATTR_OBJID, 0x1000);
+    blob_put_string(&b, UBUS_ATTR_OBJPATH, "x");
+    blob_put_int32(&b, UBUS_ATTR_OBJTYPE, 0x2000);
+    blob_put_raw(&b, sig.data(), sig.size());
+    void *d = blob_nest_start(&b, UBUS_ATTR_DATA);
+    std::vector<void *> open;
+    for (int i = 0; i < levels; i++)
+        open.push_back(blobmsg_open_array(&b, "a"));
+    for (; !open.empty(); open.pop_back())
+        blobmsg_close_array(&b, open.back());
+    blob_nest_end(&b, d);
+    const std::vector<uint8_t> status = blob_test::from_hex("00000014 01000008 00000000 03000008 00001000");
+    int fd = accept(lfd, nullptr, nullptr);
+    bool ok = write(fd, blob_test::from_hex("00000000 12345678 00000004").data(), 12) == 12;
+    uint8_t hdr[12];
+    while (ok && read(fd, hdr, 12) == 12) {
+        std::vector<uint8_t> body(ubus_wire::frame_len(hdr) - 12), out;
+        if (!body.empty() && read(fd, body.data(), body.size()) != (ssize_t)body.size())
+            break;
+        uint16_t seq = hdr[2] << 8 | hdr[3];
+        uint32_t peer = (uint32_t)hdr[4] << 24 | hdr[5] << 16 | hdr[6] << 8 | hdr[7];
+        ubus_wire::encode(out, UBUS_MSG_DATA, seq, peer, b.head);
+        ubus_wire::encode(out, UBUS_MSG_STATUS, seq, peer, (const struct blob_attr *)status.data());
+        ok = write(fd, out.data(), out.size()) == (ssize_t)out.size();
     }
-    ~fake_bus()
-    {
-        thread_.join();
-        close(lfd_);
-        blob_buf_free(&data_);
-    }
+    close(fd);
+    blob_buf_free(&b);
+}
 
-  private:
-    void serve()
-    {
-        int fd = accept(lfd_, nullptr, nullptr);
-        const uint8_t hello[12] = {0, 0, 0, 0, 0x12, 0x34, 0x56, 0x78, 0, 0, 0, 4};
-        bool ok = write(fd, hello, 12) == 12;
-        uint8_t hdr[12];
-        while (ok && read(fd, hdr, 12) == 12) {
-            std::vector<uint8_t> body(ubus_wire::frame_len(hdr) - 12), out;
-            if (!body.empty() && read(fd, body.data(), body.size()) != (ssize_t)body.size())
-                break;
-            uint16_t seq = hdr[2] << 8 | hdr[3];
-            uint32_t peer = (uint32_t)hdr[4] << 24 | hdr[5] << 16 | hdr[6] << 8 | hdr[7];
-            struct blob_buf b = {};
-            blob_buf_init(&b, 0);
-            blob_put_int32(&b, UBUS_ATTR_OBJID, 0x1000);
-            if (hdr[1] == UBUS_MSG_LOOKUP) {
-                blob_put_string(&b, UBUS_ATTR_OBJPATH, "x");
-                blob_put_int32(&b, UBUS_ATTR_OBJTYPE, 0x2000);
-                blob_put_raw(&b, sig_.data(), sig_.size());
-            } else if (hdr[1] == UBUS_MSG_INVOKE) {
-                blob_put_raw(&b, blob_data(data_.head), blob_len(data_.head));
-            }
-            if (hdr[1] == UBUS_MSG_LOOKUP || hdr[1] == UBUS_MSG_INVOKE)
-                ubus_wire::encode(out, UBUS_MSG_DATA, seq, peer, b.head);
-            blob_buf_init(&b, 0);
-            blob_put_int32(&b, UBUS_ATTR_STATUS, 0);
-            blob_put_int32(&b, UBUS_ATTR_OBJID, 0x1000);
-            ubus_wire::encode(out, UBUS_MSG_STATUS, seq, peer, b.head);
-            blob_buf_free(&b);
-            ok = write(fd, out.data(), out.size()) == (ssize_t)out.size();
-        }
-        close(fd);
-    }
-
-    std::vector<uint8_t> sig_;
-    struct blob_buf data_ = {};
-    int lfd_ = -1;
-    std::thread thread_;
-};
-
-// Method "ok" takes "n": INT32; damaged signatures show only what is sound.
-// Replies nested deeper than 32 levels are refused.
+// Method "ok" takes "n": INT32; damaged signatures show only what is sound. Replies nested deeper than 32 levels are
+// refused. Rows without levels list the signature, the others call a method.
 TEST(BusCliReplies, MalformedSignaturesAndDeepRepliesAreRefused)
 {
-    const std::string ok = "\t\"ok\":{\"n\":\"Integer\"}\n";
+    const std::string ok = "\t\"ok\":{\"n\":\"Integer\"}\n",
+                      ok_method = "8200001800026f6b000000008500000c00016e0000000005";
     struct {
-        const char *what, *sig_hex;
-        int levels;
-        const char *cmd;
-        int code;
+        const char *what;
+        std::string sig_hex;
+        int levels, code;
         std::string out;
     } rows[] = {
         // clang-format off
-        {"well formed", "0600001c8200001800026f6b000000008500000c00016e0000000005", 0, "list", 0, ok},
-        {"method as a string", "060000288300000a0001730078000000"
-                               "8200001800026f6b000000008500000c00016e0000000005", 0, "list", 0, ok},
-        {"second method past the end", "060000248200001800026f6b000000008500000c00016e00"
-                                       "0000000582ff000800016d00", 0, "list", 0, ok},
-        {"argument longer than its method", "0600001c8200001800026f6b000000008500007800016e0000000005", 0, "list", 0,
-         "\t\"ok\":{}\n"},
-        {"method longer than the signature", "0600001c8200101800026f6b000000008500000c00016e0000000005", 0, "list", 0,
-         ""},
-        {"plain attributes", "0600000c0300000800000007", 0, "list", 0, ""},
-        {"2 levels", "06000004", 2, "call", 0, "{\"a\":[[]]}\n"},
-        {"32 levels", "06000004", 32, "call", 0, "{\"a\":" + std::string(32, '[') + std::string(32, ']') + "}\n"},
-        {"33 levels", "06000004", 33, "call", UBUS_STATUS_PARSE_ERROR, ""},
-        {"5000 levels", "06000004", 5000, "call", UBUS_STATUS_PARSE_ERROR, ""},
+        {"well formed", "0600001c" + ok_method, 0, 0, ok},
+        {"method as a string", "060000288300000a0001730078000000" + ok_method, 0, 0, ok},
+        {"second method past the end", "06000024" + ok_method + "82ff000800016d00", 0, 0, ok},
+        {"argument longer than its method", "0600001c8200001800026f6b000000008500007800016e0000000005", 0, 0, "\t\"ok\":{}\n"},
+        {"method longer than the signature", "0600001c8200101800026f6b000000008500000c00016e0000000005", 0, 0, ""},
+        {"plain attributes", "0600000c0300000800000007", 0, 0, ""},
+        {"2 levels", "06000004", 2, 0, "{\"a\":[[]]}\n"},
+        {"32 levels", "06000004", 32, 0, "{\"a\":" + std::string(32, '[') + std::string(32, ']') + "}\n"},
+        {"33 levels", "06000004", 33, UBUS_STATUS_PARSE_ERROR, ""},
+        {"5000 levels", "06000004", 5000, UBUS_STATUS_PARSE_ERROR, ""},
         // clang-format on
     };
     for (auto &r : rows) {
         SCOPED_TRACE(r.what);
         temp_root dir;
         std::string sock = dir.path() + "/fake.sock";
-        fake_bus bus(sock, r.sig_hex, r.levels);
-        bool list = std::string(r.cmd) == "list";
-        auto res = list ? run_cli({"-s", sock, "-v", "list"}) : run_cli({"-s", sock, "-S", "call", "x", "m"});
+        int lfd = usock(USOCK_UNIX | USOCK_SERVER, sock.c_str(), nullptr);
+        std::thread bus(fake_bus, lfd, blob_test::from_hex(r.sig_hex.c_str()), r.levels);
+        auto res = r.levels ? run_cli({"-s", sock, "-S", "call", "x", "m"}) : run_cli({"-s", sock, "-v", "list"});
+        bus.join();
+        close(lfd);
         EXPECT_EQ(res.code, r.code) << res.err;
-        EXPECT_EQ(res.out, (list ? "'x' @00001000\n" : "") + r.out);
+        EXPECT_EQ(res.out, (r.levels ? "" : "'x' @00001000\n") + r.out);
     }
 }
 
