@@ -29,8 +29,8 @@ const family families[] = {
       {"get_serving_cell", "{}", R"("band":"B3")"},
       {"get_network_info", "{}", R"("band":"B3","channel":1300)"},
       {"set_lte_band", R"({"bands":["LTE_B3","LTE_B20"]})", ""},
-      {"get_bands", "{}", R"("lte":["LTE_B3","LTE_B20"])"},
-      {"get_bands", "{}", R"("gsm":["GSM_900","GSM_1800"])"},
+      {"get_bands", "{}", R"("gsm":["GSM_900","GSM_1800"],"wcdma":["WCDMA_850","WCDMA_900","WCDMA_2100"],)"
+                          R"("ltebandval":"0x80004","lte":["LTE_B3","LTE_B20"],"tdsbandval":"0x0")"},
       {"sim", "get band2", "0x80004\nOK\n"},
       {"get_mbn_list", "{}", R"("selected":true,"activated":true,"name":"Commercial-DT")"},
       {"get_temperature", "{}", R"("temperature":37)"},
