@@ -74,8 +74,8 @@ const blobmsg_policy method_args[ARG_MAX] = {
     {"table", BLOBMSG_TYPE_TABLE},
 };
 
-// Reads its arguments as the daemon's methods do and answers with them.
-int echo_method(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg)
+// Reads a message's arguments as the daemon's methods do.
+void read_args(blob_attr *msg)
 {
     blob_attr *tb[ARG_MAX];
     blobmsg_parse(method_args, ARG_MAX, tb, blob_data(msg), blob_len(msg));
@@ -89,6 +89,12 @@ int echo_method(ubus_context *ctx, ubus_object *, ubus_request_data *req, const 
         if (tb[i] && blobmsg_check_attr_list(tb[i], BLOBMSG_TYPE_UNSPEC))
             blobmsg_for_each_attr(cur, tb[i], rem)(void) blobmsg_type(cur);
     }
+}
+
+// Answers with its arguments.
+int echo_method(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg)
+{
+    read_args(msg);
     ubus_send_reply(ctx, req, msg);
     return UBUS_STATUS_OK;
 }
@@ -127,10 +133,7 @@ void client(fuzz::input &in)
     ubus_request call;
     ubus_notify_request note;
     if (ubus_invoke_async(&ctx, 0x200, "get", args.head, &call) == 0) {
-        call.data_cb = [](ubus_request *, int, blob_attr *msg) {
-            blob_attr *tb[ARG_MAX];
-            blobmsg_parse(method_args, ARG_MAX, tb, blob_data(msg), blob_len(msg));
-        };
+        call.data_cb = [](ubus_request *, int, blob_attr *msg) { read_args(msg); };
         ubus_complete_request_async(&ctx, &call);
     }
     if (ubus_notify_async(&ctx, &obj, "changed", args.head, &note) == 0)
