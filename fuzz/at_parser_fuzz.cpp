@@ -47,23 +47,18 @@ void take_output(parser &p, uint32_t status, tally &t)
 {
     const uint32_t answer = status & (PARSER_STATUS_COMPLETE | PARSER_STATUS_PROMPT);
     if (answer) {
-        FUZZ_CHECK(p.result_id() != ATS_NONE);
+        FUZZ_CHECK(p.result_id() != ATS_NONE && p.get_len() > 0);
         FUZZ_CHECK((p.result_id() == ATS_PROMPT) == ((status & PARSER_STATUS_PROMPT) != 0));
-        FUZZ_CHECK(p.get_len() > 0);
         FUZZ_CHECK(parser::ats_id_find(std::string_view(p.get_data(), p.get_len())) != ATS_NONE);
     } else if (!(status & PARSER_STATUS_FAILURE)) {
-        FUZZ_CHECK(p.result_id() == ATS_NONE);
-        FUZZ_CHECK(p.get_len() == 0);
+        FUZZ_CHECK(p.result_id() == ATS_NONE && p.get_len() == 0);
     }
     t.out += p.get_len();
 
     FUZZ_CHECK(((status & PARSER_STATUS_URC) != 0) == !p.urc_done());
-    uint32_t count = 0;
-    while (!p.urc_done()) {
-        FUZZ_CHECK(p.urc_len() > 0);
+    for (uint32_t count = 0; !p.urc_done(); p.urc_next()) {
+        FUZZ_CHECK(p.urc_len() > 0 && ++count <= t.in);
         t.out += p.urc_len();
-        p.urc_next();
-        FUZZ_CHECK(++count <= t.in);
     }
     FUZZ_CHECK(p.urc_len() == 0);
     p.urc_flush();
@@ -82,41 +77,27 @@ uint32_t work(parser &p, tally &t)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size < 2)
-        return 0;
-    const uint8_t mode = data[0];
-    fuzz::chooser pick(data[1]);
-    const uint32_t max_chunk = (mode & 0x20) ? 8 : 256;
-    std::string_view token = commands[mode & 0x0F];
-    data += 2;
-    size -= 2;
-
-    auto p = parser::create();
+    auto in = fuzz::split(data, size, true);
+    auto p = in ? parser::create() : nullptr;
     if (!p)
         return 0;
+    std::string_view token = commands[in->mode & 0x0F];
     tally t;
-    size_t pos = 0;
-    while (pos < size) {
-        const size_t n = std::min<size_t>(pick.size(max_chunk), size - pos);
+    in->pick.chunks(in->size, (in->mode & 0x20) ? 8 : 256, [&](size_t pos, size_t n) {
         p->pre_sanitize();
-        FUZZ_CHECK(p->hist_add(data + pos, static_cast<uint32_t>(n)) == n);
+        FUZZ_CHECK(p->hist_add(in->data + pos, static_cast<uint32_t>(n)) == n);
         t.in += n;
-        pos += n;
         p->sanitize();
         FUZZ_CHECK(std::string_view(p->get_hdata(), p->get_hlen()).find('\0') == std::string_view::npos);
         p->set_req_token(token);
         const uint32_t status = work(*p, t);
-        if ((mode & 0x10) && (status & PARSER_STATUS_COMPLETE))
+        if ((in->mode & 0x10) && (status & PARSER_STATUS_COMPLETE))
             token = {};
         take_output(*p, status, t);
-    }
+    });
     // Nobody waits any more: every complete answer left comes out.
     p->set_req_token(std::string_view());
-    for (int i = 0; i < 16; i++) {
-        const uint32_t status = work(*p, t);
-        take_output(*p, status, t);
-        if (!(status & PARSER_STATUS_COMPLETE))
-            break;
-    }
+    for (uint32_t i = 0, status = PARSER_STATUS_COMPLETE; i < 16 && (status & PARSER_STATUS_COMPLETE); i++)
+        take_output(*p, status = work(*p, t), t);
     return 0;
 }

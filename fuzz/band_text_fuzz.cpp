@@ -12,9 +12,11 @@
 #include "drivers/quectel/quectel_answer.h"
 #include "drivers/quectel/quectel_band_text.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -35,8 +37,7 @@ void check_hex(std::string_view text)
         return;
     const std::string printed = quectel::hex_text(m);
     quectel::wide_mask back;
-    FUZZ_CHECK(quectel::parse_hex(printed, back));
-    FUZZ_CHECK(back == m);
+    FUZZ_CHECK(quectel::parse_hex(printed, back) && back == m);
     // The printed form is the text without its "0x" and leading zeros.
     std::string_view digits = text;
     if (digits.size() > 2 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X'))
@@ -49,27 +50,22 @@ void check_hex(std::string_view text)
 void check_list(std::string_view text)
 {
     const std::vector<unsigned> numbers = quectel::band_numbers(text);
-    size_t entries = 1;
-    for (char c : text)
-        entries += c == ':';
-    FUZZ_CHECK(numbers.size() <= entries);
+    // The list's entries that are numbers, blanks aside, and how many there are.
+    std::vector<unsigned> entries;
+    size_t count = 0;
+    for (std::string_view rest = text;; count++) {
+        const size_t colon = rest.find(':');
+        if (unsigned v; quectel::to_number(quectel::trim(rest.substr(0, colon)), v))
+            entries.push_back(v);
+        if (colon == std::string_view::npos)
+            break;
+        rest.remove_prefix(colon + 1);
+    }
+    FUZZ_CHECK(numbers.size() <= count + 1);
     std::string printed;
     for (unsigned n : numbers) {
-        if (!printed.empty())
-            printed += ':';
-        printed += std::to_string(n);
-        // Every number was an entry of the list, blanks aside.
-        bool found = false;
-        std::string_view rest = text;
-        while (!found) {
-            size_t colon = rest.find(':');
-            unsigned v;
-            found = quectel::to_number(quectel::trim(rest.substr(0, colon)), v) && v == n;
-            if (colon == std::string_view::npos)
-                break;
-            rest.remove_prefix(colon + 1);
-        }
-        FUZZ_CHECK(found);
+        printed += (printed.empty() ? "" : ":") + std::to_string(n);
+        FUZZ_CHECK(std::find(entries.begin(), entries.end(), n) != entries.end());
     }
     FUZZ_CHECK(quectel::band_numbers(printed) == numbers);
 }
@@ -79,34 +75,25 @@ void check_search(const modem_band_family &fam, std::string_view text)
     const uint64_t unknown = modem_band_unknown(fam);
     const std::string want = lower(text);
 
-    const uint64_t by_name = modem_band_name_val(fam, text);
-    FUZZ_CHECK(by_name != 0);
-    if (by_name != unknown)
-        FUZZ_CHECK(lower(modem_band_name(fam, by_name)) == want);
-
-    const uint64_t by_display = modem_band_ret_val(fam, text);
-    FUZZ_CHECK(by_display != 0);
-    if (by_display != unknown) {
-        char buf[64];
-        FUZZ_CHECK(lower(modem_band_ret_str(fam, by_display, buf, sizeof(buf))) == want);
-    }
-
-    const uint64_t by_number = modem_band_at_val(fam, text);
-    FUZZ_CHECK(by_number != 0);
-    if (by_number != unknown)
-        FUZZ_CHECK(lower(modem_band_at_num(fam, by_number)) == want);
+    char buf[64];
+    // Each search and how the band it found prints in that search's terms.
+    const std::pair<uint64_t, std::function<const char *(uint64_t)>> searches[] = {
+        {modem_band_name_val(fam, text), [&](uint64_t v) { return modem_band_name(fam, v); }},
+        {modem_band_ret_val(fam, text), [&](uint64_t v) { return modem_band_ret_str(fam, v, buf, sizeof(buf)); }},
+        {modem_band_at_val(fam, text), [&](uint64_t v) { return modem_band_at_num(fam, v); }},
+    };
+    for (const auto &[found, print] : searches)
+        FUZZ_CHECK(found != 0 && (found == unknown || lower(print(found)) == want));
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size < 1)
-        return 0;
-    const modem_band_family &fam = *families[data[0] % std::size(families)];
-    std::string_view text(reinterpret_cast<const char *>(data + 1), size - 1);
-    check_hex(text);
-    check_list(text);
-    check_search(fam, text);
+    if (auto in = fuzz::split(data, size, false)) {
+        check_hex(in->text());
+        check_list(in->text());
+        check_search(*families[in->mode % std::size(families)], in->text());
+    }
     return 0;
 }

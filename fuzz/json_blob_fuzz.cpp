@@ -49,49 +49,51 @@ std::string reformat(const std::string &text)
     return format(again.b.head);
 }
 
-// Adds attr (and what it holds) to out with ujson's typed adds.
-void rebuild(ujson &out, blob_attr *attr, bool in_array)
+// Adds the members of container to out with ujson's typed adds.
+void rebuild(ujson &out, blob_attr *container, bool array)
 {
-    const char *name = in_array ? nullptr : blobmsg_name(attr);
-    switch (blobmsg_type(attr)) {
-    case BLOBMSG_TYPE_STRING:
-        out.add_string(name, blobmsg_get_string(attr));
-        break;
-    case BLOBMSG_TYPE_INT8:
-        out.add_bool(name, blobmsg_get_u8(attr));
-        break;
-    case BLOBMSG_TYPE_INT32:
-        out.add_int(name, static_cast<int32_t>(blobmsg_get_u32(attr)));
-        break;
-    case BLOBMSG_TYPE_INT64:
-        out.add_long(name, static_cast<int64_t>(blobmsg_get_u64(attr)));
-        break;
-    case BLOBMSG_TYPE_DOUBLE:
-        out.add_double(name, blobmsg_get_double(attr));
-        break;
-    case BLOBMSG_TYPE_TABLE:
-    case BLOBMSG_TYPE_ARRAY: {
-        const bool array = blobmsg_type(attr) == BLOBMSG_TYPE_ARRAY;
-        void *c = array ? out.open_array(name) : out.open_table(name);
-        blob_attr *cur;
-        size_t rem;
-        blobmsg_for_each_attr(cur, attr, rem) rebuild(out, cur, array);
-        if (array)
+    blob_attr *attr;
+    size_t rem;
+    blobmsg_for_each_attr(attr, container, rem)
+    {
+        const char *name = array ? nullptr : blobmsg_name(attr);
+        const int type = blobmsg_type(attr);
+        if (type == BLOBMSG_TYPE_STRING)
+            out.add_string(name, blobmsg_get_string(attr));
+        else if (type == BLOBMSG_TYPE_INT8)
+            out.add_bool(name, blobmsg_get_u8(attr));
+        else if (type == BLOBMSG_TYPE_INT32)
+            out.add_int(name, static_cast<int32_t>(blobmsg_get_u32(attr)));
+        else if (type == BLOBMSG_TYPE_INT64)
+            out.add_long(name, static_cast<int64_t>(blobmsg_get_u64(attr)));
+        else if (type == BLOBMSG_TYPE_DOUBLE)
+            out.add_double(name, blobmsg_get_double(attr));
+        else if (type == BLOBMSG_TYPE_ARRAY) {
+            void *c = out.open_array(name);
+            rebuild(out, attr, true);
             out.close_array(c);
-        else
+        } else if (type == BLOBMSG_TYPE_TABLE) {
+            void *c = out.open_table(name);
+            rebuild(out, attr, false);
             out.close_table(c);
-        break;
-    }
-    default:
-        // JSON null: blobmsg keeps it as an empty unspecified attribute.
-        out.add_blobmsg(attr);
-        break;
+        } else {
+            out.add_blobmsg(attr); // JSON null: an empty unspecified attribute
+        }
     }
 }
 
-// Every reader of ujson on every member of the selected level.
-void read_all(ujson &u, const std::vector<std::string> &names)
+// Every reader of ujson on every member of the top level (and one absent).
+void read_all(ujson &u, blob_attr *root)
 {
+    std::vector<std::string> names = {"absent"};
+    blob_attr *cur;
+    size_t rem;
+    blobmsg_for_each_attr(cur, root, rem)
+    {
+        if (!blobmsg_check_attr(cur, true))
+            break;
+        names.emplace_back(blobmsg_name(cur));
+    }
     for (const std::string &n : names) {
         const char *name = n.c_str();
         (void)u.exists(name);
@@ -132,21 +134,6 @@ bool empty_member_name(blob_attr *container, bool array)
     return false;
 }
 
-std::vector<std::string> member_names(blob_attr *root)
-{
-    std::vector<std::string> names;
-    blob_attr *cur;
-    size_t rem;
-    blobmsg_for_each_attr(cur, root, rem)
-    {
-        if (!blobmsg_check_attr(cur, true))
-            break;
-        names.emplace_back(blobmsg_name(cur));
-    }
-    names.emplace_back("absent");
-    return names;
-}
-
 void raw_blob(const uint8_t *data, size_t size)
 {
     // A message as received: aligned storage holding the bytes.
@@ -157,32 +144,28 @@ void raw_blob(const uint8_t *data, size_t size)
         return;
     auto u = ujson::create_ex(attr);
     if (u)
-        read_all(*u, member_names(attr));
+        read_all(*u, attr);
     std::free(blobmsg_format_json(attr, true));
     std::free(blobmsg_format_json_indent(attr, false, 1));
 }
 
-void json_text(const uint8_t *data, size_t size)
+void json_text(std::string_view input)
 {
-    std::string text(reinterpret_cast<const char *>(data), size);
+    const std::string text(input);
     blob_holder in;
     if (!blobmsg_add_json_from_string(&in.b, text.c_str()))
         return;
     const std::string first = format(in.b.head);
     // The text, and the indented form, read back as the same document.
-    if (!empty_member_name(in.b.head, false)) {
+    if (!empty_member_name(in.b.head, false))
         FUZZ_CHECK(reformat(first) == first && reformat(format(in.b.head, true, 0)) == first);
-    }
-
     auto reader = ujson::create_ex(in.b.head);
     FUZZ_CHECK(reader != nullptr);
-    read_all(*reader, member_names(in.b.head));
+    read_all(*reader, in.b.head);
 
     auto copy = ujson::create();
     FUZZ_CHECK(copy != nullptr);
-    blob_attr *cur;
-    size_t rem;
-    blobmsg_for_each_attr(cur, in.b.head, rem) rebuild(*copy, cur, false);
+    rebuild(*copy, in.b.head, false);
     FUZZ_CHECK(format(copy->get_blobmsg()) == first);
     auto clone = copy->clone();
     FUZZ_CHECK(clone != nullptr && format(clone->get_blobmsg()) == first);
@@ -192,11 +175,7 @@ void json_text(const uint8_t *data, size_t size)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size < 1)
-        return 0;
-    if (data[0] & 0x01)
-        raw_blob(data + 1, size - 1);
-    else
-        json_text(data + 1, size - 1);
+    if (auto in = fuzz::split(data, size, false))
+        (in->mode & 0x01) ? raw_blob(in->data, in->size) : json_text(in->text());
     return 0;
 }

@@ -5,6 +5,8 @@
 // byte strings written out as hex, so mutations reach the PDU fields directly.
 #include "sms/pdu.h"
 
+#include "fuzz_input.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -40,27 +42,21 @@ void add_record(std::vector<pdu_raw> &raw, const uint8_t *p, size_t n, bool bina
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size < 1)
+    auto in = fuzz::split(data, size, false);
+    if (!in)
         return 0;
-    const uint8_t mode = data[0];
-    const bool binary = mode & 0x04;
+    const bool binary = in->mode & 0x04;
     std::vector<pdu_raw> raw;
-    size_t pos = 1;
-    while (pos < size && raw.size() < 64) {
-        if (binary) {
-            const size_t n = data[pos++];
-            const size_t take = n < size - pos ? n : size - pos;
-            add_record(raw, data + pos, take, true);
-            pos += take;
-        } else {
-            size_t end = pos;
-            while (end < size && data[end] != '\n')
-                end++;
-            add_record(raw, data + pos, end - pos, false);
-            pos = end + 1;
-        }
+    const std::string_view rest = in->text();
+    // Records: a length byte and that many bytes, or lines.
+    for (size_t pos = 0; pos < rest.size() && raw.size() < 64;) {
+        const size_t from = pos + binary;
+        const size_t n = binary ? std::min<size_t>(in->data[pos], rest.size() - from)
+                                : std::min(rest.find('\n', pos), rest.size()) - pos;
+        add_record(raw, in->data + from, n, binary);
+        pos = from + n + !binary;
     }
     std::vector<sms_message> out;
-    pdu_decode(out, raw, static_cast<int>(mode >> 3) - 1, mode & 0x01, (mode >> 1) & 0x01);
+    pdu_decode(out, raw, static_cast<int>(in->mode >> 3) - 1, in->mode & 0x01, (in->mode >> 1) & 0x01);
     return 0;
 }

@@ -9,6 +9,7 @@
 // same and within its range.
 #include "drivers/quectel/quectel_answer.h"
 
+#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <cstddef>
@@ -21,6 +22,7 @@
 namespace
 {
 
+using fuzz::inside;
 using fuzz::lower;
 
 struct probe {
@@ -29,15 +31,16 @@ struct probe {
 };
 
 constexpr probe probes[] = {
-    {"+QCFG", "band"},       {"+QNWPREFCFG", "lte_band"}, {"+QENG", "servingcell"}, {"+CME ERROR", ""},
-    {"+QCFG", "usbnet"},     {"+CSQ", ""},                {"+QGMR", ""},            {"+QNWINFO", ""},
+    {"+QCFG", "band"},
+    {"+QNWPREFCFG", "lte_band"},
+    {"+QENG", "servingcell"},
+    {"+CME ERROR", ""},
+    {"+QCFG", "usbnet"},
+    {"+CSQ", ""},
+    {"+QGMR", ""},
+    {"+QNWINFO", ""},
 };
 constexpr int bases[] = {10, 16, 2, 36};
-
-bool inside(std::string_view part, std::string_view whole)
-{
-    return part.empty() || (part.data() >= whole.data() && part.data() + part.size() <= whole.data() + whole.size());
-}
 
 bool blank(char c)
 {
@@ -46,11 +49,7 @@ bool blank(char c)
 
 void check_fields(const quectel::fields &f, std::string_view rest)
 {
-    FUZZ_CHECK(!f.empty());
-    size_t commas = 0;
-    for (char c : rest)
-        commas += c == ',';
-    FUZZ_CHECK(f.size() <= commas + 1);
+    FUZZ_CHECK(!f.empty() && f.size() <= static_cast<size_t>(std::count(rest.begin(), rest.end(), ',')) + 1);
     for (std::string_view field : f)
         FUZZ_CHECK(inside(field, rest));
 }
@@ -61,11 +60,10 @@ void check_number(std::string_view field, int base)
     constexpr int64_t lo = -1000000, hi = INT64_MAX;
     if (!quectel::parse_number(field, base, lo, hi, v))
         return;
-    FUZZ_CHECK(v >= lo && v <= hi);
     char buf[80];
     auto [end, ec] = std::to_chars(buf, buf + sizeof(buf), v, base);
-    FUZZ_CHECK(ec == std::errc());
     int64_t back;
+    FUZZ_CHECK(v >= lo && v <= hi && ec == std::errc());
     FUZZ_CHECK(quectel::parse_number(std::string_view(buf, static_cast<size_t>(end - buf)), base, lo, hi, back));
     FUZZ_CHECK(back == v);
 }
@@ -74,25 +72,23 @@ void check_number(std::string_view field, int base)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size < 1)
+    auto in = fuzz::split(data, size, false);
+    if (!in)
         return 0;
-    const probe &pr = probes[data[0] % std::size(probes)];
-    const int base = bases[(data[0] >> 3) % std::size(bases)];
-    std::string_view text(reinterpret_cast<const char *>(data + 1), size - 1);
+    const probe &pr = probes[in->mode % std::size(probes)];
+    const int base = bases[(in->mode >> 3) % std::size(bases)];
+    const std::string_view text = in->text();
 
     std::string_view t = quectel::trim(text);
-    FUZZ_CHECK(inside(t, text));
-    FUZZ_CHECK(t.empty() || (!blank(t.front()) && !blank(t.back())));
+    FUZZ_CHECK(inside(t, text) && (t.empty() || (!blank(t.front()) && !blank(t.back()))));
 
     // Each line on its own, as the line walk cuts them.
-    std::string_view walk = text;
-    while (!walk.empty()) {
+    for (std::string_view walk = text; !walk.empty();) {
         const size_t end = walk.find("\r\n");
         std::string_view line = walk.substr(0, end);
         std::string_view rest;
         if (quectel::tagged(line, pr.tag, &rest)) {
-            FUZZ_CHECK(inside(rest, line));
-            FUZZ_CHECK(quectel::starts_nocase(quectel::trim(line), pr.tag));
+            FUZZ_CHECK(inside(rest, line) && quectel::starts_nocase(quectel::trim(line), pr.tag));
             check_fields(quectel::fields_of(rest), rest);
         }
         if (end == std::string_view::npos)
@@ -111,11 +107,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     });
     const quectel::fields first = quectel::tagged_fields(text, pr.tag);
     FUZZ_CHECK(lines == 0 ? first.empty() : !first.empty());
-    if (!pr.item.empty()) {
-        const quectel::fields values = quectel::item_values(text, pr.tag, pr.item);
-        for (std::string_view v : values)
-            FUZZ_CHECK(inside(v, text));
-    }
+    for (std::string_view v : pr.item.empty() ? quectel::fields{} : quectel::item_values(text, pr.tag, pr.item))
+        FUZZ_CHECK(inside(v, text));
     // Without an error line there is no code.
     size_t errors = 0;
     quectel::for_each_tagged(text, "+CME ERROR", [&](const quectel::fields &) { errors++; });

@@ -32,13 +32,13 @@ bool line_end(char c)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size < 2)
+    auto in = fuzz::split(data, size, true);
+    if (!in)
         return 0;
-    const bool sms = data[0] & 0x01;
-    void *extra = (data[0] & 0x02) ? std::malloc(16) : nullptr;
-    fuzz::chooser pick(data[1]);
-    const char *text = reinterpret_cast<const char *>(data + 2);
-    const auto length = static_cast<uint32_t>(size - 2);
+    const bool sms = in->mode & 0x01;
+    void *extra = (in->mode & 0x02) ? std::malloc(16) : nullptr;
+    const char *text = in->text().data();
+    const auto length = static_cast<uint32_t>(in->size);
 
     request *req = create_request(sms ? ACT_SEND_SMS : ACT_AT_COMMAND, nullptr, nullptr, text, length, 1000, extra);
     if (!length) {
@@ -46,8 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         std::free(extra);
         return 0;
     }
-    FUZZ_CHECK(req != nullptr);
-    FUZZ_CHECK(req->extra == extra);
+    FUZZ_CHECK(req != nullptr && req->extra == extra);
     const uint32_t len = req->length;
     const char *cmd = req->command;
 
@@ -56,28 +55,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FUZZ_CHECK(len <= length + 2);
     const uint32_t kept = length >= 3 ? length - 3 : 0;
     FUZZ_CHECK(std::memcmp(cmd, text, std::min(kept, len)) == 0);
-    if (!sms) {
-        FUZZ_CHECK(len >= 1);
-        const bool ends = line_end(cmd[len - 1]) || (len >= 2 && cmd[len - 1] == '\0' && cmd[len - 2] == '\r');
-        FUZZ_CHECK(ends);
-    } else {
+    if (sms)
         FUZZ_CHECK(len <= length);
-    }
+    else
+        FUZZ_CHECK(len >= 1 && (line_end(cmd[len - 1]) || (len >= 2 && cmd[len - 1] == '\0' && cmd[len - 2] == '\r')));
     FUZZ_CHECK(req->first_line_end <= len);
-    FUZZ_CHECK(req->ext_len < len || req->ext_len == 0);
-    if (req->ext_len)
-        FUZZ_CHECK(line_end(cmd[req->ext_len - 1]));
+    FUZZ_CHECK(req->ext_len == 0 || (req->ext_len < len && line_end(cmd[req->ext_len - 1])));
 
     // The first write is the first part, or everything for a one-part command.
     uint32_t written = req->ext_len ? req->ext_len : len;
     uint32_t parts = 1;
     while (req->ext_len) {
-        const uint32_t status = (pick.next() & 1) ? complete : prompt;
+        const uint32_t status = (in->pick.next() & 1) ? complete : prompt;
         const uint32_t from = req->ext_len;
         FUZZ_CHECK(from == written); // parts follow one another
         const uint32_t n = get_extended_length(req, status);
-        FUZZ_CHECK(n >= 1);
-        FUZZ_CHECK(from + n <= len);
+        FUZZ_CHECK(n >= 1 && from + n <= len);
         // The part ends at the stop character the answer asks for, or runs
         // to the end of the command.
         const char last = cmd[from + n - 1];
@@ -86,9 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         set_extended_next(req, status);
         written += n;
         FUZZ_CHECK(req->ext_len == 0 || req->ext_len > from);
-        FUZZ_CHECK(req->token_offset <= len);
-        if (status == complete)
-            FUZZ_CHECK(req->token_offset == from);
+        FUZZ_CHECK(req->token_offset <= len && (status != complete || req->token_offset == from));
         FUZZ_CHECK(++parts <= len);
     }
     FUZZ_CHECK(written <= len);

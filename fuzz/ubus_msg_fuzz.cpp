@@ -16,14 +16,12 @@
 #include "libubus_internal.h"
 #include "ubus_wire.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
-#include <new>
 #include <vector>
 
 #include "fuzz_input.h"
@@ -31,46 +29,38 @@
 namespace
 {
 
-// Splits the stream; calls fn(bytes, len) for each message. False when the
-// stream turned invalid (the connection would be dropped).
-template <class F> bool read_stream(const uint8_t *data, size_t size, fuzz::chooser &pick, F &&fn)
+// Splits the stream; fn(copy of the message) for each one until the stream
+// turns invalid (the connection would be dropped).
+template <class F> void read_stream(fuzz::input &in, F &&fn)
 {
     ubus_wire::reader rx;
-    size_t pos = 0, in = 0, out = 0;
-    while (pos < size) {
-        const size_t n = std::min<size_t>(pick.size(512), size - pos);
-        std::memcpy(rx.space(n), data + pos, n);
+    size_t out = 0;
+    bool valid = true;
+    in.pick.chunks(in.size, 512, [&](size_t pos, size_t n) {
+        if (!valid)
+            return;
+        std::memcpy(rx.space(n), in.data + pos, n);
         rx.commit(n);
-        pos += n;
-        in += n;
-        for (;;) {
-            uint8_t *p;
-            size_t len;
-            int fd;
-            const auto r = rx.next(&p, &len, &fd);
-            if (r == ubus_wire::reader::invalid)
-                return false;
-            if (r == ubus_wire::reader::none)
+        uint8_t *p;
+        size_t len;
+        int fd;
+        for (ubus_wire::reader::result r; valid && (r = rx.next(&p, &len, &fd)) != ubus_wire::reader::none;) {
+            if (!(valid = r != ubus_wire::reader::invalid))
                 break;
-            FUZZ_CHECK(fd == -1);
-            FUZZ_CHECK(len >= ubus_wire::min_len);
+            FUZZ_CHECK(fd == -1 && len >= ubus_wire::min_len && len == ubus_wire::frame_len(p));
             FUZZ_CHECK(reinterpret_cast<uintptr_t>(p) % 4 == 0);
-            FUZZ_CHECK(len == ubus_wire::frame_len(p));
-            out += len;
-            FUZZ_CHECK(out <= in);
+            FUZZ_CHECK((out += len) <= pos + n);
             std::vector<uint8_t> copy(p, p + len);
             fn(copy);
         }
-    }
-    return true;
+    });
 }
 
-void check_sent(const uint8_t *msg, size_t len)
+// A sent message: one whole frame that decodes (a copy of it, into m).
+void check_sent(const uint8_t *msg, size_t len, std::vector<uint8_t> &copy, ubus_wire::msg &m)
 {
-    FUZZ_CHECK(len >= ubus_wire::min_len);
-    FUZZ_CHECK(ubus_wire::frame_len(msg) == len);
-    std::vector<uint8_t> copy(msg, msg + len);
-    ubus_wire::msg m;
+    FUZZ_CHECK(len >= ubus_wire::min_len && ubus_wire::frame_len(msg) == len);
+    copy.assign(msg, msg + len);
     FUZZ_CHECK(ubus_wire::decode(copy.data(), copy.size(), &m));
 }
 
@@ -84,8 +74,8 @@ const blobmsg_policy method_args[ARG_MAX] = {
     {"table", BLOBMSG_TYPE_TABLE},
 };
 
-// Reads its arguments as the daemon's methods do and answers with them.
-int echo_method(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg)
+// Reads a message's arguments as the daemon's methods do.
+void read_args(blob_attr *msg)
 {
     blob_attr *tb[ARG_MAX];
     blobmsg_parse(method_args, ARG_MAX, tb, blob_data(msg), blob_len(msg));
@@ -94,74 +84,46 @@ int echo_method(ubus_context *ctx, ubus_object *, ubus_request_data *req, const 
     if (tb[ARG_COUNT])
         (void)blobmsg_get_u32(tb[ARG_COUNT]);
     for (int i : {ARG_LIST, ARG_TABLE}) {
-        if (!tb[i] || !blobmsg_check_attr_list(tb[i], BLOBMSG_TYPE_UNSPEC))
-            continue;
         blob_attr *cur;
         size_t rem;
-        blobmsg_for_each_attr(cur, tb[i], rem)(void) blobmsg_type(cur);
+        if (tb[i] && blobmsg_check_attr_list(tb[i], BLOBMSG_TYPE_UNSPEC))
+            blobmsg_for_each_attr(cur, tb[i], rem)(void) blobmsg_type(cur);
     }
+}
+
+// Answers with its arguments.
+int echo_method(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg)
+{
+    read_args(msg);
     ubus_send_reply(ctx, req, msg);
     return UBUS_STATUS_OK;
 }
 
-int refuse_method(ubus_context *, ubus_object *, ubus_request_data *, const char *, blob_attr *)
-{
-    return UBUS_STATUS_PERMISSION_DENIED;
-}
-
 const ubus_method methods[] = {
     UBUS_METHOD("echo", echo_method, method_args),
-    UBUS_METHOD_NOARG("refuse", refuse_method),
+    UBUS_METHOD_NOARG("refuse", [](ubus_context *, ubus_object *, ubus_request_data *, const char *,
+                                   blob_attr *) { return int(UBUS_STATUS_PERMISSION_DENIED); }),
 };
 
-void data_cb(ubus_request *, int, blob_attr *msg)
+void client(fuzz::input &in)
 {
-    blob_attr *tb[ARG_MAX];
-    blobmsg_parse(method_args, ARG_MAX, tb, blob_data(msg), blob_len(msg));
-}
-
-void subscribe_cb(ubus_context *, ubus_object *) {}
-
-// The peer end of the client's socket: everything the client sent.
-struct wire {
-    int fd[2] = {-1, -1};
-    wire()
-    {
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fd) == 0)
-            fcntl(fd[1], F_SETFL, O_NONBLOCK);
-    }
-    std::vector<uint8_t> drain()
-    {
-        std::vector<uint8_t> all;
-        uint8_t buf[4096];
-        ssize_t n;
-        while ((n = read(fd[1], buf, sizeof(buf))) > 0)
-            all.insert(all.end(), buf, buf + n);
-        return all;
-    }
-};
-
-void client(const uint8_t *data, size_t size, fuzz::chooser &pick)
-{
-    static wire w;
-    if (w.fd[0] < 0)
+    // fd[1] is the peer end of the client's socket: everything it sent.
+    static int fd[2] = {-1, -1};
+    if (fd[0] < 0 && (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fd) != 0 || fcntl(fd[1], F_SETFL, O_NONBLOCK)))
         return;
-    ubus_context ctx;
-    std::memset(&ctx, 0, sizeof(ctx));
-    ctx.sock.fd = w.fd[0];
+    ubus_context ctx = {};
+    ctx.sock.fd = fd[0];
     ctx.local_id = 0x5a5a;
     INIT_LIST_HEAD(&ctx.requests);
     INIT_LIST_HEAD(&ctx.pending);
     INIT_LIST_HEAD(&ctx.objects.list_head);
     ctx.priv = new ubus_ctx_priv;
-
-    ubus_object obj;
-    std::memset(&obj, 0, sizeof(obj));
+    ubus_object obj = {};
     obj.name = "fuzz";
     obj.id = 0x100;
     obj.methods = methods;
     obj.n_methods = static_cast<int>(std::size(methods));
-    obj.subscribe_cb = subscribe_cb;
+    obj.subscribe_cb = [](ubus_context *, ubus_object *) {};
     list_add(&obj.avl.list, &ctx.objects.list_head);
 
     // A call to object 0x200 (seq 1) and a notification of our object (seq 2).
@@ -171,41 +133,34 @@ void client(const uint8_t *data, size_t size, fuzz::chooser &pick)
     ubus_request call;
     ubus_notify_request note;
     if (ubus_invoke_async(&ctx, 0x200, "get", args.head, &call) == 0) {
-        call.data_cb = data_cb;
+        call.data_cb = [](ubus_request *, int, blob_attr *msg) { read_args(msg); };
         ubus_complete_request_async(&ctx, &call);
     }
     if (ubus_notify_async(&ctx, &obj, "changed", args.head, &note) == 0)
         ubus_complete_request_async(&ctx, &note.req);
 
-    read_stream(data, size, pick, [&](std::vector<uint8_t> &bytes) {
+    read_stream(in, [&](std::vector<uint8_t> &bytes) {
         ubus_wire::msg m;
         if (!ubus_wire::decode(bytes.data(), bytes.size(), &m) || m.version != 0)
             return;
-        switch (m.type) {
-        case UBUS_MSG_STATUS:
-        case UBUS_MSG_DATA:
+        if (m.type == UBUS_MSG_STATUS || m.type == UBUS_MSG_DATA)
             ubus_process_req_msg(&ctx, m, -1);
-            break;
-        case UBUS_MSG_INVOKE:
-        case UBUS_MSG_UNSUBSCRIBE:
-        case UBUS_MSG_NOTIFY:
+        else if (m.type == UBUS_MSG_INVOKE || m.type == UBUS_MSG_UNSUBSCRIBE || m.type == UBUS_MSG_NOTIFY)
             ubus_process_obj_msg(&ctx, m, -1);
-            break;
-        default:
-            break;
-        }
     });
 
-    // What the client answered is well formed.
-    const std::vector<uint8_t> sent = w.drain();
-    for (size_t pos = 0; pos < sent.size();) {
-        FUZZ_CHECK(sent.size() - pos >= ubus_wire::min_len);
-        const size_t len = ubus_wire::frame_len(sent.data() + pos);
+    // What the client answered is a run of well-formed messages.
+    std::vector<uint8_t> sent;
+    uint8_t buf[4096];
+    for (ssize_t n; (n = read(fd[1], buf, sizeof(buf))) > 0;)
+        sent.insert(sent.end(), buf, buf + n);
+    std::vector<uint8_t> copy;
+    ubus_wire::msg m;
+    for (size_t pos = 0, len; pos < sent.size(); pos += len) {
+        len = sent.size() - pos >= ubus_wire::min_len ? ubus_wire::frame_len(sent.data() + pos) : 0;
         FUZZ_CHECK(len && len <= sent.size() - pos);
-        check_sent(sent.data() + pos, len);
-        pos += len;
+        check_sent(sent.data() + pos, len, copy, m);
     }
-
     blob_buf_free(&args);
     blob_buf_free(&ctx.priv->b);
     blob_buf_free(&ctx.priv->b2);
@@ -220,29 +175,21 @@ struct checking_transport : ubusd::transport {
     {
         if (fd >= 0)
             close(fd);
-        check_sent(msg, len);
-        std::vector<uint8_t> copy(msg, msg + len);
+        std::vector<uint8_t> copy;
         ubus_wire::msg m;
-        ubus_wire::decode(copy.data(), copy.size(), &m);
+        check_sent(msg, len, copy, m);
         if (m.attr[UBUS_ATTR_OBJID] && ids.size() < 64)
             ids.push_back(ubus_wire::get_u32(m.attr[UBUS_ATTR_OBJID]));
     }
+    // Ids 16..31 name what the broker handed out; the id at p rewritten.
+    void name_known(uint8_t *p, uint32_t v) const
+    {
+        const uint32_t be = htonl(v >= 16 && v < 32 ? ids[(v - 16) % ids.size()] : v);
+        std::memcpy(p, &be, sizeof(be));
+    }
 };
 
-uint32_t known(const std::vector<uint32_t> &ids, uint32_t v)
-{
-    return v >= 16 && v < 32 && !ids.empty() ? ids[(v - 16) % ids.size()] : v;
-}
-
-void put_be32(uint8_t *p, uint32_t v)
-{
-    p[0] = static_cast<uint8_t>(v >> 24);
-    p[1] = static_cast<uint8_t>(v >> 16);
-    p[2] = static_cast<uint8_t>(v >> 8);
-    p[3] = static_cast<uint8_t>(v);
-}
-
-void broker(const uint8_t *data, size_t size, bool guest, fuzz::chooser &pick)
+void broker(fuzz::input &in, bool guest)
 {
     checking_transport out;
     ubusd::broker core(out);
@@ -250,41 +197,34 @@ void broker(const uint8_t *data, size_t size, bool guest, fuzz::chooser &pick)
     root.user = root.group = "root";
     user.uid = user.gid = 1000;
     user.user = user.group = "guest";
-    const uint32_t a = core.connect(root);
+    const uint32_t a = core.connect(root), b = core.connect(user);
     core.hello(a);
-    const uint32_t b = core.connect(user);
     core.hello(b);
     out.ids.insert(out.ids.begin(), {a, b});
 
-    read_stream(data, size, pick, [&](std::vector<uint8_t> &bytes) {
-        // Ids 16..31 name what the broker handed out.
+    read_stream(in, [&](std::vector<uint8_t> &bytes) {
         ubus_wire::msg m;
         if (ubus_wire::decode(bytes.data(), bytes.size(), &m)) {
-            put_be32(bytes.data() + 4, known(out.ids, m.peer));
+            out.name_known(bytes.data() + 4, m.peer);
             for (int attr : {UBUS_ATTR_OBJID, UBUS_ATTR_TARGET})
                 if (m.attr[attr])
-                    put_be32(static_cast<uint8_t *>(blob_data(m.attr[attr])),
-                             known(out.ids, ubus_wire::get_u32(m.attr[attr])));
+                    out.name_known(static_cast<uint8_t *>(blob_data(m.attr[attr])), ubus_wire::get_u32(m.attr[attr]));
         }
         core.receive(guest ? b : a, bytes.data(), bytes.size(), -1);
     });
     core.disconnect(b);
     core.disconnect(a);
-    FUZZ_CHECK(core.client_count() == 0);
-    FUZZ_CHECK(core.object_count() == 0);
+    FUZZ_CHECK(core.client_count() == 0 && core.object_count() == 0);
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size < 2)
-        return 0;
-    const uint8_t mode = data[0];
-    fuzz::chooser pick(data[1]);
-    if (mode & 0x01)
-        broker(data + 2, size - 2, mode & 0x02, pick);
-    else
-        client(data + 2, size - 2, pick);
+    auto in = fuzz::split(data, size, true);
+    if (in && (in->mode & 0x01))
+        broker(*in, in->mode & 0x02);
+    else if (in)
+        client(*in);
     return 0;
 }

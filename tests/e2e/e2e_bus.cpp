@@ -43,9 +43,9 @@ bus_message::bus_message(blob_attr *msg, bool table)
     std::free(s);
 }
 
-blob_attr *bus_message::find(const char *key) const
+blob_attr *bus_message::find(const char *key, int type) const
 {
-    const blobmsg_policy policy = {key, BLOBMSG_TYPE_UNSPEC};
+    const blobmsg_policy policy = {key, static_cast<enum blobmsg_type>(type)};
     blob_attr *found = nullptr;
     blobmsg_parse(&policy, 1, &found, const_cast<uint64_t *>(data_.data()), static_cast<unsigned>(len_));
     return found;
@@ -53,27 +53,27 @@ blob_attr *bus_message::find(const char *key) const
 
 std::optional<std::string> bus_message::text(const char *key) const
 {
-    blob_attr *a = find(key);
-    return a && blobmsg_type(a) == BLOBMSG_TYPE_STRING ? std::optional(blobmsg_get_string(a)) : std::nullopt;
+    blob_attr *a = find(key, BLOBMSG_TYPE_STRING);
+    return a ? std::optional(blobmsg_get_string(a)) : std::nullopt;
 }
 
 std::optional<int64_t> bus_message::number(const char *key) const
 {
-    blob_attr *a = find(key);
+    blob_attr *a = find(key, BLOBMSG_TYPE_UNSPEC);
     const int type = a ? blobmsg_type(a) : BLOBMSG_TYPE_UNSPEC;
     return type >= BLOBMSG_TYPE_INT64 && type <= BLOBMSG_TYPE_INT8 ? std::optional(blobmsg_cast_s64(a)) : std::nullopt;
 }
 
 std::optional<bus_message> bus_message::table(const char *key) const
 {
-    blob_attr *a = find(key);
-    return a && blobmsg_type(a) == BLOBMSG_TYPE_TABLE ? std::optional(bus_message(a, true)) : std::nullopt;
+    blob_attr *a = find(key, BLOBMSG_TYPE_TABLE);
+    return a ? std::optional(bus_message(a, true)) : std::nullopt;
 }
 
 pending_call::~pending_call()
 {
-    if (ctx_ && !result_.done)
-        ubus_abort_request(ctx_, &req_);
+    if (ctx && !result.done)
+        ubus_abort_request(ctx, &req);
 }
 
 bus_client::bus_client(const std::string &socket) : ctx_(ubus_connect(socket.c_str()))
@@ -84,13 +84,12 @@ bus_client::bus_client(const std::string &socket) : ctx_(ubus_connect(socket.c_s
 
 bus_client::~bus_client()
 {
-    if (!ctx_)
-        return;
-    for (auto &l : listeners_)
-        ubus_unregister_event_handler(ctx_, &l->handler);
-    if (subscription_)
-        ubus_unregister_subscriber(ctx_, &subscription_->sub);
-    ubus_free(ctx_);
+    if (ctx_ && hooks_.listening)
+        ubus_unregister_event_handler(ctx_, &hooks_.handler);
+    if (ctx_ && hooks_.subscribed)
+        ubus_unregister_subscriber(ctx_, &hooks_.sub);
+    if (ctx_)
+        ubus_free(ctx_);
 }
 
 std::optional<uint32_t> bus_client::object_id(const std::string &path)
@@ -115,21 +114,21 @@ std::unique_ptr<pending_call> bus_client::call_async(const std::string &path, co
     auto id = object_id(path);
     json_blob msg(json);
     auto call = std::make_unique<pending_call>();
-    if (!id || !msg.ok || ubus_invoke_async(ctx_, *id, method.c_str(), msg.b.head, &call->req_) != 0)
+    if (!id || !msg.ok || ubus_invoke_async(ctx_, *id, method.c_str(), msg.b.head, &call->req) != 0)
         return nullptr;
-    call->ctx_ = ctx_;
-    call->req_.data_cb = [](ubus_request *req, int, blob_attr *m) {
+    call->ctx = ctx_;
+    call->req.data_cb = [](ubus_request *req, int, blob_attr *m) {
         auto *self = static_cast<pending_call *>(req->priv);
-        self->result_.reply = bus_message(m);
-        self->result_.replies++;
+        self->result.reply = bus_message(m);
+        self->result.replies++;
     };
-    call->req_.complete_cb = [](ubus_request *req, int ret) {
+    call->req.complete_cb = [](ubus_request *req, int ret) {
         auto *self = static_cast<pending_call *>(req->priv);
-        self->result_.status = ret;
-        self->result_.done = true;
+        self->result.status = ret;
+        self->result.done = true;
     };
-    call->req_.priv = call.get();
-    ubus_complete_request_async(ctx_, &call->req_);
+    call->req.priv = call.get();
+    ubus_complete_request_async(ctx_, &call->req);
     return call;
 }
 
@@ -137,16 +136,11 @@ call_result bus_client::call(const std::string &path, const std::string &method,
                              int timeout_ms)
 {
     auto pending = call_async(path, method, json);
-    call_result r;
-    if (!pending) {
-        r.done = true;
-        r.status = object_id(path) ? UBUS_STATUS_UNKNOWN_ERROR : UBUS_STATUS_NOT_FOUND;
-    } else if (!bus_test::wait_until(timeout_ms, [&] { return pending->done(); })) {
-        r.status = UBUS_STATUS_TIMEOUT;
-    } else {
-        r = pending->result();
-    }
-    return r;
+    if (!pending)
+        return {true, object_id(path) ? UBUS_STATUS_UNKNOWN_ERROR : UBUS_STATUS_NOT_FOUND, {}, 0};
+    if (!bus_test::wait_until(timeout_ms, [&] { return pending->done(); }))
+        return {false, UBUS_STATUS_TIMEOUT, {}, 0};
+    return pending->result;
 }
 
 int bus_client::send_event(const std::string &type, const std::string &json)
@@ -157,37 +151,25 @@ int bus_client::send_event(const std::string &type, const std::string &json)
 
 bool bus_client::listen(const std::string &pattern)
 {
-    auto l = std::make_unique<listener>();
-    l->owner = this;
-    l->handler.cb = [](ubus_context *, ubus_event_handler *ev, const char *type, blob_attr *msg) {
-        reinterpret_cast<listener *>(ev)->owner->events_.push_back({type, bus_message(msg)});
+    hooks_.handler.cb = [](ubus_context *, ubus_event_handler *ev, const char *type, blob_attr *msg) {
+        reinterpret_cast<hooks *>(ev)->events.push_back({type, bus_message(msg)});
     };
-    if (ubus_register_event_handler(ctx_, &l->handler, pattern.c_str()) != 0)
-        return false;
-    listeners_.push_back(std::move(l));
-    return true;
+    const bool ok = ubus_register_event_handler(ctx_, &hooks_.handler, pattern.c_str()) == 0;
+    hooks_.listening |= ok;
+    return ok;
 }
 
 bool bus_client::subscribe(const std::string &path)
 {
     auto id = object_id(path);
-    if (!id)
-        return false;
-    if (!subscription_) {
-        subscription_ = std::make_unique<subscription>();
-        subscription_->owner = this;
-        subscription_->sub.cb = [](ubus_context *, ubus_object *obj, ubus_request_data *, const char *method,
-                                   blob_attr *msg) {
-            auto *self = reinterpret_cast<subscription *>(container_of(obj, ubus_subscriber, obj));
-            self->owner->notes_.push_back({method, bus_message(msg)});
-            return 0;
-        };
-        if (ubus_register_subscriber(ctx_, &subscription_->sub) != 0) {
-            subscription_.reset();
-            return false;
-        }
-    }
-    return ubus_subscribe(ctx_, &subscription_->sub, *id) == 0;
+    hooks_.sub.cb = [](ubus_context *, ubus_object *obj, ubus_request_data *, const char *method, blob_attr *msg) {
+        auto *sub = container_of(obj, ubus_subscriber, obj);
+        container_of(sub, hooks, sub)->notes.push_back({method, bus_message(msg)});
+        return 0;
+    };
+    if (id && !hooks_.subscribed)
+        hooks_.subscribed = ubus_register_subscriber(ctx_, &hooks_.sub) == 0;
+    return id && hooks_.subscribed && ubus_subscribe(ctx_, &hooks_.sub, *id) == 0;
 }
 
 std::vector<bus_event> bus_client::of(const std::vector<bus_event> &all, const std::string &type)

@@ -22,7 +22,7 @@ constexpr int watcher_ms = 25000; // an expired request reaches the 5 s watcher
 constexpr int settle_ms = 3000;   // time given to something that must not happen
 
 // A structured message from the bus (reply, event or notification), or a
-// named table inside one.
+// named table inside one; members looked up as blobmsg_parse finds them.
 class bus_message
 {
   public:
@@ -30,13 +30,13 @@ class bus_message
     explicit bus_message(blob_attr *msg, bool table = false);
 
     const std::string &json() const { return json_; }
-    bool has(const char *key) const { return find(key) != nullptr; }
+    bool has(const char *key) const { return find(key, BLOBMSG_TYPE_UNSPEC) != nullptr; }
     std::optional<std::string> text(const char *key) const;
     std::optional<int64_t> number(const char *key) const;
     std::optional<bus_message> table(const char *key) const;
 
   private:
-    blob_attr *find(const char *key) const;
+    blob_attr *find(const char *key, int type) const;
 
     std::vector<uint64_t> data_; // the members, aligned
     size_t len_ = 0;
@@ -52,18 +52,13 @@ struct call_result {
 };
 
 // A call that is answered later; the test runs the loop meanwhile.
-class pending_call
-{
-  public:
+struct pending_call {
     ~pending_call();
-    const call_result &result() const { return result_; }
-    bool done() const { return result_.done; }
+    bool done() const { return result.done; }
 
-  private:
-    friend class bus_client;
-    ubus_context *ctx_ = nullptr;
-    ubus_request req_{};
-    call_result result_;
+    ubus_context *ctx = nullptr;
+    ubus_request req{};
+    call_result result;
 };
 
 struct bus_event {
@@ -102,26 +97,22 @@ class bus_client
     // Subscribes to the notifications of object path.
     bool subscribe(const std::string &path);
 
-    const std::vector<bus_event> &events() const { return events_; }
-    std::vector<bus_event> events_of(const std::string &type) const { return of(events_, type); }
-    std::vector<bus_event> notifications_of(const std::string &type) const { return of(notes_, type); }
+    const std::vector<bus_event> &events() const { return hooks_.events; }
+    std::vector<bus_event> events_of(const std::string &type) const { return of(hooks_.events, type); }
+    std::vector<bus_event> notifications_of(const std::string &type) const { return of(hooks_.notes, type); }
 
   private:
     static std::vector<bus_event> of(const std::vector<bus_event> &all, const std::string &type);
 
-    struct listener {
-        ubus_event_handler handler{};
-        bus_client *owner = nullptr;
-    };
-    struct subscription {
+    // One event handler for every pattern, one subscriber for every object.
+    struct hooks {
+        ubus_event_handler handler{}; // first: the callback's pointer is this
         ubus_subscriber sub{};
-        bus_client *owner = nullptr;
+        bool listening = false, subscribed = false;
+        std::vector<bus_event> events, notes;
     };
     ubus_context *ctx_ = nullptr;
-    std::vector<std::unique_ptr<listener>> listeners_;
-    std::unique_ptr<subscription> subscription_;
-    std::vector<bus_event> events_;
-    std::vector<bus_event> notes_;
+    hooks hooks_;
 };
 
 } // namespace e2e

@@ -4,7 +4,7 @@
 
 #include <filesystem>
 #include <iostream>
-#include <sstream>
+#include <cstdlib>
 
 #include "tests/support/process_test_support.h"
 #include "wwan/ubox.h"
@@ -41,32 +41,23 @@ modem_sim::modem_sim(const temp_root &root, const std::string &tty, const std::s
 std::string modem_sim::control(const std::string &command)
 {
     int fd = usock(USOCK_UNIX, (root_ / ("/sim-" + tty_ + ".sock")).c_str(), nullptr);
-    std::string msg = command + "\n", reply, buf;
-    if (fd < 0 || write(fd, msg.data(), msg.size()) != static_cast<ssize_t>(msg.size())) {
-        if (fd >= 0)
-            close(fd);
-        return "ERROR control socket";
-    }
-    for (;;) {
-        std::string line = test_support::read_line(fd, buf, 5000);
-        if (line.empty() && buf.empty())
-            break;
+    const std::string msg = command + "\n";
+    std::string reply, buf, line = "-";
+    const bool sent = fd >= 0 && write(fd, msg.data(), msg.size()) == static_cast<ssize_t>(msg.size());
+    // Lines up to "OK" or "ERROR ..." (or until it stops answering).
+    while (sent && line != "OK" && line.rfind("ERROR", 0) != 0 &&
+           !((line = test_support::read_line(fd, buf, 5000)).empty() && buf.empty()))
         reply += line + "\n";
-        if (line == "OK" || line.rfind("ERROR", 0) == 0)
-            break;
-    }
-    close(fd);
-    return reply;
+    if (fd >= 0)
+        close(fd);
+    return sent ? reply : "ERROR control socket";
 }
 
 int64_t modem_sim::stat(const std::string &name)
 {
-    std::istringstream in(control("stats"));
-    int64_t value = -1;
-    for (std::string key; in >> key; in.ignore(1 << 20, '\n'))
-        if (key == name && in >> value)
-            return value;
-    return -1;
+    const std::string stats = "\n" + control("stats");
+    const size_t at = stats.find("\n" + name + " ");
+    return at == std::string::npos ? -1 : std::strtoll(stats.c_str() + at + name.size() + 2, nullptr, 10);
 }
 
 std::string modem_sim::transcript() const
@@ -176,18 +167,13 @@ modem_sim &DaemonTest::start_sim(const std::string &tty, const std::string &scen
 modem_sim &DaemonTest::plug(const usb_device &dev, const std::string &model, const std::string &scenario)
 {
     add_usb_device(*root, dev);
-    root->write("/lib/network/wwan/" + dev.usb_ids(), description(model));
+    root->write("/lib/network/wwan/" + dev.vid + ":" + dev.pid, description(model));
     return start_sim(dev.ttys.at(2), scenario);
-}
-
-void DaemonTest::spawn_daemon()
-{
-    daemon = spawn({WWANCTL_EXE, "-D"}, *root / "/wwanctl.log", *root / "/wwanctl.err");
 }
 
 void DaemonTest::start_daemon()
 {
-    spawn_daemon();
+    daemon = spawn({WWANCTL_EXE, "-D"}, *root / "/wwanctl.log", *root / "/wwanctl.err");
     ASSERT_TRUE(wait_until(start_ms, [&] { return bus->object_id("gsm") || !daemon->running(); }));
     ASSERT_TRUE(daemon->running()) << "wwanctl ended at start";
     // The object is added before the event handlers are registered; an

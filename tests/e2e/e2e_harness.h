@@ -62,7 +62,6 @@ struct usb_device {
     std::map<int, std::string> ttys = {{1, "ttyUSB1"}, {2, "ttyUSB2"}};
 
     std::string usb_id() const { return busnum + "-" + devpath; }
-    std::string usb_ids() const { return vid + ":" + pid; }
 };
 
 void add_usb_device(const temp_root &root, const usb_device &dev);
@@ -101,7 +100,6 @@ class DaemonTest : public ::testing::Test
 
     // Starts wwanctl -D and waits until it serves its `gsm` object.
     void start_daemon();
-    void spawn_daemon();
     // Waits for the modem object path to be on the bus; its id.
     uint32_t wait_modem(const std::string &path, int timeout_ms = modem_ms);
     // `gsm info`'s "mdm_stats" "num_modems".

@@ -71,7 +71,7 @@ TEST_F(Liveness, ExpiredRequestsRaiseAHangThatEndsAndPowerDownIsAnnounced)
             return std::all_of(calls.begin(), calls.end(), [](const auto &c) { return c && c->done(); });
         })) << "some were left pending";
         for (const auto &c : calls)
-            expect_timeout_reply(c->result(), "AT+CGMI");
+            expect_timeout_reply(c->result, "AT+CGMI");
         if (n == 1) {
             EXPECT_FALSE(wait_until(settle_ms, [&] { return !bus->events_of("gsm.modem.hang").empty(); }));
         }
@@ -115,7 +115,7 @@ TEST_F(Liveness, ModemGoneMidRequestAnswersTheCallerAndTheOtherModemServes)
     expect_exec(*bus, "gsm.modem2", "AT+CSQ", "\r\n+CSQ: 10,99\r\n\r\nOK\r\n"); // not held up by the other
     ASSERT_EQ(bus->send_event("hotplug.modem_removed", R"({"id":"1-1"})"), 0);
     ASSERT_TRUE(wait_until(call_ms, [&] { return call->done(); })) << "caller left pending";
-    expect_error_reply(call->result());
+    expect_error_reply(call->result);
     EXPECT_TRUE(wait_until(call_ms, [&] { return !bus->object_id("gsm.modem0"); }));
     expect_exec(*bus, "gsm.modem2", "AT+CSQ", "\r\n+CSQ: 10,99\r\n\r\nOK\r\n");
 
@@ -124,7 +124,7 @@ TEST_F(Liveness, ModemGoneMidRequestAnswersTheCallerAndTheOtherModemServes)
     call = held_call("gsm.modem2", 3);
     sim2.kill_hard();
     ASSERT_TRUE(wait_until(watcher_ms, [&] { return call->done(); })) << "caller left pending";
-    expect_error_reply(call->result());
+    expect_error_reply(call->result);
     // A port that hung up must not keep the event loop busy: an idle daemon
     // uses next to no processor time in a few seconds, one that keeps
     // polling the dead tty (readable, hung up, read() gives 0) uses all it

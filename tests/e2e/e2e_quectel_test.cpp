@@ -23,14 +23,15 @@ struct family {
 // clang-format off
 const family families[] = {
     // AT+QCFG bands in three hex fields, QENG SINR in steps of 1/5 dB from -20.
-    {"EC25", "0125", "ec25", {{"get_firmware", "{}", R"("firmware_full":"EC25EFAR06A06M4G_01.001.01.001")"},
+    {"EC25", "0125", "ec25", {
+      {"get_firmware", "{}", R"("firmware_full":"EC25EFAR06A06M4G_01.001.01.001")"},
       {"get_signal_query", "{}", R"("mode":"LTE")"},
       {"get_signal_query", "{}", R"("sinr":12,)"},
       {"get_serving_cell", "{}", R"("band":"B3")"},
       {"get_network_info", "{}", R"("band":"B3","channel":1300)"},
       {"set_lte_band", R"({"bands":["LTE_B3","LTE_B20"]})", ""},
-      {"get_bands", "{}", R"("lte":["LTE_B3","LTE_B20"])"},
-      {"get_bands", "{}", R"("gsm":["GSM_900","GSM_1800"])"},
+      {"get_bands", "{}", R"("gsm":["GSM_900","GSM_1800"],"wcdma":["WCDMA_850","WCDMA_900","WCDMA_2100"],)"
+                          R"("ltebandval":"0x80004","lte":["LTE_B3","LTE_B20"],"tdsbandval":"0x0")"},
       {"sim", "get band2", "0x80004\nOK\n"},
       {"get_mbn_list", "{}", R"("selected":true,"activated":true,"name":"Commercial-DT")"},
       {"get_temperature", "{}", R"("temperature":37)"},
@@ -38,7 +39,8 @@ const family families[] = {
       {"set_5g_sa_band", R"({"bands":["5G_N78"]})", nullptr, UBUS_STATUS_NOT_SUPPORTED}}},
     // AT+QNWPREFCFG band lists and modes, the serving-cell forms with the 5G
     // SINR scale (2 * raw - 20 dB on the LTE anchor), the 5GS registration.
-    {"RM520N", "0801", "rm520n", {{"get_serving_cell", "{}", R"("band":"n78")"},
+    {"RM520N", "0801", "rm520n", {
+      {"get_serving_cell", "{}", R"("band":"n78")"},
       {"get_serving_cell", "{}", R"("rat":"NR5G-SA")"},
       {"get_net_mode_type", "{}", R"("mode":"5G-SA")"},
       {"get_ca_info", "{}", R"("role":"pcc","rat":"NR5G","band":"n78")"},
@@ -57,7 +59,8 @@ const family families[] = {
       {"set_gsm_band", R"({"bands":["GSM_900"]})", nullptr, UBUS_STATUS_NOT_SUPPORTED}}},
     // GSM, LTE Cat-M1 and NB-IoT band fields, scan sequence codes, and its own
     // numbering of the radio in registration reports (8: E-UTRAN).
-    {"BG96", "0296", "bg96", {{"set_net_ereg_stat", R"({"mode":"enable_loc"})", ""},
+    {"BG96", "0296", "bg96", {
+      {"set_net_ereg_stat", R"({"mode":"enable_loc"})", ""},
       {"get_net_ereg_stat", "{}", R"("act_id":8)"},
       {"get_signal_query", "{}", R"("mode":"CAT-M1")"},
       {"get_signal_query", "{}", R"("sinr":19)"},
