@@ -1,6 +1,7 @@
 // The broker executable against misbehaving clients and at its descriptor
 // limit.
 #include "bus_fixture.h"
+#include "tests/support/process_test_support.h"
 
 #include "ubus_wire.h"
 
@@ -19,25 +20,6 @@ namespace bus_test
 {
 namespace
 {
-
-// The CPU time a process used (clock ticks), from /proc; -1 when unreadable.
-long cpu_ticks(pid_t pid)
-{
-    FILE *f = fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
-    if (!f)
-        return -1;
-    char buf[1024];
-    size_t n = fread(buf, 1, sizeof(buf) - 1, f);
-    fclose(f);
-    buf[n] = 0;
-    // Fields after the command name (which may hold spaces): utime is the
-    // 14th field, stime the 15th.
-    const char *p = strrchr(buf, ')');
-    long utime, stime;
-    if (!p || sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &utime, &stime) != 2)
-        return -1;
-    return utime + stime;
-}
 
 
 // A hand-driven connection to the broker; the HELLO is consumed.
@@ -147,9 +129,9 @@ TEST(BrokerLimits, AtItsDescriptorLimitTheBrokerIdlesAndServesItsClients)
 
     // Idle at the limit: a broker polling the pending connection would use
     // a whole CPU second here.
-    long before = cpu_ticks(p->pid());
+    long before = test_support::cpu_ticks(p->pid());
     usleep(1000 * 1000);
-    long used = cpu_ticks(p->pid()) - before;
+    long used = test_support::cpu_ticks(p->pid()) - before;
     EXPECT_LT(used, sysconf(_SC_CLK_TCK) / 5) << used << " ticks in one second";
     EXPECT_TRUE(served(ctx)) << "existing clients are served";
 

@@ -2,6 +2,7 @@
 // answered, hangs are announced and left again, the daemon stays up and the
 // other modem keeps being served.
 #include "tests/e2e/e2e_harness.h"
+#include "tests/support/process_test_support.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -11,25 +12,6 @@ namespace e2e
 {
 namespace
 {
-
-// The CPU time a process used (clock ticks), from /proc; -1 when unreadable.
-long cpu_ticks(pid_t pid)
-{
-    FILE *f = fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
-    if (!f)
-        return -1;
-    char buf[1024];
-    size_t n = fread(buf, 1, sizeof(buf) - 1, f);
-    fclose(f);
-    buf[n] = 0;
-    // Fields after the command name (which may hold spaces): utime is the
-    // 14th field, stime the 15th.
-    const char *p = strrchr(buf, ')');
-    long utime, stime;
-    if (!p || sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &utime, &stime) != 2)
-        return -1;
-    return utime + stime;
-}
 
 
 class Liveness : public ServedModemTest
@@ -129,9 +111,9 @@ TEST_F(Liveness, ModemGoneMidRequestAnswersTheCallerAndTheOtherModemServes)
     // uses next to no processor time in a few seconds, one that keeps
     // polling the dead tty (readable, hung up, read() gives 0) uses all it
     // is given, even on a loaded machine well over 1 s.
-    const long before = cpu_ticks(daemon->pid());
+    const long before = test_support::cpu_ticks(daemon->pid());
     wait_until(3000, [] { return false; });
-    EXPECT_LT(cpu_ticks(daemon->pid()) - before, sysconf(_SC_CLK_TCK))
+    EXPECT_LT(test_support::cpu_ticks(daemon->pid()) - before, sysconf(_SC_CLK_TCK))
         << "wwanctl busy-loops on the hung-up tty";
     EXPECT_LE(logged("Failed to send command"), 2u) << "retried with nobody waiting";
 }

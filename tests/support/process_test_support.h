@@ -2,6 +2,8 @@
 #pragma once
 
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <string>
 
 #include <poll.h>
@@ -11,7 +13,8 @@
 
 #include "wwan/ubox.h"
 
-namespace test_support {
+namespace test_support
+{
 
 // Starts wwan-busd (path busd) on sock and waits until it accepts connections;
 // the broker dies with the test process. Returns its pid, or -1.
@@ -32,6 +35,25 @@ inline pid_t start_broker(const char *busd, const std::string &sock)
         usleep(10000);
     }
     return pid;
+}
+
+// The CPU time a process used (clock ticks), from /proc; -1 when unreadable.
+inline long cpu_ticks(pid_t pid)
+{
+    FILE *f = fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
+    if (!f)
+        return -1;
+    char buf[1024];
+    size_t n = fread(buf, 1, sizeof(buf) - 1, f);
+    fclose(f);
+    buf[n] = 0;
+    // Fields after the command name (which may hold spaces): utime is the
+    // 14th field, stime the 15th.
+    const char *p = strrchr(buf, ')');
+    long utime, stime;
+    if (!p || sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &utime, &stime) != 2)
+        return -1;
+    return utime + stime;
 }
 
 inline void stop_process(pid_t &pid)
