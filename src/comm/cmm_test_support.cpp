@@ -15,12 +15,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 #include "wwan/ubox.h"
-#include <libubus.h>
 
-#include "ubus/modem_api.h"
 #include "util/ujson.h"
 
 namespace cmm_test
@@ -29,43 +27,26 @@ namespace cmm_test
 namespace
 {
 
-int64_t now_ms()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
-// One line from fd within timeout_ms.
+// One line from fd; false when none came within timeout_ms of a byte.
 bool read_line(int fd, std::string *line, int timeout_ms)
 {
-    int64_t until = now_ms() + timeout_ms;
     line->clear();
-    for (;;) {
-        int left = static_cast<int>(until - now_ms());
-        if (left <= 0)
-            return false;
-        struct pollfd p = {fd, POLLIN, 0};
-        if (::poll(&p, 1, left) <= 0)
-            continue;
-        char c;
-        ssize_t r = ::read(fd, &c, 1);
-        if (r <= 0)
-            return false;
+    pollfd p = {fd, POLLIN, 0};
+    for (char c; ::poll(&p, 1, timeout_ms) > 0 && ::read(fd, &c, 1) == 1;) {
         if (c == '\n')
             return true;
         *line += c;
     }
+    return false;
 }
 
 int connect_unix(const std::string &path)
 {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return -1;
-    struct sockaddr_un addr = {};
+    sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     std::snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) < 0) {
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) < 0) {
         close(fd);
         return -1;
     }
@@ -74,16 +55,11 @@ int connect_unix(const std::string &path)
 
 } // namespace
 
-// --- temporary root -----------------------------------------------------------
-
 temp_root::temp_root()
 {
     char tmpl[] = "/tmp/cmm-test-XXXXXX";
-    if (!mkdtemp(tmpl))
-        return;
-    path_ = tmpl;
+    path_ = mkdtemp(tmpl) ? tmpl : "";
     std::filesystem::create_directories(path_ + "/dev");
-    std::filesystem::create_directories(path_ + "/tmp");
     setenv("WWANCTL_ROOT", path_.c_str(), 1);
 }
 
@@ -91,11 +67,11 @@ temp_root::~temp_root()
 {
     unsetenv("WWANCTL_ROOT");
     std::error_code ec;
-    if (!path_.empty())
-        std::filesystem::remove_all(path_, ec);
+    std::filesystem::remove_all(path_, ec);
 }
 
-// --- simulator ----------------------------------------------------------------
+// --- simulator
+// ----------------------------------------------------------------
 
 std::string sim_executable()
 {
@@ -109,41 +85,34 @@ std::string sim_executable()
 }
 
 modem_sim::modem_sim(const std::string &dir, const options &opt)
+    : control_path_(dir + "/sim.sock"), transcript_path_(dir + "/sim.log")
 {
     std::string exe = sim_executable();
-    if (exe.empty())
-        return;
-    control_path_ = dir + "/sim.sock";
-    transcript_path_ = dir + "/sim.log";
     std::vector<std::string> args = {exe, "-s", opt.scenario, "-c", control_path_, "-t", transcript_path_};
     if (!opt.boot)
         args.push_back("-n");
-    if (!opt.link.empty()) {
-        args.push_back("-l");
-        args.push_back(opt.link);
-    }
+    if (!opt.link.empty())
+        args.insert(args.end(), {"-l", opt.link});
     std::vector<char *> argv;
     for (auto &a : args)
         argv.push_back(a.data());
     argv.push_back(nullptr);
-
     int out[2];
-    if (pipe2(out, O_CLOEXEC) < 0)
+    if (exe.empty() || pipe2(out, O_CLOEXEC) < 0)
         return;
     pid_ = fork();
     if (pid_ == 0) {
-        // The simulator must not outlive a test that crashed.
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        prctl(PR_SET_PDEATHSIG,
+              SIGTERM); // the simulator must not outlive a test that crashed
         dup2(out[1], STDOUT_FILENO);
         execv(exe.c_str(), argv.data());
         _exit(127);
     }
     close(out[1]);
-    std::string line;
-    if (pid_ > 0 && read_line(out[0], &line, 5000))
+    // The path is printed once the control socket is bound.
+    if (std::string line; pid_ > 0 && read_line(out[0], &line, 5000))
         pty_ = line;
     close(out[0]);
-    // The control socket is bound before the path is printed.
 }
 
 void modem_sim::signal(int sig)
@@ -157,14 +126,11 @@ modem_sim::~modem_sim()
     if (pid_ <= 0)
         return;
     kill(pid_, SIGTERM);
-    int status;
-    for (int i = 0; i < 500; i++) {
-        if (waitpid(pid_, &status, WNOHANG) == pid_)
+    for (int i = 0; i < 500; i++, usleep(10000))
+        if (waitpid(pid_, nullptr, WNOHANG) == pid_)
             return;
-        usleep(10000);
-    }
     kill(pid_, SIGKILL);
-    waitpid(pid_, &status, 0);
+    waitpid(pid_, nullptr, 0);
 }
 
 std::string modem_sim::control(const std::string &command)
@@ -172,17 +138,13 @@ std::string modem_sim::control(const std::string &command)
     int fd = connect_unix(control_path_);
     if (fd < 0)
         return "ERROR no control socket";
-    std::string msg = command + "\n";
-    if (::write(fd, msg.data(), msg.size()) != static_cast<ssize_t>(msg.size())) {
-        close(fd);
-        return "ERROR write";
-    }
-    std::string reply, line;
-    while (read_line(fd, &line, 5000)) {
-        reply += line + "\n";
-        if (line == "OK" || line.rfind("ERROR", 0) == 0)
-            break;
-    }
+    std::string msg = command + "\n", reply, line;
+    if (::write(fd, msg.data(), msg.size()) == static_cast<ssize_t>(msg.size()))
+        while (read_line(fd, &line, 5000)) {
+            reply += line + "\n";
+            if (line == "OK" || line.rfind("ERROR", 0) == 0)
+                break;
+        }
     close(fd);
     return reply;
 }
@@ -190,12 +152,11 @@ std::string modem_sim::control(const std::string &command)
 std::string modem_sim::transcript() const
 {
     std::ifstream f(transcript_path_);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
+    return {std::istreambuf_iterator<char>(f), {}};
 }
 
-// --- modem double -------------------------------------------------------------
+// --- modem double
+// -------------------------------------------------------------
 
 test_modem::test_modem(std::string tty, const modem_driver *driver)
     : tty_(std::move(tty)), driver_(driver), parser_(parser::create())
@@ -206,8 +167,7 @@ test_modem::test_modem(std::string tty, const modem_driver *driver)
 
 test_modem::~test_modem()
 {
-    // The channel goes first: it may still point at queued requests.
-    cmm.reset();
+    cmm.reset(); // the channel goes first: it may still point at queued requests
     while (!list_empty(&queue_))
         clean_request(list_first_entry(&queue_, request, list), 1);
 }
@@ -216,17 +176,11 @@ request *test_modem::queue(std::string_view command, uint32_t action, uint32_t t
 {
     request *req =
         create_request(action, reply_cb, this, command.data(), static_cast<uint32_t>(command.size()), timeout, nullptr);
-    if (!req)
-        return nullptr;
-    list_add_tail(&req->list, &queue_);
-    if (cmm)
+    if (req)
+        list_add_tail(&req->list, &queue_);
+    if (req && cmm)
         cmm->ping();
     return req;
-}
-
-request *test_modem::get_request()
-{
-    return list_empty(&queue_) ? nullptr : list_first_entry(&queue_, request, list);
 }
 
 void test_modem::finish_request(request *req, int failed)
@@ -240,19 +194,6 @@ void test_modem::new_event(uint32_t event, const void *data)
     events.push_back({event, event == 29 ? *static_cast<const int32_t *>(data) : 0});
 }
 
-void test_modem::notify_error(ubus_request_data *, int status, ujson &)
-{
-    bus_errors.push_back(status);
-}
-
-size_t test_modem::queued() const
-{
-    size_t n = 0;
-    for (const list_head *p = queue_.next; p != &queue_; p = p->next)
-        n++;
-    return n;
-}
-
 void test_modem::reply_cb(modem *, uint32_t, ujson *reply, void *ctx)
 {
     const char *response = reply->exists("response") ? reply->get_string("response") : "";
@@ -261,20 +202,18 @@ void test_modem::reply_cb(modem *, uint32_t, ujson *reply, void *ctx)
 
 bool run_until(int timeout_ms, const std::function<bool()> &pred)
 {
-    int64_t until = now_ms() + timeout_ms;
-    while (!pred()) {
-        if (now_ms() >= until)
+    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    for (; !pred(); uloop_run_timeout(5))
+        if (std::chrono::steady_clock::now() >= until)
             return false;
-        uloop_run_timeout(5);
-    }
     return true;
 }
 
-// --- local AT socket client ---------------------------------------------------
+// --- local AT socket client
+// ---------------------------------------------------
 
-avp_peer::avp_peer(const std::string &path)
+avp_peer::avp_peer(const std::string &path) : fd_(connect_unix(path))
 {
-    fd_ = connect_unix(path);
     if (fd_ >= 0)
         fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) | O_NONBLOCK);
 }
@@ -293,21 +232,14 @@ bool avp_peer::send(std::string_view text)
 void avp_peer::poll()
 {
     char buf[4096];
-    for (;;) {
-        ssize_t r = ::recv(fd_, buf, sizeof(buf), 0);
-        if (r <= 0)
-            return;
+    for (ssize_t r; (r = ::recv(fd_, buf, sizeof(buf), 0)) > 0;)
         in_.append(buf, static_cast<size_t>(r));
-    }
 }
 
 cmm_timing fast_timing()
 {
     cmm_timing t;
-    t.settle_ms = 20;
-    t.escape_guard_ms = 20;
-    t.round_ms = 20;
-    t.dispatch_ms = 20;
+    t.settle_ms = t.escape_guard_ms = t.round_ms = t.dispatch_ms = 20;
     t.resync_ms = 300;
     t.resync_quiet_ms = 50;
     return t;
@@ -315,10 +247,8 @@ cmm_timing fast_timing()
 
 std::string json_text(blob_attr *msg)
 {
-    char *s = msg ? blobmsg_format_json(msg, true) : nullptr;
-    std::string out = s ? s : "";
-    std::free(s);
-    return out;
+    std::unique_ptr<char, decltype(&std::free)> s(msg ? blobmsg_format_json(msg, true) : nullptr, &std::free);
+    return s ? s.get() : "";
 }
 
 size_t count(const std::string &text, const std::string &what)

@@ -3,9 +3,6 @@
 // double that owns a real request queue and parser, and a temporary root.
 #pragma once
 
-#include <sys/types.h>
-
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -22,16 +19,13 @@ struct blob_attr;
 namespace cmm_test
 {
 
-// A fresh directory used as WWANCTL_ROOT, with dev/ and tmp/ in it; removed
-// with everything in it on destruction.
+// A fresh WWANCTL_ROOT with dev/ in it, removed on destruction (for the
+// benchmark, which has no test framework).
 class temp_root
 {
   public:
     temp_root();
     ~temp_root();
-    temp_root(const temp_root &) = delete;
-    temp_root &operator=(const temp_root &) = delete;
-
     const std::string &path() const { return path_; }
 
   private:
@@ -50,8 +44,6 @@ class modem_sim
 
     modem_sim(const std::string &dir, const options &opt);
     ~modem_sim();
-    modem_sim(const modem_sim &) = delete;
-    modem_sim &operator=(const modem_sim &) = delete;
 
     // The terminal's path, empty when the simulator did not start.
     const std::string &pty() const { return pty_; }
@@ -65,27 +57,22 @@ class modem_sim
 
   private:
     pid_t pid_ = -1;
-    std::string pty_;
-    std::string control_path_;
-    std::string transcript_path_;
+    std::string pty_, control_path_, transcript_path_;
 };
 
 // The simulator executable: $WWAN_MODEM_SIM, else the one of this build;
 // empty when there is none.
 std::string sim_executable();
 
-// What a completion callback received.
+// What a completion callback received, and what the channel finished.
 struct reply_record {
-    std::string response;
-    std::string json;
+    std::string response, json;
 };
-
 struct finished_record {
     std::string command;
     uint32_t action = 0;
     int failed = 0;
 };
-
 struct event_record {
     uint32_t event = 0;
     int32_t value = 0; // event 29 only
@@ -112,7 +99,7 @@ class test_modem : public cmm_modem
     parser &response_parser() override { return *parser_; }
     ubus_context *bus() override { return nullptr; }
     list_head *request_list() override { return &queue_; }
-    request *get_request() override;
+    request *get_request() override { return list_empty(&queue_) ? nullptr : list_first_entry(&queue_, request, list); }
     void finish_request(request *req, int failed) override;
     void release_pending_request() override { awaited.clear(); }
     void tty_ready() override { ready++; }
@@ -121,20 +108,15 @@ class test_modem : public cmm_modem
     void new_event(uint32_t event, const void *data) override;
     const char *last_active_urc() const override { return awaited.empty() ? nullptr : awaited.c_str(); }
     void set_last_response(const char *data, size_t len) override { last_response.assign(data, len); }
-    void notify_error(ubus_request_data *req, int status, ujson &reply) override;
-
-    size_t queued() const;
+    void notify_error(ubus_request_data *, int status, ujson &) override { bus_errors.push_back(status); }
 
     std::unique_ptr<comm_manager> cmm;
     std::vector<reply_record> replies;
     std::vector<finished_record> finished;
     std::vector<event_record> events;
     std::vector<int> bus_errors;
-    std::string last_response;
-    std::string awaited;
-    int ready = 0;
-    int hangs = 0;
-    int inputs = 0;
+    std::string last_response, awaited;
+    int ready = 0, hangs = 0, inputs = 0;
 
   private:
     static void reply_cb(modem *mdm, uint32_t action, ujson *reply, void *ctx);
@@ -164,8 +146,6 @@ class avp_peer
   public:
     explicit avp_peer(const std::string &path);
     ~avp_peer();
-    avp_peer(const avp_peer &) = delete;
-    avp_peer &operator=(const avp_peer &) = delete;
 
     bool connected() const { return fd_ >= 0; }
     bool send(std::string_view text);

@@ -120,36 +120,22 @@ class CommManager : public ::testing::Test
         SetUp();
     }
 
-    // Starts the simulator (the scenario text is written to a file first
-    // when given) without starting the channel.
-    void start_sim(const std::string &scenario_text = {}, bool boot = false)
+    // Starts the simulator (the scenario text is written to a file first when
+    // given, control run on it), then the channel, and waits for its set-up.
+    void open_channel(const std::string &text = {}, cmm_timing timing = fast_timing(), bool boot = false,
+                      const char *control = nullptr)
     {
-        modem_sim::options opt;
-        opt.boot = boot;
-        opt.link = root.path() + "/dev/ttyUSB2";
-        if (!scenario_text.empty()) {
-            opt.scenario = root.path() + "/test.scn";
-            std::ofstream(opt.scenario) << scenario_text;
-        }
+        modem_sim::options opt{text.empty() ? "ec25" : root.path() + "/test.scn", boot, root.path() + "/dev/ttyUSB2"};
+        std::ofstream(root.path() + "/test.scn") << text;
         sim = std::make_unique<modem_sim>(root.path(), opt);
         ASSERT_FALSE(sim->pty().empty());
+        if (control)
+            sim->control(control);
         mdm = std::make_unique<test_modem>("/dev/ttyUSB2", &g_driver);
         g_modem = mdm.get();
-    }
-
-    // Starts the channel on a started simulator and waits for its set-up.
-    void start_channel(cmm_timing timing = fast_timing())
-    {
         mdm->cmm = comm_manager::create(timing);
-        ASSERT_TRUE(mdm->cmm);
         ASSERT_EQ(mdm->cmm->init(mdm.get(), 1), 0);
         ASSERT_TRUE(run_until(8000, [&] { return mdm->ready == 1; }));
-    }
-
-    void open_channel(const std::string &scenario_text = {}, cmm_timing timing = fast_timing())
-    {
-        ASSERT_NO_FATAL_FAILURE(start_sim(scenario_text));
-        ASSERT_NO_FATAL_FAILURE(start_channel(timing));
     }
 
     // Runs until n requests have been finished.
@@ -241,13 +227,9 @@ TEST_F(CommManager, SetupEndsWithEchoOffAndVerboseResultCodes)
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
-        ASSERT_NO_FATAL_FAILURE(start_sim(r.scenario, r.boot));
-        if (r.control)
-            sim->control(r.control);
         cmm_timing t = fast_timing();
-        if (!r.repeat)
-            t.repeat_every = 0;
-        ASSERT_NO_FATAL_FAILURE(start_channel(t));
+        t.repeat_every = r.repeat ? t.repeat_every : 0;
+        ASSERT_NO_FATAL_FAILURE(open_channel(r.scenario, t, r.boot, r.control));
         EXPECT_EQ(mdm->cmm->fota(), r.fota);
         EXPECT_FALSE(mdm->cmm->setup_running());
         size_t setups = count(modem_input(sim->transcript()), "ATE0V1");
@@ -321,7 +303,7 @@ TEST_F(CommManager, FailedWritesAnswerTheirRequestsAndThirtyOneDeclareTheModemHu
         ASSERT_TRUE(all) << mdm->finished.size() << " finished";
         for (const auto &f : mdm->finished)
             EXPECT_EQ(f.failed, 1);
-        EXPECT_EQ(mdm->queued(), 0u);
+        EXPECT_EQ(mdm->get_request(), nullptr);
         EXPECT_EQ(mdm->hangs, 1);
         EXPECT_FALSE(mdm->cmm->busy());
         if (unplug) {
@@ -476,61 +458,52 @@ TEST_F(CommManager, BadTrafficDoesNotSpoilTheNextAnswers)
 
 // --- time-outs and resynchronisation ---------------------------------------------
 
-// The answer to a dropped command arrives after the next command was
-// queued: it is never handed to that command, however late it comes.
-TEST_F(CommManager, LateAnswerOfADroppedCommandIsNeverTakenForTheNextOne)
+// A dropped command's answer comes late, or the modem stays silent and then
+// answers everything at once: until a probe is answered only probes go out,
+// each with another token, and no late answer reaches the next command.
+TEST_F(CommManager, LateAnswersOfADroppedCommandAreNeverTakenForTheNextOne)
 {
     const struct {
-        const char *what;
-        const char *slow_rule; // answers after the test dropped it
+        const char *what, *rules, *control, *release; // rules of the scenario; control before the command
+        std::string dropped;
         std::string next, next_answer;
+        size_t probes; // at least, before the release
     } rows[] = {
-        {"info line and OK", "line +CSQ: 5,99\n  ok", "AT+CSQ", csq_answer},
-        {"error only", "error", "AT+CREG?", creg_answer},
+        // clang-format off
+        {"info line and OK", "on AT+SLOW\n  delay 400\n  line +CSQ: 5,99\n  ok\n", nullptr, nullptr, "AT+SLOW", "AT+CSQ", csq_answer, 0},
+        {"error only", "on AT+SLOW\n  delay 400\n  error\n", nullptr, nullptr, "AT+SLOW", "AT+CREG?", creg_answer, 0},
+        {"silent modem", "", "hang", "unhang", "AT+CSQ", "AT+GSN", gsn_answer, 2},
+        // Answers spaced so the burst is still arriving when the channel would
+        // write the next command if it trusted the first probe answer.
+        {"held answers released in a burst", "latency 30\n", "hold", "release", "AT+CSQ", "AT+GSN", gsn_answer, 3},
+        // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
-        ASSERT_NO_FATAL_FAILURE(
-            open_channel(scenario(std::string("on AT+SLOW\n  delay 400\n  ") + r.slow_rule + "\n")));
-        request *req = mdm->queue("AT+SLOW");
+        ASSERT_NO_FATAL_FAILURE(open_channel(scenario(r.rules)));
+        if (r.control) {
+            ASSERT_EQ(sim->control(r.control), "OK\n");
+        }
+        request *req = mdm->queue(r.dropped);
         idle(100);
         ASSERT_TRUE(mdm->cmm->busy());
         expire(*mdm, req);
         EXPECT_TRUE(mdm->cmm->resyncing());
-        EXPECT_EQ(answer(r.next), r.next_answer);
+        mdm->queue(r.next);
+        if (r.release) {
+            idle(r.probes * 500);
+            std::string in = modem_input(sim->transcript());
+            EXPECT_EQ(count(in, r.next), 0u) << in;
+            EXPECT_GE(count(in, "AT+CMEE?"), 1u) << in;
+            EXPECT_GE(count(in, "AT+CSCS?"), 1u) << in;
+            EXPECT_GE(count(in, "AT+CMEE?") + count(in, "AT+CSCS?"), r.probes) << in;
+            EXPECT_EQ(count(in, r.dropped), 1u) << "a probe repeated the dropped command's token: " << in;
+            ASSERT_EQ(sim->control(r.release), "OK\n");
+        }
+        ASSERT_TRUE(wait_finished(1, 8000));
+        EXPECT_EQ(mdm->replies.at(0).response, r.next_answer);
         EXPECT_FALSE(mdm->cmm->resyncing());
         EXPECT_EQ(answer(r.next), r.next_answer) << "and the one after it too";
-        restart();
-    }
-}
-
-// A modem that stays silent gets only probes, one at a time with another
-// token each, until it answers one; one that catches up answers the dropped
-// command and every probe in one burst, and none of those answers reaches
-// the command queued meanwhile.
-TEST_F(CommManager, SilentModemGetsOnlyProbesUntilItAnswers)
-{
-    for (const bool burst : {false, true}) {
-        SCOPED_TRACE(burst ? "held answers released in a burst" : "silent modem");
-        // Answers spaced a little, so that the burst is still arriving when the
-        // channel would write the next command if it trusted the first probe answer.
-        ASSERT_NO_FATAL_FAILURE(open_channel(scenario(burst ? "latency 30\n" : "")));
-        ASSERT_EQ(sim->control(burst ? "hold" : "hang"), "OK\n");
-        request *req = mdm->queue("AT+CSQ");
-        idle(100);
-        expire(*mdm, req);
-        mdm->queue("AT+GSN");
-        idle(burst ? 1500 : 800);
-        std::string in = modem_input(sim->transcript());
-        EXPECT_EQ(count(in, "AT+GSN"), 0u) << in;
-        EXPECT_GE(count(in, "AT+CMEE?"), 1u) << in;
-        EXPECT_GE(count(in, "AT+CSCS?"), 1u) << in;
-        EXPECT_GE(count(in, "AT+CMEE?") + count(in, "AT+CSCS?"), burst ? 3u : 2u) << in;
-        EXPECT_EQ(count(in, "AT+CSQ"), 1u) << "a probe repeated the dropped command's token: " << in;
-        ASSERT_EQ(sim->control(burst ? "release" : "unhang"), "OK\n");
-        ASSERT_TRUE(wait_finished(1, 8000));
-        EXPECT_EQ(mdm->replies.at(0).response, gsn_answer);
-        EXPECT_EQ(answer("AT+CREG?"), creg_answer);
         restart();
     }
 }
@@ -721,6 +694,9 @@ std::string module_checksum(const std::string &b)
     return buf;
 }
 
+// How an upload ends: the file stored, CONNECT refused, or the data cut short.
+enum upload_end { stored, refused, cut };
+
 bool fd_open(int fd)
 {
     return fcntl(fd, F_GETFD) != -1;
@@ -729,68 +705,37 @@ bool fd_open(int fd)
 } // namespace
 
 // Every byte goes out raw after CONNECT, in pieces; the answer after it is
-// the command's, counted and checked against what the modem reports.
-TEST_F(CommManager, UploadStreamsTheFileAfterConnectAndTheReportIsAnUnsolicitedLine)
+// the command's and the report an unsolicited line, both checked against
+// what the modem counted. An error instead of CONNECT writes no data. Data
+// that stops half-way (the file is shorter than announced, or the command
+// expires while the modem does not read) fails the command, and the channel
+// writes nothing until the modem has left data mode on its own time-out.
+TEST_F(CommManager, UploadStreamsTheFileAfterConnect)
 {
-    const size_t sizes[] = {1, 4097, 100 * 1024 + 1};
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario(ufs_rules)));
-    for (size_t i = 0; i < std::size(sizes); i++) {
-        const std::string n = std::to_string(sizes[i]), name = "f" + std::to_string(i);
-        SCOPED_TRACE(n);
-        std::string bytes;
-        int fd = data_file(root, name, sizes[i], &bytes);
-        ASSERT_GE(fd, 0);
-        request *req = mdm->queue("AT+QFUPL=\"" + name + "\"," + n + ",5", ACT_UPLOAD_FILE, 10000);
-        req->source = request_source(fd, sizes[i], 5000);
-        ASSERT_TRUE(wait_finished(i + 1, 10000));
-        EXPECT_EQ(mdm->finished.back().failed, 0);
-        EXPECT_FALSE(fd_open(fd));
-        std::string sum = module_checksum(bytes);
-        // The report reaches the URC handlers; the answer is the OK.
-        EXPECT_EQ(mdm->last_response, "\r\nOK\r\n");
-        ASSERT_EQ(g_urcs.size(), i + 1);
-        EXPECT_NE(g_urcs.back().find("+QFUPL: " + n + "," + sum), std::string::npos) << g_urcs.back();
-        EXPECT_EQ(g_upload.calls, static_cast<int>(i + 1));
-        EXPECT_EQ(g_upload.written, sizes[i]);
-        char hex[8];
-        snprintf(hex, sizeof(hex), "%x", g_upload.checksum);
-        EXPECT_EQ(hex, sum);
-        EXPECT_NE(sim->control("ufs list").find("UFS " + name + " " + n + " " + sum + "\n"), std::string::npos);
-    }
-    EXPECT_EQ(answer("AT+CSQ"), csq_answer);
-}
-
-// An error instead of CONNECT ends the command: no data is written, and
-// the file is closed all the same.
-TEST_F(CommManager, ErrorInsteadOfConnectWritesNoData)
-{
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario(ufs_rules)));
-    std::string bytes;
-    int fd = data_file(root, "d", 5000, &bytes);
-    request *req = mdm->queue("AT+QFUPL=\"RAM:big\",5000,5", ACT_UPLOAD_FILE, 10000); // larger than the RAM storage
-    req->source = request_source(fd, 5000, 5000);
-    ASSERT_TRUE(wait_finished(1));
-    EXPECT_EQ(mdm->last_response, "\r\n+CME ERROR: 420\r\n");
-    EXPECT_FALSE(fd_open(fd));
-    EXPECT_EQ(sim->control("stats").find("bytes_received: 5"), std::string::npos);
-    EXPECT_EQ(modem_input(sim->transcript()).find("\\x00"), std::string::npos) << "data went out";
-    EXPECT_EQ(answer("AT+CSQ"), csq_answer);
-}
-
-// Data that stops half-way (the file is shorter than announced, or the
-// command expires while the modem does not read): the command fails, the
-// channel writes nothing more until the modem has left data mode on its own
-// time-out, and the next command gets its own answer.
-TEST_F(CommManager, DataCutShortIsWaitedOutThenTheChannelResynchronises)
-{
-    for (const bool stall : {false, true}) {
-        SCOPED_TRACE(stall ? "expired while the modem does not read" : "file shorter than announced");
+    const struct {
+        const char *what, *name;
+        size_t size, announced;
+        bool stall;
+        upload_end end;
+    } rows[] = {
+        {"one byte", "f0", 1, 1, false, stored},
+        {"a page and a byte", "f1", 4097, 4097, false, stored},
+        {"100 KiB and a byte", "f2", 100 * 1024 + 1, 100 * 1024 + 1, false, stored},
+        {"larger than the RAM storage", "RAM:big", 5000, 5000, false, refused},
+        {"file shorter than announced", "cut", 3000, 204800, false, cut},
+        {"expired while the modem does not read", "cut", 204800, 204800, true, cut},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.what);
         ASSERT_NO_FATAL_FAILURE(open_channel(scenario(ufs_rules)));
-        std::string bytes;
-        int fd = data_file(root, "cut", stall ? 200 * 1024 : 3000, &bytes);
-        request *req = mdm->queue("AT+QFUPL=\"cut\",204800,1", ACT_UPLOAD_FILE, 10000);
-        req->source = request_source(fd, 204800, 1000);
-        if (stall) {
+        g_upload = {};
+        std::string bytes, n = std::to_string(r.announced);
+        int fd = data_file(root, "data", r.size, &bytes);
+        ASSERT_GE(fd, 0);
+        request *req = mdm->queue("AT+QFUPL=\"" + std::string(r.name) + "\"," + n + (r.end == cut ? ",1" : ",5"),
+                                  ACT_UPLOAD_FILE, 10000);
+        req->source = request_source(fd, r.announced, r.end == cut ? 1000 : 5000);
+        if (r.stall) {
             ASSERT_TRUE(run_until(3000, [&] { return req->source.written > 0; }));
             sim->signal(SIGSTOP);
             idle(200);
@@ -798,19 +743,36 @@ TEST_F(CommManager, DataCutShortIsWaitedOutThenTheChannelResynchronises)
             expire(*mdm, req);
             sim->signal(SIGCONT);
         } else {
-            ASSERT_TRUE(wait_finished(1));
-            EXPECT_EQ(mdm->finished.at(0).failed, 1);
+            ASSERT_TRUE(wait_finished(1, 10000));
+            EXPECT_EQ(mdm->finished.at(0).failed, r.end == cut);
         }
         EXPECT_FALSE(fd_open(fd));
-        EXPECT_TRUE(mdm->cmm->resyncing());
-        mdm->queue("AT+CSQ");
-        idle(600);
-        // Still in data mode: nothing was written to be taken for data.
-        EXPECT_EQ(count(modem_input(sim->transcript()), "AT+CMEE?"), 0u);
-        ASSERT_TRUE(wait_finished(mdm->finished.size() + 1, 10000));
-        EXPECT_EQ(mdm->replies.back().response, csq_answer);
-        EXPECT_EQ(sim->control("ufs list"), "OK\n");
-        EXPECT_EQ(g_upload.calls, 0);
+        EXPECT_EQ(g_upload.calls, r.end != cut);
+        std::string sum = module_checksum(bytes);
+        if (r.end == stored) {
+            EXPECT_EQ(mdm->last_response, "\r\nOK\r\n");
+            ASSERT_EQ(g_urcs.size(), 1u);
+            EXPECT_NE(g_urcs[0].find("+QFUPL: " + n + "," + sum), std::string::npos) << g_urcs[0];
+            EXPECT_EQ(g_upload.written, r.size);
+            char hex[8];
+            snprintf(hex, sizeof(hex), "%x", g_upload.checksum);
+            EXPECT_EQ(hex, sum);
+            EXPECT_NE(sim->control("ufs list").find("UFS " + std::string(r.name) + " " + n + " " + sum + "\n"),
+                      std::string::npos);
+        } else if (r.end == refused) {
+            EXPECT_EQ(mdm->last_response, "\r\n+CME ERROR: 420\r\n");
+            EXPECT_EQ(sim->control("stats").find("bytes_received: 5"), std::string::npos);
+            EXPECT_EQ(modem_input(sim->transcript()).find("\\x00"), std::string::npos) << "data went out";
+        } else {
+            EXPECT_TRUE(mdm->cmm->resyncing());
+            mdm->queue("AT+CSQ");
+            idle(600);
+            EXPECT_EQ(count(modem_input(sim->transcript()), "AT+CMEE?"), 0u) << "written while in data mode";
+            ASSERT_TRUE(wait_finished(mdm->finished.size() + 1, 10000));
+            EXPECT_EQ(mdm->replies.back().response, csq_answer);
+            EXPECT_EQ(sim->control("ufs list"), "OK\n");
+        }
+        EXPECT_EQ(answer("AT+CSQ"), csq_answer);
         restart();
     }
 }
