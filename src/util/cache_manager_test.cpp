@@ -94,63 +94,85 @@ TEST(CacheUpdate, StructuredValueIsClonedAndAlwaysChanges)
     EXPECT_EQ(cache->heap_usage(), 40 + cost("sim", 0));
 }
 
-TEST(CacheItems, LookupAndRemovalKeepTheAccounts)
+enum class op { add, lookup, remove, remove_found, stats };
+
+// One cache through a sequence of steps; lookups give the item's text, stats the whole reply.
+TEST(CacheItems, LookupRemovalAndStats)
 {
+    const char *const none = "(none)";
+    struct step {
+        op act;
+        const char *name;
+        uint32_t type;
+        std::string value; // CACHE_DATA_UJSON: the value as JSON
+        const char *expect;
+    };
+    // clang-format off
+    const step steps[] = {
+        {op::stats, "", 0, "", R"({"cache":{},"cache_stats":{"heap_usage":"40 B","item_count":0}})"},
+        {op::add, "operator", CACHE_DATA_STRING, text("first"), nullptr},
+        {op::add, "operator", CACHE_DATA_STRING, text("second"), nullptr},
+        {op::add, "rssi_value", CACHE_DATA_INT32, bytes<int32_t>(-71), nullptr},
+        {op::lookup, "operator", 0, "", "first"},
+        {op::lookup, "Operator", 0, "", none},
+        {op::lookup, "operato", 0, "", none},
+        {op::lookup, "operator_scan", 0, "", none},
+        {op::lookup, "", 0, "", none},
+        {op::remove, "absent", 0, "", nullptr},
+        {op::remove_found, "absent", 0, "", nullptr},
+        {op::remove, "operator", 0, "", nullptr},
+        {op::lookup, "operator", 0, "", "second"},
+        {op::stats, "", 0, "", R"({"cache":{"operator":"second","rssi_value":-71},"cache_stats":{"heap_usage":"119 B","item_count":2}})"},
+        {op::remove_found, "rssi_value", 0, "", nullptr}, // the last item: the next add goes after "operator"
+        {op::add, "firmware", CACHE_DATA_STRING, text("EC25EFAR06A06M4G"), nullptr},
+        {op::remove, "operator", 0, "", nullptr},
+        {op::add, "temperature", CACHE_DATA_DOUBLE, bytes(-3.5), nullptr},
+        {op::add, "rssi_value", CACHE_DATA_INT32, bytes<int32_t>(-71), nullptr},
+        {op::add, "reg_ci", CACHE_DATA_UINT32, bytes<uint32_t>(0x8000000A), nullptr},
+        {op::add, "lte_bands", CACHE_DATA_INT64, bytes<int64_t>(0x100000004), nullptr},
+        {op::add, "counter", CACHE_DATA_UINT64, bytes<uint64_t>(5), nullptr},
+        {op::add, "volte", CACHE_DATA_BOOL, "\2", nullptr},
+        {op::add, "sim_cfg", CACHE_DATA_UJSON, R"({"slot":1,"ids":["a","b"]})", nullptr},
+        {op::add, "odd", 9, text("x"), nullptr}, // an unknown kind is counted, not shown
+        // 40 + 50 + 44 + 39 + 35 + 42 + 40 + 31 + 32 + 30
+        {op::stats, "", 0, "", R"({"cache":{"firmware":"EC25EFAR06A06M4G","temperature":-3.500000,"rssi_value":-71,"reg_ci":-2147483638,)"
+                               R"("lte_bands":4294967300,"counter":5,"volte":true,"sim_cfg":{"slot":1,"ids":["a","b"]}},)"
+                               R"("cache_stats":{"heap_usage":"383 B","item_count":9}})"},
+    };
+    // clang-format on
     auto cache = cache_manager::create();
     ASSERT_TRUE(cache);
-    EXPECT_EQ(cache->heap_usage(), 40);
-    int32_t rssi = -71;
-    ASSERT_EQ(cache->new_item("operator", CACHE_DATA_STRING, "first", 6), 0);
-    ASSERT_EQ(cache->new_item("operator", CACHE_DATA_STRING, "second", 7), 0);
-    ASSERT_EQ(cache->new_item("rssi_value", CACHE_DATA_INT32, &rssi, sizeof(rssi)), 0);
-    EXPECT_EQ(cache->item_count(), 3);
-    EXPECT_EQ(cache->heap_usage(), 40 + cost("operator", 6) + cost("operator", 7) + cost("rssi_value", 4));
-
-    EXPECT_STREQ(cache->get_item("operator")->text(), "first");
-    for (const char *miss : {"Operator", "operato", "operator_scan", ""})
-        EXPECT_EQ(cache->get_item(miss), nullptr) << miss;
-
-    cache->remove_item(nullptr);
-    cache->remove_item_name("absent");
-    cache->remove_item_name("operator");
-    EXPECT_STREQ(cache->get_item("operator")->text(), "second");
-    EXPECT_EQ(cache->item_count(), 2);
-    EXPECT_EQ(cache->heap_usage(), 40 + cost("operator", 7) + cost("rssi_value", 4));
-    cache->remove_item(cache->get_item("operator"));
-    cache->remove_item_name("rssi_value");
-    EXPECT_EQ(cache->item_count(), 0);
-    EXPECT_EQ(cache->heap_usage(), 40);
-}
-
-TEST(CacheStats, EveryKindInItsForm)
-{
-    auto cache = cache_manager::create();
-    ASSERT_TRUE(cache);
-    double temp = -3.5;
-    int32_t rssi = -71;
-    uint32_t cid = 0x8000000A;
-    int64_t bands = 0x100000004;
-    uint64_t count = 5;
-    uint8_t flag = 2;
-    auto sim = from_json(R"({"slot":1,"ids":["a","b"]})");
-    ASSERT_EQ(cache->new_item("firmware", CACHE_DATA_STRING, "EC25EFAR06A06M4G", 17), 0);
-    ASSERT_EQ(cache->new_item("temperature", CACHE_DATA_DOUBLE, &temp, 8), 0);
-    ASSERT_EQ(cache->new_item("rssi_value", CACHE_DATA_INT32, &rssi, 4), 0);
-    ASSERT_EQ(cache->new_item("reg_ci", CACHE_DATA_UINT32, &cid, 4), 0);
-    ASSERT_EQ(cache->new_item("lte_bands", CACHE_DATA_INT64, &bands, 8), 0);
-    ASSERT_EQ(cache->new_item("counter", CACHE_DATA_UINT64, &count, 8), 0);
-    ASSERT_EQ(cache->new_item("volte", CACHE_DATA_BOOL, &flag, 1), 0);
-    ASSERT_EQ(cache->new_item("sim_cfg", CACHE_DATA_UJSON, sim.get(), 0), 0);
-    ASSERT_EQ(cache->new_item("odd", 9, "x", 2), 0);
-
-    // 40 + 50 + 44 + 39 + 35 + 42 + 40 + 31 + 32 + 30
-    auto out = ujson::create();
-    ASSERT_TRUE(out);
-    cache->fill_stats(*out);
-    EXPECT_EQ(json_text(*out), R"({"cache":{"firmware":"EC25EFAR06A06M4G","temperature":-3.500000,)"
-                               R"("rssi_value":-71,"reg_ci":-2147483638,"lte_bands":4294967300,"counter":5,)"
-                               R"("volte":true,"sim_cfg":{"slot":1,"ids":["a","b"]}},)"
-                               R"("cache_stats":{"heap_usage":"383 B","item_count":9}})");
+    for (const step &s : steps) {
+        SCOPED_TRACE(std::to_string(&s - steps) + ": " + s.name);
+        std::string out;
+        switch (s.act) {
+        case op::add: {
+            auto json = s.type == CACHE_DATA_UJSON ? from_json(s.value.c_str()) : nullptr;
+            const void *value = json ? static_cast<const void *>(json.get()) : s.value.data();
+            ASSERT_EQ(cache->new_item(s.name, s.type, value, json ? 0 : s.value.size()), 0);
+            break;
+        }
+        case op::lookup:
+            out = cache->get_item(s.name) ? cache->get_item(s.name)->text() : none;
+            break;
+        case op::remove:
+            cache->remove_item_name(s.name);
+            break;
+        case op::remove_found:
+            cache->remove_item(cache->get_item(s.name));
+            break;
+        case op::stats: {
+            auto reply = ujson::create();
+            ASSERT_TRUE(reply);
+            cache->fill_stats(*reply);
+            out = json_text(*reply);
+            break;
+        }
+        }
+        if (s.expect) {
+            EXPECT_EQ(out, s.expect);
+        }
+    }
 }
 
 TEST(CacheStats, HeapUsageInBytesUpToOneKilobyte)

@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -71,8 +73,7 @@ TEST(UjsonCreate, MessagesAndFilesNestedBeyondTheLimitAreRefused)
         std::string doc = R"({"cmd":"scan")";
         for (int i = 0; i < levels; i++)
             doc += i ? R"({"n":)" : R"(,"deep":)";
-        doc += levels ? "{}" : "";
-        doc += std::string(levels ? levels - 1 : 0, '}') + "}";
+        doc += "{}" + std::string(levels - 1, '}') + "}";
         root.write("/deep.json", doc);
         auto file = ujson::create_file((root / "/deep.json").c_str());
         EXPECT_EQ(file != nullptr, accepted);
@@ -82,73 +83,153 @@ TEST(UjsonCreate, MessagesAndFilesNestedBeyondTheLimitAreRefused)
     }
 }
 
-TEST(UjsonAdd, TypedFieldsAtTheCurrentLevel)
+// Documents separated by '|' are appended one after the other, so a name can repeat.
+std::unique_ptr<ujson> load(const std::string &docs)
 {
     auto j = ujson::create();
-    j->add_string("s", "text");
-    j->add_string("none", nullptr);
-    EXPECT_EQ(j->add_int("i", -2), 0);
-    EXPECT_EQ(j->add_long("l", 5000000000LL), 0);
-    EXPECT_EQ(j->add_bool("b", true), 0);
-    EXPECT_EQ(j->add_double("d", 2.5), 0);
-    void *t = j->open_table("t");
-    void *a = j->open_array("a");
-    j->add_int(nullptr, 1);
-    j->add_bool(nullptr, false);
-    j->close_array(a);
-    j->close_table(t);
-    EXPECT_EQ(json_text(*j), R"({"s":"text","i":-2,"l":5000000000,"b":true,"d":2.500000,"t":{"a":[1,false]}})");
-    EXPECT_EQ(j->len(), blob_len(j->get_blobmsg()));
-
-    // encodings are blobmsg's: INT32, INT64, INT8, DOUBLE
-    std::vector<int> types;
-    blob_attr *pos;
-    size_t rem;
-    blobmsg_for_each_attr(pos, j->get_blobmsg(), rem) types.push_back(blobmsg_type(pos));
-    EXPECT_EQ(types, (std::vector<int>{BLOBMSG_TYPE_STRING, BLOBMSG_TYPE_INT32, BLOBMSG_TYPE_INT64, BLOBMSG_TYPE_INT8,
-                                       BLOBMSG_TYPE_DOUBLE, BLOBMSG_TYPE_TABLE}));
+    std::istringstream in(docs);
+    for (std::string doc; std::getline(in, doc, '|');)
+        EXPECT_TRUE(blobmsg_add_json_from_string(j->buffer(), doc.c_str())) << doc;
+    return j;
 }
 
-TEST(UjsonGet, ReadsByNameWithoutTypeChecks)
+// The blobmsg type of the root's last member.
+const char *last_type(const ujson &j)
 {
-    auto j = ujson::create();
-    j->add_string("s", "abcd");
-    j->add_string("short", "ab");
-    j->add_int("i", 256);
-    j->add_int("neg", -1);
-    j->add_long("l", 0x0102030405060708LL);
-    j->add_bool("t", true);
-    j->add_double("d", -1.25);
-    j->add_int("dup", 1);
-    j->add_int("dup", 2);
+    static const char *const names[] = {"none",  "array", "table", "string", "int64",
+                                        "int32", "int16", "int8",  "double"};
+    unsigned type = 0;
+    blob_attr *pos;
+    size_t rem;
+    blobmsg_for_each_attr(pos, j.get_blobmsg(), rem) type = blobmsg_type(pos);
+    return type < std::size(names) ? names[type] : "?";
+}
 
-    struct row {
+enum class op { text, i32, i64, flag, real, array, clear, get, get_text, get_real, walk, clone };
+
+TEST(Ujson, Operations)
+{
+    const char *const R =
+        R"({"s":"abcd","short":"ab","i":256,"neg":-1,"l":72623859790382856,"t":true,"d":-1.25,"dup":1}|{"dup":2})";
+    const char *const W = R"({"t":{"x":1},"empty":[],"cells":[{"id":1,"rat":"lte"},{"id":2,"rat":"nr"}]})";
+    const char *const C = R"({"name":"wwan0","up":true,"info":{"imei":"35"}})";
+    const struct {
+        const char *what;
+        const char *doc;
+        op act;
         const char *name;
-        int32_t i;
-        int64_t l;
-        bool b;
-        bool exists;
+        const char *arg;
+        const char *expect;
     } rows[] = {
-        {"s", 0x61626364, 0x6162636400000000LL, true, true}, // text read as numbers
-        {"short", 0x61620000, 0x6162000000000000LL, true, true},
-        {"i", 256, 256LL << 32, false, true}, // first byte of 00 00 01 00
-        {"neg", -1, static_cast<int64_t>(0xffffffff00000000ULL), true, true},
-        {"l", 0x01020304, 0x0102030405060708LL, true, true},
-        {"t", 0x01000000, 0x0100000000000000LL, true, true},
-        {"dup", 1, 1LL << 32, false, true}, // the first of two
-        {"absent", 0, 0, false, false},
-        {"I", 0, 0, false, false}, // case-sensitive
-        {"", 0, 0, false, false},
+        // clang-format off
+        // adds and clear: the document, then the type of its last member
+        {"text", "{}", op::text, "s", "text", R"({"s":"text"} string)"},
+        {"null text adds nothing", "{}", op::text, "none", nullptr, "{} none"},
+        {"int", "{}", op::i32, "i", "-2", R"({"i":-2} int32)"},
+        {"long", "{}", op::i64, "l", "5000000000", R"({"l":5000000000} int64)"},
+        {"small long stays wide", "{}", op::i64, "l", "-5", R"({"l":-5} int64)"},
+        {"flag", "{}", op::flag, "b", "1", R"({"b":true} int8)"},
+        {"double", "{}", op::real, "d", "2.5", R"({"d":2.500000} double)"},
+        {"after existing members", R"({"x":0})", op::array, "a", "1", R"({"x":0,"a":[1,false]} array)"},
+        // reads take the value bytes as the type asked for (big-endian): int, long, bool, exists
+        {"text as numbers", R, op::get, "s", nullptr, "61626364 6162636400000000 1 1"},
+        {"short text", R, op::get, "short", nullptr, "61620000 6162000000000000 1 1"},
+        {"int", R, op::get, "i", nullptr, "100 10000000000 0 1"},
+        {"negative int", R, op::get, "neg", nullptr, "ffffffff ffffffff00000000 1 1"},
+        {"long", R, op::get, "l", nullptr, "1020304 102030405060708 1 1"},
+        {"flag", R, op::get, "t", nullptr, "1000000 100000000000000 1 1"},
+        {"first of two", R, op::get, "dup", nullptr, "1 100000000 0 1"},
+        {"absent", R, op::get, "absent", nullptr, "0 0 0 0"},
+        {"case-sensitive", R, op::get, "I", nullptr, "0 0 0 0"},
+        {"empty name", R, op::get, "", nullptr, "0 0 0 0"},
+        {"text", R, op::get_text, "s", nullptr, "abcd"},
+        {"absent text", R, op::get_text, "absent", nullptr, "(null)"},
+        {"double", R, op::get_real, "d", nullptr, "-1.25"},
+        {"absent double", R, op::get_real, "absent", nullptr, "0"},
+        // clearing empties every matching name in place
+        {"clear every match", R"({"a":1,"b":2}|{"a":3})", op::clear, "a", nullptr, R"({1,"b":2,3} int32)"},
+        {"clear absent", R"({"a":1})", op::clear, "b", nullptr, R"({"a":1} int32)"},
+        // walks read `arg` of each element, then again after the failed move
+        {"a table is no array", W, op::walk, "t", "rat", "(none)"},
+        {"empty array", W, op::walk, "empty", "rat", "(none)"},
+        {"elements up to the array end", W, op::walk, "cells", "rat", "lte nr | nr"},
+        {"plain elements", R"({"ids":["a","b"]})", op::walk, "ids", nullptr, "a b | b"},
+        // clone_value copies from the root while the first member is selected
+        {"renamed text", C, op::clone, "name", "ifname", R"({"ifname":"wwan0"})"},
+        {"table", C, op::clone, "info", "i", R"({"i":{"imei":"35"}})"},
+        {"beside the selection", C, op::clone, "up", "up", R"({"up":true})"},
+        {"absent", C, op::clone, "absent", "x", "{}"},
+        // clang-format on
     };
-    for (const row &r : rows) {
-        SCOPED_TRACE(r.name);
-        EXPECT_EQ(j->get_int(r.name), r.i);
-        EXPECT_EQ(j->get_long(r.name), r.l);
-        EXPECT_EQ(j->get_bool(r.name), r.b);
-        EXPECT_EQ(j->exists(r.name), r.exists);
+    for (const auto &r : rows) {
+        SCOPED_TRACE(std::string(r.what) + ": " + r.name);
+        auto j = load(r.doc);
+        size_t before = j->len();
+        int rc = 0;
+        std::ostringstream out;
+        switch (r.act) {
+        case op::text:
+            j->add_string(r.name, r.arg);
+            break;
+        case op::i32:
+            rc = j->add_int(r.name, std::atoi(r.arg));
+            break;
+        case op::i64:
+            rc = j->add_long(r.name, std::atoll(r.arg));
+            break;
+        case op::flag:
+            rc = j->add_bool(r.name, std::atoi(r.arg));
+            break;
+        case op::real:
+            rc = j->add_double(r.name, std::atof(r.arg));
+            break;
+        case op::array: {
+            void *a = j->open_array(r.name);
+            rc = j->add_int(nullptr, std::atoi(r.arg)) | j->add_bool(nullptr, false);
+            j->close_array(a);
+            break;
+        }
+        case op::clear:
+            j->clear_name(r.name);
+            EXPECT_EQ(j->len(), before);
+            break;
+        case op::get:
+            out << std::hex << j->get_int(r.name) << ' ' << j->get_long(r.name) << ' ' << j->get_bool(r.name) << ' '
+                << j->exists(r.name);
+            break;
+        case op::get_text:
+            out << (j->get_string(r.name) ? j->get_string(r.name) : "(null)");
+            break;
+        case op::get_real:
+            out << j->get_double(r.name);
+            break;
+        case op::walk:
+            j->add_int(nullptr, 99); // an unnamed sibling after the array, which is no element
+            if (!j->select_array(r.name)) {
+                out << "(none)";
+                break;
+            }
+            for (int n = 0; n < 8; n++) {
+                const char *s = j->get_string(r.arg);
+                ASSERT_NE(s, nullptr) << "walked past the array end after \"" << out.str() << "\"";
+                out << s << ' ';
+                if (!j->next_item())
+                    break;
+            }
+            out << "| " << j->get_string(r.arg);
+            break;
+        case op::clone: {
+            auto dst = ujson::create();
+            j->select_attr(static_cast<blob_attr *>(blobmsg_data(j->get_blobmsg())));
+            rc = j->clone_value(r.name, *dst, r.arg);
+            out << json_text(*dst);
+            break;
+        }
+        }
+        EXPECT_EQ(rc, 0);
+        EXPECT_EQ(r.act <= op::clear ? json_text(*j) + " " + last_type(*j) : out.str(), r.expect);
+        EXPECT_EQ(j->len(), blob_len(j->get_blobmsg()));
     }
-    EXPECT_STREQ(j->get_string("s"), "abcd");
-    EXPECT_EQ(j->get_double("d"), -1.25);
 }
 
 TEST(UjsonGet, MalformedMessagesAreReadSafely)
@@ -171,61 +252,16 @@ TEST(UjsonGet, MalformedMessagesAreReadSafely)
     EXPECT_FALSE(reader->exists("xy"));
 }
 
-TEST(UjsonClearName, HidesEveryMatchInPlace)
+TEST(UjsonCopy, ValuesFromTheObjectsOwnStorageSurviveGrowth)
 {
-    auto j = from_json(R"({"a":1,"b":2})");
-    j->add_int("a", 3);
-    size_t before = j->len();
-    j->clear_name("a");
-    EXPECT_FALSE(j->exists("a"));
-    EXPECT_EQ(j->get_int("a"), 0);
-    EXPECT_EQ(j->get_int("b"), 2);
-    EXPECT_EQ(j->len(), before);
-    EXPECT_EQ(json_text(*j), R"({1,"b":2,3})");
-}
-
-TEST(UjsonSelect, WalksArrayElementsAndStopsAtTheArrayEnd)
-{
-    // the array is followed by an unnamed sibling, which next_item must not
-    // take for a further element; named reads look inside the selection
-    auto j = from_json(R"({"t":{"x":1},"empty":[],"cells":[{"id":1,"rat":"lte"},{"id":2,"rat":"nr"}]})");
-    j->add_int(nullptr, 99);
-    EXPECT_FALSE(j->select_array("t")); // a table is no array
-    EXPECT_FALSE(j->select_array("empty"));
-    ASSERT_TRUE(j->select_array("cells"));
-    std::string cells;
-    do
-        cells += std::to_string(j->get_int("id")) + ":" + j->get_string("rat") + " ";
-    while (j->next_item());
-    EXPECT_EQ(cells, "1:lte 2:nr ");
-    EXPECT_EQ(j->get_int("id"), 2); // a failed move leaves the selection
-}
-
-TEST(UjsonCopy, AddBlobmsgCloneAndCloneValue)
-{
-    auto src = from_json(R"({"name":"wwan0","up":true,"info":{"imei":"35"}})");
-    auto dst = ujson::create();
-
-    EXPECT_EQ(src->clone_value("name", *dst, "ifname"), 0);
-    EXPECT_EQ(src->clone_value("info", *dst, "i"), 0);
-    EXPECT_EQ(src->clone_value("absent", *dst, "x"), 0);
-    EXPECT_EQ(json_text(*dst), R"({"ifname":"wwan0","i":{"imei":"35"}})");
-
-    // clone_value reads the root even while something is selected
-    src->select_attr(static_cast<blob_attr *>(blobmsg_data(src->get_blobmsg())));
-    EXPECT_EQ(src->clone_value("up", *dst, "up"), 0);
-    EXPECT_TRUE(dst->get_bool("up"));
-
-    // copying values that live in the object's own storage, across growth
-    auto self = from_json(R"({"k":"v"})");
+    auto self = load(R"({"k":"v"})");
     for (int i = 0; i < 100; i++) {
         ASSERT_EQ(self->add_blobmsg(static_cast<blob_attr *>(blobmsg_data(self->get_blobmsg()))), 0);
         ASSERT_EQ(self->clone_value("k", *self, self->get_string("k")), 0);
     }
     EXPECT_EQ(self->len(), 201u * 12u);
     EXPECT_STREQ(self->get_string("v"), "v");
-
-    EXPECT_EQ(dst->add_blobmsg(nullptr), -1);
+    EXPECT_EQ(self->add_blobmsg(nullptr), -1);
 }
 
 } // namespace
