@@ -139,9 +139,11 @@ TEST(ModemInfoIdentify, KeysAreCutTo15Characters)
         const char *firmware;
         ptrdiff_t row;
     } cases[] = {
-        {"ABCDEFGHIJKLMNOXYZ", 1}, {"ABCDEFGHIJKLMNOPQRS", 1},
-        {"ABCDEFGHIJKLMNO", 1},    {"ABCDEFGHIJKLMN", 3}, // 14 characters: only the shorter key fits
+        // clang-format off
+        {"ABCDEFGHIJKLMNOXYZ", 1}, {"ABCDEFGHIJKLMNOPQRS", 1}, {"ABCDEFGHIJKLMNO", 1},
+        {"ABCDEFGHIJKLMN", 3}, // 14 characters: only the shorter key fits
         {"ABCDEFGHIJKL", 0},
+        // clang-format on
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.firmware);
