@@ -193,12 +193,12 @@ TEST_F(ModemInstance, LiveModemAnswersFromIdentificationAndThroughTheChannel)
         const char *method, *args;
         std::string reply;
     } rows[] = {
-        {"get_id_info", nullptr,
-         R"({"manuf":"Quectel","model":"EC25-E","firmware":"EC25EFAR06A06M4G","raw":")" + ati + "\"}"},
+        // clang-format off
+        {"get_id_info", nullptr, R"({"manuf":"Quectel","model":"EC25-E","firmware":"EC25EFAR06A06M4G","raw":")" + ati + "\"}"},
         {"exec", R"({"command":"ATI"})", R"({"request":"ATI\r","response":")" + ati + "\"}"},
         {"exec", R"({"command":"AT+GMM"})", R"({"request":"AT+GMM\r","response":"\r\nEC25\r\n\r\nOK\r\n"})"},
-        {"get_firmware", nullptr,
-         R"({"firmware":"EC25EFAR06A06M4G","firmware_full":"EC25EFAR06A06M4G_01.001.01.001"})"},
+        {"get_firmware", nullptr, R"({"firmware":"EC25EFAR06A06M4G","firmware_full":"EC25EFAR06A06M4G_01.001.01.001"})"},
+        // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.method);
@@ -292,9 +292,11 @@ TEST_F(ModemInstance, ProbeOfAnIdleModem)
         bool hang_first, numeric;
         uint32_t waiting, after;
     } rows[] = {
+        // clang-format off
         {"hung, then probed", true, false, MODEM_PING_HUNG, MODEM_PING_ANSWERING},
         {"probed, then declared hung", false, false, MODEM_PING_OUTSTANDING, MODEM_PING_ANSWERING},
         {"answered 0 after a reset", false, true, MODEM_PING_OUTSTANDING, MODEM_PING_OUTSTANDING},
+        // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
