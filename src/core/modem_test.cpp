@@ -357,12 +357,16 @@ TEST_F(ModemInstance, RebootIsAskedOfTheModemControlServiceWithoutWaiting)
     EXPECT_EQ(modem_invoke_mctl_reboot(&bare), 1);
 }
 
-TEST_F(ModemInstance, PoweredDownLineIsBroadcast)
+TEST_F(ModemInstance, PoweredDownLineAndGoingAwayAreBroadcast)
 {
     ASSERT_NO_FATAL_FAILURE(go_live());
     sim->control("powerdown");
     ASSERT_TRUE(run_until(5000, [&] { return !event("gsm.modem.powerdown").empty(); }));
     EXPECT_EQ(event("gsm.modem.powerdown"), R"(gsm.modem.powerdown {"usb_id":"1-1.2","ubus_obj":"gsm.modem0"})");
+    mdm.reset(); // the modem goes: its bus object's end is broadcast
+    ASSERT_TRUE(run_until(3000, [&] { return !event("gsm.modem_gone").empty(); }));
+    EXPECT_EQ(event("gsm.modem_gone"), R"(gsm.modem_gone {"object_name":"gsm.modem0","object_id":)" +
+                                           std::to_string(static_cast<int32_t>(modem_id)) + R"(,"modem_id":"1-1.2"})");
 }
 
 // A periodic query the generic driver does not have yet, installed for the

@@ -294,6 +294,13 @@ TEST_F(BusApi, CallsAnswerAndQueue)
         {"exec", R"({"command":"AT+CSQ","timeout":30})", "0 -> AT+CSQ @30000"},
         {"exec", R"({"command":"+CGMI"})", "1"},
         {"exec", R"({"timeout":5})", "2"},
+        {"exec", R"({"command":"ati"})", R"(0 {"request":"ATI\r","response":"Test\r\nModel T1\r\nRevision: T1R01"})"},
+        {"exec", R"({"command":"ATI1"})", R"(0 {"request":"ATI\r","response":"Test\r\nModel T1\r\nRevision: T1R01"})"},
+        // Sending in the background goes to the async manager; false behaves
+        // as absent; other methods do not know `async`.
+        {"send_sms", R"({"number":"+37060000000","text":"hi","async":true})", "0"},
+        {"send_sms", R"({"number":"1","text":"x","async":false})", R"(0 -> SEND_SMS={"number":"1","text":"x","async":false} @161000)"},
+        {"set_func", R"({"func":"1","async":true})", "0 -> AT+CFUN=1 @16000"},
         {"get_id_info", nullptr, R"(0 {"manufacturer":"Test","raw":"Test\r\nModel T1\r\nRevision: T1R01"})"},
         {"info", nullptr, R"(0 {"queued":0})"},
         {"update_modem_func", R"({"state_id":99})", R"(0 {"status":"OK","status_id":0})"},
@@ -317,67 +324,27 @@ TEST_F(BusApi, CallsAnswerAndQueue)
         EXPECT_EQ(outcome(r.method, r.args), r.outcome);
     }
     EXPECT_EQ(mdm.func, 99u);
-    EXPECT_TRUE(mdm.pushes.empty());
+    EXPECT_EQ(mdm.pushes,
+              std::vector<std::string>{R"(0 {"number":"+37060000000","text":"hi","async":true} 160 ACT_SEND_SMS)"});
     EXPECT_EQ(mgr.calls, (std::vector<std::string>{"dump", "attach 1-1", "deattach 1-1"}));
     EXPECT_EQ(g_log_level, 1u);
     EXPECT_EQ(call_on(gsm_id, "enable_debug", R"({"enabled":false})").status, 0);
     EXPECT_EQ(g_log_level, 0u);
 }
 
-TEST_F(BusApi, AsyncSendGoesToTheAsyncManager)
+// Identification failures reach the caller; without identification the
+// driver cannot answer it.
+TEST_F(BusApi, ExecIdentificationWithoutAnIdentification)
 {
-    call_result r = call("send_sms", R"({"number":"+37060000000","text":"hi","async":true})");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.reply, "");
-    EXPECT_TRUE(g_invocations.empty());
-    // false behaves as absent; other methods do not know `async`.
-    EXPECT_EQ(call("send_sms", R"({"number":"1","text":"x","async":false})").status, 0);
-    EXPECT_EQ(call("set_func", R"({"func":"1","async":true})").status, 0);
-    EXPECT_EQ(mdm.pushes,
-              std::vector<std::string>{R"(0 {"number":"+37060000000","text":"hi","async":true} 160 ACT_SEND_SMS)"});
-    ASSERT_EQ(mdm.queue.size(), 2u);
-    EXPECT_EQ(mdm.queue[0].timeout_ms, 161000u);
-    EXPECT_EQ(mdm.queue[1].command, "AT+CFUN=1");
-}
-
-TEST_F(BusApi, ExecIdentificationIsAnsweredByTheDriver)
-{
-    for (const char *cmd : {R"({"command":"ati"})", R"({"command":"ATI1"})"}) {
-        SCOPED_TRACE(cmd);
-        call_result r = call("exec", cmd);
-        EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.reply, R"({"request":"ATI\r","response":"Test\r\nModel T1\r\nRevision: T1R01"})");
-    }
-    EXPECT_TRUE(mdm.queue.empty());
-    EXPECT_EQ(g_invocations, (std::vector<uint32_t>{ACT_GET_ID_INFO, ACT_GET_ID_INFO}));
-
     g_id_status = ACT_STATUS_INVALID_RESPONSE;
     EXPECT_EQ(call("exec", R"({"command":"ATI"})").reply, R"({"errno":5,"error":"Invalid response"})");
     g_id_status = ACT_STATUS_NOT_SUPPORTED;
     EXPECT_EQ(call("get_id_info").reply, R"({"errno":7,"error":"Functionality not supported"})");
+    EXPECT_TRUE(mdm.queue.empty());
 
     mdm.drv = &g_bare_driver;
     EXPECT_EQ(call("exec", R"({"command":"ATI"})").status, UBUS_STATUS_NOT_SUPPORTED);
     EXPECT_EQ(call("get_id_info").status, UBUS_STATUS_NOT_SUPPORTED);
-}
-
-TEST_F(BusApi, PausedOrFullModemRefusesWhatGoesToIt)
-{
-    mdm.is_paused = true;
-    for (const char *method : {"get_firmware", "set_func", "get_imsi", "exec"}) {
-        SCOPED_TRACE(method);
-        const char *args = !std::strcmp(method, "set_func") ? R"({"func":"1"})" : R"({"command":"AT"})";
-        EXPECT_EQ(call(method, args).status, UBUS_STATUS_CONNECTION_FAILED);
-    }
-    EXPECT_EQ(call("exec").status, UBUS_STATUS_CONNECTION_FAILED);
-    EXPECT_TRUE(g_invocations.empty());
-    // What the modem instance answers itself still works.
-    EXPECT_EQ(call("info").status, 0);
-
-    mdm.is_paused = false;
-    mdm.fail_queue = true;
-    EXPECT_EQ(call("get_firmware").status, UBUS_STATUS_NO_DATA);
-    EXPECT_TRUE(mdm.queue.empty());
 }
 
 // ---- nesting limit ----
