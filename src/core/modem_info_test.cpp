@@ -33,94 +33,77 @@ modem_info custom_row(const char *model, const char *variant, const char *sn_suf
     return row;
 }
 
-// First identification: the first row with the USB ids, case-blind, whole
-// text; row 0 has none and is never a match.
-TEST(ModemInfoIdentify, FirstRowWithTheUsbIds)
+// Identification in three steps. 'u' by USB ids: the first row with them,
+// case-blind, whole text; row 0 has none and is never a match. 'f' by firmware
+// text: the longest key of any row wins; no match keeps the row. 's' by serial
+// number: for the Meiglink types the variant and suffix start after three
+// characters.
+TEST(ModemInfoIdentify, UsbIdsFirmwareAndSerial)
 {
     const struct {
-        const char *ids;
-        size_t row;
-    } cases[] = {
-        {"2C7C:0125", 1}, // EC25-EC, not EG25-G (row 34) with the same ids
-        {"2c7c:0125", 1},  {"05c6:9215", 15}, {"2C7C:0800", 39}, {"2C7C:0801", 45}, {"2DEE:4D58", 65},
-        {"1BC7:1073", 79}, {"2C7C:9999", 0},  {"2C7C:012", 0},   {"2C7C:01250", 0}, {"", 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.ids);
-        const modem_info *info = &g_midata[40];
-        modem_info_identify(info, c.ids);
-        EXPECT_EQ(row_of(info), c.row);
-    }
-}
-
-// Second identification by firmware text: the longest key of any row wins;
-// no match keeps the row.
-TEST(ModemInfoIdentifyEx, LongestFirmwareKeyWins)
-{
-    const struct {
-        const char *firmware;
-        size_t start;
-        uint32_t type;
-        size_t row;
-    } cases[] = {
-        {"EC25ECGAR06A03M4G", 1, 0, 1},   // EC25EC over EC25E
-        {"EC25EFAR06A06M4G", 1, 0, 2},    // only EC25E
-        {"EC25EUXGAR08A04M1G", 1, 0, 4},  // EC25EUX over EC25EU and EC25E
-        {"EC25AFFAR07A08M4G", 1, 0, 10},  // EC25 + AF + FA (8) over EC25AFF (7)
-        {"EC25AFFDR07A09M4G", 1, 0, 9},   // EC25AFF
-        {"EC25AFAR05A04M4G", 1, 0, 12},   // EC25 + A + FA
-        {"EC25AUTLFAR02A02M4G", 1, 0, 5}, // AUTL over AUT, AU
-        {"ec25ecgar06a03m4g", 1, 0, 1},   // case does not matter
-        {"EG25GGBR07A08M2G", 1, 0, 34},   // EG25-G shares the EC25 ids
-        {"BG96MAR02A07M1G", 0, 0, 35},    // a model without variant
-        {"EC21EUGAR06A05M4G", 1, 0, 20},  // any model, not only the current one
-        {"SLM828GNA06", 70, 0, 75},       // plain pattern for any other type
-        {"", 7, 0, 7},
-        {"EC25", 7, 0, 7},
-        {"EG91EXGAR08A05M1G", 7, 0, 7},
-        // The SLM828G is keyed with a dash and an underscore.
-        {"SLM828G-NA06_V1.0.3", 70, MODEM_TYPE_SLM828G, 75},
-        {"slm828g-la12_v2", 70, MODEM_TYPE_SLM828G, 71},
-        {"SLM828G-EU12", 70, MODEM_TYPE_SLM828G, 70},
-        {"SLM828GNA06", 70, MODEM_TYPE_SLM828G, 70},
-        {"EC25ECGAR06A03M4G", 70, MODEM_TYPE_SLM828G, 70},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.firmware);
-        const modem_info *info = &g_midata[c.start];
-        modem_info_identify_ex(info, c.firmware, c.type);
-        EXPECT_EQ(row_of(info), c.row);
-    }
-}
-
-// Third identification by serial number: for the Meiglink types the variant
-// and suffix start after three characters.
-TEST(ModemInfoIdentifySerial, VariantAndSuffixAfterThreeCharacters)
-{
-    const struct {
-        const char *serial;
+        char how;
+        const char *text;
         uint32_t type;
         size_t start, row;
     } cases[] = {
-        {"XYZVJ10C123456", MODEM_TYPE_SLM750, 50, 52},
-        {"xyzvj13b000001", MODEM_TYPE_SLM750, 50, 54},
-        {"XYZVAU0001", MODEM_TYPE_SLM750, 50, 58}, // VAU over VA
-        {"XYZVA10001", MODEM_TYPE_SLM750, 50, 59},
-        {"XYZVE00001", MODEM_TYPE_SLM750, 59, 50},
-        {"VJ10C123456", MODEM_TYPE_SLM750, 50, 50}, // not shifted past the key
-        {"XYZVJ99", MODEM_TYPE_SLM750, 55, 55},     // no VJ row without suffix
-        {"XYZACE1234", MODEM_TYPE_SLM770, 60, 63},
-        {"XYZAEU1234", MODEM_TYPE_SLM770, 65, 64}, // the 4D57 row comes first
-        {"XYZACA1234", MODEM_TYPE_SLM750, 67, 67}, // rows of another type are not searched
-        {"EUX0001", 3, 1, 4},                      // other types compare from the start
-        {"XYZVJ10C", 0, 50, 50},                   // type 0: never
-        {"ABC", MODEM_TYPE_SLM750, 50, 50},
-        {"XYZVJ10C", 99, 50, 50},
+        // clang-format off
+        {'u', "2C7C:0125", 0, 40, 1}, // EC25-EC, not EG25-G (row 34) with the same ids
+        {'u', "2c7c:0125", 0, 40, 1},
+        {'u', "05c6:9215", 0, 40, 15},
+        {'u', "2C7C:0800", 0, 40, 39},
+        {'u', "2C7C:0801", 0, 40, 45},
+        {'u', "2DEE:4D58", 0, 40, 65},
+        {'u', "1BC7:1073", 0, 40, 79},
+        {'u', "2C7C:9999", 0, 40, 0},
+        {'u', "2C7C:012", 0, 40, 0},
+        {'u', "2C7C:01250", 0, 40, 0},
+        {'u', "", 0, 40, 0},
+        {'f', "EC25ECGAR06A03M4G", 0, 1, 1},   // EC25EC over EC25E
+        {'f', "EC25EFAR06A06M4G", 0, 1, 2},    // only EC25E
+        {'f', "EC25EUXGAR08A04M1G", 0, 1, 4},  // EC25EUX over EC25EU and EC25E
+        {'f', "EC25AFFAR07A08M4G", 0, 1, 10},  // EC25 + AF + FA (8) over EC25AFF (7)
+        {'f', "EC25AFFDR07A09M4G", 0, 1, 9},   // EC25AFF
+        {'f', "EC25AFAR05A04M4G", 0, 1, 12},   // EC25 + A + FA
+        {'f', "EC25AUTLFAR02A02M4G", 0, 1, 5}, // AUTL over AUT, AU
+        {'f', "ec25ecgar06a03m4g", 0, 1, 1},   // case does not matter
+        {'f', "EG25GGBR07A08M2G", 0, 1, 34},   // EG25-G shares the EC25 ids
+        {'f', "BG96MAR02A07M1G", 0, 0, 35},    // a model without variant
+        {'f', "EC21EUGAR06A05M4G", 0, 1, 20},  // any model, not only the current one
+        {'f', "SLM828GNA06", 0, 70, 75},       // plain pattern for any other type
+        {'f', "", 0, 7, 7},
+        {'f', "EC25", 0, 7, 7},
+        {'f', "EG91EXGAR08A05M1G", 0, 7, 7},
+        // The SLM828G is keyed with a dash and an underscore.
+        {'f', "SLM828G-NA06_V1.0.3", MODEM_TYPE_SLM828G, 70, 75},
+        {'f', "slm828g-la12_v2", MODEM_TYPE_SLM828G, 70, 71},
+        {'f', "SLM828G-EU12", MODEM_TYPE_SLM828G, 70, 70},
+        {'f', "SLM828GNA06", MODEM_TYPE_SLM828G, 70, 70},
+        {'f', "EC25ECGAR06A03M4G", MODEM_TYPE_SLM828G, 70, 70},
+        {'s', "XYZVJ10C123456", MODEM_TYPE_SLM750, 50, 52},
+        {'s', "xyzvj13b000001", MODEM_TYPE_SLM750, 50, 54},
+        {'s', "XYZVAU0001", MODEM_TYPE_SLM750, 50, 58}, // VAU over VA
+        {'s', "XYZVA10001", MODEM_TYPE_SLM750, 50, 59},
+        {'s', "XYZVE00001", MODEM_TYPE_SLM750, 59, 50},
+        {'s', "VJ10C123456", MODEM_TYPE_SLM750, 50, 50}, // not shifted past the key
+        {'s', "XYZVJ99", MODEM_TYPE_SLM750, 55, 55},     // no VJ row without suffix
+        {'s', "XYZACE1234", MODEM_TYPE_SLM770, 60, 63},
+        {'s', "XYZAEU1234", MODEM_TYPE_SLM770, 65, 64}, // the 4D57 row comes first
+        {'s', "XYZACA1234", MODEM_TYPE_SLM750, 67, 67}, // rows of another type are not searched
+        {'s', "EUX0001", 3, 1, 4},                      // other types compare from the start
+        {'s', "XYZVJ10C", 0, 50, 50},                   // type 0: never
+        {'s', "ABC", MODEM_TYPE_SLM750, 50, 50},
+        {'s', "XYZVJ10C", 99, 50, 50},
+        // clang-format on
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.serial << " type " << c.type);
+        SCOPED_TRACE(testing::Message() << c.how << " " << c.text << " type " << c.type);
         const modem_info *info = &g_midata[c.start];
-        modem_info_identify_serial(info, c.serial, c.type);
+        if (c.how == 'u')
+            modem_info_identify(info, c.text);
+        else if (c.how == 'f')
+            modem_info_identify_ex(info, c.text, c.type);
+        else
+            modem_info_identify_serial(info, c.text, c.type);
         EXPECT_EQ(row_of(info), c.row);
     }
 }
@@ -139,9 +122,11 @@ TEST(ModemInfoIdentify, KeysAreCutTo15Characters)
         const char *firmware;
         ptrdiff_t row;
     } cases[] = {
-        {"ABCDEFGHIJKLMNOXYZ", 1}, {"ABCDEFGHIJKLMNOPQRS", 1},
-        {"ABCDEFGHIJKLMNO", 1},    {"ABCDEFGHIJKLMN", 3}, // 14 characters: only the shorter key fits
+        // clang-format off
+        {"ABCDEFGHIJKLMNOXYZ", 1}, {"ABCDEFGHIJKLMNOPQRS", 1}, {"ABCDEFGHIJKLMNO", 1},
+        {"ABCDEFGHIJKLMN", 3}, // 14 characters: only the shorter key fits
         {"ABCDEFGHIJKL", 0},
+        // clang-format on
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.firmware);

@@ -193,12 +193,12 @@ TEST_F(ModemInstance, LiveModemAnswersFromIdentificationAndThroughTheChannel)
         const char *method, *args;
         std::string reply;
     } rows[] = {
-        {"get_id_info", nullptr,
-         R"({"manuf":"Quectel","model":"EC25-E","firmware":"EC25EFAR06A06M4G","raw":")" + ati + "\"}"},
+        // clang-format off
+        {"get_id_info", nullptr, R"({"manuf":"Quectel","model":"EC25-E","firmware":"EC25EFAR06A06M4G","raw":")" + ati + "\"}"},
         {"exec", R"({"command":"ATI"})", R"({"request":"ATI\r","response":")" + ati + "\"}"},
         {"exec", R"({"command":"AT+GMM"})", R"({"request":"AT+GMM\r","response":"\r\nEC25\r\n\r\nOK\r\n"})"},
-        {"get_firmware", nullptr,
-         R"({"firmware":"EC25EFAR06A06M4G","firmware_full":"EC25EFAR06A06M4G_01.001.01.001"})"},
+        {"get_firmware", nullptr, R"({"firmware":"EC25EFAR06A06M4G","firmware_full":"EC25EFAR06A06M4G_01.001.01.001"})"},
+        // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.method);
@@ -292,9 +292,11 @@ TEST_F(ModemInstance, ProbeOfAnIdleModem)
         bool hang_first, numeric;
         uint32_t waiting, after;
     } rows[] = {
+        // clang-format off
         {"hung, then probed", true, false, MODEM_PING_HUNG, MODEM_PING_ANSWERING},
         {"probed, then declared hung", false, false, MODEM_PING_OUTSTANDING, MODEM_PING_ANSWERING},
         {"answered 0 after a reset", false, true, MODEM_PING_OUTSTANDING, MODEM_PING_OUTSTANDING},
+        // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
@@ -355,12 +357,16 @@ TEST_F(ModemInstance, RebootIsAskedOfTheModemControlServiceWithoutWaiting)
     EXPECT_EQ(modem_invoke_mctl_reboot(&bare), 1);
 }
 
-TEST_F(ModemInstance, PoweredDownLineIsBroadcast)
+TEST_F(ModemInstance, PoweredDownLineAndGoingAwayAreBroadcast)
 {
     ASSERT_NO_FATAL_FAILURE(go_live());
     sim->control("powerdown");
     ASSERT_TRUE(run_until(5000, [&] { return !event("gsm.modem.powerdown").empty(); }));
     EXPECT_EQ(event("gsm.modem.powerdown"), R"(gsm.modem.powerdown {"usb_id":"1-1.2","ubus_obj":"gsm.modem0"})");
+    mdm.reset(); // the modem goes: its bus object's end is broadcast
+    ASSERT_TRUE(run_until(3000, [&] { return !event("gsm.modem_gone").empty(); }));
+    EXPECT_EQ(event("gsm.modem_gone"), R"(gsm.modem_gone {"object_name":"gsm.modem0","object_id":)" +
+                                           std::to_string(static_cast<int32_t>(modem_id)) + R"(,"modem_id":"1-1.2"})");
 }
 
 // A periodic query the generic driver does not have yet, installed for the

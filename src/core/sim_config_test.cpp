@@ -1,5 +1,6 @@
 #include "core/sim_config.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -7,7 +8,6 @@
 #include <gtest/gtest.h>
 #include "wwan/ubox.h"
 
-#include "util/log.h"
 #include "util/root_test_support.h"
 #include "util/ujson.h"
 
@@ -20,188 +20,159 @@ const char *sw2 = "/sys/class/gpio/sim_sel2/value";
 class SimConfig : public testing::Test
 {
   protected:
-    void TearDown() override { log_level(0); }
-    // The factory data, one slot text per line (control type, modem, type,
-    // switch-1, switch-2, presence); none: no factory file.
-    std::unique_ptr<sim_config> create(const std::vector<std::string> &texts, uint32_t modem, uint32_t &count)
+    // The factory data: slot texts (control type, modem, type, switch-1,
+    // switch-2, presence) separated by blanks, one a line; null: no file.
+    std::unique_ptr<sim_config> create(const char *factory, uint32_t modem, uint32_t &count)
     {
         root.remove("/etc");
-        std::string all;
-        for (auto &t : texts)
-            all += t + "\n";
-        if (!texts.empty())
-            root.write("/etc/mnfinfo/sim_cfg", all);
+        if (factory) {
+            std::string lines = std::string(factory) + "\n";
+            std::replace(lines.begin(), lines.end(), ' ', '\n');
+            root.write("/etc/mnfinfo/sim_cfg", lines);
+        }
         testing::internal::CaptureStdout();
         auto cfg = sim_config_create(modem, count);
         testing::internal::GetCapturedStdout();
         return cfg;
     }
+    void set_file(const char *path, const char *content)
+    {
+        root.remove(path);
+        if (content)
+            root.write(path, content);
+    }
     temp_root root;
 };
 
-// A slot as its factory text without the modem digit; all four slots.
-std::vector<std::string> slot_texts(const sim_config &cfg)
+// The slots as their factory texts without the modem digit, then the kind of
+// control: "21101 21200 00000 00000 kind 2".
+std::string slot_texts(const sim_config &cfg)
 {
-    std::vector<std::string> out;
+    std::string out;
     for (const sim_slot &s : cfg.slots())
-        out.push_back(std::to_string(s.control_type) + std::to_string(s.type) + std::to_string(s.switch1_state) +
-                      std::to_string(s.switch2_state) + std::to_string(s.presence));
-    return out;
+        out += std::to_string(s.control_type) + std::to_string(s.type) + std::to_string(s.switch1_state) +
+               std::to_string(s.switch2_state) + std::to_string(s.presence) + " ";
+    return out + "kind " + std::to_string(cfg.control_kind());
 }
 
 TEST_F(SimConfig, SlotsOfTheRequestedModemFromTheFactoryData)
 {
     const struct {
-        const char *what;
-        std::vector<std::string> texts;
+        const char *what, *factory;
         uint32_t modem;
-        std::vector<std::string> slots; // the rest are all zero
-        uint32_t kind;
+        const char *slots;
     } cases[] = {
-        {"first answer N/A", {"N/A", "212101"}, 1, {}, 0},
-        {"no factory data", {}, 1, {}, 0},
-        {"two slots on switch 1", {"211101", "211200", "121000"}, 1, {"21101", "21200"}, 2},
-        {"the secondary modem's slots", {"211101", "121000", "N/A"}, 2, {"11000"}, 1},
-        {"four slots on two switches",
-         {"211111", "211211", "211121", "211221"},
-         1,
-         {"21111", "21211", "21121", "21221"},
-         2},
-        {"characters outside 0 to 2 read as 0", {"21912x", "2A1201"}, 1, {"20120"}, 2},
-        {"short texts are not slots", {"21120", "", "211101"}, 1, {"21101"}, 2},
-        {"nothing after N/A", {"211101", "N/A", "211201"}, 1, {"21101"}, 2},
-        {"at most four slots",
-         {"211101", "211201", "211111", "211211", "211121"},
-         1,
-         {"21101", "21201", "21111", "21211"},
-         2},
-        {"control types 1 and 2 mixed", {"111101", "211201"}, 1, {"11101", "21201"}, 2},
-        {"control type 0 wins", {"211101", "011201"}, 1, {"21101", "01201"}, 0},
-        {"other modems' types do not mix in", {"221101", "111201", "021000"}, 2, {"21101", "01000"}, 0},
+        // clang-format off
+        {"first answer N/A", "N/A 212101", 1, "00000 00000 00000 00000 kind 0"},
+        {"no factory data", nullptr, 1, "00000 00000 00000 00000 kind 0"},
+        {"two slots on switch 1", "211101 211200 121000", 1, "21101 21200 00000 00000 kind 2"},
+        {"the secondary modem's slots", "211101 121000 N/A", 2, "11000 00000 00000 00000 kind 1"},
+        {"four slots on two switches", "211111 211211 211121 211221", 1, "21111 21211 21121 21221 kind 2"},
+        {"characters outside 0 to 2 read as 0", "21912x 2A1201", 1, "20120 00000 00000 00000 kind 2"},
+        {"short texts are not slots", "21120  211101", 1, "21101 00000 00000 00000 kind 2"},
+        {"nothing after N/A", "211101 N/A 211201", 1, "21101 00000 00000 00000 kind 2"},
+        {"at most four slots", "211101 211201 211111 211211 211121", 1, "21101 21201 21111 21211 kind 2"},
+        {"control types 1 and 2 mixed", "111101 211201", 1, "11101 21201 00000 00000 kind 2"},
+        {"control type 0 wins", "211101 011201", 1, "21101 01201 00000 00000 kind 0"},
+        {"other modems' types do not mix in", "221101 111201 021000", 2, "21101 01000 00000 00000 kind 0"},
+        // clang-format on
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         uint32_t count = 1; // the slots add to the caller's count
-        auto cfg = create(c.texts, c.modem, count);
+        auto cfg = create(c.factory, c.modem, count);
         ASSERT_NE(cfg, nullptr);
-        EXPECT_EQ(count, 1 + c.slots.size());
-        std::vector<std::string> want = c.slots;
-        want.resize(sim_config::max_slots, "00000");
-        EXPECT_EQ(slot_texts(*cfg), want);
-        EXPECT_EQ(cfg->control_kind(), c.kind);
+        EXPECT_EQ(slot_texts(*cfg), c.slots);
+        size_t listed = 0; // the slots that are not all zero
+        for (size_t at = 0; at < 24; at += 6)
+            listed += std::string(c.slots, at, 5) != "00000";
+        EXPECT_EQ(count, 1 + listed);
     }
 }
 
-// Which selector files exist, what the factory says, and what setting one
-// slot does to them.
+// What setting one slot does to the selector files; lines: 'x' both files
+// hold "x", '-' none exist, 'd' switch 1 is a directory. The result is
+// "<switch-1 ret><switch-2 ret> <switch-1 file><switch-2 file>".
 TEST_F(SimConfig, SettingTheSwitches)
 {
     const struct {
-        const char *what;
-        std::vector<std::string> texts;
+        const char *what, *factory;
         uint32_t slot;
-        bool lines_exist;
-        int sw1_ret, sw2_ret;
-        const char *sw1_after, *sw2_after; // file content afterwards
+        char lines;
+        const char *result;
     } cases[] = {
-        {"slot 0", {"211111"}, 0, true, 2, 2, "x", "x"},
-        {"slot 5", {"211111"}, 5, true, 2, 2, "x", "x"},
-        {"high lines", {"212221"}, 1, true, 0, 0, "1", "1"},
-        {"low lines", {"211111"}, 1, true, 0, 0, "0", "0"},
-        {"second slot", {"211101", "211221"}, 2, true, 0, 0, "1", "1"},
-        {"switch 1 needs control type 2; switch 2 does not", {"111121"}, 1, true, 1, 0, "x", "1"},
-        {"unused lines are left alone", {"211001"}, 1, true, 1, 1, "x", "x"},
-        {"a slot the factory did not list", {"211101"}, 3, true, 1, 1, "x", "x"},
-        {"missing line files", {"211211"}, 1, false, 1, 1, "", ""},
+        // clang-format off
+        {"slot 0", "211111", 0, 'x', "22 xx"},
+        {"slot 5", "211111", 5, 'x', "22 xx"},
+        {"high lines", "212221", 1, 'x', "00 11"},
+        {"low lines", "211111", 1, 'x', "00 00"},
+        {"second slot", "211101 211221", 2, 'x', "00 11"},
+        {"switch 1 needs control type 2; switch 2 does not", "111121", 1, 'x', "10 x1"},
+        {"unused lines are left alone", "211001", 1, 'x', "11 xx"},
+        {"a slot the factory did not list", "211101", 3, 'x', "11 xx"},
+        {"missing line files", "211211", 1, '-', "11 "},
+        {"a line that cannot be opened for writing", "212201", 1, 'd', "11 "},
+        // clang-format on
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         root.remove("/sys");
         uint32_t count = 0;
-        auto cfg = create(c.texts, 1, count);
+        auto cfg = create(c.factory, 1, count);
         ASSERT_NE(cfg, nullptr);
-        if (c.lines_exist) {
+        if (c.lines == 'x') {
             root.write(sw1, "x");
             root.write(sw2, "x");
+        } else if (c.lines == 'd') {
+            root.write(std::string(sw1) + "/x", "");
         }
         bool done1 = false, done2 = false;
-        EXPECT_EQ(cfg->set_sw1_value(c.slot, done1), c.sw1_ret);
-        EXPECT_EQ(cfg->set_sw2_value(c.slot, done2), c.sw2_ret);
-        EXPECT_EQ(done1, c.sw1_ret == 0);
-        EXPECT_EQ(done2, c.sw2_ret == 0);
-        // one character written over the start of the file
-        EXPECT_EQ(root.read(sw1), c.sw1_after);
-        EXPECT_EQ(root.read(sw2), c.sw2_after);
-        EXPECT_EQ(root.exists(sw1), c.lines_exist);
-    }
-
-    // A line that cannot be opened for writing.
-    uint32_t count = 0;
-    auto cfg = create({"212201"}, 1, count);
-    root.remove("/sys");
-    root.write(std::string(sw1) + "/x", "");
-    bool done = false;
-    EXPECT_EQ(cfg->set_sw1_value(1, done), 1);
-    EXPECT_FALSE(done);
-}
-
-TEST_F(SimConfig, ReadingSwitchOne)
-{
-    const struct {
-        const char *content; // null: no file
-        int ret;
-        uint32_t state;
-    } cases[] = {
-        {"0\n", 0, SIM_SWITCH_LOW},
-        {"1\n", 0, SIM_SWITCH_HIGH},
-        {"10\n", 0, SIM_SWITCH_HIGH},
-        {"2\n", 1, 0},
-        {"", 1, 0},
-        {nullptr, 1, 0},
-    };
-    auto cfg = sim_config_create_placeholder();
-    ASSERT_NE(cfg, nullptr);
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.content ? c.content : "no file");
-        root.remove("/sys");
-        if (c.content)
-            root.write(sw1, c.content);
-        uint32_t state = 0;
-        EXPECT_EQ(cfg->get_sw1_value(state), c.ret);
-        EXPECT_EQ(state, c.state);
+        const int ret1 = cfg->set_sw1_value(c.slot, done1), ret2 = cfg->set_sw2_value(c.slot, done2);
+        EXPECT_EQ(std::to_string(ret1) + std::to_string(ret2) + " " + root.read(sw1) + root.read(sw2), c.result);
+        EXPECT_EQ(done1, ret1 == 0);
+        EXPECT_EQ(done2, ret2 == 0);
+        EXPECT_EQ(root.exists(sw1), c.lines != '-');
     }
 }
 
+// Reading switch 1, then the current slot from its state and switch 2 (a
+// slot on switch 1 alone comes first): "<ret>:<state> <ret>:<slot>", the slot
+// "-" when switch 1 was unreadable. Files null: missing.
 TEST_F(SimConfig, CurrentSlot)
 {
-    const std::vector<std::string> four = {"211111", "211121", "211211", "211221"};
+    const char *four = "211111 211121 211211 211221";
     const struct {
-        const char *what;
-        std::vector<std::string> texts;
-        uint32_t sw1_state;
-        const char *sw2_content; // null: no file
-        int ret;
-        uint32_t slot;
+        const char *what, *factory, *sw1_file, *sw2_file;
+        const char *result;
     } cases[] = {
-        {"switch 1 alone", {"211101", "211201"}, SIM_SWITCH_HIGH, nullptr, 0, 2},
-        {"switch 1 alone, low", {"211101", "211201"}, SIM_SWITCH_LOW, nullptr, 0, 1},
-        {"a slot on switch 1 alone comes first", {"211111", "211101"}, SIM_SWITCH_LOW, "1", 0, 2},
-        {"then switch 2 decides", four, SIM_SWITCH_HIGH, "1", 0, 4},
-        {"switch 2 low", four, SIM_SWITCH_HIGH, "0", 0, 3},
-        {"switch 2 unreadable", {"211111", "211121"}, SIM_SWITCH_LOW, nullptr, 1, 0},
-        {"no slot matches", {"211111", "211121"}, SIM_SWITCH_HIGH, "0", 1, 0},
-        {"no slots", {"N/A"}, SIM_SWITCH_LOW, "0", 1, 0},
+        // clang-format off
+        {"switch 1 alone, low", "211101 211201", "0\n", nullptr, "0:1 0:1"},
+        {"switch 1 alone, high", "211101 211201", "1\n", nullptr, "0:2 0:2"},
+        {"the first character counts", "211101 211201", "10\n", nullptr, "0:2 0:2"},
+        {"no such switch state", "211101 211201", "2\n", nullptr, "1:0 -"},
+        {"empty switch 1", "211101 211201", "", nullptr, "1:0 -"},
+        {"no switch 1", "211101 211201", nullptr, nullptr, "1:0 -"},
+        {"a slot on switch 1 alone comes first", "211111 211101", "0", "1", "0:1 0:2"},
+        {"then switch 2 decides", four, "1", "1", "0:2 0:4"},
+        {"switch 2 low", four, "1", "0", "0:2 0:3"},
+        {"switch 2 unreadable", "211111 211121", "0", nullptr, "0:1 1:0"},
+        {"no slot matches", "211111 211121", "1", "0", "0:2 1:0"},
+        {"no slots", "N/A", "0", "0", "0:1 1:0"},
+        // clang-format on
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        root.remove("/sys");
-        if (c.sw2_content)
-            root.write(sw2, c.sw2_content);
-        uint32_t count = 0;
-        auto cfg = create(c.texts, 1, count);
-        uint32_t slot = 0;
-        EXPECT_EQ(cfg->get_current_sim_slot(c.sw1_state, slot), c.ret);
-        EXPECT_EQ(slot, c.slot);
+        set_file(sw1, c.sw1_file);
+        set_file(sw2, c.sw2_file);
+        uint32_t count = 0, state = 0, slot = 0;
+        auto cfg = create(c.factory, 1, count);
+        const int ret = cfg->get_sw1_value(state);
+        std::string result = std::to_string(ret) + ":" + std::to_string(state) + " ";
+        if (ret == 0) {
+            const int ret2 = cfg->get_current_sim_slot(state, slot);
+            result += std::to_string(ret2) + ":" + std::to_string(slot);
+        }
+        EXPECT_EQ(result + (ret ? "-" : ""), c.result);
     }
 }
 
@@ -218,7 +189,7 @@ std::string json_text(const ujson &j)
 TEST_F(SimConfig, StatisticsAndThePlaceholder)
 {
     uint32_t count = 0;
-    auto cfg = create({"211121", "212210", "121000"}, 1, count);
+    auto cfg = create("211121 212210 121000", 1, count);
     auto out = ujson::create();
     cfg->fill_stats(*out, count);
     EXPECT_EQ(json_text(*out),
@@ -235,8 +206,7 @@ TEST_F(SimConfig, StatisticsAndThePlaceholder)
     EXPECT_EQ(placeholder->set_sw1_value(1, done), 1);
     EXPECT_EQ(placeholder->set_sw2_value(1, done), 1);
     EXPECT_FALSE(done);
-    EXPECT_EQ(root.read(sw1), "x");
-    EXPECT_EQ(root.read(sw2), "x");
+    EXPECT_EQ(root.read(sw1) + root.read(sw2), "xx");
     out = ujson::create();
     placeholder->fill_stats(*out, 1);
     EXPECT_EQ(json_text(*out),

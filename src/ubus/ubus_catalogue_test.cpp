@@ -71,16 +71,11 @@ TEST_F(Catalogue, GroupsAndActions)
         ASSERT_NE(row, nullptr) << names[i];
         by_action[row->action].push_back(names[i]);
     }
-    const std::set<uint32_t> internal = {ACT_AT_COMMAND,
-                                         ACT_GET_ID_INFO,
-                                         ACT_GET_IMEI,
-                                         ACT_GET_FULL_MSG_STORAGE_LOC,
-                                         ACT_DELETE_PDUS,
-                                         ACT_SET_APN_AUTH_INTERNAL,
-                                         ACT_GET_APN_AUTH_INTERNAL,
-                                         ACT_STOP_NMEA,
-                                         ACT_UPDATE_MODEM_FUNC,
-                                         ACT_GET_DFAULT_MODEM_FUNC};
+    // clang-format off
+    const std::set<uint32_t> internal = {ACT_AT_COMMAND, ACT_GET_ID_INFO, ACT_GET_IMEI, ACT_GET_FULL_MSG_STORAGE_LOC,
+                                         ACT_DELETE_PDUS, ACT_SET_APN_AUTH_INTERNAL, ACT_GET_APN_AUTH_INTERNAL,
+                                         ACT_STOP_NMEA, ACT_UPDATE_MODEM_FUNC, ACT_GET_DFAULT_MODEM_FUNC};
+    // clang-format on
     for (uint32_t a = 0; a < __ACT_TYPE_MAX; a++) {
         SCOPED_TRACE(act_type_id_str[a]);
         size_t want = internal.count(a) ? 0 : a == ACT_GET_NET_MODE_TECH ? 2 : 1;
@@ -94,25 +89,14 @@ TEST_F(Catalogue, GroupsAndActions)
 // "async"; introspection shows the policy.
 TEST_F(Catalogue, TimeoutsAndSignatures)
 {
-    const std::map<std::string, uint32_t> longer = {{"scan_operators", 180},
-                                                    {"get_operator_selection", 180},
-                                                    {"set_operator_selection", 180},
-                                                    {"send_sms", 160},
-                                                    {"set_pdp_ctx_state", 150},
-                                                    {"get_attached_pdp_ctx_list", 150},
-                                                    {"get_active_pdp_ctx_list", 150},
-                                                    {"set_ps_att_state", 140},
-                                                    {"get_ps_att_state", 140},
-                                                    {"accept_voice_call", 90},
-                                                    {"reject_voice_call", 90},
-                                                    {"set_pdp_call", 30},
-                                                    {"get_clip_mode", 20},
-                                                    {"set_clip_mode", 15},
-                                                    {"set_gprs_attach_mode", 15},
-                                                    {"get_apn_auth", 15},
-                                                    {"delete_sms", 15},
-                                                    {"set_func", 15},
-                                                    {"get_func", 15}};
+    // clang-format off
+    const std::map<std::string, uint32_t> longer = {
+        {"scan_operators", 180}, {"get_operator_selection", 180}, {"set_operator_selection", 180}, {"send_sms", 160},
+        {"set_pdp_ctx_state", 150}, {"get_attached_pdp_ctx_list", 150}, {"get_active_pdp_ctx_list", 150},
+        {"set_ps_att_state", 140}, {"get_ps_att_state", 140}, {"accept_voice_call", 90}, {"reject_voice_call", 90},
+        {"set_pdp_call", 30}, {"get_clip_mode", 20}, {"set_clip_mode", 15}, {"set_gprs_attach_mode", 15},
+        {"get_apn_auth", 15}, {"delete_sms", 15}, {"set_func", 15}, {"get_func", 15}};
+    // clang-format on
     std::map<std::string, uint32_t> found;
     std::set<std::string> with_timeout, with_async;
     for (size_t i = 5; i < names.size(); i++) {

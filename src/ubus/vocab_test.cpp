@@ -17,14 +17,10 @@ std::string upper(const char *s)
     return out;
 }
 
-#define ARG(stem, max, fallback)                                                                                       \
-    {                                                                                                                  \
-#stem, stem##_arg_str, stem##_arg_enum, max, fallback                                                          \
-    }
-#define TXT(stem, max)                                                                                                 \
-    {                                                                                                                  \
-#stem, stem##_str, stem##_enum, max                                                                            \
-    }
+// clang-format off
+#define ARG(stem, max, fallback) {#stem, stem##_arg_str, stem##_arg_enum, max, fallback}
+#define TXT(stem, max) {#stem, stem##_str, stem##_enum, max}
+// clang-format on
 
 // Bus keywords round-trip, compare exactly, and numbers without a keyword
 // print the vocabulary's fall-back.
