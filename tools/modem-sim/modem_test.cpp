@@ -16,29 +16,86 @@ namespace
 
 using namespace std::string_literals;
 
-// A small modem, one rule a line; a row may append settings (a later 'set' wins) and rules.
-const std::string small_scenario =
-    "set echo 0\nset verbose 1\nset cmee 1\nset csq 20\nset mr 254\nset sim present\nset call none\nkeep pin_left\n"
-    "boot\n  delay 500\n  urc RDY\n  delay 100\n  urc +QIND: SMS DONE\n"
-    "powerdown\n  delay 50\n  urc POWERED DOWN\n"
-    "next +CREG: 1\nnext RING\n"
-    "on AT\n  ok\n"
-    "on ATE0\n  set echo 0\n  ok\n"
-    "on ATV[01]\n  set verbose $1\n  ok\n"
-    "on AT+CMEE=[012]\n  set cmee $1\n  ok\n"
-    "on AT+SET=*,*\n  set $1 $2\n  ok\n"
-    "on AT+GET=*\n  line {$1}\n  ok\n"
-    "on AT+CSQ\n  line +CSQ: {csq},99\n  ok\n"
-    "on AT+CREG?\n  line +CREG: 0,1\n  ok\n"
-    "on AT+CPIN?\n  when sim = absent\n  cme 10\n"
-    "on AT+CPIN?\n  line +CPIN: READY\n  ok\n"
-    "on AT+CMGS=*\n  prompt ok\n  delay 100\n  line +CMGS: {mr},{text}\n  add mr 1 256\n  ok\n"
-    "on AT+SLOW\n  delay 200\n  line first\n  delay 300\n  line second\n  ok\n"
-    "on AT+QPOWD\n  ok\n  powerdown\n"
-    "on AT+LONG=*\n  ok\n"
-    "on AT+RING\n  set call ringing\n  ok\n  do ring\n"
-    "on AT+CHUP\n  set call none\n  cancel ring\n  ok\n"
-    "action ring\n  if call != ringing\n    stop\n  urc RING\n  after 3s ring\n    do ring\n";
+// A small modem; a row may append settings (a later 'set' wins) and rules.
+const std::string small_scenario = R"(set echo 0
+set verbose 1
+set cmee 1
+set csq 20
+set mr 254
+set sim present
+set call none
+keep pin_left
+boot
+  delay 500
+  urc RDY
+  delay 100
+  urc +QIND: SMS DONE
+powerdown
+  delay 50
+  urc POWERED DOWN
+next +CREG: 1
+next RING
+on AT
+  ok
+on ATE0
+  set echo 0
+  ok
+on ATV[01]
+  set verbose $1
+  ok
+on AT+CMEE=[012]
+  set cmee $1
+  ok
+on AT+SET=*,*
+  set $1 $2
+  ok
+on AT+GET=*
+  line {$1}
+  ok
+on AT+CSQ
+  line +CSQ: {csq},99
+  ok
+on AT+CREG?
+  line +CREG: 0,1
+  ok
+on AT+CPIN?
+  when sim = absent
+  cme 10
+on AT+CPIN?
+  line +CPIN: READY
+  ok
+on AT+CMGS=*
+  prompt ok
+  delay 100
+  line +CMGS: {mr},{text}
+  add mr 1 256
+  ok
+on AT+SLOW
+  delay 200
+  line first
+  delay 300
+  line second
+  ok
+on AT+QPOWD
+  ok
+  powerdown
+on AT+LONG=*
+  ok
+on AT+RING
+  set call ringing
+  ok
+  do ring
+on AT+CHUP
+  set call none
+  cancel ring
+  ok
+action ring
+  if call != ringing
+    stop
+  urc RING
+  after 3s ring
+    do ring
+)";
 
 class ModemTest : public ::testing::Test
 {
