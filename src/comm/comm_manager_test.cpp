@@ -246,40 +246,59 @@ TEST_F(CommManager, SetupEndsWithEchoOffAndVerboseResultCodes)
 
 // --- queue and dispatch ---------------------------------------------------------
 
-TEST_F(CommManager, QueuedRequestsAreAnsweredOneAtATimeInOrder)
+// Requests go out one at a time, in order, each after the previous answer;
+// an SMS command line goes first and its PDU after the prompt. The driver's
+// parse phase fills the reply; its error is reported with the exchange,
+// through the bus error completion for a bus call.
+TEST_F(CommManager, QueuedRequestsAreAnsweredInOrderWithTheDriverResult)
 {
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
-    mdm->queue("AT+CSQ");
-    mdm->queue("AT+CREG?");
-    mdm->queue("ATI");
-    mdm->queue("AT+CSQ\rAT+CREG?\r"); // two command lines, written one after the other
-    ASSERT_TRUE(wait_finished(4));
-    ASSERT_EQ(mdm->replies.size(), 4u);
-    EXPECT_EQ(mdm->replies[0].response, csq_answer);
-    EXPECT_EQ(mdm->replies[1].response, creg_answer);
-    EXPECT_EQ(mdm->replies[2].response, ati_answer);
-    EXPECT_NE(mdm->replies[3].response.find("+CREG: 0,1"), std::string::npos) << mdm->replies[3].response;
-    for (const auto &f : mdm->finished)
-        EXPECT_EQ(f.failed, 0);
-    EXPECT_FALSE(mdm->cmm->busy());
-    // The modem saw each command only after the previous answer.
-    std::string t = sim->transcript();
-    EXPECT_LT(t.find("+CSQ: 22,99"), t.find("in  \"AT+CREG?"));
-    EXPECT_LT(t.rfind("+CSQ: 22,99"), t.rfind("in  \"AT+CREG?"));
-}
-
-TEST_F(CommManager, SmsCommandLineGoesFirstAndThePduAfterThePrompt)
-{
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
     const std::string pdu = "0011000B916407281553F80000AA0AE8329BFD4697D9EC37";
-    mdm->queue("AT+CMGS=23\r" + pdu + "\x1a", ACT_SEND_SMS);
-    ASSERT_TRUE(wait_finished(1));
-    EXPECT_EQ(mdm->finished[0].failed, 0);
-    EXPECT_NE(mdm->replies.at(0).response.find("\r\n+CMGS: 41\r\n\r\nOK\r\n"), std::string::npos);
+    const struct {
+        std::string command;
+        uint32_t action;
+        std::string response, json; // json "": not compared
+    } rows[] = {
+        // clang-format off
+        {"AT+CSQ", 0, csq_answer, ""},
+        {"AT+CREG?", 0, creg_answer, ""},
+        {"ATI", 0, ati_answer, ""},
+        {"AT+GSN", ACT_GET_IMEI, "", R"({"imei":"866758041234564"})"},
+        {"AT+CSQ", ACT_GET_FUNC, "", R"({"status_id":0,"status":"OK"})"},
+        {"AT+CSQ", ACT_GET_IMSI, csq_answer, R"({"request":"AT+CSQ\r","response":"\r\n+CSQ: 22,99\r\n\r\nOK\r\n","errno":5,"error":"Invalid response"})"},
+        {"AT+CSQ\rAT+CREG?\r", 0, csq_answer + creg_answer, ""}, // two command lines, written one after the other
+        {"AT+CMGS=23\r" + pdu + "\x1a", ACT_SEND_SMS, "\r\n> \r\n+CMGS: 41\r\n\r\nOK\r\n", ""},
+        // clang-format on
+    };
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    for (const auto &r : rows)
+        mdm->queue(r.command, r.action);
+    ASSERT_TRUE(wait_finished(std::size(rows)));
+    ASSERT_EQ(mdm->replies.size(), std::size(rows));
+    for (size_t i = 0; i < std::size(rows); i++) {
+        SCOPED_TRACE(rows[i].command);
+        EXPECT_EQ(mdm->finished[i].failed, 0);
+        EXPECT_EQ(mdm->replies[i].response, rows[i].response);
+        if (!rows[i].json.empty()) {
+            EXPECT_EQ(mdm->replies[i].json, rows[i].json);
+        }
+    }
+    EXPECT_FALSE(mdm->cmm->busy());
     EXPECT_EQ(sim->control("get text"), pdu + "\nOK\n");
     ASSERT_EQ(mdm->events.size(), 1u);
     EXPECT_EQ(mdm->events[0].event, 29u);
     EXPECT_EQ(mdm->events[0].value, 2);
+    // The modem saw each command only after the previous answer.
+    std::string t = sim->transcript();
+    EXPECT_LT(t.find("+CSQ: 22,99"), t.find("in  \"AT+CREG?"));
+    EXPECT_LT(t.rfind("+CSQ: 22,99"), t.rfind("in  \"AT+CREG?"));
+
+    EXPECT_TRUE(mdm->bus_errors.empty());
+    request *req = mdm->queue("AT+CSQ", ACT_GET_IMSI);
+    req->callback = nullptr;
+    req->has_req_data = true;
+    ASSERT_TRUE(wait_finished(std::size(rows) + 1));
+    EXPECT_EQ(mdm->finished.back().failed, 0);
+    EXPECT_EQ(mdm->bus_errors, std::vector<int>{5});
 }
 
 // A port that takes no bytes, or that hung up: every command is answered as
@@ -374,42 +393,6 @@ TEST_F(CommManager, UrcsReachTheirHandlersAndStayOutOfAnswers)
             EXPECT_EQ(answer(r.command), r.response);
         }
         restart();
-    }
-}
-
-// --- completion -----------------------------------------------------------------
-
-// The driver's parse phase fills the reply; its error is reported with the
-// exchange, through the bus error completion for a bus call.
-TEST_F(CommManager, RepliesCarryTheDriverResultOrItsError)
-{
-    const struct {
-        const char *command;
-        uint32_t action;
-        bool bus;
-        std::string json;
-    } rows[] = {
-        {"AT+GSN", ACT_GET_IMEI, false, R"({"imei":"866758041234564"})"},
-        {"AT+CSQ", ACT_GET_FUNC, false, R"({"status_id":0,"status":"OK"})"},
-        // clang-format off
-        {"AT+CSQ", ACT_GET_IMSI, false, R"({"request":"AT+CSQ\r","response":"\r\n+CSQ: 22,99\r\n\r\nOK\r\n","errno":5,"error":"Invalid response"})"},
-        {"AT+CSQ", ACT_GET_IMSI, true, ""},
-        // clang-format on
-    };
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
-    for (size_t i = 0; i < std::size(rows); i++) {
-        SCOPED_TRACE(i);
-        request *req = mdm->queue(rows[i].command, rows[i].action);
-        if (rows[i].bus) {
-            req->callback = nullptr;
-            req->has_req_data = true;
-        }
-        ASSERT_TRUE(wait_finished(i + 1));
-        EXPECT_EQ(mdm->finished.back().failed, 0);
-        EXPECT_EQ(mdm->bus_errors, rows[i].bus ? std::vector<int>{5} : std::vector<int>{});
-        if (!rows[i].bus) {
-            EXPECT_EQ(mdm->replies.back().json, rows[i].json);
-        }
     }
 }
 
