@@ -158,14 +158,6 @@ class CommManager : public ::testing::Test
         return wait_finished(n + 1, timeout_ms) ? mdm->replies.back().response : "(no answer)";
     }
 
-    // Makes the port refuse writes.
-    void refuse_writes()
-    {
-        int ro = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        ASSERT_GE(dup2(ro, mdm->cmm->tty_fd()), 0);
-        close(ro);
-    }
-
     temp_root root;
     std::unique_ptr<modem_sim> sim;
     std::unique_ptr<test_modem> mdm;
@@ -309,10 +301,12 @@ TEST_F(CommManager, FailedWritesAnswerTheirRequestsAndThirtyOneDeclareTheModemHu
     for (const bool unplug : {false, true}) {
         SCOPED_TRACE(unplug ? "terminal hung up" : "port refuses writes");
         ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+        int ro = open("/dev/null", O_RDONLY | O_CLOEXEC);
         if (unplug)
             sim.reset(); // the terminal hangs up, as an unplugged modem's does
         else
-            ASSERT_NO_FATAL_FAILURE(refuse_writes());
+            ASSERT_GE(dup2(ro, mdm->cmm->tty_fd()), 0); // the port refuses writes
+        close(ro);
         testing::internal::CaptureStdout();
         for (int i = 0; i < 31; i++)
             mdm->queue("AT+CSQ");
@@ -651,21 +645,6 @@ TEST_F(CommManagerAvp, ClientsArrivingWhileOutOfDescriptorsAreRefusedWithTheErro
 namespace
 {
 
-const char *const ufs_rules = "set ufs_total 1000000\nset ufs_ram_total 1000\n"
-                              "on AT+QFUPL=*\n  ufs\n";
-
-// A file of n bytes under the root, every byte value in turn (CR, LF,
-// Ctrl-Z, NUL, ESC, "+++" included); its descriptor, open for reading.
-int data_file(const temp_root &root, const std::string &name, size_t n, std::string *bytes)
-{
-    bytes->clear();
-    for (size_t i = 0; i < n; i++)
-        bytes->push_back(static_cast<char>((i * 7 + i / 256) & 0xff));
-    std::string path = root.path() + "/" + name;
-    std::ofstream(path, std::ios::binary) << *bytes;
-    return open(path.c_str(), O_RDONLY | O_CLOEXEC);
-}
-
 // The module's checksum, written out independently of the channel's, in hex.
 std::string module_checksum(const std::string &b)
 {
@@ -679,11 +658,6 @@ std::string module_checksum(const std::string &b)
 
 // How an upload ends: the file stored, CONNECT refused, or the data cut short.
 enum upload_end { stored, refused, cut };
-
-bool fd_open(int fd)
-{
-    return fcntl(fd, F_GETFD) != -1;
-}
 
 } // namespace
 
@@ -710,11 +684,13 @@ TEST_F(CommManager, UploadStreamsTheFileAfterConnect)
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
-        ASSERT_NO_FATAL_FAILURE(open_channel(scenario(ufs_rules)));
-        g_upload = {};
-        std::string bytes, n = std::to_string(r.announced);
-        int fd = data_file(root, "data", r.size, &bytes);
-        ASSERT_GE(fd, 0);
+        ASSERT_NO_FATAL_FAILURE(
+            open_channel(scenario("set ufs_total 1000000\nset ufs_ram_total 1000\non AT+QFUPL=*\n  ufs\n")));
+        std::string bytes, n = std::to_string(r.announced), path = root.path() + "/data";
+        for (size_t i = 0; i < r.size; i++) // every byte value in turn: CR, LF, Ctrl-Z, NUL, ESC, "+++" among them
+            bytes.push_back(static_cast<char>((i * 7 + i / 256) & 0xff));
+        std::ofstream(path, std::ios::binary) << bytes;
+        int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
         request *req = mdm->queue("AT+QFUPL=\"" + std::string(r.name) + "\"," + n + (r.end == cut ? ",1" : ",5"),
                                   ACT_UPLOAD_FILE, 10000);
         req->source = request_source(fd, r.announced, r.end == cut ? 1000 : 5000);
@@ -729,7 +705,7 @@ TEST_F(CommManager, UploadStreamsTheFileAfterConnect)
             ASSERT_TRUE(wait_finished(1, 10000));
             EXPECT_EQ(mdm->finished.at(0).failed, r.end == cut);
         }
-        EXPECT_FALSE(fd_open(fd));
+        EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "the file was left open";
         EXPECT_EQ(g_upload.calls, r.end != cut);
         std::string sum = module_checksum(bytes);
         if (r.end == stored) {
@@ -737,9 +713,7 @@ TEST_F(CommManager, UploadStreamsTheFileAfterConnect)
             ASSERT_EQ(g_urcs.size(), 1u);
             EXPECT_NE(g_urcs[0].find("+QFUPL: " + n + "," + sum), std::string::npos) << g_urcs[0];
             EXPECT_EQ(g_upload.written, r.size);
-            char hex[8];
-            snprintf(hex, sizeof(hex), "%x", g_upload.checksum);
-            EXPECT_EQ(hex, sum);
+            EXPECT_EQ(g_upload.checksum, std::stoul(sum, nullptr, 16));
             EXPECT_NE(sim->control("ufs list").find("UFS " + std::string(r.name) + " " + n + " " + sum + "\n"),
                       std::string::npos);
         } else if (r.end == refused) {
