@@ -158,14 +158,6 @@ class CommManager : public ::testing::Test
         return wait_finished(n + 1, timeout_ms) ? mdm->replies.back().response : "(no answer)";
     }
 
-    // Makes the port refuse writes.
-    void refuse_writes()
-    {
-        int ro = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        ASSERT_GE(dup2(ro, mdm->cmm->tty_fd()), 0);
-        close(ro);
-    }
-
     temp_root root;
     std::unique_ptr<modem_sim> sim;
     std::unique_ptr<test_modem> mdm;
@@ -246,40 +238,59 @@ TEST_F(CommManager, SetupEndsWithEchoOffAndVerboseResultCodes)
 
 // --- queue and dispatch ---------------------------------------------------------
 
-TEST_F(CommManager, QueuedRequestsAreAnsweredOneAtATimeInOrder)
+// Requests go out one at a time, in order, each after the previous answer;
+// an SMS command line goes first and its PDU after the prompt. The driver's
+// parse phase fills the reply; its error is reported with the exchange,
+// through the bus error completion for a bus call.
+TEST_F(CommManager, QueuedRequestsAreAnsweredInOrderWithTheDriverResult)
 {
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
-    mdm->queue("AT+CSQ");
-    mdm->queue("AT+CREG?");
-    mdm->queue("ATI");
-    mdm->queue("AT+CSQ\rAT+CREG?\r"); // two command lines, written one after the other
-    ASSERT_TRUE(wait_finished(4));
-    ASSERT_EQ(mdm->replies.size(), 4u);
-    EXPECT_EQ(mdm->replies[0].response, csq_answer);
-    EXPECT_EQ(mdm->replies[1].response, creg_answer);
-    EXPECT_EQ(mdm->replies[2].response, ati_answer);
-    EXPECT_NE(mdm->replies[3].response.find("+CREG: 0,1"), std::string::npos) << mdm->replies[3].response;
-    for (const auto &f : mdm->finished)
-        EXPECT_EQ(f.failed, 0);
-    EXPECT_FALSE(mdm->cmm->busy());
-    // The modem saw each command only after the previous answer.
-    std::string t = sim->transcript();
-    EXPECT_LT(t.find("+CSQ: 22,99"), t.find("in  \"AT+CREG?"));
-    EXPECT_LT(t.rfind("+CSQ: 22,99"), t.rfind("in  \"AT+CREG?"));
-}
-
-TEST_F(CommManager, SmsCommandLineGoesFirstAndThePduAfterThePrompt)
-{
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
     const std::string pdu = "0011000B916407281553F80000AA0AE8329BFD4697D9EC37";
-    mdm->queue("AT+CMGS=23\r" + pdu + "\x1a", ACT_SEND_SMS);
-    ASSERT_TRUE(wait_finished(1));
-    EXPECT_EQ(mdm->finished[0].failed, 0);
-    EXPECT_NE(mdm->replies.at(0).response.find("\r\n+CMGS: 41\r\n\r\nOK\r\n"), std::string::npos);
+    const struct {
+        std::string command;
+        uint32_t action;
+        std::string response, json; // json "": not compared
+    } rows[] = {
+        // clang-format off
+        {"AT+CSQ", 0, csq_answer, ""},
+        {"AT+CREG?", 0, creg_answer, ""},
+        {"ATI", 0, ati_answer, ""},
+        {"AT+GSN", ACT_GET_IMEI, "", R"({"imei":"866758041234564"})"},
+        {"AT+CSQ", ACT_GET_FUNC, "", R"({"status_id":0,"status":"OK"})"},
+        {"AT+CSQ", ACT_GET_IMSI, csq_answer, R"({"request":"AT+CSQ\r","response":"\r\n+CSQ: 22,99\r\n\r\nOK\r\n","errno":5,"error":"Invalid response"})"},
+        {"AT+CSQ\rAT+CREG?\r", 0, csq_answer + creg_answer, ""}, // two command lines, written one after the other
+        {"AT+CMGS=23\r" + pdu + "\x1a", ACT_SEND_SMS, "\r\n> \r\n+CMGS: 41\r\n\r\nOK\r\n", ""},
+        // clang-format on
+    };
+    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+    for (const auto &r : rows)
+        mdm->queue(r.command, r.action);
+    ASSERT_TRUE(wait_finished(std::size(rows)));
+    ASSERT_EQ(mdm->replies.size(), std::size(rows));
+    for (size_t i = 0; i < std::size(rows); i++) {
+        SCOPED_TRACE(rows[i].command);
+        EXPECT_EQ(mdm->finished[i].failed, 0);
+        EXPECT_EQ(mdm->replies[i].response, rows[i].response);
+        if (!rows[i].json.empty()) {
+            EXPECT_EQ(mdm->replies[i].json, rows[i].json);
+        }
+    }
+    EXPECT_FALSE(mdm->cmm->busy());
     EXPECT_EQ(sim->control("get text"), pdu + "\nOK\n");
     ASSERT_EQ(mdm->events.size(), 1u);
     EXPECT_EQ(mdm->events[0].event, 29u);
     EXPECT_EQ(mdm->events[0].value, 2);
+    // The modem saw each command only after the previous answer.
+    std::string t = sim->transcript();
+    EXPECT_LT(t.find("+CSQ: 22,99"), t.find("in  \"AT+CREG?"));
+    EXPECT_LT(t.rfind("+CSQ: 22,99"), t.rfind("in  \"AT+CREG?"));
+
+    EXPECT_TRUE(mdm->bus_errors.empty());
+    request *req = mdm->queue("AT+CSQ", ACT_GET_IMSI);
+    req->callback = nullptr;
+    req->has_req_data = true;
+    ASSERT_TRUE(wait_finished(std::size(rows) + 1));
+    EXPECT_EQ(mdm->finished.back().failed, 0);
+    EXPECT_EQ(mdm->bus_errors, std::vector<int>{5});
 }
 
 // A port that takes no bytes, or that hung up: every command is answered as
@@ -290,10 +301,12 @@ TEST_F(CommManager, FailedWritesAnswerTheirRequestsAndThirtyOneDeclareTheModemHu
     for (const bool unplug : {false, true}) {
         SCOPED_TRACE(unplug ? "terminal hung up" : "port refuses writes");
         ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
+        int ro = open("/dev/null", O_RDONLY | O_CLOEXEC);
         if (unplug)
             sim.reset(); // the terminal hangs up, as an unplugged modem's does
         else
-            ASSERT_NO_FATAL_FAILURE(refuse_writes());
+            ASSERT_GE(dup2(ro, mdm->cmm->tty_fd()), 0); // the port refuses writes
+        close(ro);
         testing::internal::CaptureStdout();
         for (int i = 0; i < 31; i++)
             mdm->queue("AT+CSQ");
@@ -374,42 +387,6 @@ TEST_F(CommManager, UrcsReachTheirHandlersAndStayOutOfAnswers)
             EXPECT_EQ(answer(r.command), r.response);
         }
         restart();
-    }
-}
-
-// --- completion -----------------------------------------------------------------
-
-// The driver's parse phase fills the reply; its error is reported with the
-// exchange, through the bus error completion for a bus call.
-TEST_F(CommManager, RepliesCarryTheDriverResultOrItsError)
-{
-    const struct {
-        const char *command;
-        uint32_t action;
-        bool bus;
-        std::string json;
-    } rows[] = {
-        {"AT+GSN", ACT_GET_IMEI, false, R"({"imei":"866758041234564"})"},
-        {"AT+CSQ", ACT_GET_FUNC, false, R"({"status_id":0,"status":"OK"})"},
-        // clang-format off
-        {"AT+CSQ", ACT_GET_IMSI, false, R"({"request":"AT+CSQ\r","response":"\r\n+CSQ: 22,99\r\n\r\nOK\r\n","errno":5,"error":"Invalid response"})"},
-        {"AT+CSQ", ACT_GET_IMSI, true, ""},
-        // clang-format on
-    };
-    ASSERT_NO_FATAL_FAILURE(open_channel(scenario("")));
-    for (size_t i = 0; i < std::size(rows); i++) {
-        SCOPED_TRACE(i);
-        request *req = mdm->queue(rows[i].command, rows[i].action);
-        if (rows[i].bus) {
-            req->callback = nullptr;
-            req->has_req_data = true;
-        }
-        ASSERT_TRUE(wait_finished(i + 1));
-        EXPECT_EQ(mdm->finished.back().failed, 0);
-        EXPECT_EQ(mdm->bus_errors, rows[i].bus ? std::vector<int>{5} : std::vector<int>{});
-        if (!rows[i].bus) {
-            EXPECT_EQ(mdm->replies.back().json, rows[i].json);
-        }
     }
 }
 
@@ -668,21 +645,6 @@ TEST_F(CommManagerAvp, ClientsArrivingWhileOutOfDescriptorsAreRefusedWithTheErro
 namespace
 {
 
-const char *const ufs_rules = "set ufs_total 1000000\nset ufs_ram_total 1000\n"
-                              "on AT+QFUPL=*\n  ufs\n";
-
-// A file of n bytes under the root, every byte value in turn (CR, LF,
-// Ctrl-Z, NUL, ESC, "+++" included); its descriptor, open for reading.
-int data_file(const temp_root &root, const std::string &name, size_t n, std::string *bytes)
-{
-    bytes->clear();
-    for (size_t i = 0; i < n; i++)
-        bytes->push_back(static_cast<char>((i * 7 + i / 256) & 0xff));
-    std::string path = root.path() + "/" + name;
-    std::ofstream(path, std::ios::binary) << *bytes;
-    return open(path.c_str(), O_RDONLY | O_CLOEXEC);
-}
-
 // The module's checksum, written out independently of the channel's, in hex.
 std::string module_checksum(const std::string &b)
 {
@@ -696,11 +658,6 @@ std::string module_checksum(const std::string &b)
 
 // How an upload ends: the file stored, CONNECT refused, or the data cut short.
 enum upload_end { stored, refused, cut };
-
-bool fd_open(int fd)
-{
-    return fcntl(fd, F_GETFD) != -1;
-}
 
 } // namespace
 
@@ -727,11 +684,13 @@ TEST_F(CommManager, UploadStreamsTheFileAfterConnect)
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
-        ASSERT_NO_FATAL_FAILURE(open_channel(scenario(ufs_rules)));
-        g_upload = {};
-        std::string bytes, n = std::to_string(r.announced);
-        int fd = data_file(root, "data", r.size, &bytes);
-        ASSERT_GE(fd, 0);
+        ASSERT_NO_FATAL_FAILURE(
+            open_channel(scenario("set ufs_total 1000000\nset ufs_ram_total 1000\non AT+QFUPL=*\n  ufs\n")));
+        std::string bytes, n = std::to_string(r.announced), path = root.path() + "/data";
+        for (size_t i = 0; i < r.size; i++) // every byte value in turn: CR, LF, Ctrl-Z, NUL, ESC, "+++" among them
+            bytes.push_back(static_cast<char>((i * 7 + i / 256) & 0xff));
+        std::ofstream(path, std::ios::binary) << bytes;
+        int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
         request *req = mdm->queue("AT+QFUPL=\"" + std::string(r.name) + "\"," + n + (r.end == cut ? ",1" : ",5"),
                                   ACT_UPLOAD_FILE, 10000);
         req->source = request_source(fd, r.announced, r.end == cut ? 1000 : 5000);
@@ -746,7 +705,7 @@ TEST_F(CommManager, UploadStreamsTheFileAfterConnect)
             ASSERT_TRUE(wait_finished(1, 10000));
             EXPECT_EQ(mdm->finished.at(0).failed, r.end == cut);
         }
-        EXPECT_FALSE(fd_open(fd));
+        EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "the file was left open";
         EXPECT_EQ(g_upload.calls, r.end != cut);
         std::string sum = module_checksum(bytes);
         if (r.end == stored) {
@@ -754,9 +713,7 @@ TEST_F(CommManager, UploadStreamsTheFileAfterConnect)
             ASSERT_EQ(g_urcs.size(), 1u);
             EXPECT_NE(g_urcs[0].find("+QFUPL: " + n + "," + sum), std::string::npos) << g_urcs[0];
             EXPECT_EQ(g_upload.written, r.size);
-            char hex[8];
-            snprintf(hex, sizeof(hex), "%x", g_upload.checksum);
-            EXPECT_EQ(hex, sum);
+            EXPECT_EQ(g_upload.checksum, std::stoul(sum, nullptr, 16));
             EXPECT_NE(sim->control("ufs list").find("UFS " + std::string(r.name) + " " + n + " " + sum + "\n"),
                       std::string::npos);
         } else if (r.end == refused) {

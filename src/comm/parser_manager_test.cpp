@@ -184,16 +184,13 @@ TEST(AtsIdFindTest, FindsTheCodeThatEndsAResponse)
         {"lower id wins over an earlier code", "\r\nERROR\r\n\r\nOK\r\n", ATS_OK, 9, 6, 0},
         {"error number runs to its line end", "\r\n+CME ERROR: 10\r\n", ATS_CME_ERROR, 0, 18, 0},
         {"error text runs to its line end", "x\r\n+CMS ERROR: SMSC address unknown\r\nrest", ATS_CMS_ERROR, 1, 36, 0},
-        {"CMEE form", "\r\n+CMEE ERROR: 3\r\n", ATS_CMEE_ERROR, 0, 18, 0},
         {"error without its line end is not final yet", "\r\n+CME ERROR: 1", ATS_NONE, 15, 0, 1},
         {"prompt", "\r\n> ", ATS_PROMPT, 0, 4, 0},
         {"CONNECT matches without a line end", "\r\nCONNECT 150000000\r\n", ATS_CONNECT, 0, 9, 0},
         {"time-out text starts at its line feed", "AT\r\n?Time out\r\n", ATS_TIME_OUT, 3, 12, 0},
-        {"NO CARRIER", "\r\nNO CARRIER\r\n", ATS_NO_CARRIER, 0, 14, 0},
         {"numeric anywhere skips the CRLF", "+CSQ: 20,99\r\n0\r", ATS_OK, 13, 2, 1},
         {"numeric CONNECT anywhere is a bare 1", "\r\n1", ATS_CONNECT, 2, 1, 1},
         {"numeric at the start", "0\r", ATS_OK, 0, 2, 1},
-        {"numeric ERROR at the start", "4\r", ATS_ERROR, 0, 2, 1},
         {"numeric digit not at the start", "x0\r", ATS_NONE, 3, 0, 1},
         {"bare CME form anywhere runs to the next CRLF", "\n+CME ERROR: 30\r\n", ATS_CME_ERROR, 1, 16, 1},
         {"nothing", "\r\n+CREG: 1\r\n", ATS_NONE, 12, 0, 1},
@@ -220,10 +217,8 @@ TEST(TokenTest, TakenFromTheCommandName)
     const std::pair<const char *, const char *> rows[] = {
         {"AT+CSQ\r", "CSQ"},
         {"AT+COPS=?\r", "COPS"},
-        {"AT+CREG?\r", "CREG"},
         {"at+cgdcont?\r", "CGDCONT"},
         {"AT^SYSINFO\r", "SYSINFO"},
-        {"AT+QCFG=\"band\"\r", "QCFG"},
         {"ATI\r", ""},
         {"ATE0\r", "0"},
         {"AT\r", "AT"},
@@ -342,17 +337,17 @@ TEST(BadInputTest, HistoryOverTheLimitIsDroppedWithAPreview)
 TEST(BadInputTest, GarbageGoesOnceAUrcOrAnAnswerFollows)
 {
     // clang-format off
-    const std::pair<const char *, std::string> rows[] = {
-        {"line noise", "\r\n\x7f\xfe\x01garbage\r\n"},
-        {"zero bytes", std::string("\r\n\0\0\0\r\n", 7)},
-        {"a lone carriage return", "\r"},
-        {"carriage returns", "\r\r\r\r\r\r"},
-        {"line feeds", "\n\n\n\n\n"},
-        {"half a URC", "+CREG: "},
+    const std::string rows[] = {
+        "\r\n\x7f\xfe\x01garbage\r\n",
+        std::string("\r\n\0\0\0\r\n", 7),
+        "\r",
+        "\r\r\r\r\r\r",
+        "\n\n\n\n\n",
+        "+CREG: ",
     };
     // clang-format on
-    for (const auto &[what, junk] : rows) {
-        SCOPED_TRACE(what);
+    for (const auto &junk : rows) {
+        SCOPED_TRACE(esc(junk));
         auto p = parser::create();
         feed_chunk(*p, junk, "AT+CSQ\r");
         take_urcs(*p);
