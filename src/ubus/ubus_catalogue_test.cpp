@@ -91,11 +91,25 @@ TEST_F(Catalogue, TimeoutsAndSignatures)
 {
     // clang-format off
     const std::map<std::string, uint32_t> longer = {
-        {"scan_operators", 180}, {"get_operator_selection", 180}, {"set_operator_selection", 180}, {"send_sms", 160},
-        {"set_pdp_ctx_state", 150}, {"get_attached_pdp_ctx_list", 150}, {"get_active_pdp_ctx_list", 150},
-        {"set_ps_att_state", 140}, {"get_ps_att_state", 140}, {"accept_voice_call", 90}, {"reject_voice_call", 90},
-        {"set_pdp_call", 30}, {"get_clip_mode", 20}, {"set_clip_mode", 15}, {"set_gprs_attach_mode", 15},
-        {"get_apn_auth", 15}, {"delete_sms", 15}, {"set_func", 15}, {"get_func", 15}};
+        {"scan_operators", 180},
+        {"get_operator_selection", 180},
+        {"set_operator_selection", 180},
+        {"send_sms", 160},
+        {"set_pdp_ctx_state", 150},
+        {"get_attached_pdp_ctx_list", 150},
+        {"get_active_pdp_ctx_list", 150},
+        {"set_ps_att_state", 140},
+        {"get_ps_att_state", 140},
+        {"accept_voice_call", 90},
+        {"reject_voice_call", 90},
+        {"set_pdp_call", 30},
+        {"get_clip_mode", 20},
+        {"set_clip_mode", 15},
+        {"set_gprs_attach_mode", 15},
+        {"get_apn_auth", 15},
+        {"delete_sms", 15},
+        {"set_func", 15},
+        {"get_func", 15}};
     // clang-format on
     std::map<std::string, uint32_t> found;
     std::set<std::string> with_timeout, with_async;

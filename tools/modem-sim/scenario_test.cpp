@@ -113,8 +113,12 @@ TEST(PatternMatch, Table)
     }
     // clang-format off
     const std::pair<const char *, const char *> misses[] = {
-        {"AT+CSQ", "AT+CSQ=?"}, {"AT+CSQ", "AT+CS"}, {"AT+CMEE=[012]", "AT+CMEE=3"}, {"AT+CMEE=[012]", "AT+CMEE=12"},
-        {"AT+QCFG=\"nwscanmode\",[0-8]", "AT+QCFG=\"nwscanmode\",9"}, {"AT+CPIN=\"*\"", "AT+CPIN=1234"}};
+        {"AT+CSQ", "AT+CSQ=?"},
+        {"AT+CSQ", "AT+CS"},
+        {"AT+CMEE=[012]", "AT+CMEE=3"},
+        {"AT+CMEE=[012]", "AT+CMEE=12"},
+        {"AT+QCFG=\"nwscanmode\",[0-8]", "AT+QCFG=\"nwscanmode\",9"},
+        {"AT+CPIN=\"*\"", "AT+CPIN=1234"}};
     // clang-format on
     for (const auto &[pattern, text] : misses) {
         std::vector<std::string> caps;
@@ -151,12 +155,25 @@ TEST(ContainedIn, MasksAndLists)
     using Pairs = std::vector<std::pair<const char *, const char *>>;
     // clang-format off
     const Pairs in = {
-        {"0x80000", "0x1a0000800d5"}, {"80000", "0x1a0000800d5"}, {"0X1A0000800D5", "0x1a0000800d5"},
-        {"0x00000000000000000000001", "0x1"}, {"0x20000000000000000", "0x3ffffffffffffffff"},
-        {"1:3:7:20", "1:2:3:4:5:7:8:20:28"}, {"lte:NR5G", "WCDMA:LTE:NR5G"}, {"", "1:3"}};
+        {"0x80000", "0x1a0000800d5"},
+        {"80000", "0x1a0000800d5"},
+        {"0X1A0000800D5", "0x1a0000800d5"},
+        {"0x00000000000000000000001", "0x1"},
+        {"0x20000000000000000", "0x3ffffffffffffffff"},
+        {"1:3:7:20", "1:2:3:4:5:7:8:20:28"},
+        {"lte:NR5G", "WCDMA:LTE:NR5G"},
+        {"", "1:3"}};
     const Pairs not_in = {
-        {"0x2", "0x1a0000800d5"}, {"0x100000000000", "0x1a0000800d5"}, {"0x1", "0x0"}, {"0x", "0xff"},
-        {"0xg1", "0xff"}, {"", "0xff"}, {"2", "1:20"}, {"1:3:99", "1:3:7"}, {"1::3", "1:3"}, {"1:", "1:3"}};
+        {"0x2", "0x1a0000800d5"},
+        {"0x100000000000", "0x1a0000800d5"},
+        {"0x1", "0x0"},
+        {"0x", "0xff"},
+        {"0xg1", "0xff"},
+        {"", "0xff"},
+        {"2", "1:20"},
+        {"1:3:99", "1:3:7"},
+        {"1::3", "1:3"},
+        {"1:", "1:3"}};
     // clang-format on
     for (const Pairs *rows : {&in, &not_in}) {
         for (const auto &[part, whole] : *rows)

@@ -41,10 +41,14 @@ TEST(SmsDeliverEncoding, SinglePartsByteForByteOrRefused)
         // Refused: no digits, a letter among them, a twelve-letter or non-GSM name, a time stamp without or with a
         // bad zone, or more than a time stamp.
         // clang-format off
-        {"", "x", "24/05/17,14:23:05+08", nullptr}, {"+12a", "x", "24/05/17,14:23:05+08", nullptr},
-        {"+", "x", "24/05/17,14:23:05+08", nullptr}, {"TwelveLetter", "x", "24/05/17,14:23:05+08", nullptr},
-        {"\xD0\xB6", "x", "24/05/17,14:23:05+08", nullptr}, {"+12345", "x", "24/05/17,14:23:05", nullptr},
-        {"+12345", "x", "24/05/17,14:23:05*08", nullptr}, {"+12345", "x", "24/05/17 14:23:05+08x", nullptr},
+        {"", "x", "24/05/17,14:23:05+08", nullptr},
+        {"+12a", "x", "24/05/17,14:23:05+08", nullptr},
+        {"+", "x", "24/05/17,14:23:05+08", nullptr},
+        {"TwelveLetter", "x", "24/05/17,14:23:05+08", nullptr},
+        {"\xD0\xB6", "x", "24/05/17,14:23:05+08", nullptr},
+        {"+12345", "x", "24/05/17,14:23:05", nullptr},
+        {"+12345", "x", "24/05/17,14:23:05*08", nullptr},
+        {"+12345", "x", "24/05/17 14:23:05+08x", nullptr},
         // clang-format on
     };
     for (const Case &c : cases) {

@@ -65,19 +65,33 @@ TEST_F(SmsStoreTest, CommandsFollowStoragesStatusesAndModes)
     // message of its own.
     play({
         // clang-format off
-        {"AT+CPMS=\"SM\"", "+CPMS: 0,50,2,255,2,255\nOK"}, {"AT+CMGL=4", "OK"},
-        {"AT+CPMS=\"ME\",\"BM\"", "+CMS ERROR: 302"}, {"AT+CPMS=\"ME\"", "+CPMS: 2,255,2,255,2,255\nOK"},
-        {"AT+CMGL=0", "+CMGL: 0,0,,28\n" + deliver_pdu + "\nOK"}, {"AT+CMGL", "OK"},
-        {"AT+CMGL=5", "+CMS ERROR: 304"}, {"AT+CMGL=\"ALL\"", "+CMS ERROR: 302"}, {"AT+CMGR=7", "OK"},
-        {"AT+CMGR=255", "+CMS ERROR: 321"}, {"AT+CMGD=255", "+CMS ERROR: 321"}, {"AT+CMGD=0", "OK"},
-        {"AT+CMGD=0,5", "+CMS ERROR: 302"}, {"AT+CNMI=1,,2", "OK"}, {"AT+CNMI?", "+CNMI: 1,1,2,0,0\nOK"},
-        {"AT+CNMI=3", "+CMS ERROR: 302"}, {"AT+CMGS=0", "+CMS ERROR: 304"}, {"AT+CMGS=165", "+CMS ERROR: 304"},
+        {"AT+CPMS=\"SM\"", "+CPMS: 0,50,2,255,2,255\nOK"},
+        {"AT+CMGL=4", "OK"},
+        {"AT+CPMS=\"ME\",\"BM\"", "+CMS ERROR: 302"},
+        {"AT+CPMS=\"ME\"", "+CPMS: 2,255,2,255,2,255\nOK"},
+        {"AT+CMGL=0", "+CMGL: 0,0,,28\n" + deliver_pdu + "\nOK"},
+        {"AT+CMGL", "OK"},
+        {"AT+CMGL=5", "+CMS ERROR: 304"},
+        {"AT+CMGL=\"ALL\"", "+CMS ERROR: 302"},
+        {"AT+CMGR=7", "OK"},
+        {"AT+CMGR=255", "+CMS ERROR: 321"},
+        {"AT+CMGD=255", "+CMS ERROR: 321"},
+        {"AT+CMGD=0", "OK"},
+        {"AT+CMGD=0,5", "+CMS ERROR: 302"},
+        {"AT+CNMI=1,,2", "OK"},
+        {"AT+CNMI?", "+CNMI: 1,1,2,0,0\nOK"},
+        {"AT+CNMI=3", "+CMS ERROR: 302"},
+        {"AT+CMGS=0", "+CMS ERROR: 304"},
+        {"AT+CMGS=165", "+CMS ERROR: 304"},
         {"AT+CMGS=23", "+CMGS: 255\nOK", submit_pdu},
         {"AT+CMGS=23", "+CMGS: 0\nOK", "0791947101670000" + submit_pdu.substr(2)},
-        {"AT+CMGS=24", "+CMS ERROR: 304", submit_pdu}, {"AT+CMGS=23", "+CMS ERROR: 304", submit_pdu.substr(1)},
+        {"AT+CMGS=24", "+CMS ERROR: 304", submit_pdu},
+        {"AT+CMGS=23", "+CMS ERROR: 304", submit_pdu.substr(1)},
         {"AT+CMGS=23", "+CMS ERROR: 304", "0G" + submit_pdu.substr(2)},
-        {"AT+CMGS=28", "+CMS ERROR: 304", deliver_pdu}, {"AT+CMGS=23", "+CMGS: 1\nOK", part1_pdu},
-        {"AT+CMGS=23", "+CMGS: 2\nOK", part1_pdu}, {"AT+CMGS=23", "+CMGS: 3\nOK", part2_pdu},
+        {"AT+CMGS=28", "+CMS ERROR: 304", deliver_pdu},
+        {"AT+CMGS=23", "+CMGS: 1\nOK", part1_pdu},
+        {"AT+CMGS=23", "+CMGS: 2\nOK", part1_pdu},
+        {"AT+CMGS=23", "+CMGS: 3\nOK", part2_pdu},
         // clang-format on
     });
     ASSERT_EQ(store_.sent().size(), 4u);
@@ -146,7 +160,8 @@ TEST_F(SmsStoreTest, FullStorageRefusesDeliveriesWholeAndFreedIndexesAreReused)
     EXPECT_EQ(store_.fill("ME", vars_), 3);
     play({
         // clang-format off
-        {"AT+CPMS?", "+CPMS: \"ME\",3,3,\"ME\",3,3,\"ME\",3,3\nOK"}, {"AT+CMGW=23", "+CMS ERROR: 322", submit_pdu},
+        {"AT+CPMS?", "+CPMS: \"ME\",3,3,\"ME\",3,3,\"ME\",3,3\nOK"},
+        {"AT+CMGW=23", "+CMS ERROR: 322", submit_pdu},
         {"AT+CMGD=1", "OK"},
         // clang-format on
     });
@@ -161,8 +176,10 @@ TEST_F(SmsStoreTest, FullStorageRefusesDeliveriesWholeAndFreedIndexesAreReused)
     // Written into <mem2> with the status given (default 2, STO UNSENT); listed by that status alone.
     play({
         // clang-format off
-        {"AT+CMGD=0", "OK"}, {"AT+CMGW=23,3", "+CMGW: 0\nOK", submit_pdu},
-        {"AT+CMGL=3", "+CMGL: 0,3,,23\n" + submit_pdu + "\nOK"}, {"AT+CMGW=23,4", "+CMS ERROR: 304", submit_pdu},
+        {"AT+CMGD=0", "OK"},
+        {"AT+CMGW=23,3", "+CMGW: 0\nOK", submit_pdu},
+        {"AT+CMGL=3", "+CMGL: 0,3,,23\n" + submit_pdu + "\nOK"},
+        {"AT+CMGW=23,4", "+CMS ERROR: 304", submit_pdu},
         // clang-format on
     });
     vars_["cmgf"] = "1";

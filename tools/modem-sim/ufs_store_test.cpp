@@ -41,7 +41,10 @@ TEST(UfsStore, ChecksumIsTheXorOfBigEndianPairs)
         uint16_t sum;
     } rows[] = {
         // clang-format off
-        {"", 0}, {"\x12", 0x1200}, {"\x12\x34\x12\x34", 0}, {"\x12\x34\x56", 0x4434},
+        {"", 0},
+        {"\x12", 0x1200},
+        {"\x12\x34\x12\x34", 0},
+        {"\x12\x34\x56", 0x4434},
         {std::string("\0\xff", 2), 0x00ff},
         // clang-format on
     };
@@ -87,19 +90,37 @@ TEST(UfsStore, CommandsAnswerByWhatIsStored)
         const char *answer;
     } rows[] = {
         // clang-format off
-        {"AT+QFUPL=\"big\",991", "CME 420"}, {"AT+QFUPL=\"one.bin\",1", "CME 407"},
-        {"AT+QFUPL=\"a/b\",1", "CME 406"}, {"AT+QFUPL=\"..\",1", "CME 406"}, {"AT+QFUPL=\"\",1", "CME 406"},
-        {"AT+QFUPL=\"SD:x\",1", "CME 400"}, {"AT+QFUPL=\"x\"", "CME 425"}, {"AT+QFUPL=\"x\",0", "CME 425"},
-        {"AT+QFUPL=\"x\",1,0", "CME 425"}, {"AT+QFUPL=\"x\",1,5,1", "CME 425"}, {"AT+QFUPL=x,1", "ERROR"},
-        {"AT+QFUPL=\"x,1", "ERROR"}, {"AT+QFLST=\"*.bin\"", "+QFLST: \"one.bin\",5|+QFLST: \"update.bin\",3|OK"},
-        {"AT+QFLST=\"UFS:two.txt\"", "+QFLST: \"two.txt\",2|OK"}, {"AT+QFLST=\"RAM:*\"", "+QFLST: \"RAM:r\",3|OK"},
-        {"AT+QFLST=\"*.zip\"", "OK"}, {"AT+QFLST=\"none\"", "CME 405"}, {"AT+QFLDS", "+QFLDS: 990,1000|OK"},
-        {"AT+QFLDS=\"RAM\"", "+QFLDS: 97,100|OK"}, {"AT+QFLDS=\"SD\"", "CME 400"},
-        {"AT+QFOTADL=\"/data/ufs/update.bin\"", "OK+fota"}, {"AT+QFOTADL=\"/data/ufs/other.bin\"", "CME 405"},
-        {"AT+QFOTADL=\"http://example.com/a.bin\"", "CME 400"}, {"AT+QFOTADL=/data/ufs/update.bin", "ERROR"},
-        {"AT+QFDEL=\"none\"", "CME 405"}, {"AT+QFDEL=\"one.bin\"", "OK"},
-        {"AT+QFLDS=\"UFS\"", "+QFLDS: 995,1000|OK"}, {"AT+QFDEL=\"*\"", "OK"}, {"AT+QFLST", "OK"},
-        {"AT+QFLST=\"RAM:*\"", "+QFLST: \"RAM:r\",3|OK"}, {"AT+CSQ", "none"},
+        {"AT+QFUPL=\"big\",991", "CME 420"},
+        {"AT+QFUPL=\"one.bin\",1", "CME 407"},
+        {"AT+QFUPL=\"a/b\",1", "CME 406"},
+        {"AT+QFUPL=\"..\",1", "CME 406"},
+        {"AT+QFUPL=\"\",1", "CME 406"},
+        {"AT+QFUPL=\"SD:x\",1", "CME 400"},
+        {"AT+QFUPL=\"x\"", "CME 425"},
+        {"AT+QFUPL=\"x\",0", "CME 425"},
+        {"AT+QFUPL=\"x\",1,0", "CME 425"},
+        {"AT+QFUPL=\"x\",1,5,1", "CME 425"},
+        {"AT+QFUPL=x,1", "ERROR"},
+        {"AT+QFUPL=\"x,1", "ERROR"},
+        {"AT+QFLST=\"*.bin\"", "+QFLST: \"one.bin\",5|+QFLST: \"update.bin\",3|OK"},
+        {"AT+QFLST=\"UFS:two.txt\"", "+QFLST: \"two.txt\",2|OK"},
+        {"AT+QFLST=\"RAM:*\"", "+QFLST: \"RAM:r\",3|OK"},
+        {"AT+QFLST=\"*.zip\"", "OK"},
+        {"AT+QFLST=\"none\"", "CME 405"},
+        {"AT+QFLDS", "+QFLDS: 990,1000|OK"},
+        {"AT+QFLDS=\"RAM\"", "+QFLDS: 97,100|OK"},
+        {"AT+QFLDS=\"SD\"", "CME 400"},
+        {"AT+QFOTADL=\"/data/ufs/update.bin\"", "OK+fota"},
+        {"AT+QFOTADL=\"/data/ufs/other.bin\"", "CME 405"},
+        {"AT+QFOTADL=\"http://example.com/a.bin\"", "CME 400"},
+        {"AT+QFOTADL=/data/ufs/update.bin", "ERROR"},
+        {"AT+QFDEL=\"none\"", "CME 405"},
+        {"AT+QFDEL=\"one.bin\"", "OK"},
+        {"AT+QFLDS=\"UFS\"", "+QFLDS: 995,1000|OK"},
+        {"AT+QFDEL=\"*\"", "OK"},
+        {"AT+QFLST", "OK"},
+        {"AT+QFLST=\"RAM:*\"", "+QFLST: \"RAM:r\",3|OK"},
+        {"AT+CSQ", "none"},
         // clang-format on
     };
     for (const auto &r : rows) {

@@ -22,8 +22,13 @@ TEST_F(ActArgs, TextsThatCouldEndOrStartACommandAreRefused)
 {
     // clang-format off
     struct { std::string value; size_t max; bool ok; } rows[] = {
-        {"1234", 8, true},    {"12345678", 8, true}, {"123456789", 8, false},       {"12\r34", 8, false},
-        {"12\x1a", 8, false}, {"12\"34", 8, false},  {"a\";+CFUN=0;\"", 63, false},
+        {"1234", 8, true},
+        {"12345678", 8, true},
+        {"123456789", 8, false},
+        {"12\r34", 8, false},
+        {"12\x1a", 8, false},
+        {"12\"34", 8, false},
+        {"a\";+CFUN=0;\"", 63, false},
     };
     // clang-format on
     for (const auto &row : rows) {

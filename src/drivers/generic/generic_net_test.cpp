@@ -200,9 +200,13 @@ TEST_F(NetTest, ScanTakesTheInterfacesDownAroundIt)
     // answer: parsed after a successful build
     // clang-format off
     struct { const char *args; int iface_result, build_status; const char *answer; int parse_status; std::vector<int> iface; } rows[] = {
-        {"{}", 0, 0, "scan_ec25", 0, {2, 1}},  {R"({"block_ifup":false})", 0, 0, "scan_none", 0, {2, 1}},
-        {R"({"block_ifup":true})", 0, 0, "scan_ec25", 0, {}}, {"{}", 2, 0, "scan_ec25", 0, {2, 1}}, // an interface went away
-        {"{}", 0, 0, "scan_error", 5, {2, 1}}, {"{}", 1, 1, nullptr, 0, {2, 1}}, {"{}", 3, 1, nullptr, 0, {2, 1}}, // a call failed: nothing is sent
+        {"{}", 0, 0, "scan_ec25", 0, {2, 1}},
+        {R"({"block_ifup":false})", 0, 0, "scan_none", 0, {2, 1}},
+        {R"({"block_ifup":true})", 0, 0, "scan_ec25", 0, {}},
+        {"{}", 2, 0, "scan_ec25", 0, {2, 1}}, // an interface went away
+        {"{}", 0, 0, "scan_error", 5, {2, 1}},
+        {"{}", 1, 1, nullptr, 0, {2, 1}},
+        {"{}", 3, 1, nullptr, 0, {2, 1}}, // a call failed: nothing is sent
     };
     // clang-format on
     for (const auto &row : rows) {
