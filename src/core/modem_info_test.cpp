@@ -212,7 +212,8 @@ TEST(ModemInfoReply, CapabilitiesOfAModel)
     } rows[] = {
         // clang-format off
         {1, R"({"default_modem_func_id":0,"default_modem_func":"Modem full mode","command_timeout":10,)"},
-        {1, R"("settle_time":500,"pdp_ctx_max":16,"features":["ipv6","volte","multi_apn","operator_scan","dpo","rmnet")"},
+        {1, R"("settle_time":500,"pdp_ctx_max":16,"features":["ipv6","volte","multi_apn",)"},
+        {1, R"("dpo","rmnet","ecm",)"},
         {1, R"("default_ims_id":1,"default_ims":"Auto","service_mode_list":["Auto","2G","3G","4G","2G_3G",)"},
         {1, R"("band_list":{"gsm":["GSM_900","GSM_1800"],"wcdma":["WCDMA_900","WCDMA_2100"],"lte":["LTE_B1",)"},
         {1, R"("gps_satellites":{"gps":{"sentences":["GGA","RMC","GSV","GSA","VTG"],"prefix":["GP","GN"]},)"},
