@@ -119,7 +119,9 @@ TEST(ModemInfoIdentify, KeysAreCutTo15Characters)
         ptrdiff_t row;
     } cases[] = {
         // clang-format off
-        {"ABCDEFGHIJKLMNOXYZ", 1}, {"ABCDEFGHIJKLMNOPQRS", 1}, {"ABCDEFGHIJKLMNO", 1},
+        {"ABCDEFGHIJKLMNOXYZ", 1},
+        {"ABCDEFGHIJKLMNOPQRS", 1},
+        {"ABCDEFGHIJKLMNO", 1},
         {"ABCDEFGHIJKLMN", 3}, // 14 characters: only the shorter key fits
         {"ABCDEFGHIJKL", 0},
         // clang-format on
