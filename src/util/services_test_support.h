@@ -10,7 +10,8 @@
 
 #include "util/ujson.h"
 
-namespace services_test {
+namespace services_test
+{
 
 inline std::string json_text(const ujson &j)
 {

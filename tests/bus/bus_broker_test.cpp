@@ -21,7 +21,6 @@ namespace bus_test
 namespace
 {
 
-
 // A hand-driven connection to the broker; the HELLO is consumed.
 int raw_connect(const std::string &sock)
 {

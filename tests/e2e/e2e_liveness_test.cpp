@@ -13,7 +13,6 @@ namespace e2e
 namespace
 {
 
-
 class Liveness : public ServedModemTest
 {
   protected:

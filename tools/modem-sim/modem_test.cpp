@@ -168,8 +168,8 @@ TEST_F(ModemTest, Exchanges)
         const char *name, *extra;
         std::vector<std::string> steps;
         std::string timeline;
-    } rows[] =
-        {// clang-format off
+    } rows[] = {
+        // clang-format off
         // Line handling.
         {"echo, ATE0", "", {"ctl echo on", "AT\r", "ATE0\r", "AT\r"}, "@0 AT\r\r\nOK\r\nATE0\r\r\nOK\r\n\r\nOK\r\n"},
         {"commands on one line, the first failing one ends it", "", {"AT+CSQ;+BOGUS;+CREG?\r", "ATQ0V0\r", "AT\r"},
@@ -258,12 +258,12 @@ TEST_F(ModemTest, Exchanges)
          "@0 \r\n+CSQ: 20,99\r\n\r\nRDY\r\n"},
         {"do runs an action with its arguments", call_in, {"ctl actions", "ctl do call_in  +4917 ", "ctl timers", "+3000", "ctl timers", "AT+GET=number\r", "ctl do call_out"},
          "@0 [call_in\nring\nOK\n]\r\nRING\r\n[ring\nOK\n]@3000 \r\nRING\r\n\r\n+4917\r\n\r\nOK\r\n[ERROR the scenario has no action 'call_out' (try actions)\n]"},
-    // clang-format on
-};
-for (const auto &r : rows) {
-    SCOPED_TRACE(r.name);
-    EXPECT_EQ(play(r.extra, r.steps), r.timeline);
-}
+        // clang-format on
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(play(r.extra, r.steps), r.timeline);
+    }
 }
 
 TEST_F(ModemTest, IfComparesTextsNumbersPatternsAndSets)
