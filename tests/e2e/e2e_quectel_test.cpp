@@ -20,6 +20,12 @@ struct family {
     std::vector<step> steps;
 };
 
+// Test names and failure reports show the model, not the record's bytes.
+void PrintTo(const family &f, std::ostream *os)
+{
+    *os << f.model;
+}
+
 // clang-format off
 const family families[] = {
     // AT+QCFG bands in three hex fields, QENG SINR in steps of 1/5 dB from -20.
