@@ -12,13 +12,6 @@ namespace bus_test
 namespace
 {
 
-int64_t now_ms()
-{
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
-
 struct call_state {
     std::vector<std::string> json;
     int completed = 0, status = -1;

@@ -7,13 +7,24 @@
 
 #include "src/util/root_test_support.h"
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include <time.h>
+
 namespace bus_test
 {
+
+// Milliseconds of the monotonic clock.
+inline int64_t now_ms()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+}
 
 // A child process; killed (SIGKILL unless stopped before) and reaped on
 // destruction.
