@@ -150,6 +150,11 @@ class CommManager : public ::testing::Test
         run_until(ms, [] { return false; });
     }
 
+    // With the modem stopped (SIGSTOP) mid-write: the channel stays blocked
+    // on the write, the request expires as the watcher would expire it, and
+    // the modem resumes.
+    void expire_while_stalled(request *req);
+
     // Queues a command and returns its answer once finished.
     std::string answer(const std::string &command, int timeout_ms = 5000)
     {
@@ -189,6 +194,14 @@ void expire(test_modem &m, request *req)
 {
     clean_request(req, 1);
     m.cmm->clear_busy();
+}
+
+void CommManager::expire_while_stalled(request *req)
+{
+    idle(200);
+    EXPECT_TRUE(mdm->cmm->writing());
+    expire(*mdm, req);
+    sim->signal(SIGCONT);
 }
 
 } // namespace
@@ -497,10 +510,7 @@ TEST_F(CommManager, LongCommandIsWrittenWholeOrItsFragmentErased)
             sim->signal(SIGSTOP);
         request *req = mdm->queue(cmd);
         if (stall) {
-            idle(200);
-            EXPECT_TRUE(mdm->cmm->writing());
-            expire(*mdm, req);
-            sim->signal(SIGCONT);
+            expire_while_stalled(req);
         } else {
             ASSERT_TRUE(wait_finished(1, 10000));
         }
@@ -697,10 +707,7 @@ TEST_F(CommManager, UploadStreamsTheFileAfterConnect)
         if (r.stall) {
             ASSERT_TRUE(run_until(3000, [&] { return req->source.written > 0; }));
             sim->signal(SIGSTOP);
-            idle(200);
-            EXPECT_TRUE(mdm->cmm->writing());
-            expire(*mdm, req);
-            sim->signal(SIGCONT);
+            expire_while_stalled(req);
         } else {
             ASSERT_TRUE(wait_finished(1, 10000));
             EXPECT_EQ(mdm->finished.at(0).failed, r.end == cut);
